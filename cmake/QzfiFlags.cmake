@@ -1,0 +1,17 @@
+# What every target of ours is compiled and linked with.
+add_library(qzfi_flags INTERFACE)
+target_compile_features(qzfi_flags INTERFACE cxx_std_20 c_std_11)
+target_compile_options(qzfi_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wmissing-declarations -Werror
+  -fstack-protector-strong -fno-omit-frame-pointer)
+if(QZFI_SANITIZE)
+  target_compile_options(qzfi_flags INTERFACE -O1 -fsanitize=${QZFI_SANITIZE} -fno-sanitize-recover=all)
+  target_link_options(qzfi_flags INTERFACE -fsanitize=${QZFI_SANITIZE})
+elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
+  set(CMAKE_C_FLAGS_RELEASE "-O2 -DNDEBUG")
+  set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
+  target_compile_options(qzfi_flags INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-clash-protection
+                                              -fcf-protection)
+endif()
+set(CMAKE_C_EXTENSIONS OFF)
+set(CMAKE_CXX_EXTENSIONS OFF)

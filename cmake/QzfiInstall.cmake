@@ -1,0 +1,1 @@
+# Install rules: library, headers, pkg-config file, CMake package.

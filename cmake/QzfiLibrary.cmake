@@ -1,0 +1,51 @@
+# libqzfi.so and libqzfi_static.a, of the same objects.
+find_package(Threads REQUIRED)
+
+add_library(qzfi_objects OBJECT
+  api/qzfiapi_bind.cpp
+  api/qzfiapi_errmsg.cpp
+  api/qzfiapi_forward.cpp
+  api/qzfiapi_start.cpp
+  err/qzfierrhandling_errors.cpp
+  err/qzfierrhandling_handler.cpp
+  err/qzfierrhandling_messages.cpp
+  err/qzfierrhandling_stores.cpp
+  log/qzfilogmsg_log.cpp
+  log/qzfilogmsg_trace.cpp
+  log/qzfilogmsg2_tree.cpp
+  msgcat/qzfiicuerrormgr.cpp
+  util/qzfiutil_escape.cpp
+  util/qzfiutil_messages.cpp
+  util/qzfiutil_settings.cpp
+  util/qzfiutil_start.cpp
+  util/qzfiutilmachdep_system.cpp
+)
+set_target_properties(qzfi_objects PROPERTIES
+  POSITION_INDEPENDENT_CODE ON
+  C_VISIBILITY_PRESET hidden
+  CXX_VISIBILITY_PRESET hidden
+  VISIBILITY_INLINES_HIDDEN ON)
+target_compile_definitions(qzfi_objects PRIVATE _GNU_SOURCE)
+target_include_directories(qzfi_objects PUBLIC
+  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> PRIVATE ${PROJECT_SOURCE_DIR})
+# No exception may cross the C boundary, and nothing below it throws.
+target_compile_options(qzfi_objects PRIVATE -fno-exceptions -fno-rtti -fno-semantic-interposition)
+target_link_libraries(qzfi_objects PRIVATE qzfi_flags Threads::Threads ${CMAKE_DL_LIBS})
+
+set(QZFI_MAP ${PROJECT_SOURCE_DIR}/cmake/libqzfi.map)
+add_library(qzfi SHARED $<TARGET_OBJECTS:qzfi_objects>)
+add_library(qzfi::qzfi ALIAS qzfi)
+set_target_properties(qzfi PROPERTIES
+  VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} LINK_DEPENDS ${QZFI_MAP})
+target_include_directories(qzfi INTERFACE
+  $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+target_link_libraries(qzfi PRIVATE $<BUILD_INTERFACE:qzfi_flags> Threads::Threads ${CMAKE_DL_LIBS})
+# Calls inside the library reach its own functions whatever the host defines; exported data stays preemptible, so
+# that programs which refer to it directly share one copy with the library.
+target_link_options(qzfi PRIVATE
+  -Wl,--version-script=${QZFI_MAP} -Wl,-Bsymbolic-functions -Wl,-z,relro,-z,now
+  $<$<NOT:$<BOOL:${QZFI_SANITIZE}>>:-Wl,-z,defs>)
+
+add_library(qzfi_static STATIC $<TARGET_OBJECTS:qzfi_objects>)
+target_include_directories(qzfi_static INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR})
+target_link_libraries(qzfi_static PUBLIC Threads::Threads ${CMAKE_DL_LIBS})

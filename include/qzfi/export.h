@@ -1,0 +1,21 @@
+/* Linkage of the public declarations. */
+#ifndef QZFI_EXPORT_H
+#define QZFI_EXPORT_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+#define QZFI_BEGIN_DECLS extern "C" {
+#define QZFI_END_DECLS }
+#else
+#define QZFI_BEGIN_DECLS
+#define QZFI_END_DECLS
+#endif
+
+/** Marks what `libqzfi.so` exports; everything else in the library is hidden. */
+#define QZFI_API __attribute__((visibility("default")))
+
+/** Lets the compiler check a printf-style call; positions count from 1. */
+#define QZFI_PRINTF(format_position, first_argument) __attribute__((format(printf, format_position, first_argument)))
+
+#endif

@@ -1,0 +1,25 @@
+// Process-wide settings of the utility layer.
+//
+// Plain globals, set before start by one thread; `sema1` guards the credential text only.
+#pragma once
+
+#include <cstdint>
+#include <pthread.h>
+#include <semaphore.h>
+
+#include <qzfi/settings.h>
+
+extern "C" {
+
+extern int32_t qzfi_started;              // 1 between a successful start and shutdown
+extern char *qzfi_install_root;           // owned; the root given by the caller, or null
+extern char *qzfi_root;                   // owned; the root in force while started
+extern const char *const default_root;    // used when no root was given
+extern char *qzfi_consumer;               // owned; or null
+extern char *credential_blob;             // owned; or null; every access holds sema1
+extern sem_t sema1;                       // guards credential_blob
+extern pthread_mutex_t ssod_mutex;        // for other layers
+extern int16_t app_version[4];            // the caller's version as accepted by start
+extern char qzfi_lang[8];                 // current language tag, empty when unset
+extern const char *const qzfi_langtbl[4]; // none, "root", "ja", "zh"
+}
