@@ -32,7 +32,8 @@ typedef struct qfi_error_info {
     uint64_t plugin_ref;         /**< the plugin that owns `plugin_data` */
     void *plugin_data;           /**< released through that plugin */
     void **handle;               /**< owned cell with an owned pointee: the record's identity for `fi_del_error` */
-    uint32_t retrieved;          /**< 1 once `does_last_error_exist` has handed the record out */
+    uint32_t retrieved;          /**< 1 once `does_last_error_exist` has handed the record out; `err_mutex` does not
+                                    guard it, the raising thread alone may read it */
     struct qfi_error_info *next; /**< the next record, the first after the last */
     struct qfi_error_info *prev; /**< the previous record */
 } qfi_error_info;
@@ -92,12 +93,13 @@ extern QZFI_API qfi_plugin *(*fi_get_pgn_f)(uint64_t plugin_ref);
 /**
  * Records an error for the calling thread.
  *
- * @param message_id copied, at most 31 characters
+ * @param message_id copied, at most 31 characters; null is recorded as an empty id
  * @param plugin_ref the plugin that owns `plugin_data`
- * @param plugin_data released through that plugin with the record; may be null
+ * @param plugin_data released through that plugin with the record; may be null; stays the caller's on failure
  * @param status copied into the record; null records -1
  * @param session kept, not copied: must outlive the record; may be null
- * @param count number of strings to store from those that follow; a null string is stored as "empty string".
+ * @param count number of strings to store from those that follow, negative for 0; a null string is stored as
+ *        "empty string", and a string for whose copy memory runs short as null.
  *        The library's own raise sites give the format and then the format's arguments, and count only the latter,
  *        so that the last one is not stored.
  * @return 0; 5 out of memory; `QFI_STATUS_NULL_RESULT` when the thread's list cannot be made. Nothing is recorded then.
@@ -108,8 +110,8 @@ QZFI_API uint32_t fi_create_error_info(const char *message_id, uint64_t plugin_r
 
 /**
  * Formats into the caller's buffer.
- * @param buffer points at a buffer of `size` bytes
- * @return 0; `QFI_STATUS_NULL_RESULT` when `buffer` or the buffer is null
+ * @param buffer points at a buffer of `size` bytes; the text is cut to fit and terminated
+ * @return 0; `QFI_STATUS_NULL_RESULT` when `buffer` or the buffer is null; 3 when `format` is null
  */
 QZFI_API uint32_t fi_create_err_msg_str(char **buffer, int32_t size, const char *format, ...) QZFI_PRINTF(3, 4);
 
@@ -123,7 +125,9 @@ QZFI_API uint32_t does_last_error_exist(qfi_error_info **out);
 
 /**
  * Deletes the error with the given handle; only the first thread's records are searched.
- * @return 0; 1 with `err_mutex` LOCKED when nothing was found; 1 with it free when the plugin's release failed
+ * @param handle points at the record's `handle`; null finds nothing
+ * @return 0; 1 with `err_mutex` LOCKED when nothing was found; 1 with it free when the plugin's release failed (the
+ *         record stays)
  */
 QZFI_API uint32_t fi_del_error(void ***handle);
 
@@ -149,14 +153,14 @@ QZFI_API uint32_t fi_del_session_err_msgs(const char *session);
 /**
  * Releases what an error record owns except the argument array and the record.
  * @param flag 1 releases plugin data through the plugin; 0 frees the datum it points at and the data block
- * @return 0; 1 when the plugin's release fails or is missing (nothing is released then)
+ * @return 0; 1 when the plugin's release fails or is missing (nothing is released then); 3 for null
  * The caller holds `err_mutex`.
  */
 QZFI_API uint32_t fi_del_err_contents(qfi_error_info **record, int32_t flag);
 
 /**
  * Releases a message record's contents and clears its `info`.
- * @return 0; 1 when the plugin's release fails or is missing (nothing is released then)
+ * @return 0; 1 when the plugin's release fails or is missing (nothing is released then); 3 for null
  * The caller holds `err_mutex`.
  */
 QZFI_API uint32_t fi_del_msg_contents(qfi_message_info **record);
@@ -165,9 +169,9 @@ QZFI_API uint32_t fi_del_msg_contents(qfi_message_info **record);
  * Stores an error value under a key of a module.
  * @param store the module's handle, null at first; the first call makes the store and fills it in
  * @param module the module's name, copied by the first call
- * @return 0; 5 out of memory (nothing is stored)
- * A new key of an existing store takes the value 0, whatever `value` says. Thread-safe but for the first call on
- * one handle.
+ * @return 0; 5 out of memory (nothing is stored); 3 when `store` is null
+ * A new key of an existing store takes the value 0, whatever `value` says. Thread-safe, the first call on a handle
+ * included.
  */
 QZFI_API uint32_t qzfi_store_err(qfi_error_store **store, uint64_t value, const char *module, uint64_t key);
 
@@ -179,7 +183,7 @@ QZFI_API uint32_t qzfi_store_err(qfi_error_store **store, uint64_t value, const 
 QZFI_API uint32_t qzfi_get_last_err(qfi_error_store *store, uint64_t key, uint64_t *value);
 
 /**
- * Removes a value from a store; when its key is empty then, the node at the head of the key list goes as well.
+ * Removes a value from a store; when its key is empty then, the store loses all its keys.
  * @return always 0; when the value was found, `hl_err_mutex` is LOCKED on return
  */
 QZFI_API uint32_t qzfi_remove_err(qfi_error_store **store, uint64_t value);
