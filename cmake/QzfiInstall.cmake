@@ -1,1 +1,26 @@
-# Install rules: library, headers, pkg-config file, CMake package.
+# Install rules: library, headers, pkg-config file, CMake package. Nothing installed names the prefix, so that an
+# installation can be moved as a whole.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS qzfi EXPORT qzfiTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/include/qzfi.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/qzfi DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN "*.h" PATTERN "*.def")
+
+set(qzfi_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qzfi)
+install(EXPORT qzfiTargets NAMESPACE qzfi:: DESTINATION ${qzfi_package_dir})
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/qzfiConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/qzfiConfig.cmake
+  INSTALL_DESTINATION ${qzfi_package_dir} NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/qzfiConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/qzfiConfig.cmake ${PROJECT_BINARY_DIR}/qzfiConfigVersion.cmake
+  DESTINATION ${qzfi_package_dir})
+
+# The pkg-config file finds the prefix from where it lies itself.
+set(qzfi_pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}/${qzfi_pc_dir}
+  OUTPUT_VARIABLE qzfi_prefix_from_pc)
+configure_file(${PROJECT_SOURCE_DIR}/cmake/qzfi.pc.in ${PROJECT_BINARY_DIR}/qzfi.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/qzfi.pc DESTINATION ${qzfi_pc_dir})

@@ -43,7 +43,7 @@ target_link_libraries(qzfi PRIVATE $<BUILD_INTERFACE:qzfi_flags> Threads::Thread
 # Calls inside the library reach its own functions whatever the host defines; exported data stays preemptible, so
 # that programs which refer to it directly share one copy with the library.
 target_link_options(qzfi PRIVATE
-  -Wl,--version-script=${QZFI_MAP} -Wl,-Bsymbolic-functions -Wl,-z,relro,-z,now
+  -Wl,--version-script=${QZFI_MAP} -Wl,-Bsymbolic-functions -Wl,-z,relro,-z,now -Wl,--as-needed
   $<$<NOT:$<BOOL:${QZFI_SANITIZE}>>:-Wl,-z,defs>)
 
 add_library(qzfi_static STATIC $<TARGET_OBJECTS:qzfi_objects>)
