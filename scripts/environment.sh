@@ -1,0 +1,13 @@
+# Sourced by the scripts beside it: goes to the top of the tree and prepares the build.
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+if command -v ccache >/dev/null; then
+  export CMAKE_C_COMPILER_LAUNCHER=${CMAKE_C_COMPILER_LAUNCHER-ccache}
+  export CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER-ccache}
+fi
+
+# build_preset NAME: configures and builds it, saying little when all is well.
+build_preset() {
+  cmake --preset "$1" --log-level=WARNING >/dev/null
+  cmake --build --preset "$1" -- --quiet
+}
