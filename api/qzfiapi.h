@@ -5,6 +5,8 @@
 
 #include <qzfi/frontend.h>
 
+// Hidden declarations too, so that every access is direct: a forwarder must not go through the global offset table.
+#pragma GCC visibility push(hidden)
 extern "C" {
 
 typedef struct qzfi_entry {
@@ -37,3 +39,23 @@ extern char *qzfi_lib;        // owned path of the loaded API implementation lib
 /// any number of threads. Returns 0; 2 not started, not loaded or not bound; 5 out of memory.
 int32_t qzfi_enter(qzfi_module *module);
 }
+#pragma GCC visibility pop
+
+namespace qzfi {
+
+/// What `qzfi_module.state` says.
+enum BindingState : int32_t { unbound = 0, binding = 1, bound = 2 };
+
+/// The path that marks the API implementation library among modules.
+inline constexpr char api_library_path[] = "/lib/libfi.so";
+
+/// The entries that the front end calls itself, by slot.
+enum OwnSlot { start_slot = 0, shutdown_slot = 1, errmsg_slot = 2 };
+using StartEntry = int32_t (*)(void *, int32_t, qfi_handler *, int32_t);
+using ShutdownEntry = int32_t (*)();
+using ErrmsgEntry = uint32_t (*)(uint32_t, const char **);
+
+/// Shuts a bound module down and unloads it. No other call may be in progress.
+void unbind(qzfi_module &module) noexcept;
+
+} // namespace qzfi

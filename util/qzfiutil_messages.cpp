@@ -1,0 +1,187 @@
+#include "util/qzfiutil_messages.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include <qzfi/status.h>
+#include <qzfi/system.h>
+
+#include "common/qzfilock.h"
+#include "common/qzfitext.h"
+#include "msgcat/qzfiicuerrormgr.h"
+#include "util/qzfiutil_settings.h"
+
+const qzfi_emsg u_emsgs[29] = {
+    {"MSG_QFI_UTIL_E0000", "No Error"},
+    {"MSG_QFI_UTIL_E0001", "Internal error in libfi"},
+    {"MSG_QFI_UTIL_E0002", "Qfi_start not called or called twice"},
+    {"MSG_QFI_UTIL_E0003", "Invalid Arguments"},
+    {"MSG_QFI_UTIL_E0004", "Operation not supported by provider"},
+    {"MSG_QFI_UTIL_E0005", "Insufficient Memory"},
+    {"MSG_QFI_UTIL_E0006", "Provider Specific Error"},
+    {"MSG_QFI_UTIL_E0007", "Provider didn't successfully initalize"},
+    {"MSG_QFI_UTIL_E0008", "Application version doesn't match API"},
+    {"MSG_QFI_UTIL_E0009", "Provider version doesn't match API"},
+    {nullptr, nullptr},
+    {"MSG_QFI_UTIL_E0011", "System call failed"},
+    {"MSG_QFI_UTIL_E0012", "Provider incompatible with other installed binaries"},
+    {"MSG_QFI_UTIL_E0013", "Operation not permitted by specified permissions"},
+    {"MSG_QFI_UTIL_E0014", "Library not found or improper permissions to open linrary"},
+    {"MSG_QFI_UTIL_E0015", "Function not found in library"},
+    {"MSG_QFI_UTIL_E0016", "Hash key is not found in the hash table"},
+    {"MSG_QFI_UTIL_E0017", "Must unquiesce the stack before detaching the FI tree"},
+    {"MSG_QFI_UTIL_E0018", "stat failed"},
+    {"MSG_QFI_UTIL_E0019", "not a plugin object"},
+    {"MSG_QFI_UTIL_E0020", "no such device"},
+    {"MSG_QFI_UTIL_E0021", "not a device"},
+    {"MSG_QFI_UTIL_E0022", "command terminated abnormally"},
+    {"MSG_QFI_UTIL_E0023", "IO error"},
+    {"MSG_QFI_UTIL_E0024", "opendir failed"},
+    {"MSG_QFI_UTIL_E0025", "closedir failed"},
+    {"MSG_QFI_UTIL_E0026", "open failed"},
+    {"MSG_QFI_UTIL_E0027", "ioctl failed"},
+    {"MSG_QFI_UTIL_E0028", "IsValid tree failed"},
+};
+int32_t size_uemsgs = QFI_STATUS_UTILITY_LAST;
+qzfi_emsg_cache vfcmsg = {nullptr, 0};
+
+namespace qzfi {
+namespace {
+
+constexpr std::size_t message_size = 2048;
+constexpr std::size_t message_id_size = 32;
+
+/// A status text that a caller was given.
+struct KeptText {
+    char *text;
+    KeptText *next;
+};
+KeptText *kept_texts = nullptr;
+pthread_mutex_t kept_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+/// Keeps a text for the life of the process, once: callers never free a status text and may hold it for ever, and
+/// there is one a code and language. Null when there is none or memory is short.
+const char *keep(Text text) noexcept {
+    if (!text)
+        return nullptr;
+    const LockGuard guard{kept_mutex};
+    for (const KeptText *each = kept_texts; each != nullptr; each = each->next)
+        if (std::strcmp(each->text, text.get()) == 0)
+            return each->text;
+    auto *const added = static_cast<KeptText *>(std::malloc(sizeof(KeptText)));
+    if (added == nullptr)
+        return nullptr;
+    *added = {text.release(), kept_texts};
+    kept_texts = added;
+    return added->text;
+}
+
+/// The catalog's own text of a message in the current language. The arguments after the id are the none that it takes.
+Text raw_text(const char *id, ...) noexcept {
+    va_list none;
+    va_start(none, id);
+    Text text{fi_get_icuMsg(id, qzfi_lang, none, 1)};
+    va_end(none);
+    return text;
+}
+
+// An argument list that was read cannot be read again, so each consumer below reads a copy of its own.
+
+/// The catalog's text of a message in the current language.
+Text catalog_text(const char *id, va_list arguments) noexcept {
+    va_list own;
+    va_copy(own, arguments);
+    Text text{fi_get_icuMsg(id, qzfi_lang, own, 0)};
+    va_end(own);
+    return text;
+}
+
+void format_into(Text &buffer, const char *format, va_list arguments) noexcept {
+    va_list own;
+    va_copy(own, arguments);
+    std::vsnprintf(buffer.get(), message_size, format, own);
+    va_end(own);
+}
+
+/// Steps past the next conversion and gives its length modifiers and letter, empty at the end of the format.
+std::string_view next_conversion(const char *&format) noexcept {
+    while ((format = std::strchr(format, '%')) != nullptr) {
+        ++format;
+        if (*format == '%') {
+            ++format;
+            continue;
+        }
+        format += std::strspn(format, "-+ #0'");
+        format += std::strspn(format, "0123456789");
+        if (*format == '.')
+            format += 1 + std::strspn(format + 1, "0123456789");
+        const std::size_t length = std::strspn(format, "hlqjztL") + 1;
+        const std::string_view conversion{format, length};
+        format += *(format + length - 1) != '\0' ? length : length - 1;
+        return conversion;
+    }
+    format = "";
+    return {};
+}
+
+/// Whether a localised text may be used as a format for the arguments of the English one. What a catalog holds, and
+/// the arguments that the bridge has put into it, may look like conversions that would read arguments never given.
+bool takes_the_same_arguments(const char *localized, const char *english) noexcept {
+    for (;;) {
+        const std::string_view wanted = next_conversion(localized);
+        if (wanted.empty())
+            return true;
+        const bool is_plain = std::strchr("diouxXcsp", wanted.back()) != nullptr && wanted.back() != '\0';
+        if (!is_plain || wanted != next_conversion(english))
+            return false;
+    }
+}
+
+/// Null when there is no localised text or memory is short.
+Text localized_message(const char *id, const char *english, va_list arguments) noexcept {
+    const Text from_catalog = catalog_text(id, arguments);
+    if (!from_catalog)
+        return nullptr;
+    Text buffer{static_cast<char *>(std::malloc(message_size))};
+    if (!buffer)
+        return nullptr;
+    if (takes_the_same_arguments(from_catalog.get(), english))
+        format_into(buffer, from_catalog.get(), arguments);
+    else
+        copy_bounded(buffer.get(), message_size, from_catalog.get());
+    return buffer;
+}
+
+} // namespace
+} // namespace qzfi
+
+const char *qzfi_getlocmsg(int32_t code, int32_t localized, const qzfi_emsg *table, const qzfi_emsg_cache *cache) {
+    if (localized != 0) {
+        char id[qzfi::message_id_size];
+        qzfi_snprintf(id, sizeof id, "MSG_QFI_UTIL_E%04u", static_cast<uint32_t>(code));
+        return qzfi::keep(qzfi::raw_text(id));
+    }
+    if (code < 0)
+        return nullptr;
+    if (cache->count != 0 && code >= cache->count)
+        return nullptr;
+    if (cache->count != 0 && cache->texts[code] != nullptr)
+        return cache->texts[code];
+    return table[code].text;
+}
+
+void qzfi_getmsg(const char *message_id, uint32_t severity, const char *format, ...) {
+    qzfi::Text english{static_cast<char *>(std::malloc(qzfi::message_size))};
+    // Hosts switch all messages off by leaving the variable unset.
+    if (std::getenv("ICU_DATA") == nullptr || !english)
+        return;
+    va_list arguments;
+    va_start(arguments, format);
+    qzfi::format_into(english, format, arguments);
+    const qzfi::Text localized = qzfi::localized_message(message_id, format, arguments);
+    va_end(arguments);
+    qzfi_handle_err(english.get(), localized.get(), severity);
+}

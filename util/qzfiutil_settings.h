@@ -9,6 +9,7 @@
 
 #include <qzfi/settings.h>
 
+#pragma GCC visibility push(hidden)
 extern "C" {
 
 extern int32_t qzfi_started;              // 1 between a successful start and shutdown
@@ -23,3 +24,14 @@ extern int16_t app_version[4];            // the caller's version as accepted by
 extern char qzfi_lang[8];                 // current language tag, empty when unset
 extern const char *const qzfi_langtbl[4]; // none, "root", "ja", "zh"
 }
+#pragma GCC visibility pop
+
+namespace qzfi {
+
+/// Makes the credential lock free, whoever left it held.
+void free_credential_lock() noexcept;
+
+/// Replaces an owned setting by a copy of a text, or clears it for null. Returns 0, or 5 with the setting null.
+int32_t replace_or_clear(char *&setting, const char *text) noexcept;
+
+} // namespace qzfi

@@ -41,7 +41,8 @@ struct qfi_handler {
  * @param version the version that the caller was built for (see `QFI_VERSION`)
  * @return 0; 2 when started already; 3 when the locale request's reserved member is not null; 5 out of memory;
  *         8 when `version` is newer than the API ("MSG_QFI_E0326" is recorded for the calling thread).
- *         After a failure the framework is stopped and every setting is as before.
+ *         After a failure the framework is stopped, with root, consumer name and credential text as before; one with
+ *         8 also clears the current language.
  * Not thread-safe.
  */
 QZFI_API int32_t qzfiapi_start(qfi_handler *handler, uint64_t version);
