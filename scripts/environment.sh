@@ -6,8 +6,11 @@ if command -v ccache >/dev/null; then
   export CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER-ccache}
 fi
 
+# quietly COMMAND...: drops the linker's remark on tempnam, which the log's file names come from by design.
+quietly() { "$@" | sed '/: in function `/{N;/tempnam. is dangerous/d}'; }
+
 # build_preset NAME: configures and builds it, saying little when all is well.
 build_preset() {
   cmake --preset "$1" --log-level=WARNING >/dev/null
-  cmake --build --preset "$1" -- --quiet
+  quietly cmake --build --preset "$1" -- --quiet
 }
