@@ -65,8 +65,8 @@ QZFI_API int32_t qzfi_errno(void);
 QZFI_API int32_t qzfi_snprintf(char *buffer, size_t size, const char *format, ...) QZFI_PRINTF(3, 4);
 
 /**
- * Formats a number into a new zero-filled buffer of 10 bytes (longer texts are cut).
- * @param out receives the text too; the caller releases it with `free`
+ * Formats a number into a new zero-filled buffer of 10 bytes: numbers of more than 9 characters lose the last ones.
+ * @param out receives the text too; may be null. The caller releases the text with `free`.
  * @return the text, null when memory is short
  */
 QZFI_API char *qzfi_mysprintf(int32_t number, char **out);
