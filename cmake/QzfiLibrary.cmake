@@ -43,8 +43,11 @@ target_link_libraries(qzfi PRIVATE $<BUILD_INTERFACE:qzfi_flags> Threads::Thread
 # Calls inside the library reach its own functions whatever the host defines; exported data stays preemptible, so
 # that programs which refer to it directly share one copy with the library.
 target_link_options(qzfi PRIVATE
-  -Wl,--version-script=${QZFI_MAP} -Wl,-Bsymbolic-functions -Wl,-z,relro,-z,now -Wl,--as-needed
-  $<$<NOT:$<BOOL:${QZFI_SANITIZE}>>:-Wl,-z,defs>)
+  -Wl,--version-script=${QZFI_MAP} -Wl,-Bsymbolic-functions -Wl,-z,relro,-z,now -Wl,--as-needed)
+# A sanitizer's own symbols are found in the program only.
+if(NOT QZFI_SANITIZE)
+  target_link_options(qzfi PRIVATE -Wl,-z,defs)
+endif()
 
 add_library(qzfi_static STATIC $<TARGET_OBJECTS:qzfi_objects>)
 target_include_directories(qzfi_static INTERFACE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR})
