@@ -22,6 +22,8 @@ protected:
             std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
     }
 
+    static std::string name_of_log() { return qzfi_checkNull(get_qzfi_logfile()); }
+
     FreshLog fresh;
     Installation installation;
 };
@@ -39,7 +41,7 @@ TEST_F(LogFile, opening_writes_the_header_and_flushes_it) {
     EXPECT_EQ(open_log(), 0x100u);
     ASSERT_EQ(installation.log_files().size(), 1u);
     EXPECT_EQ(content_of(installation.log_files()[0]), unset_header);
-    EXPECT_EQ(get_qzfi_logfile(), installation.log_files()[0].string());
+    EXPECT_EQ(name_of_log(), installation.log_files()[0].string());
     EXPECT_NE(get_qzfi_msgout(), nullptr);
 }
 
@@ -122,7 +124,7 @@ TEST_F(LogFile, a_second_opening_releases_what_the_first_made) {
     const std::string first = get_qzfi_logfile();
     const std::size_t descriptors = open_descriptors();
     EXPECT_EQ(open_log(), 0x100u);
-    EXPECT_NE(get_qzfi_logfile(), first);
+    EXPECT_NE(name_of_log(), first);
     EXPECT_EQ(content_of(get_qzfi_logfile()), unset_header);
     EXPECT_EQ(content_of(first), unset_header);
     EXPECT_EQ(open_descriptors(), descriptors);
@@ -168,7 +170,7 @@ TEST_F(LogFile, paths_are_cut_at_249_characters) {
     fs::create_directories(root + "/arcvault");           // and of the log directory's
     EXPECT_EQ(init_qzfi_logFile(root.c_str()), 0x100u);
     // The log file's name is cut to that of the directory, which cannot be opened as a new file.
-    EXPECT_EQ(get_qzfi_logfile(), root + "/arcvault");
+    EXPECT_EQ(name_of_log(), root + "/arcvault");
     EXPECT_EQ(get_qzfi_msgout(), nullptr);
 }
 
@@ -193,7 +195,7 @@ protected:
 
 TEST_F(GuessableLogFile, is_used_when_it_is_free) {
     EXPECT_EQ(init_qzfi_logFile(root.c_str()), 0x100u);
-    EXPECT_EQ(get_qzfi_logfile(), name);
+    EXPECT_EQ(name_of_log(), name);
     EXPECT_EQ(content_of(name), unset_header);
 }
 
@@ -202,7 +204,7 @@ TEST_F(GuessableLogFile, is_never_opened_through_a_planted_link) {
     fs::create_symlink(scratch.path() / "victim", name);
     EXPECT_EQ(init_qzfi_logFile(root.c_str()), 0x100u);
     EXPECT_EQ(get_qzfi_msgout(), nullptr);
-    EXPECT_EQ(get_qzfi_logfile(), name);
+    EXPECT_EQ(name_of_log(), name);
     EXPECT_EQ(content_of(scratch.path() / "victim"), "precious");
     EXPECT_EQ(qzfi_logmsg("nowhere", 0, 0), 0);
 }
@@ -230,7 +232,7 @@ TEST_F(GuessableLogFile, that_is_taken_has_no_name_once_names_run_out) {
         trial.disarm();
         EXPECT_EQ(mask, trial.fired() ? 0u : 0x100u);
         EXPECT_EQ(get_qzfi_msgout(), nullptr);
-        EXPECT_EQ(std::string(qzfi_checkNull(get_qzfi_logfile())), trial.fired() ? "NULL" : name);
+        EXPECT_EQ(name_of_log(), trial.fired() ? "NULL" : name);
         EXPECT_LE(trial.nth(), 17);
     });
 }
@@ -303,13 +305,13 @@ TEST_P(UnopenedLogFile, leaves_its_name_and_the_mask_but_no_stream_and_no_file) 
         trial.disarm();
         if (trial.fired() && trial.nth() == 1) { // the configuration's call
             EXPECT_EQ(mask, 0u);
-            EXPECT_EQ(get_qzfi_logfile(), former);
+            EXPECT_EQ(name_of_log(), former);
             EXPECT_EQ(get_qzfi_msgout(), former_log);
             EXPECT_EQ(open_descriptors(), descriptors);
             return;
         }
         EXPECT_EQ(mask, 0x100u);
-        EXPECT_NE(get_qzfi_logfile(), former);
+        EXPECT_NE(name_of_log(), former);
         EXPECT_EQ(get_qzfi_msgout() == nullptr, trial.fired());
         EXPECT_EQ(fs::exists(get_qzfi_logfile()), !trial.fired());
         EXPECT_EQ(installation.log_files().size(), files + (trial.fired() ? 0 : 1));

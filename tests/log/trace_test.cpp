@@ -71,8 +71,8 @@ void PrintTo(const Growth &row, std::ostream *out) {
 class TraceGrowth : public testing::TestWithParam<Growth> {};
 
 TEST_P(TraceGrowth, ends_in_a_complete_text_or_none) {
-    const auto [length, allocations, smallest, largest] = GetParam();
-    const std::string text = "<" + std::string(length - 2, 'x') + ">";
+    const Growth &row = GetParam();
+    const std::string text = "<" + std::string(row.length - 2, 'x') + ">";
     int runs = 0;
     fault::for_each(fault::Call::allocation, [&](fault::Trial &trial) {
         ++runs;
@@ -85,10 +85,10 @@ TEST_P(TraceGrowth, ends_in_a_complete_text_or_none) {
             return;
         }
         EXPECT_EQ(host.reports, (std::vector<Report>{{text, false, 7}}));
-        EXPECT_GE(host.buffer_size, smallest);
-        EXPECT_LT(host.buffer_size, largest);
+        EXPECT_GE(host.buffer_size, row.smallest);
+        EXPECT_LT(host.buffer_size, row.largest);
     });
-    EXPECT_EQ(runs, allocations + 1);
+    EXPECT_EQ(runs, row.allocations + 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Trace, TraceGrowth,
