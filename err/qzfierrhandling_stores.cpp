@@ -110,10 +110,10 @@ bool remove_value(qfi_error_store &store, uint64_t value) noexcept {
     });
     if (key == nullptr)
         return false;
+    // All that leaves the lists is freed, since nothing could reach it any more. With a key's last value the store
+    // loses every key: callers find an empty key list afterwards.
     qzfi::unlink(key->values, item);
     qzfi::free_zeroed(item);
-    // With a key's last value the store loses every key: callers find an empty key list afterwards. All of it is freed,
-    // since nothing could reach it any more.
     if (key->values == nullptr)
         free_keys(store);
     return true;

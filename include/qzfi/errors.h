@@ -2,7 +2,9 @@
  * Error and message lists: what failed, kept for whoever asks later.
  *
  * Three process-wide lists: error records per thread, message records, and per-module stores of error values. The
- * heads are exported, so that the API implementation library can walk them while it holds the list's mutex.
+ * heads are exported, so that the API implementation library can walk them while it holds the list's mutex. It enters
+ * messages itself; the error list and the stores are relinked by the operations below only, whose searches do not
+ * always take the exported mutex.
  * A record keeps a message id and argument strings; it is turned into text when the user asks.
  */
 #ifndef QZFI_ERRORS_H
@@ -81,9 +83,9 @@ typedef struct qfi_error_store {
     struct qfi_error_store *next; /**< the next store, the first after the last */
 } qfi_error_store;
 
-extern QZFI_API qfi_error_thread *err_info_list; /**< first thread with errors, or null; guarded by `err_mutex` */
+extern QZFI_API qfi_error_thread *err_info_list; /**< first thread with errors, or null; read it under `err_mutex` */
 extern QZFI_API qfi_message_info *msg_info_list; /**< first message, or null; guarded by `err_mutex` */
-extern QZFI_API qfi_error_store *err_mod_list;   /**< first store, or null; guarded by `hl_err_mutex` */
+extern QZFI_API qfi_error_store *err_mod_list;   /**< first store, or null; read it under `hl_err_mutex` */
 extern QZFI_API pthread_mutex_t err_mutex;       /**< guards the error and the message list */
 extern QZFI_API pthread_mutex_t hl_err_mutex;    /**< guards the list of stores */
 extern QZFI_API qfi_handler *util_ehandler;      /**< where reports go, or null; set by start, cleared by shutdown */
@@ -112,6 +114,7 @@ QZFI_API uint32_t fi_create_error_info(const char *message_id, uint64_t plugin_r
  * Formats into the caller's buffer.
  * @param buffer points at a buffer of `size` bytes; the text is cut to fit and terminated
  * @return 0; `QFI_STATUS_NULL_RESULT` when `buffer` or the buffer is null; 3 when `format` is null
+ * Thread-safe for different buffers.
  */
 QZFI_API uint32_t fi_create_err_msg_str(char **buffer, int32_t size, const char *format, ...) QZFI_PRINTF(3, 4);
 
@@ -128,6 +131,7 @@ QZFI_API uint32_t does_last_error_exist(qfi_error_info **out);
  * @param handle points at the record's `handle`; null finds nothing
  * @return 0; 1 with `err_mutex` LOCKED when nothing was found; 1 with it free when the plugin's release failed (the
  *         record stays)
+ * Thread-safe.
  */
 QZFI_API uint32_t fi_del_error(void ***handle);
 
@@ -152,7 +156,7 @@ QZFI_API uint32_t fi_del_session_err_msgs(const char *session);
 
 /**
  * Releases what an error record owns except the argument array and the record.
- * @param flag 1 releases plugin data through the plugin; 0 frees the datum it points at and the data block
+ * @param flag not 0 releases plugin data through the plugin; 0 frees the datum it points at and the data block
  * @return 0; 1 when the plugin's release fails or is missing (nothing is released then); 3 for null
  * The caller holds `err_mutex`.
  */
@@ -177,6 +181,7 @@ QZFI_API uint32_t qzfi_store_err(qfi_error_store **store, uint64_t value, const 
 
 /**
  * Fetches the last value of a key, once.
+ * @param value receives the value, or 0
  * @return 1 with the value; 0 with `*value` 0 when there is none or it was fetched before; 3 when a pointer is null
  * Thread-safe.
  */
@@ -184,11 +189,13 @@ QZFI_API uint32_t qzfi_get_last_err(qfi_error_store *store, uint64_t key, uint64
 
 /**
  * Removes a value from a store; when its key is empty then, the store loses all its keys.
+ * @param store the module's handle; null, or a null handle, holds no value
  * @return always 0; when the value was found, `hl_err_mutex` is LOCKED on return
+ * Thread-safe.
  */
 QZFI_API uint32_t qzfi_remove_err(qfi_error_store **store, uint64_t value);
 
-/** Destroys every module store; the handles to them are void then. @return 0. */
+/** Destroys every module store; the handles to them are void then, and no call may still use one. @return 0. */
 QZFI_API uint32_t fi_del_all_err_lists(void);
 
 /** Hands a text to the host's handler, if there is one. Thread-safe. */

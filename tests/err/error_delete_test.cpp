@@ -69,16 +69,6 @@ TEST_F(ErrorContents, without_plugin_data_the_plugin_is_not_asked) {
     EXPECT_EQ(fi_del_err_contents(&record, 1), 0u);
 }
 
-// Each entry breaks the way to the release operation in one place.
-const std::function<void()> broken_plugins[] = {
-    [] { Plugin::result = 9; },
-    [] { Plugin::result = -1; },
-    [] { Plugin::operations.free_error = nullptr; },
-    [] { Plugin::descriptor.first = nullptr; },
-    [] { fi_get_pgn_f = [](uint64_t) -> qfi_plugin * { return nullptr; }; },
-    [] { fi_get_pgn_f = nullptr; },
-};
-
 TEST_F(ErrorContents, a_failed_or_missing_release_leaves_the_rest_untouched) {
     for (const auto &break_plugin : broken_plugins) {
         Plugin::publish();
@@ -110,6 +100,15 @@ TEST_F(ErrorContents, flag_0_frees_a_block_without_a_datum) {
     raise_error("B");
     record = last_record();
     EXPECT_EQ(fi_del_err_contents(&record, 0), 0u);
+}
+
+TEST_F(ErrorContents, any_flag_but_0_goes_through_the_plugin) {
+    int datum = 0;
+    for (const int32_t flag : {1, 2, -1}) {
+        qfi_error_info *record = raise_with_data(&datum);
+        EXPECT_EQ(fi_del_err_contents(&record, flag), 0u);
+    }
+    EXPECT_EQ(Plugin::error_releases, 3);
 }
 
 TEST_F(ErrorContents, null_records_are_refused) {
@@ -147,6 +146,18 @@ TEST_F(ErrorDelete, a_thread_node_left_without_records_goes_too) {
     ASSERT_EQ(nodes_of(err_info_list).size(), 1u);
     EXPECT_EQ(ids_of(err_info_list), (std::vector<std::string>{"B"}));
     EXPECT_FALSE(is_locked(err_mutex));
+}
+
+TEST_F(ErrorDelete, every_release_of_plugin_data_runs_under_err_mutex) {
+    int datum = 0;
+    Plugin::during_release = [] { EXPECT_TRUE(is_locked(err_mutex)); };
+    void **handle = give_handle(raise_with_data(&datum));
+    EXPECT_EQ(fi_del_error(&handle), 0u);
+    raise_error("A", "s", Plugin::reference, &datum);
+    EXPECT_EQ(fi_del_session_errors("s"), 0u);
+    raise_with_data(&datum);
+    EXPECT_EQ(fi_del_all_errors(), 0u);
+    EXPECT_EQ(Plugin::error_releases, 3);
 }
 
 TEST_F(ErrorDelete, by_handle_releases_plugin_data) {

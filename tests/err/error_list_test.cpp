@@ -54,11 +54,32 @@ TEST_F(ErrorList, record_layouts_are_those_that_the_api_library_walks) {
     EXPECT_EQ(offsetof(qfi_error_value, next), 24u);
 }
 
+TEST_F(ErrorList, a_plugins_release_operations_stand_where_the_plugins_put_them) {
+    EXPECT_EQ(offsetof(qfi_plugin, first), 0u);
+    EXPECT_EQ(offsetof(qfi_plugin, value), 8u);
+    EXPECT_EQ(offsetof(qfi_plugin, library_path), 16u);
+    EXPECT_EQ(offsetof(qfi_plugin, vp_prefix), 24u);
+    EXPECT_EQ(offsetof(qfi_plugin, fifth), 32u);
+    EXPECT_EQ(offsetof(qfi_plugin, sixth), 40u);
+    EXPECT_EQ(offsetof(qfi_plugin, libpriv), 48u);
+    EXPECT_EQ(sizeof(qfi_plugin), 56u);
+    EXPECT_EQ(offsetof(qfi_libpriv, mark), 8u);
+    EXPECT_EQ(offsetof(qfi_libpriv, next), 16u);
+    EXPECT_EQ(offsetof(qfi_libpriv, prev), 24u);
+    EXPECT_EQ(sizeof(qfi_libpriv), 48u);
+    EXPECT_EQ(QFI_PLUGIN_ACCEPTED, 2632373567u);
+    EXPECT_EQ(offsetof(qfi_plugin_ops, error_mark), 0u);
+    EXPECT_EQ(offsetof(qfi_plugin_ops, free_error), 8u);
+    EXPECT_EQ(offsetof(qfi_plugin_ops, message_mark), 16u);
+    EXPECT_EQ(offsetof(qfi_plugin_ops, free_message), 24u);
+}
+
 TEST_F(ErrorList, all_heads_start_empty) {
     EXPECT_EQ(err_info_list, nullptr);
     EXPECT_EQ(msg_info_list, nullptr);
     EXPECT_EQ(err_mod_list, nullptr);
     EXPECT_EQ(fi_get_pgn_f, nullptr);
+    EXPECT_EQ(util_ehandler, nullptr);
 }
 
 TEST_F(ErrorList, a_record_holds_what_was_raised) {
@@ -195,7 +216,7 @@ TEST_F(ErrorList, each_thread_is_handed_its_own_last_error_only) {
 
 TEST_F(ErrorList, the_last_error_needs_a_result_pointer) {
     raise_error("A");
-    EXPECT_EQ(does_last_error_exist(nullptr), QFI_STATUS_NULL_RESULT);
+    EXPECT_EQ(does_last_error_exist(nullptr), 0xffffffffu);
     EXPECT_EQ(last_record()->retrieved, 0u);
 }
 
@@ -270,7 +291,7 @@ TEST_F(ErrorList, each_allocation_of_a_first_error_fails_as_documented) {
             EXPECT_EQ(err_info_list, nullptr);
             break;
         case 6:
-            EXPECT_EQ(status, QFI_STATUS_NULL_RESULT);
+            EXPECT_EQ(status, 0xffffffffu);
             EXPECT_EQ(err_info_list, nullptr);
             break;
         default: {
@@ -305,6 +326,24 @@ TEST_F(ErrorList, a_failed_raise_leaves_the_list_as_it_was) {
                         });
                         EXPECT_EQ(nodes_of(err_info_list).size(), trial.fired() ? 1u : 2u);
                         EXPECT_EQ(ids_of(err_info_list), (std::vector<std::string>{"A"}));
+                    },
+                    {ENOMEM, true});
+}
+
+TEST_F(ErrorList, a_further_error_of_a_thread_needs_memory_for_the_record_and_its_array_only) {
+    fault::for_each(fault::Call::allocation,
+                    [](fault::Trial &trial) {
+                        fi_del_all_errors();
+                        raise_error("A");
+                        trial.arm();
+                        const uint32_t status = raise_error("B");
+                        trial.disarm();
+                        const bool is_refused = trial.fired() && trial.nth() <= 2;
+                        EXPECT_EQ(status, is_refused ? 5u : 0u);
+                        EXPECT_EQ(nodes_of(err_info_list).size(), 1u);
+                        EXPECT_EQ(ids_of(err_info_list),
+                                  is_refused ? (std::vector<std::string>{"A"}) : (std::vector<std::string>{"A", "B"}));
+                        EXPECT_FALSE(is_locked(err_mutex));
                     },
                     {ENOMEM, true});
 }
@@ -347,8 +386,8 @@ TEST_F(ErrorText, a_size_of_zero_or_below_writes_nothing) {
 
 TEST_F(ErrorText, null_pointers_are_refused) {
     char *text = nullptr;
-    EXPECT_EQ(fi_create_err_msg_str(nullptr, 8, "x"), QFI_STATUS_NULL_RESULT);
-    EXPECT_EQ(fi_create_err_msg_str(&text, 8, "x"), QFI_STATUS_NULL_RESULT);
+    EXPECT_EQ(fi_create_err_msg_str(nullptr, 8, "x"), 0xffffffffu);
+    EXPECT_EQ(fi_create_err_msg_str(&text, 8, "x"), 0xffffffffu);
     char buffer[] = "abc";
     text = buffer;
     const char *volatile format = nullptr;

@@ -1,10 +1,12 @@
 // What the tests of the error and message lists share.
 #pragma once
 
+#include <cerrno>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -161,6 +163,8 @@ struct Plugin {
     static int32_t free_message(uint64_t *data) {
         ++message_releases;
         message_field = data;
+        if (during_release)
+            during_release();
         return result;
     }
     static qfi_plugin *look_up(uint64_t asked) { return asked == reference ? &descriptor : nullptr; }
@@ -176,6 +180,16 @@ struct Plugin {
         descriptor.first = &operations;
         fi_get_pgn_f = look_up;
     }
+};
+
+/// Each entry breaks the way to the release operations in one place.
+inline const std::function<void()> broken_plugins[] = {
+    [] { Plugin::result = 9; },
+    [] { Plugin::result = -1; },
+    [] { Plugin::operations.free_error = nullptr, Plugin::operations.free_message = nullptr; },
+    [] { Plugin::descriptor.first = nullptr; },
+    [] { fi_get_pgn_f = [](uint64_t) -> qfi_plugin * { return nullptr; }; },
+    [] { fi_get_pgn_f = nullptr; },
 };
 
 /// Leaves every list empty and expects every lock free.

@@ -96,15 +96,6 @@ TEST_F(MessageList, a_release_is_called_without_a_mark_and_none_is_needed_withou
     EXPECT_EQ(msg_info_list, nullptr);
 }
 
-const std::function<void()> broken_plugins[] = {
-    [] { Plugin::result = 9; },
-    [] { Plugin::result = -1; },
-    [] { Plugin::operations.free_message = nullptr; },
-    [] { Plugin::descriptor.first = nullptr; },
-    [] { fi_get_pgn_f = [](uint64_t) -> qfi_plugin * { return nullptr; }; },
-    [] { fi_get_pgn_f = nullptr; },
-};
-
 TEST_F(MessageList, a_failed_or_missing_release_keeps_the_message) {
     for (const auto &break_plugin : broken_plugins) {
         Plugin::publish();
@@ -136,6 +127,17 @@ TEST_F(MessageList, clearing_ignores_failing_releases) {
         EXPECT_EQ(msg_info_list, nullptr);
         EXPECT_FALSE(is_locked(err_mutex));
     }
+}
+
+TEST_F(MessageList, every_release_of_plugin_data_runs_under_err_mutex) {
+    Plugin::during_release = [] { EXPECT_TRUE(is_locked(err_mutex)); };
+    qfi_msg_info *info = enter_message(nullptr, Plugin::reference, 5);
+    EXPECT_EQ(fi_del_message(&info), 0u);
+    enter_message("s", Plugin::reference, 5);
+    EXPECT_EQ(fi_del_session_err_msgs("s"), 0u);
+    enter_message(nullptr, Plugin::reference, 5);
+    EXPECT_EQ(fi_del_all_err_msgs(), 0u);
+    EXPECT_EQ(Plugin::message_releases, 3);
 }
 
 TEST_F(MessageList, all_messages_go_at_once) {
