@@ -1,0 +1,231 @@
+#include <cstdarg>
+#include <cstring>
+
+#include "frontend_fixture.h"
+
+// The catalogs' answer is set by the tests here, in place of the bridge's own: what is proven is what it is asked and
+// what becomes of its text.
+namespace {
+std::string asked_id;
+std::string asked_locale;
+int asked_raw = -1;
+const char *catalog_text = nullptr;
+bool is_asked_by_many = false; // nothing is recorded then
+} // namespace
+
+extern "C" char *__wrap_fi_get_icuMsg(const char *id, const char *locale, va_list arguments, int raw);
+extern "C" char *__wrap_fi_get_icuMsg(const char *id, const char *locale, va_list, int raw) {
+    if (!is_asked_by_many) {
+        asked_id = id;
+        asked_locale = locale;
+        asked_raw = raw;
+    }
+    return catalog_text != nullptr ? strdup(catalog_text) : nullptr;
+}
+
+namespace {
+
+const struct {
+    uint32_t code;
+    const char *text;
+} utility_texts[] = {
+    {0, "No Error"},
+    {1, "Internal error in libfi"},
+    {2, "Qfi_start not called or called twice"},
+    {3, "Invalid Arguments"},
+    {4, "Operation not supported by provider"},
+    {5, "Insufficient Memory"},
+    {6, "Provider Specific Error"},
+    {7, "Provider didn't successfully initalize"},
+    {8, "Application version doesn't match API"},
+    {9, "Provider version doesn't match API"},
+    {11, "System call failed"},
+    {12, "Provider incompatible with other installed binaries"},
+    {13, "Operation not permitted by specified permissions"},
+    {14, "Library not found or improper permissions to open linrary"},
+    {15, "Function not found in library"},
+    {16, "Hash key is not found in the hash table"},
+    {17, "Must unquiesce the stack before detaching the FI tree"},
+    {18, "stat failed"},
+    {19, "not a plugin object"},
+    {20, "no such device"},
+    {21, "not a device"},
+    {22, "command terminated abnormally"},
+    {23, "IO error"},
+    {24, "opendir failed"},
+    {25, "closedir failed"},
+    {26, "open failed"},
+    {27, "ioctl failed"},
+    {28, "IsValid tree failed"},
+};
+
+class StatusText : public Frontend {
+protected:
+    StatusText() {
+        catalog_text = nullptr;
+        vfcmsg = {nullptr, 0};
+        path = use("complete");
+    }
+    ~StatusText() override { vfcmsg = {nullptr, 0}; }
+
+    static void expect_utility_texts() {
+        for (const auto &each : utility_texts) {
+            const char *text = nullptr;
+            EXPECT_EQ(qzfiapi_errmsg(each.code, &text), 0u) << each.code;
+            EXPECT_STREQ(text, each.text);
+        }
+    }
+
+    std::string path;
+    const char *text = "untouched";
+};
+
+TEST_F(StatusText, utility_codes_have_their_texts_at_any_time) {
+    expect_utility_texts();
+    start();
+    expect_utility_texts();
+    qzfiapi_shutdown();
+    expect_utility_texts();
+    EXPECT_EQ(journal(), ""); // none of them needs the library
+}
+
+TEST_F(StatusText, the_table_pairs_ids_with_texts) {
+    EXPECT_EQ(size_uemsgs, 28);
+    ASSERT_EQ(std::size(u_emsgs), 29u);
+    for (const auto &each : utility_texts) {
+        char id[32];
+        snprintf(id, sizeof id, "MSG_QFI_UTIL_E%04u", each.code);
+        EXPECT_STREQ(u_emsgs[each.code].id, id);
+        EXPECT_STREQ(u_emsgs[each.code].text, each.text);
+    }
+    EXPECT_EQ(u_emsgs[10].text, nullptr);
+}
+
+TEST_F(StatusText, code_10_has_no_text) {
+    EXPECT_EQ(qzfiapi_errmsg(10, &text), 3u);
+    EXPECT_EQ(text, nullptr);
+}
+
+TEST_F(StatusText, a_null_result_pointer_is_refused) {
+    start();
+    EXPECT_EQ(qzfiapi_errmsg(5, nullptr), 3u);
+    EXPECT_EQ(qzfiapi_errmsg(1024, nullptr), 3u);
+    EXPECT_EQ(journal(), "");
+}
+
+TEST_F(StatusText, codes_29_to_1023_have_none) {
+    start();
+    for (uint32_t code = 29; code < 1024; ++code) {
+        EXPECT_EQ(qzfiapi_errmsg(code, &text), 3u) << code;
+        EXPECT_EQ(qzfiapi_errmsg(code | QFI_STATUS_LOCALIZED, &text), 3u) << code;
+    }
+    EXPECT_STREQ(text, "untouched");
+    EXPECT_EQ(journal(), "");
+}
+
+TEST_F(StatusText, unmatched_higher_codes_have_none_and_bind_nothing) {
+    start();
+    for (const uint32_t code : {2048u, 5000u, 0x3fffffffu, 0x80000000u, 0x80000005u, 0x80000400u, 0xbfffffffu, ~0u})
+        EXPECT_EQ(qzfiapi_errmsg(code, &text), 3u) << code;
+    EXPECT_STREQ(text, "untouched");
+    EXPECT_EQ(journal(), "");
+}
+
+TEST_F(StatusText, codes_1024_to_2047_come_from_the_library_with_the_full_status) {
+    start();
+    for (const uint32_t status : {1024u, 1500u, 2047u, 1024u | QFI_STATUS_LOCALIZED, 2047u | QFI_STATUS_LOCALIZED}) {
+        text = nullptr;
+        EXPECT_EQ(qzfiapi_errmsg(status, &text), 0u);
+        EXPECT_STREQ(text, "text of the API library");
+        EXPECT_EQ(api_at(path).last.slot, 2);
+        EXPECT_EQ(api_at(path).last.values[0], status);
+    }
+    EXPECT_EQ(journal(), "load\nstart\n");
+}
+
+TEST_F(StatusText, the_librarys_own_result_is_returned_as_it_stands) {
+    start();
+    ASSERT_EQ(qzfi_enter(&fimod), 0);
+    api_at(path).status = -1;
+    EXPECT_EQ(qzfiapi_errmsg(1024, &text), UINT32_MAX);
+    api_at(path).status = 9;
+    EXPECT_EQ(qzfiapi_errmsg(1024, &text), 9u);
+}
+
+TEST_F(StatusText, a_failed_binding_is_returned_at_once) {
+    use("failing_start");
+    start();
+    EXPECT_EQ(qzfiapi_errmsg(1024, &text), 2u);
+    EXPECT_STREQ(text, "untouched");
+}
+
+TEST_F(StatusText, a_localized_text_is_asked_of_the_catalogs_in_the_current_language) {
+    qzfi_setlang(2);
+    for (const uint32_t code : {0u, 5u, 10u, 28u}) {
+        catalog_text = "catalog text";
+        asked_raw = -1;
+        EXPECT_EQ(qzfiapi_errmsg(code | QFI_STATUS_LOCALIZED, &text), 0u);
+        EXPECT_STREQ(text, "catalog text");
+        char id[32];
+        snprintf(id, sizeof id, "MSG_QFI_UTIL_E%04u", code);
+        EXPECT_EQ(asked_id, id);
+        EXPECT_EQ(asked_locale, "ja");
+        EXPECT_EQ(asked_raw, 1);
+    }
+}
+
+TEST_F(StatusText, without_a_catalog_text_a_localized_request_gives_3) {
+    EXPECT_EQ(qzfiapi_errmsg(5 | QFI_STATUS_LOCALIZED, &text), 3u);
+    EXPECT_EQ(text, nullptr);
+}
+
+TEST_F(StatusText, a_localized_text_stays_valid_whatever_is_asked_later) {
+    catalog_text = "first";
+    const char *first = nullptr;
+    ASSERT_EQ(qzfiapi_errmsg(5 | QFI_STATUS_LOCALIZED, &first), 0u);
+    catalog_text = "second";
+    ASSERT_EQ(qzfiapi_errmsg(5 | QFI_STATUS_LOCALIZED, &text), 0u);
+    start();
+    qzfiapi_shutdown();
+    EXPECT_STREQ(first, "first");
+    EXPECT_STREQ(text, "second");
+    catalog_text = "first";
+    ASSERT_EQ(qzfiapi_errmsg(6 | QFI_STATUS_LOCALIZED, &text), 0u);
+    EXPECT_EQ(text, first); // kept once, so that asking again and again does not grow
+}
+
+TEST_F(StatusText, localized_texts_may_be_asked_by_many_threads) {
+    catalog_text = "shared";
+    is_asked_by_many = true;
+    std::atomic<int> good{0};
+    in_threads(8, [&](int) {
+        for (uint32_t repeat = 0; repeat < 100; ++repeat) {
+            const char *mine = nullptr;
+            good += qzfiapi_errmsg(repeat % 29 | QFI_STATUS_LOCALIZED, &mine) == 0 && std::strcmp(mine, "shared") == 0;
+        }
+    });
+    is_asked_by_many = false;
+    EXPECT_EQ(good, 800);
+}
+
+TEST_F(StatusText, cached_texts_go_before_the_english_ones) {
+    char zero[] = "cached 0";
+    char two[] = "cached 2";
+    char *texts[] = {zero, nullptr, two};
+    vfcmsg = {texts, 3};
+    EXPECT_STREQ(qzfi_getlocmsg(0, 0, u_emsgs, &vfcmsg), "cached 0");
+    EXPECT_STREQ(qzfi_getlocmsg(1, 0, u_emsgs, &vfcmsg), "Internal error in libfi");
+    EXPECT_STREQ(qzfi_getlocmsg(2, 0, u_emsgs, &vfcmsg), "cached 2");
+    EXPECT_EQ(qzfi_getlocmsg(3, 0, u_emsgs, &vfcmsg), nullptr);
+    EXPECT_EQ(qzfi_getlocmsg(-1, 0, u_emsgs, &vfcmsg), nullptr);
+    EXPECT_EQ(qzfiapi_errmsg(3, &text), 3u);
+    catalog_text = "localised goes first";
+    EXPECT_STREQ(qzfi_getlocmsg(0, 1, u_emsgs, &vfcmsg), "localised goes first");
+}
+
+TEST_F(StatusText, the_cache_starts_empty) {
+    EXPECT_EQ(vfcmsg.count, 0);
+    EXPECT_EQ(vfcmsg.texts, nullptr);
+}
+
+} // namespace
