@@ -117,9 +117,9 @@ QZFI_API uint32_t qzfiapi_errmsg(uint32_t status, const char **text);
  */
 #define QZFI_OWN(slot, name)
 #define QZFI_SPARE(slot, name)
-#define QZFI_OPERATION(slot, name, ...) QZFI_API int32_t qzfiapi_##name(QZFI_KINDS(__VA_ARGS__));
-#define QZFI_TREE(slot, name, ...) QZFI_API int32_t qzfiapi_##name(QZFI_KINDS(__VA_ARGS__));
-#define QZFI_ALIAS(slot, name, ...) QZFI_API int32_t qzfiapi_##name(QZFI_KINDS(__VA_ARGS__));
+#define QZFI_OPERATION(slot, name, ...) QZFI_API QZFI_DIRECT int32_t qzfiapi_##name(QZFI_KINDS(__VA_ARGS__));
+#define QZFI_TREE(slot, name, ...) QZFI_API QZFI_DIRECT int32_t qzfiapi_##name(QZFI_KINDS(__VA_ARGS__));
+#define QZFI_ALIAS(slot, name, ...) QZFI_API QZFI_DIRECT int32_t qzfiapi_##name(QZFI_KINDS(__VA_ARGS__));
 #include <qzfi/operations.def>
 
 QZFI_END_DECLS
