@@ -153,17 +153,25 @@ TEST_F(ErrorThreads, lists_stay_whole_while_threads_raise_fetch_and_delete) {
     EXPECT_EQ(stored, 2u * rounds);
 }
 
+// Every thread finds the handle null and waits for hl_err_mutex with a store of its own; one of them wins.
 TEST_F(ErrorThreads, first_values_of_one_handle_make_one_store) {
-    for (int round = 0; round < 50; ++round) {
-        qfi_error_store *store = nullptr;
-        const auto storer = [&store] { EXPECT_EQ(qzfi_store_err(&store, 5, "m", 1), 0u); };
-        std::thread threads[] = {std::thread(storer), std::thread(storer), std::thread(storer)};
-        for (std::thread &thread : threads)
-            thread.join();
-        EXPECT_EQ(nodes_of(err_mod_list), std::vector<qfi_error_store *>{store});
-        EXPECT_EQ(nodes_of(store->keys->values).size(), 3u);
-        fi_del_all_err_lists();
+    qfi_error_store *store = nullptr;
+    Worker workers[3];
+    pthread_mutex_lock(&hl_err_mutex);
+    for (Worker &worker : workers) {
+        pid_t thread = 0;
+        worker.run([&] { thread = gettid(); });
+        worker.start([&store] { EXPECT_EQ(qzfi_store_err(&store, 5, "m", 1), 0u); });
+        await_waiter(thread, hl_err_mutex);
     }
+    pthread_mutex_unlock(&hl_err_mutex);
+    for (Worker &worker : workers)
+        worker.wait();
+    EXPECT_EQ(nodes_of(err_mod_list), std::vector<qfi_error_store *>{store});
+    std::vector<uint64_t> values;
+    for (const qfi_error_value *item : nodes_of(store->keys->values))
+        values.push_back(item->value);
+    EXPECT_EQ(values, (std::vector<uint64_t>{5, 5, 5}));
 }
 
 /// What a child does after the reset; 0 when all went well, else the number of the step that failed.
