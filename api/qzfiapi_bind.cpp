@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iterator>
 #include <memory>
+#include <utility>
 
 #include <qzfi/errors.h>
 #include <qzfi/status.h>

@@ -18,13 +18,14 @@ namespace {
 constexpr int32_t application = 1;   // kind of version that start checks
 constexpr int32_t root_language = 1; // index of the language table
 
-/// A copy of the root given by the caller, else of the default; null when memory is short. Never the default in
-/// place of a root that could not be copied: the API would be loaded from somewhere else.
-Text root_to_use() noexcept {
+/// Takes the root given by the caller, else the default; false when memory is short. Never the default in place of a
+/// root that could not be copied: the API would be loaded from somewhere else.
+bool fix_root() noexcept {
     char *given = nullptr;
     if (qzfi_get_install_root(&given) != QFI_STATUS_OK)
-        return nullptr;
-    return given != nullptr ? Text{given} : duplicate(default_root);
+        return false;
+    qzfi_root = given != nullptr ? given : duplicate(default_root).release();
+    return qzfi_root != nullptr;
 }
 
 /// "ja" and "zh" are refused though the language table holds them: hosts rely on getting the root language.
@@ -33,10 +34,8 @@ void warn_of_unsupported(const char *tag) noexcept {
         if (std::strncmp(tag, silent, 2) == 0)
             return;
     for (const char *const refused : {"ja", "ch", "zh"})
-        if (std::strncmp(tag, refused, 2) == 0) {
+        if (std::strncmp(tag, refused, 2) == 0)
             std::fprintf(stderr, "Locale [%s] is not supported, setting to default.\n", tag);
-            return;
-        }
 }
 
 void set_language(const qfi_handler *handler) noexcept {
@@ -65,10 +64,8 @@ int32_t qzfiapi_start(qfi_handler *handler, uint64_t version) {
         return QFI_STATUS_NOT_STARTED;
     if (handler != nullptr && handler->locale != nullptr && handler->locale->reserved != nullptr)
         return QFI_STATUS_INVALID_ARGUMENT;
-    qzfi::Text root = qzfi::root_to_use();
-    if (!root)
+    if (!qzfi::fix_root())
         return QFI_STATUS_NO_MEMORY;
-    qzfi_root = root.release();
     qzfi::set_language(handler);
     qzfi_uinit0(handler);
     ehandler = handler;
