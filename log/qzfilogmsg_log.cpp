@@ -44,7 +44,7 @@ constexpr int deepest_indent = 19;     // the last of `spc`
 constexpr mode_t log_file_mode = 0666; // as fopen creates files; the umask applies
 
 // The log in force, and what opening made of it. The setters change only the former: a stream or path that was set
-// is the caller's, and the one that opening made stays ours to release.
+// is the caller's, and the one that opening made stays ours.
 struct LogState {
     FILE *output;
     char *path;
@@ -54,8 +54,8 @@ struct LogState {
 LogState log_state{};
 
 struct NewLog {
-    qzfi::Text path;        // null when no name could be made
-    FILE *output = nullptr; // null when the file could not be opened
+    qzfi::Text path; // null when no name could be made
+    int fd = -1;     // negative when the file could not be opened
 };
 
 /// A path in the directory that names no file yet, null when none can be made.
@@ -68,45 +68,51 @@ qzfi::Text unique_path(const char *directory) noexcept {
     return qzfi::duplicate(path);
 }
 
-/// The stream of a file just created; null, with the file gone again, when memory is short.
-FILE *stream_of(int fd, const char *path) noexcept {
-    FILE *stream = fdopen(fd, "w+");
-    if (stream != nullptr)
-        return stream;
-    (void)close(fd);
-    (void)unlink(path);
-    return nullptr;
-}
-
 /// Creates a log file. Between the guess of a name and its use somebody may plant a file or a link there: only a file
 /// that this call creates is written to, and a name that is taken is given up for another.
 NewLog create_log(const char *directory) noexcept {
     NewLog log;
-    int fd = -1;
-    for (int names = 0; names < most_names && fd < 0; ++names) {
+    for (int names = 0; names < most_names; ++names) {
         log.path = unique_path(directory);
         if (!log.path)
             return log;
-        fd = open(log.path.get(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, log_file_mode);
-        if (fd < 0 && errno != EEXIST)
+        log.fd = open(log.path.get(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, log_file_mode);
+        if (log.fd >= 0 || errno != EEXIST)
             return log;
     }
-    if (fd >= 0)
-        log.output = stream_of(fd, log.path.get());
     return log;
+}
+
+/// Turns an open stream to another file, to begin it at its start; false, with the stream as it was, on failure.
+bool redirect(FILE *stream, int fd) noexcept {
+    flockfile(stream);    // a writer on another thread finds the one file or the other
+    (void)fflush(stream); // also drops what a full disk refuses, so that it does not end up in the other file
+    const bool is_redirected = dup3(fd, fileno(stream), O_CLOEXEC) >= 0;
+    if (is_redirected)
+        rewind(stream); // clears the former file's errors, too
+    funlockfile(stream);
+    return is_redirected;
+}
+
+/// The stream of a log file just created, null on failure. It is one stream for the life of the process, as writers
+/// may still hold it when a restart makes another file: closing it would pull it from under them, and a stream for
+/// each start would use descriptors up.
+FILE *stream_of(int fd) noexcept {
+    if (log_state.own_output == nullptr) {
+        log_state.own_output = fdopen(fd, "w+");
+        if (log_state.own_output == nullptr)
+            (void)close(fd);
+        return log_state.own_output;
+    }
+    const bool is_redirected = redirect(log_state.own_output, fd);
+    (void)close(fd);
+    return is_redirected ? log_state.own_output : nullptr;
 }
 
 void adopt_path(qzfi::Text path) noexcept {
     free(log_state.own_path);
     log_state.own_path = path.release();
     log_state.path = log_state.own_path;
-}
-
-void adopt_output(FILE *output) noexcept {
-    FILE *former = std::exchange(log_state.own_output, output);
-    log_state.output = output;
-    if (former != nullptr)
-        (void)fclose(former);
 }
 
 void write_header(FILE *output) noexcept {
@@ -177,10 +183,12 @@ uint32_t init_qzfi_logFile(const char *root) {
     const bool is_named = log.path != nullptr;
     adopt_path(std::move(log.path));
     if (!is_named)
-        return 0; // an earlier log stays open, without a name
-    adopt_output(log.output);
-    if (log.output != nullptr)
-        write_header(log.output);
+        return 0; // an earlier log stays in force, without a name
+    log_state.output = log.fd < 0 ? nullptr : stream_of(log.fd);
+    if (log_state.output != nullptr)
+        write_header(log_state.output);
+    else if (log.fd >= 0)
+        (void)unlink(log_state.path);
     return mask;
 }
 

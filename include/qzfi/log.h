@@ -29,7 +29,10 @@ extern QZFI_API uint32_t qzfi_debug_level; /**< the trace mask in force */
 extern QZFI_API int32_t qzfi_debug;        /**< 1; read by nobody in this library */
 extern QZFI_API const char *const spc[20]; /**< indentation: entry i is 2 * i blanks */
 
-/** The log stream, null when there is no log. Not to be closed: the next opening closes what the last one opened. */
+/**
+ * The log stream, null when there is no log. The stream of a log file stays open for the life of the process and is
+ * not to be closed; when a restart makes another log file, the same stream goes on there.
+ */
 QZFI_API FILE *get_qzfi_msgout(void);
 /** Sends the log to another stream, null for nowhere; the stream stays the caller's. */
 QZFI_API void set_qzfi_msgout(FILE *stream);
@@ -47,8 +50,8 @@ QZFI_API void set_qzfi_debuglevel(uint32_t mask);
  * log file below "arcvault/logs/fisagent" and writes its header, which shows the mask in force before the call.
  * A configuration line is one of at most 249 characters that holds "debug_level" and a "=", and does not begin with
  * "#"; what follows the "=" are names of `qfi_trace` bits separated by "|". All such lines add up. Longer lines are
- * read as several. The stream and path that an earlier call made are released once a new log takes their place; those
- * given to the setters never are. A call that opens no log leaves the log as it is.
+ * read as several. A new log takes over the stream that an earlier call made and releases its path; a stream or path
+ * given to the setters is left alone. A call that returns 0 leaves the log stream as it is.
  * @return the trace mask, also when the log file cannot be opened (the log stream is null then); 0 for a null root, no
  *         configuration, no level, or when memory for the path is short (the path is null then)
  * Not thread-safe.
