@@ -1,4 +1,8 @@
-/* Thin wrappers over the system's file, loader and formatting calls. Each does one call and adds nothing else. */
+/*
+ * Thin wrappers over the system's file, loader and formatting calls. Each does one call and adds nothing else: a call
+ * that is interrupted or short is the caller's to repeat, and no argument is checked. All are thread-safe; a directory
+ * stream is for one thread at a time.
+ */
 #ifndef QZFI_SYSTEM_H
 #define QZFI_SYSTEM_H
 
@@ -21,11 +25,14 @@ enum qfi_file_mode {
 /** Tests access. @return 0, or -1 with errno */
 QZFI_API int32_t qzfi_pathaccess(const char *path, int32_t mode);
 
-/** Opens a directory stream. @return null with errno on failure */
+/** Opens a directory stream, to be closed with `qzfi_closedir`. @return null with errno on failure */
 QZFI_API DIR *qzfi_opendir(const char *path);
 /** Closes a directory stream. @return 0, or -1 with errno */
 QZFI_API int32_t qzfi_closedir(DIR *stream);
-/** The name of the next entry, null at the end; valid until the next call on the stream. */
+/**
+ * The name of the next entry, "." and ".." included; valid until the next call on the stream.
+ * @return null at the end, errno unchanged, or with errno when the directory cannot be read
+ */
 QZFI_API const char *qzfi_dir(DIR *stream);
 
 /**
@@ -35,7 +42,7 @@ QZFI_API const char *qzfi_dir(DIR *stream);
  * @return the descriptor, or -1 with errno
  */
 QZFI_API int32_t qzfi_openfile(const char *path, int32_t mode);
-/** Reads. @return the number of bytes, or -1 with errno */
+/** Reads. @return the number of bytes, 0 at the end of the file, or -1 with errno */
 QZFI_API ssize_t qzfi_readfile(int32_t fd, void *buffer, size_t size);
 /** Writes. @return the number of bytes, or -1 with errno */
 QZFI_API ssize_t qzfi_writefile(int32_t fd, const void *buffer, size_t size);
@@ -61,7 +68,10 @@ QZFI_API int32_t qzfi_munmap(void *address, size_t length);
 /** The calling thread's errno. */
 QZFI_API int32_t qzfi_errno(void);
 
-/** Formats into a buffer of `size` bytes, always terminated. @return the length that the whole text has */
+/**
+ * Formats into a buffer of `size` bytes, terminated unless that is 0.
+ * @return the length that the whole text has, negative when it cannot be formatted
+ */
 QZFI_API int32_t qzfi_snprintf(char *buffer, size_t size, const char *format, ...) QZFI_PRINTF(3, 4);
 
 /**

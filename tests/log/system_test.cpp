@@ -3,10 +3,13 @@
 
 #include <cerrno>
 #include <climits>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <set>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include <qzfi/system.h>
@@ -73,7 +76,9 @@ TEST_F(System, directory_streams_give_every_name_and_then_null) {
         names.insert(name);
     EXPECT_EQ(names, (std::set<std::string>{".", "..", "a", ".b"}));
     EXPECT_EQ(qzfi_dir(stream), nullptr);
+    const int fd = dirfd(stream);
     EXPECT_EQ(qzfi_closedir(stream), 0);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
 }
 
 TEST_F(System, opendir_of_nothing_is_null) {
@@ -155,8 +160,12 @@ TEST_F(System, descriptors_are_written_read_and_closed) {
     EXPECT_EQ(qzfi_closefile(fd), 0);
     EXPECT_EQ(qzfi_readfile(fd, buffer, sizeof buffer), -1);
     EXPECT_EQ(qzfi_errno(), EBADF);
+    errno = 0;
     EXPECT_EQ(qzfi_writefile(fd, "x", 1), -1);
+    EXPECT_EQ(qzfi_errno(), EBADF);
+    errno = 0;
     EXPECT_EQ(qzfi_closefile(fd), -1);
+    EXPECT_EQ(qzfi_errno(), EBADF);
 }
 
 TEST_F(System, a_transfer_is_one_call_that_may_be_short_or_fail) {
@@ -201,6 +210,7 @@ TEST_P(Loader, resolves_symbols_lazily) {
     ASSERT_NE(answer, nullptr);
     EXPECT_EQ(answer(), 42);
     EXPECT_EQ(qzfi_dlclose(library), 0);
+    EXPECT_EQ(dlopen(SYSTEM_PROBE, RTLD_LAZY | RTLD_NOLOAD), nullptr);
 }
 
 TEST_P(Loader, keeps_a_librarys_names_to_itself) {
@@ -245,6 +255,8 @@ TEST_F(System, mmap_maps_a_file_read_only_and_private_from_its_start) {
         continue;
     EXPECT_NE(line.find(" r--p 00000000 "), std::string::npos) << line;
     EXPECT_EQ(qzfi_munmap(address, 6), 0);
+    EXPECT_EQ(msync(address, 6, MS_ASYNC), -1); // as nothing is mapped there
+    EXPECT_EQ(errno, ENOMEM);
     EXPECT_EQ(qzfi_closefile(fd), 0);
 }
 
@@ -264,7 +276,13 @@ TEST_F(System, munmap_gives_its_failure) {
 }
 
 TEST_F(System, errno_is_the_calling_threads) {
+    int32_t others = 123;
     errno = 123;
+    std::thread([&] {
+        errno = 7;
+        others = qzfi_errno();
+    }).join();
+    EXPECT_EQ(others, 7);
     EXPECT_EQ(qzfi_errno(), 123);
     errno = 0;
     EXPECT_EQ(qzfi_errno(), 0);
@@ -279,6 +297,8 @@ TEST_F(System, snprintf_is_bounded_and_gives_the_whole_length) {
     EXPECT_EQ(qzfi_snprintf(buffer, 1, "%s", "abcd"), 4);
     EXPECT_STREQ(buffer, "");
     EXPECT_EQ(qzfi_snprintf(nullptr, 0, "%s", "abcd"), 4);
+    const wchar_t unrepresentable[] = {0x110000, 0};
+    EXPECT_EQ(qzfi_snprintf(buffer, sizeof buffer, "%ls", unrepresentable), -1);
 }
 
 struct Number {
