@@ -15,6 +15,7 @@ add_library(qzfi_objects OBJECT
   log/qzfilogmsg2_tree.cpp
   msgcat/qzfiicuerrormgr.cpp
   util/qzfiutil_escape.cpp
+  util/qzfiutil_format.cpp
   util/qzfiutil_messages.cpp
   util/qzfiutil_settings.cpp
   util/qzfiutil_start.cpp

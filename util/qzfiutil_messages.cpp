@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
 
 #include <qzfi/status.h>
 #include <qzfi/system.h>
@@ -12,6 +11,7 @@
 #include "common/qzfilock.h"
 #include "common/qzfitext.h"
 #include "msgcat/qzfiicuerrormgr.h"
+#include "util/qzfiutil_format.h"
 #include "util/qzfiutil_settings.h"
 
 const qzfi_emsg u_emsgs[29] = {
@@ -106,52 +106,14 @@ void format_into(Text &buffer, const char *format, va_list arguments) noexcept {
     va_end(own);
 }
 
-/// Steps past the next conversion and gives its length modifiers and letter, empty at the end of the format.
-std::string_view next_conversion(const char *&format) noexcept {
-    while ((format = std::strchr(format, '%')) != nullptr) {
-        ++format;
-        if (*format == '%') {
-            ++format;
-            continue;
-        }
-        format += std::strspn(format, "-+ #0'");
-        format += std::strspn(format, "0123456789");
-        if (*format == '.')
-            format += 1 + std::strspn(format + 1, "0123456789");
-        const std::size_t length = std::strspn(format, "hlqjztL") + 1;
-        const std::string_view conversion{format, length};
-        format += *(format + length - 1) != '\0' ? length : length - 1;
-        return conversion;
-    }
-    format = "";
-    return {};
-}
-
-/// Whether a localised text may be used as a format for the arguments of the English one. What a catalog holds, and
-/// the arguments that the bridge has put into it, may look like conversions that would read arguments never given.
-bool takes_the_same_arguments(const char *localized, const char *english) noexcept {
-    for (;;) {
-        const std::string_view wanted = next_conversion(localized);
-        if (wanted.empty())
-            return true;
-        const bool is_plain = std::strchr("diouxXcsp", wanted.back()) != nullptr && wanted.back() != '\0';
-        if (!is_plain || wanted != next_conversion(english))
-            return false;
-    }
-}
-
-/// Null when there is no localised text or memory is short.
+/// Null when there is no localised text, when it is not safe to format, or when memory is short.
 Text localized_message(const char *id, const char *english, va_list arguments) noexcept {
     const Text from_catalog = catalog_text(id, arguments);
     if (!from_catalog)
         return nullptr;
     Text buffer{static_cast<char *>(std::malloc(message_size))};
-    if (!buffer)
+    if (!buffer || !format_translation(buffer.get(), message_size, from_catalog.get(), english, arguments))
         return nullptr;
-    if (takes_the_same_arguments(from_catalog.get(), english))
-        format_into(buffer, from_catalog.get(), arguments);
-    else
-        copy_bounded(buffer.get(), message_size, from_catalog.get());
     return buffer;
 }
 
@@ -164,7 +126,7 @@ const char *qzfi_getlocmsg(int32_t code, int32_t localized, const qzfi_emsg *tab
         qzfi_snprintf(id, sizeof id, "MSG_QFI_UTIL_E%04u", static_cast<uint32_t>(code));
         return qzfi::keep(qzfi::raw_text(id));
     }
-    if (code < 0)
+    if (code < 0 || (table == u_emsgs && code > QFI_STATUS_UTILITY_LAST))
         return nullptr;
     if (cache->count != 0 && code >= cache->count)
         return nullptr;

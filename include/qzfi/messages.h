@@ -24,8 +24,13 @@ extern QZFI_API qzfi_emsg_cache vfcmsg;      /**< empty; filled by nobody in thi
 
 /**
  * Gives the text of a utility status code.
- * @param localized non-zero asks the message catalogs for the current language
- * @return the text, or null when there is none; the library's
+ * @param code the row of `table` and `cache`; a negative one has no text, nor has one above 28 in `u_emsgs`
+ * @param localized non-zero asks the message catalogs for the current language, whatever `table` and `cache` hold
+ * @param table as many rows as there are codes that are asked for
+ * @param cache asked before `table` when its count is not 0; then a code at or above the count has no text
+ * @return the text, or null when there is none or memory is short; not to be freed, valid as long as `table`, `cache`
+ * and the library are there
+ * Thread-safe while nobody changes `table` and `cache`.
  */
 QZFI_API const char *qzfi_getlocmsg(int32_t code, int32_t localized, const qzfi_emsg *table,
                                     const qzfi_emsg_cache *cache);
@@ -33,13 +38,23 @@ QZFI_API const char *qzfi_getlocmsg(int32_t code, int32_t localized, const qzfi_
 /**
  * Formats a message in English and in the current language and hands both to the host's handler.
  * Does nothing while the environment variable "ICU_DATA" is unset, or when memory is short. Texts are cut at 2047
- * bytes.
+ * bytes. The handler's localised text is null when no catalog has one, when there is no memory for it, or when it is
+ * not safe to format: one that takes arguments which `format` has not or has with another type, or that holds "%n".
+ * Fewer conversions, or in another order ("%2$s"), are sound.
+ * @param message_id not null
  * @param severity 2 or 3, passed on
+ * @param format the English text, not null, for at most 16 arguments where a catalog is to name the last
  * Thread-safe.
  */
 QZFI_API void qzfi_getmsg(const char *message_id, uint32_t severity, const char *format, ...) QZFI_PRINTF(3, 4);
 
-/** Expands the backslash escapes of a catalog format in place. Digits after a backslash are decimal. */
+/**
+ * Expands the backslash escapes of a catalog format in place; the text never grows.
+ * Backslash and one of a, b, f, n, r, t, v give the control character, two backslashes give one, up to three digits
+ * give the character of that code, as a decimal number; any other character is dropped with its backslash.
+ * @param text null does nothing
+ * Thread-safe for texts of one's own.
+ */
 QZFI_API void expandfmt(char *text);
 
 QZFI_END_DECLS

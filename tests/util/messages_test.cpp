@@ -116,13 +116,108 @@ TEST_F(Messages, a_localized_text_may_take_fewer_arguments) {
     EXPECT_EQ(reports, report("routine: name not found\n", "only routine, 100%", 2));
 }
 
-TEST_F(Messages, a_localized_text_that_would_read_other_arguments_is_handed_over_as_it_stands) {
-    for (const char *text : {"%d", "%s %s %s", "%n", "%s %n", "%", "%s %", "%ls", "%s %*d", "%1$s", "%hhn",
-                             "50% nothing", "%999999999999999999d", "%.", "%l"}) {
+TEST_F(Messages, a_localized_text_that_is_not_safe_to_format_is_not_used) {
+    for (const char *text : {"%d",
+                             "%c",
+                             "%p",
+                             "%ld",
+                             "%f",
+                             "%ls",
+                             "%S",
+                             "%hs",
+                             "%s %d",
+                             "%s %s %s",
+                             "%n",
+                             "%s %n",
+                             "%hhn",
+                             "%1$n",
+                             "%m",
+                             "%",
+                             "%s %",
+                             "%5",
+                             "%.",
+                             "%l",
+                             "%1$",
+                             "%5%",
+                             "50% nothing",
+                             "%*s",
+                             "%s %*d",
+                             "%.*s",
+                             "%1$*2$s",
+                             "%1$*s",
+                             "%3$s",
+                             "%0$s",
+                             "%1$d",
+                             "%2$d %1$s",
+                             "%17$s",
+                             "%99999999999999999999$s",
+                             "%99999s",
+                             "%.99999s",
+                             "%999999999999999999d",
+                             "%-------------------------s"}) {
         reports.clear();
         catalog_text = text;
         qzfi_getmsg("MSG", 2, "%s: %s not found\n", "routine", "name");
-        EXPECT_EQ(reports, report("routine: name not found\n", text, 2));
+        EXPECT_EQ(reports, report("routine: name not found\n", "(null)", 2)) << text;
+    }
+}
+
+TEST_F(Messages, a_localized_text_may_take_the_arguments_in_another_order) {
+    const struct {
+        const char *text;
+        const char *expected;
+    } cases[] = {
+        {"%2$s <- %1$s", "name <- routine"},
+        {"%2$s", "name"},
+        {"%2$s%2$s", "namename"},
+        {"[%2$6s|%1$-8s|%1$.2s]", "[  name|routine |ro]"},
+        {"%1$s %2$s", "routine name"},
+        {"<MSG>", "<MSG>"},
+    };
+    for (const auto &each : cases) {
+        reports.clear();
+        catalog_text = each.text;
+        qzfi_getmsg("MSG", 2, "%s: %s not found\n", "routine", "name");
+        EXPECT_EQ(reports, report("routine: name not found\n", each.expected, 2)) << each.text;
+    }
+}
+
+TEST_F(Messages, arguments_of_every_kind_can_be_passed_over) {
+    const char *const english = "%d %ld %hhu %c %.1f %Lg %p %ls %zx %*.*f %lld %s";
+    for (const char *text : {"%14$s|%13$lli|%9$zo|%5$.2e|%4$c|%3$hu|%2$lx|%1$i", "%1$x %12$.1f", "%2$li"}) {
+        reports.clear();
+        catalog_text = text;
+        qzfi_getmsg("MSG", 2, english, -1, 77L, 5, 'c', 2.5, 4.25L, static_cast<void *>(nullptr), L"wide", size_t{8}, 5,
+                    2, 3.0, -9LL, "end");
+        const std::string expected = text[1] == '2'   ? "77"
+                                     : text[3] == 'x' ? "ffffffff 3.0"
+                                                      : "end|-9|10|2.50e+00|c|5|4d|-1";
+        EXPECT_EQ(reports, report("-1 77 5 c 2.5 4.25 (nil) wide 8  3.00 -9 end", expected, 2));
+    }
+}
+
+TEST_F(Messages, a_width_may_be_an_argument_where_the_english_one_is) {
+    catalog_text = "[%*d]";
+    qzfi_getmsg("MSG", 2, "%*d\n", 4, 7);
+    EXPECT_EQ(reports, report("   7\n", "[   7]", 2));
+}
+
+TEST_F(Messages, a_text_that_the_english_format_cuts_may_be_passed_over_only) {
+    const char unterminated[] = {'a', 'b', 'c'};
+    for (const char *text : {"%s", "%.3s", "%2$d"}) {
+        reports.clear();
+        catalog_text = text;
+        qzfi_getmsg("MSG", 2, "%.3s %d", unterminated, 7);
+        EXPECT_EQ(reports, report("abc 7", text[1] == '2' ? "7" : "(null)", 2)) << text;
+    }
+}
+
+TEST_F(Messages, arguments_from_the_seventeenth_on_are_not_for_catalogs) {
+    for (const char *text : {"%16$d", "%17$d"}) {
+        reports.clear();
+        catalog_text = text;
+        qzfi_getmsg("MSG", 2, "%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d", 1, 2, 3, 4, 5, 6, 7, 8, 9, 1, 2, 3, 4, 5, 6, 7, 8);
+        EXPECT_EQ(reports, report("12345678912345678", text[2] == '6' ? "7" : "(null)", 2));
     }
 }
 
@@ -147,10 +242,15 @@ TEST_F(Messages, texts_are_cut_at_2047_bytes) {
     qzfi_getmsg("MSG", 2, "%s", (fitting + "y").c_str());
     EXPECT_EQ(reports, report(fitting, fitting, 2));
     reports.clear();
-    const std::string verbatim = "%n" + fitting;
-    catalog_text = verbatim.c_str();
+    const std::string plain = "<" + fitting;
+    catalog_text = plain.c_str();
     qzfi_getmsg("MSG", 2, "%s", "short");
-    EXPECT_EQ(reports, report("short", verbatim.substr(0, 2047), 2));
+    EXPECT_EQ(reports, report("short", plain.substr(0, 2047), 2));
+    reports.clear();
+    const std::string unsafe_where_cut = fitting + "%n";
+    catalog_text = unsafe_where_cut.c_str();
+    qzfi_getmsg("MSG", 2, "%s", "short");
+    EXPECT_EQ(reports, report("short", "(null)", 2));
 }
 
 TEST_F(Messages, without_memory_the_message_or_its_localized_text_is_dropped) {
