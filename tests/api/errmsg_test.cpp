@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "frontend_fixture.h"
+#include "support/fault.h"
 
 // The catalogs' answer is set by the tests here, in place of the bridge's own: what is proven is what it is asked and
 // what becomes of its text.
@@ -159,6 +160,17 @@ TEST_F(StatusText, a_failed_binding_is_returned_at_once) {
     EXPECT_STREQ(text, "untouched");
 }
 
+TEST_F(StatusText, the_librarys_codes_give_2_before_start_and_after_shutdown) {
+    EXPECT_EQ(qzfiapi_errmsg(1024, &text), 2u);
+    start();
+    EXPECT_EQ(qzfiapi_errmsg(1024, &text), 0u);
+    qzfiapi_shutdown();
+    text = "untouched";
+    EXPECT_EQ(qzfiapi_errmsg(2047 | QFI_STATUS_LOCALIZED, &text), 2u);
+    EXPECT_STREQ(text, "untouched");
+    EXPECT_EQ(journal(), "load\nstart\nshutdown\nunload\n"); // neither refused call attempted anything
+}
+
 TEST_F(StatusText, a_localized_text_is_asked_of_the_catalogs_in_the_current_language) {
     qzfi_setlang(2);
     for (const uint32_t code : {0u, 5u, 10u, 28u}) {
@@ -194,6 +206,17 @@ TEST_F(StatusText, a_localized_text_stays_valid_whatever_is_asked_later) {
     EXPECT_EQ(text, first); // kept once, so that asking again and again does not grow
 }
 
+TEST_F(StatusText, without_memory_for_a_localized_text_gives_3) {
+    catalog_text = "short of memory";
+    fault::for_each(fault::Call::allocation, [&](fault::Trial &trial) {
+        trial.arm();
+        const uint32_t status = qzfiapi_errmsg(5 | QFI_STATUS_LOCALIZED, &text);
+        trial.disarm();
+        EXPECT_EQ(status, trial.fired() ? 3u : 0u);
+        EXPECT_STREQ(text, trial.fired() ? nullptr : "short of memory");
+    });
+}
+
 TEST_F(StatusText, localized_texts_may_be_asked_by_many_threads) {
     catalog_text = "shared";
     is_asked_by_many = true;
@@ -221,6 +244,17 @@ TEST_F(StatusText, cached_texts_go_before_the_english_ones) {
     EXPECT_EQ(qzfiapi_errmsg(3, &text), 3u);
     catalog_text = "localised goes first";
     EXPECT_STREQ(qzfi_getlocmsg(0, 1, u_emsgs, &vfcmsg), "localised goes first");
+}
+
+TEST_F(StatusText, there_is_no_row_beyond_the_table) {
+    for (const int32_t code : {29, 1024, INT32_MAX, -1, INT32_MIN})
+        EXPECT_EQ(qzfi_getlocmsg(code, 0, u_emsgs, &vfcmsg), nullptr) << code;
+}
+
+TEST_F(StatusText, another_table_may_have_more_rows) {
+    qzfi_emsg table[31] = {};
+    table[30] = {"MSG", "row 30"};
+    EXPECT_STREQ(qzfi_getlocmsg(30, 0, table, &vfcmsg), "row 30");
 }
 
 TEST_F(StatusText, the_cache_starts_empty) {
