@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <memory>
 #include <utility>
 
@@ -23,22 +22,10 @@
 #define QZFI_SPARE QZFI_ENTRY
 #define QZFI_ALIAS(slot, name, ...)
 // Every forwarded call reads these two; they stay off the cache lines of what others write.
-alignas(64) qzfi_entry fiapi[92] = {
+alignas(64) qzfi_entry fiapi[] = {
 #include <qzfi/operations.def>
     {nullptr, nullptr}};
 alignas(64) qzfi_module fimod = {qzfi::api_library_path, "QFI_API_LIB", nullptr, qzfi::unbound, nullptr};
-
-#define QZFI_ROW_(slot, name, ...) +1
-#define QZFI_OWN QZFI_ROW_
-#define QZFI_OPERATION QZFI_ROW_
-#define QZFI_TREE QZFI_ROW_
-#define QZFI_SPARE QZFI_ROW_
-#define QZFI_ALIAS(slot, name, ...)
-static_assert(0
-#include <qzfi/operations.def>
-                      + 1 ==
-                  std::size(fiapi),
-              "91 entries and the end of the table");
 
 qzfi_modrow qzfi_modtbl[2] = {{&fimod, QFI_STATUS_API_FIRST, QFI_STATUS_API_LAST, &fiapi[qzfi::errmsg_slot].function},
                               {nullptr, 0, 0, nullptr}};
@@ -62,6 +49,11 @@ struct LibraryCloser {
 using Library = std::unique_ptr<void, LibraryCloser>;
 using Functions = std::unique_ptr<void *[], FreeDeleter>;
 
+class Binding;
+/// The latest binding that this thread began and has in progress.
+// In the thread's static block: one made on first use would end the process when memory is short.
+[[gnu::tls_model("initial-exec")]] thread_local const Binding *innermost = nullptr;
+
 /// A binding that this thread has in progress; a start entry that calls back into its own module would wait for
 /// itself for ever.
 class Binding {
@@ -79,11 +71,9 @@ public:
     }
 
 private:
-    static thread_local const Binding *innermost;
     const qzfi_module *module_;
     const Binding *outer_;
 };
-thread_local const Binding *Binding::innermost = nullptr;
 
 /// The path to load from; null when memory is short. Always a copy: the environment may change while it is in use.
 Text library_path(const qzfi_module &module) noexcept {

@@ -7,6 +7,7 @@
 #include <qzfi/log.h>
 #include <qzfi/status.h>
 
+#include "api/qzfiapi_parameters.h"
 #include "common/qzfilock.h"
 
 namespace qzfi {
@@ -28,6 +29,16 @@ constexpr int entry_slots[] = {
 #define QZFI_TREE QZFI_SLOT
 #define QZFI_SPARE QZFI_SLOT
 #define QZFI_ALIAS(slot, name, ...)
+#include <qzfi/operations.def>
+};
+
+/// The slots of the forwarders that are written by hand, from the table like all others.
+enum TreeSlot : int {
+#define QZFI_OWN(slot, name)
+#define QZFI_SPARE(slot, name)
+#define QZFI_OPERATION(slot, name, ...)
+#define QZFI_ALIAS(slot, name, ...)
+#define QZFI_TREE(slot, name, ...) name##_slot = slot,
 #include <qzfi/operations.def>
 };
 
@@ -113,36 +124,6 @@ int32_t trace_exit(const char *name, int32_t status) {
 } // namespace
 } // namespace qzfi
 
-#define QZFI_PARAMETERS_1(k) QZFI_KIND_##k a1
-#define QZFI_PARAMETERS_2(k, ...) QZFI_KIND_##k a2, QZFI_PARAMETERS_1(__VA_ARGS__)
-#define QZFI_PARAMETERS_3(k, ...) QZFI_KIND_##k a3, QZFI_PARAMETERS_2(__VA_ARGS__)
-#define QZFI_PARAMETERS_4(k, ...) QZFI_KIND_##k a4, QZFI_PARAMETERS_3(__VA_ARGS__)
-#define QZFI_PARAMETERS_5(k, ...) QZFI_KIND_##k a5, QZFI_PARAMETERS_4(__VA_ARGS__)
-#define QZFI_PARAMETERS_6(k, ...) QZFI_KIND_##k a6, QZFI_PARAMETERS_5(__VA_ARGS__)
-#define QZFI_PARAMETERS_7(k, ...) QZFI_KIND_##k a7, QZFI_PARAMETERS_6(__VA_ARGS__)
-#define QZFI_PARAMETERS_8(k, ...) QZFI_KIND_##k a8, QZFI_PARAMETERS_7(__VA_ARGS__)
-#define QZFI_PARAMETERS_9(k, ...) QZFI_KIND_##k a9, QZFI_PARAMETERS_8(__VA_ARGS__)
-#define QZFI_PARAMETERS_10(k, ...) QZFI_KIND_##k a10, QZFI_PARAMETERS_9(__VA_ARGS__)
-#define QZFI_PARAMETERS_11(k, ...) QZFI_KIND_##k a11, QZFI_PARAMETERS_10(__VA_ARGS__)
-#define QZFI_PARAMETERS_12(k, ...) QZFI_KIND_##k a12, QZFI_PARAMETERS_11(__VA_ARGS__)
-#define QZFI_PARAMETERS_13(k, ...) QZFI_KIND_##k a13, QZFI_PARAMETERS_12(__VA_ARGS__)
-#define QZFI_PARAMETERS(...) QZFI_PASTE(QZFI_PARAMETERS_, QZFI_COUNT(__VA_ARGS__))(__VA_ARGS__)
-
-#define QZFI_ARGUMENTS_1 a1
-#define QZFI_ARGUMENTS_2 a2, QZFI_ARGUMENTS_1
-#define QZFI_ARGUMENTS_3 a3, QZFI_ARGUMENTS_2
-#define QZFI_ARGUMENTS_4 a4, QZFI_ARGUMENTS_3
-#define QZFI_ARGUMENTS_5 a5, QZFI_ARGUMENTS_4
-#define QZFI_ARGUMENTS_6 a6, QZFI_ARGUMENTS_5
-#define QZFI_ARGUMENTS_7 a7, QZFI_ARGUMENTS_6
-#define QZFI_ARGUMENTS_8 a8, QZFI_ARGUMENTS_7
-#define QZFI_ARGUMENTS_9 a9, QZFI_ARGUMENTS_8
-#define QZFI_ARGUMENTS_10 a10, QZFI_ARGUMENTS_9
-#define QZFI_ARGUMENTS_11 a11, QZFI_ARGUMENTS_10
-#define QZFI_ARGUMENTS_12 a12, QZFI_ARGUMENTS_11
-#define QZFI_ARGUMENTS_13 a13, QZFI_ARGUMENTS_12
-#define QZFI_ARGUMENTS(...) QZFI_PASTE(QZFI_ARGUMENTS_, QZFI_COUNT(__VA_ARGS__))
-
 #define QZFI_OWN(slot, name)
 #define QZFI_SPARE(slot, name)
 #define QZFI_TREE(slot, name, ...)
@@ -159,7 +140,7 @@ int32_t qzfiapi_gentree(void *objects, int32_t count, void *options, void *tree)
     const int32_t entered = qzfi_enter(&fimod);
     if (entered != QFI_STATUS_OK)
         return entered;
-    const int32_t status = call_if_bound<3>(objects, count, options, tree);
+    const int32_t status = call_if_bound<qzfi::gentree_slot>(objects, count, options, tree);
     qzfi_print_tree(qzfi::tree_at(tree), qzfi::dump_depth);
     return status;
 }
@@ -169,7 +150,7 @@ int32_t qzfiapi_build_alttree(void *tree, void *second, void *third) {
     if (entered != QFI_STATUS_OK)
         return entered;
     qzfi::trace_entry("qfi_build_alttree");
-    const int32_t status = call_if_bound<9>(tree, second, third);
+    const int32_t status = call_if_bound<qzfi::build_alttree_slot>(tree, second, third);
     qzfi_print_tree(static_cast<const qfi_domain *>(tree), qzfi::dump_depth);
     return qzfi::trace_exit("qfi_build_alttree", status);
 }
@@ -179,7 +160,7 @@ int32_t qzfiapi_reaccess_tree(void *first, void *tree, void *third, void *fourth
     if (entered != QFI_STATUS_OK)
         return entered;
     qzfi::trace_entry("qfi_reaccess_tree");
-    const int32_t status = call_if_bound<13>(first, tree, third, fourth, fifth, sixth);
+    const int32_t status = call_if_bound<qzfi::reaccess_tree_slot>(first, tree, third, fourth, fifth, sixth);
     qzfi_print_tree(qzfi::tree_at(tree), qzfi::dump_depth);
     return qzfi::trace_exit("qfi_reaccess_tree", status);
 }
@@ -190,7 +171,8 @@ int32_t qzfiapi_refresh_tree(void *tree, int32_t second, int32_t third, void *fo
     if (entered != QFI_STATUS_OK)
         return entered;
     qzfi::trace_entry("qfi_refresh_tree");
-    const int32_t status = call_if_bound<82>(tree, second, third, fourth, fifth, sixth, seventh, eighth);
+    const int32_t status =
+        call_if_bound<qzfi::refresh_tree_slot>(tree, second, third, fourth, fifth, sixth, seventh, eighth);
     qzfi_print_tree(static_cast<const qfi_domain *>(tree), qzfi::dump_depth);
     return qzfi::trace_exit("qfi_refresh_tree", status);
 }

@@ -1,95 +1,34 @@
 #include <algorithm>
-#include <atomic>
 
-#include "frontend_fixture.h"
+#include "binding_fixture.h"
 #include "support/fault.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
-const char *const published_entries[] = {
-#include "published_entries.inc"
-};
-
-constexpr char not_loaded_format[] = "%s: %s not loaded:\n%s\n";
-constexpr char not_found_format[] = "%s: %s not found\n";
-constexpr int thread_count = 10;
-
-std::atomic<int> arrived{0};
 std::vector<uint32_t> seen_by_hook;
 
-/// Holds the start entry back until every thread is about to call, so that all but one of them wait.
-void wait_for_everybody() {
-    while (arrived.load() < thread_count)
-        std::this_thread::yield();
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-}
+/// Whether nothing was bound or startable before the first test, whichever that is.
+const bool begins_unbound =
+    fimod.entries == nullptr && fimod.state == 0 && fimod.handle == nullptr && qzfi_lib == nullptr &&
+    fi_get_pgn_f == nullptr &&
+    std::all_of(std::begin(fiapi), std::end(fiapi), [](const qzfi_entry &entry) { return entry.function == nullptr; });
 
 int open_descriptors() {
     return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
-class Binding : public Frontend {
-protected:
-    Binding() { arrived = 0; }
-
-    std::string default_path() const { return (scratch / "lib/libfi.so").string(); }
-
-    void install_default(const std::string &name) const {
-        fs::create_directories(scratch / "lib");
-        fs::copy_file(mock(name), default_path());
-    }
-
-    void call_from_start_entry(MockHook hook) { recorder.reserved1 = reinterpret_cast<void *>(hook); }
-
-    static void expect_unbound() {
-        EXPECT_EQ(fimod.state, 0);
-        EXPECT_EQ(fimod.handle, nullptr);
-        EXPECT_EQ(qzfi_lib, nullptr);
-        EXPECT_EQ(fi_get_pgn_f, nullptr);
-    }
-
-    static Raised not_loaded(const std::string &path) {
-        return {"MSG_QFI_UTIL_E0060", {not_loaded_format, "modstart", path}};
-    }
-    static Raised not_found() { return {"MSG_QFI_UTIL_E0061", {not_found_format, "modstart"}}; }
-
-    void expect_missing_entry(const std::string &library, const std::string &entry) {
-        setenv("ICU_DATA", "", 1);
-        const std::string path = use(library);
-        start();
-        testing::internal::CaptureStderr();
-
-        const int32_t status = call();
-
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), "Unable to load symbol from lib " + path + " for QzFI API " +
-                                                              entry + ": error=" + path +
-                                                              ": undefined symbol: " + entry + "\n");
-        EXPECT_EQ(status, 2);
-        EXPECT_EQ(recorder.reports, (std::vector<Report>{{"modstart: " + entry + " not found\n", "(null)", 3}}));
-        EXPECT_EQ(raised(), std::vector<Raised>{not_found()});
-        EXPECT_EQ(journal(), "load\nunload\n");
-        EXPECT_FALSE(is_loaded(path));
-        expect_unbound();
-    }
-};
-
 TEST_F(Binding, the_entry_table_holds_the_published_names_in_slot_order) {
     ASSERT_EQ(std::size(published_entries), 91u);
     ASSERT_EQ(std::size(fiapi), 92u);
-    for (std::size_t slot = 0; slot < 91; ++slot) {
+    for (std::size_t slot = 0; slot < 91; ++slot)
         EXPECT_STREQ(fiapi[slot].name, published_entries[slot]);
-        EXPECT_EQ(fiapi[slot].function, nullptr) << slot;
-    }
     EXPECT_EQ(fiapi[91].name, nullptr);
 }
 
 TEST_F(Binding, the_descriptor_and_the_range_table_stand_as_published) {
     EXPECT_STREQ(fimod.library_path, "/lib/libfi.so");
     EXPECT_STREQ(fimod.env_name, "QFI_API_LIB");
-    EXPECT_EQ(fimod.state, 0);
-    EXPECT_EQ(fimod.handle, nullptr);
+    EXPECT_TRUE(begins_unbound);
     EXPECT_EQ(qzfi_modtbl[0].module, &fimod);
     EXPECT_EQ(qzfi_modtbl[0].lowest, 1024);
     EXPECT_EQ(qzfi_modtbl[0].highest, 2047);
@@ -112,6 +51,32 @@ TEST_F(Binding, the_first_call_loads_the_library_below_the_root_and_starts_it) {
         EXPECT_EQ(fiapi[slot].function, dlsym(fimod.handle, fiapi[slot].name)) << slot;
     EXPECT_EQ(reinterpret_cast<void *>(fi_get_pgn_f), dlsym(fimod.handle, "fi_get_pgn"));
     EXPECT_NE(fi_get_pgn_f, nullptr);
+}
+
+TEST_F(Binding, the_entries_are_set_by_the_first_start_that_succeeds_and_stay) {
+    fimod.entries = nullptr;
+    ASSERT_EQ(qzfiapi_start(&recorder, QFI_VERSION(8, 0, 0, 0)), 8);
+    EXPECT_EQ(fimod.entries, nullptr);
+    start();
+    EXPECT_EQ(fimod.entries, fiapi);
+    ASSERT_EQ(qzfiapi_shutdown(), 0);
+    EXPECT_EQ(fimod.entries, fiapi);
+}
+
+TEST_F(Binding, the_path_is_below_the_root_in_force_not_one_set_since) {
+    install_default("complete");
+    start();
+    set_root(scratch / "elsewhere");
+    EXPECT_EQ(call(), 0);
+    EXPECT_STREQ(qzfi_lib, default_path().c_str());
+}
+
+TEST_F(Binding, without_a_root_the_path_is_below_the_default_one) {
+    qzfiapi_set_init_env(nullptr, nullptr);
+    start();
+    const fault::Armed no_library_there(fault::Call::dlopen, 1);
+    EXPECT_EQ(call(), 2);
+    EXPECT_EQ(raised(), std::vector<Raised>{not_loaded("/usr/lumen/lib/libfi.so")});
 }
 
 TEST_F(Binding, the_start_entry_gets_null_0_the_handler_and_0) {
@@ -372,6 +337,17 @@ TEST_F(Binding, a_start_entry_that_calls_back_gets_2_instead_of_waiting_for_itse
     EXPECT_TRUE(recorder.reports.empty());
 }
 
+TEST_F(Binding, a_handler_that_calls_back_gets_2_while_a_failure_is_reported) {
+    setenv("ICU_DATA", "", 1);
+    int32_t inner = 0;
+    recorder.hook = [&](const std::string &) { inner = call(); };
+    start();
+    EXPECT_EQ(call(), 2);
+    EXPECT_EQ(inner, 2);
+    EXPECT_EQ(recorder.reports.size(), 1u);
+    EXPECT_EQ(raised(), std::vector<Raised>{not_loaded(default_path())});
+}
+
 TEST_F(Binding, before_start_nothing_is_attempted) {
     setenv("ICU_DATA", "", 1);
     use("complete");
@@ -441,164 +417,6 @@ TEST_F(Binding, start_bind_shutdown_repeats_without_leaving_anything) {
     for (int repeat = 0; repeat < 1000 && !HasFatalFailure(); ++repeat)
         cycle();
     EXPECT_EQ(open_descriptors(), descriptors);
-}
-
-class OtherModule : public Binding {
-protected:
-    OtherModule() { unsetenv("QFI_OTHER_LIB"); }
-    ~OtherModule() override {
-        if (module.state == 2)
-            qzfi::unbind(module);
-    }
-
-    qzfi_entry entries[4] = {
-        {"qzfi_start", nullptr}, {"qzfi_shutdown", nullptr}, {"qzfi_errmsg", nullptr}, {nullptr, nullptr}};
-    qzfi_module module = {"/lib/libother.so", "QFI_OTHER_LIB", entries, 0, nullptr};
-};
-
-TEST_F(OtherModule, is_bound_below_the_root_without_becoming_the_api_library) {
-    start();
-    fs::create_directories(scratch / "lib");
-    fs::copy_file(mock("complete"), scratch / "lib/libother.so");
-    EXPECT_EQ(qzfi_enter(&module), 0);
-    EXPECT_EQ(module.state, 2);
-    ASSERT_NE(module.handle, nullptr);
-    for (int slot = 0; slot < 3; ++slot)
-        EXPECT_EQ(entries[slot].function, dlsym(module.handle, entries[slot].name));
-    EXPECT_EQ(qzfi_lib, nullptr);
-    EXPECT_EQ(fimod.state, 0);
-    EXPECT_EQ(qzfi_enter(&module), 0);
-    EXPECT_EQ(journal(), "load\nstart\n");
-}
-
-TEST_F(OtherModule, is_bound_from_its_own_variable) {
-    setenv("QFI_OTHER_LIB", mock("complete").c_str(), 1);
-    start();
-    EXPECT_EQ(qzfi_enter(&module), 0);
-    EXPECT_EQ(qzfi_lib, nullptr);
-}
-
-TEST_F(OtherModule, without_entries_is_not_bound) {
-    setenv("QFI_OTHER_LIB", mock("complete").c_str(), 1);
-    start();
-    module.entries = nullptr;
-    EXPECT_EQ(qzfi_enter(&module), 2);
-    EXPECT_EQ(journal(), "");
-}
-
-TEST_F(OtherModule, may_be_bound_from_the_start_entry_of_another) {
-    static qzfi_module *other;
-    static int32_t inner;
-    other = &module;
-    setenv("QFI_OTHER_LIB", mock("without_get_pgn").c_str(), 1);
-    use("complete");
-    call_from_start_entry([] { // also called by the other module's start entry, for which its own is in progress
-        if (other != nullptr) {
-            qzfi_module *const once = other;
-            other = nullptr;
-            inner = qzfi_enter(once);
-        }
-    });
-    start();
-    EXPECT_EQ(call(), 0);
-    EXPECT_EQ(inner, 0);
-    EXPECT_EQ(module.state, 2);
-}
-
-class BindingFaults : public Binding {};
-
-TEST_F(BindingFaults, no_memory_gives_5_silently_and_leaves_no_trace) {
-    setenv("ICU_DATA", "", 1);
-    install_default("complete");
-    for (const bool from_environment : {false, true}) {
-        if (from_environment)
-            use("complete");
-        fault::for_each(fault::Call::allocation, [&](fault::Trial &trial) {
-            fs::remove(journal_path);
-            start();
-            trial.arm();
-            const int32_t status = call();
-            trial.disarm();
-            EXPECT_EQ(status, trial.fired() ? 5 : 0);
-            EXPECT_EQ(journal(), trial.fired() ? "" : "load\nstart\n");
-            EXPECT_TRUE(recorder.reports.empty());
-            EXPECT_TRUE(raised().empty());
-            if (trial.fired()) {
-                expect_unbound();
-                EXPECT_EQ(call(), 0);
-            }
-            qzfiapi_shutdown();
-        });
-    }
-}
-
-TEST_F(BindingFaults, a_load_that_gives_no_error_text_is_reported_with_the_fallback) {
-    setenv("ICU_DATA", "", 1);
-    const std::string path = use("complete");
-    fault::for_each(fault::Call::dlopen, [&](fault::Trial &trial) {
-        recorder.reports.clear();
-        fi_del_all_errors();
-        start();
-        dlsym(RTLD_DEFAULT, "a stale error of another call");
-        trial.arm();
-        const int32_t status = call();
-        trial.disarm();
-        EXPECT_EQ(status, trial.fired() ? 2 : 0);
-        if (trial.fired()) {
-            EXPECT_EQ(recorder.reports,
-                      (std::vector<Report>{
-                          {"modstart: " + path + " not loaded:\ndlerror call returned null string\n", "(null)", 3}}));
-            EXPECT_EQ(raised(), std::vector<Raised>{not_loaded(path)});
-            expect_unbound();
-        }
-        qzfiapi_shutdown();
-    });
-}
-
-TEST_F(BindingFaults, each_entry_that_does_not_resolve_is_named_and_the_library_closed) {
-    setenv("ICU_DATA", "", 1);
-    const std::string path = use("complete");
-    fault::for_each(fault::Call::dlsym, [&](fault::Trial &trial) {
-        recorder.reports.clear();
-        fi_del_all_errors();
-        fs::remove(journal_path);
-        start();
-        testing::internal::CaptureStderr();
-        trial.arm();
-        const int32_t status = call();
-        trial.disarm();
-        const std::string output = testing::internal::GetCapturedStderr();
-        const bool names_an_entry = trial.fired() && trial.nth() <= 91;
-        EXPECT_EQ(status, names_an_entry ? 2 : 0);
-        if (names_an_entry) {
-            const std::string entry = published_entries[trial.nth() - 1];
-            EXPECT_EQ(output, "Unable to load symbol from lib " + path + " for QzFI API " + entry +
-                                  ": error=dlerror call returned null string\n");
-            EXPECT_EQ(recorder.reports, (std::vector<Report>{{"modstart: " + entry + " not found\n", "(null)", 3}}));
-            EXPECT_EQ(raised(), std::vector<Raised>{not_found()});
-            EXPECT_EQ(journal(), "load\nunload\n");
-            EXPECT_FALSE(is_loaded(path));
-            expect_unbound();
-        } else {
-            EXPECT_EQ(output, "");
-            EXPECT_EQ(fi_get_pgn_f == nullptr, trial.fired()); // the optional entry is the last to be looked up
-        }
-        qzfiapi_shutdown();
-    });
-}
-
-TEST_F(BindingFaults, a_failure_that_cannot_be_recorded_still_gives_its_status) {
-    setenv("ICU_DATA", "", 1);
-    fault::for_each(fault::Call::allocation, [&](fault::Trial &trial) {
-        start();
-        trial.arm();
-        const int32_t status = call();
-        trial.disarm();
-        EXPECT_EQ(status, trial.fired() && trial.nth() <= 2 ? 5 : 2);
-        expect_unbound();
-        qzfiapi_shutdown();
-        fi_del_all_errors();
-    });
 }
 
 } // namespace

@@ -1,8 +1,28 @@
+#include <atomic>
 #include <map>
 #include <set>
 #include <utility>
 
 #include "frontend_fixture.h"
+
+namespace {
+
+/// Drops the state between entering and calling, as a shutdown on another thread would.
+bool drops_state_after_entering = false;
+
+} // namespace
+
+extern "C" {
+
+int32_t __real_qzfi_enter(qzfi_module *module);
+int32_t __wrap_qzfi_enter(qzfi_module *module);
+int32_t __wrap_qzfi_enter(qzfi_module *module) {
+    const int32_t status = __real_qzfi_enter(module);
+    if (drops_state_after_entering)
+        __atomic_store_n(&module->state, 0, __ATOMIC_RELEASE);
+    return status;
+}
+}
 
 namespace {
 
@@ -147,6 +167,29 @@ TEST_F(Forwarding, calls_run_in_parallel_on_any_number_of_threads) {
     EXPECT_EQ(api.calls, 8000);
 }
 
+TEST_F(Forwarding, calls_do_not_wait_for_one_another) {
+    static constexpr int thread_count = 8;
+    static std::atomic<int> inside;
+    MockApi &api = bind();
+    inside = 0;
+    api.on_call = [] { // hangs unless all of them get here
+        inside += 1;
+        while (inside < thread_count)
+            std::this_thread::yield();
+    };
+    in_threads(thread_count, [](int) { qzfiapi_set_op_status(nullptr, 1); });
+    EXPECT_EQ(api.calls, thread_count);
+}
+
+TEST_F(Forwarding, a_state_that_dropped_after_entering_gives_2_without_a_call) {
+    start();
+    drops_state_after_entering = true;
+    EXPECT_EQ(qzfiapi_set_fim_name(nullptr), 2);
+    drops_state_after_entering = false;
+    __atomic_store_n(&fimod.state, 2, __ATOMIC_RELEASE);
+    EXPECT_EQ(api_at(path).calls, 0);
+}
+
 TEST_F(Forwarding, without_a_library_every_operation_returns_2) {
     setenv("QFI_API_LIB", (scratch / "none").c_str(), 1);
     start();
@@ -175,14 +218,23 @@ protected:
         return {"Exiting " + name + " with " + std::to_string(status), "(null)", 3};
     }
 
-    /// Drops the state between entering and calling, as a shutdown on another thread would.
-    void drop_state_on_entry() {
-        recorder.hook = [](const std::string &text) {
-            if (text.rfind("Entering ", 0) == 0)
-                __atomic_store_n(&fimod.state, 0, __ATOMIC_RELEASE);
+    /// Binds a library whose entries give a status and tell when they are called: among the reports. They leave the
+    /// tree in `cell` only then, which is null before.
+    MockApi &bind_with(int32_t status) {
+        static TreeForwarding *test;
+        test = this;
+        recorder.reports.clear();
+        cell = nullptr;
+        MockApi &api = fimod.state == 2 ? api_at(path) : bind();
+        api.status = status;
+        api.on_call = [] {
+            test->recorder.error(&test->recorder, "called", nullptr, 0);
+            test->cell = &test->node;
         };
+        return api;
     }
-    static void restore_state() { __atomic_store_n(&fimod.state, 2, __ATOMIC_RELEASE); }
+
+    static inline const Report called{"called", "(null)", 0};
 
     char name[4] = "vol";
     qfi_objid_t id = {name, 3, 0};
@@ -196,38 +248,36 @@ protected:
 
 TEST_F(TreeForwarding, refresh_traces_and_dumps_its_first_argument) {
     for (const int32_t status : {0, 41}) {
-        recorder.reports.clear();
-        if (status == 0)
-            bind();
-        api_at(path).status = status;
+        bind_with(status);
         EXPECT_EQ(qzfiapi_refresh_tree(&node, 1, 2, nullptr, 3, nullptr, nullptr, 4), status);
-        EXPECT_EQ(recorder.reports,
-                  (std::vector<Report>{entering("qfi_refresh_tree"), dump, exiting("qfi_refresh_tree", status)}));
+        EXPECT_EQ(recorder.reports, (std::vector<Report>{entering("qfi_refresh_tree"), called, dump,
+                                                         exiting("qfi_refresh_tree", status)}));
     }
 }
 
-TEST_F(TreeForwarding, reaccess_traces_and_dumps_what_its_second_argument_points_to) {
-    bind().status = -3;
-    EXPECT_EQ(qzfiapi_reaccess_tree(nullptr, &cell, nullptr, nullptr, nullptr, 1), -3);
-    EXPECT_EQ(recorder.reports,
-              (std::vector<Report>{entering("qfi_reaccess_tree"), dump, exiting("qfi_reaccess_tree", -3)}));
+TEST_F(TreeForwarding, reaccess_traces_and_dumps_what_its_second_argument_points_to_then) {
+    for (const int32_t status : {0, -3}) {
+        bind_with(status);
+        EXPECT_EQ(qzfiapi_reaccess_tree(nullptr, &cell, nullptr, nullptr, nullptr, 1), status);
+        EXPECT_EQ(recorder.reports, (std::vector<Report>{entering("qfi_reaccess_tree"), called, dump,
+                                                         exiting("qfi_reaccess_tree", status)}));
+    }
 }
 
 TEST_F(TreeForwarding, build_alttree_traces_and_dumps_its_first_argument) {
-    bind().status = 7;
-    EXPECT_EQ(qzfiapi_build_alttree(&node, nullptr, nullptr), 7);
-    EXPECT_EQ(recorder.reports,
-              (std::vector<Report>{entering("qfi_build_alttree"), dump, exiting("qfi_build_alttree", 7)}));
+    for (const int32_t status : {0, 7}) {
+        bind_with(status);
+        EXPECT_EQ(qzfiapi_build_alttree(&node, nullptr, nullptr), status);
+        EXPECT_EQ(recorder.reports, (std::vector<Report>{entering("qfi_build_alttree"), called, dump,
+                                                         exiting("qfi_build_alttree", status)}));
+    }
 }
 
-TEST_F(TreeForwarding, gentree_dumps_what_its_fourth_argument_points_to_whatever_the_status_and_does_not_trace) {
+TEST_F(TreeForwarding, gentree_dumps_what_its_fourth_argument_points_to_then_whatever_the_status_untraced) {
     for (const int32_t status : {0, 12}) {
-        recorder.reports.clear();
-        if (status == 0)
-            bind();
-        api_at(path).status = status;
+        bind_with(status);
         EXPECT_EQ(qzfiapi_gentree(nullptr, 0, nullptr, &cell), status);
-        EXPECT_EQ(recorder.reports, std::vector<Report>{dump});
+        EXPECT_EQ(recorder.reports, (std::vector<Report>{called, dump}));
     }
 }
 
@@ -250,20 +300,23 @@ TEST_F(TreeForwarding, a_failed_binding_is_not_traced) {
     EXPECT_TRUE(recorder.reports.empty());
 }
 
-TEST_F(TreeForwarding, a_state_that_dropped_after_entering_is_traced_with_2) {
+TEST_F(TreeForwarding, a_state_that_dropped_after_entering_gives_2_traced_and_dumped_without_a_call) {
     MockApi &api = bind();
-    drop_state_on_entry();
-    EXPECT_EQ(qzfiapi_refresh_tree(&node, 1, 2, nullptr, 3, nullptr, nullptr, 4), 2);
-    restore_state();
-    EXPECT_EQ(qzfiapi_reaccess_tree(nullptr, &cell, nullptr, nullptr, nullptr, 1), 2);
-    restore_state();
-    EXPECT_EQ(qzfiapi_build_alttree(&node, nullptr, nullptr), 2);
-    restore_state();
+    const auto drop_during = [](const auto &operation) {
+        drops_state_after_entering = true;
+        EXPECT_EQ(operation(), 2);
+        drops_state_after_entering = false;
+        __atomic_store_n(&fimod.state, 2, __ATOMIC_RELEASE);
+    };
+    drop_during([this] { return qzfiapi_refresh_tree(&node, 1, 2, nullptr, 3, nullptr, nullptr, 4); });
+    drop_during([this] { return qzfiapi_reaccess_tree(nullptr, &cell, nullptr, nullptr, nullptr, 1); });
+    drop_during([this] { return qzfiapi_build_alttree(&node, nullptr, nullptr); });
+    drop_during([this] { return qzfiapi_gentree(nullptr, 0, nullptr, &cell); });
     EXPECT_EQ(api.calls, 0);
     EXPECT_EQ(recorder.reports,
               (std::vector<Report>{entering("qfi_refresh_tree"), dump, exiting("qfi_refresh_tree", 2),
                                    entering("qfi_reaccess_tree"), dump, exiting("qfi_reaccess_tree", 2),
-                                   entering("qfi_build_alttree"), dump, exiting("qfi_build_alttree", 2)}));
+                                   entering("qfi_build_alttree"), dump, exiting("qfi_build_alttree", 2), dump}));
 }
 
 } // namespace

@@ -11,13 +11,15 @@
 
 #include <qzfi/plugin.h>
 
+#include "api/qzfiapi_parameters.h"
+
 #ifndef MOCK_START_STATUS
 #define MOCK_START_STATUS 0
 #endif
 
 namespace {
 
-MockApi record = {0, "text of the API library", 0, 0, 0, {}, nullptr, 0, nullptr, 0};
+MockApi record = {0, "text of the API library", 0, 0, 0, {}, nullptr, 0, nullptr, 0, nullptr};
 
 void note(const char *line) {
     const char *const path = std::getenv("MOCK_JOURNAL");
@@ -49,43 +51,16 @@ template <class... Arguments>
 int32_t note_call(int slot, Arguments... arguments) {
     __atomic_fetch_add(&record.calls, 1, __ATOMIC_RELAXED);
     // Many threads may call at once; the first call wins the record, and only a lone thread reads it.
-    if (__atomic_test_and_set(&busy, __ATOMIC_ACQUIRE))
-        return record.status;
-    record.last = {slot, int{sizeof...(arguments)}, {widen(arguments)...}};
-    __atomic_clear(&busy, __ATOMIC_RELEASE);
+    if (!__atomic_test_and_set(&busy, __ATOMIC_ACQUIRE)) {
+        record.last = {slot, int{sizeof...(arguments)}, {widen(arguments)...}};
+        __atomic_clear(&busy, __ATOMIC_RELEASE);
+    }
+    if (record.on_call != nullptr)
+        record.on_call();
     return record.status;
 }
 
 } // namespace
-
-#define PARAMETERS_1(k) QZFI_KIND_##k a1
-#define PARAMETERS_2(k, ...) QZFI_KIND_##k a2, PARAMETERS_1(__VA_ARGS__)
-#define PARAMETERS_3(k, ...) QZFI_KIND_##k a3, PARAMETERS_2(__VA_ARGS__)
-#define PARAMETERS_4(k, ...) QZFI_KIND_##k a4, PARAMETERS_3(__VA_ARGS__)
-#define PARAMETERS_5(k, ...) QZFI_KIND_##k a5, PARAMETERS_4(__VA_ARGS__)
-#define PARAMETERS_6(k, ...) QZFI_KIND_##k a6, PARAMETERS_5(__VA_ARGS__)
-#define PARAMETERS_7(k, ...) QZFI_KIND_##k a7, PARAMETERS_6(__VA_ARGS__)
-#define PARAMETERS_8(k, ...) QZFI_KIND_##k a8, PARAMETERS_7(__VA_ARGS__)
-#define PARAMETERS_9(k, ...) QZFI_KIND_##k a9, PARAMETERS_8(__VA_ARGS__)
-#define PARAMETERS_10(k, ...) QZFI_KIND_##k a10, PARAMETERS_9(__VA_ARGS__)
-#define PARAMETERS_11(k, ...) QZFI_KIND_##k a11, PARAMETERS_10(__VA_ARGS__)
-#define PARAMETERS_12(k, ...) QZFI_KIND_##k a12, PARAMETERS_11(__VA_ARGS__)
-#define PARAMETERS_13(k, ...) QZFI_KIND_##k a13, PARAMETERS_12(__VA_ARGS__)
-#define PARAMETERS(...) QZFI_PASTE(PARAMETERS_, QZFI_COUNT(__VA_ARGS__))(__VA_ARGS__)
-#define ARGUMENTS_1 a1
-#define ARGUMENTS_2 a2, ARGUMENTS_1
-#define ARGUMENTS_3 a3, ARGUMENTS_2
-#define ARGUMENTS_4 a4, ARGUMENTS_3
-#define ARGUMENTS_5 a5, ARGUMENTS_4
-#define ARGUMENTS_6 a6, ARGUMENTS_5
-#define ARGUMENTS_7 a7, ARGUMENTS_6
-#define ARGUMENTS_8 a8, ARGUMENTS_7
-#define ARGUMENTS_9 a9, ARGUMENTS_8
-#define ARGUMENTS_10 a10, ARGUMENTS_9
-#define ARGUMENTS_11 a11, ARGUMENTS_10
-#define ARGUMENTS_12 a12, ARGUMENTS_11
-#define ARGUMENTS_13 a13, ARGUMENTS_12
-#define ARGUMENTS(...) QZFI_PASTE(ARGUMENTS_, QZFI_COUNT(__VA_ARGS__))
 
 extern "C" {
 
@@ -131,9 +106,9 @@ uint32_t qzfi_errmsg(uint32_t status, const char **text) {
 #define QZFI_OWN(slot, name)
 #define QZFI_ALIAS(slot, name, ...)
 #define QZFI_OPERATION(slot, name, ...)                                                                                \
-    QZFI_API int32_t qzfi_##name(PARAMETERS(__VA_ARGS__));                                                             \
-    int32_t qzfi_##name(PARAMETERS(__VA_ARGS__)) {                                                                     \
-        return note_call(slot, ARGUMENTS(__VA_ARGS__));                                                                \
+    QZFI_API int32_t qzfi_##name(QZFI_PARAMETERS(__VA_ARGS__));                                                        \
+    int32_t qzfi_##name(QZFI_PARAMETERS(__VA_ARGS__)) {                                                                \
+        return note_call(slot, QZFI_ARGUMENTS(__VA_ARGS__));                                                           \
     }
 #define QZFI_TREE QZFI_OPERATION
 #define QZFI_SPARE(slot, name) QZFI_OPERATION(slot, name, ptr)

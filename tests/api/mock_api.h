@@ -16,6 +16,9 @@ struct MockCall {
     uint64_t values[13]; // zero-extended from the width that the entry takes
 };
 
+/// Called by the start entry when the handler record's `reserved1` points at one, and by the others as `on_call`.
+using MockHook = void (*)();
+
 struct MockApi {
     int32_t status;    // what the entries return
     const char *text;  // what the message-text entry gives
@@ -27,10 +30,8 @@ struct MockApi {
     int32_t start_second;
     const qfi_handler *start_handler;
     int32_t start_fourth;
+    MockHook on_call; // run inside every entry but start and shutdown; or null
 };
-
-/// Called by the start entry when the handler record's `reserved1` points at one.
-using MockHook = void (*)();
 
 /// Exported by every one of them under the name "mock_api".
 using MockAccess = MockApi *(*)();

@@ -64,8 +64,13 @@ TEST_F(Start, without_a_root_uses_the_default_one) {
 
 TEST_F(Start, while_started_gives_2_and_changes_nothing) {
     ASSERT_EQ(qzfiapi_start(&recorder, QFI_API_VERSION), 0);
+    set_root("/elsewhere");
     Recorder other;
+    request = {"en", &request};
+    other.locale = &request;
     EXPECT_EQ(qzfiapi_start(&other, QFI_VERSION(9, 0, 0, 0)), 2);
+    EXPECT_EQ(qzfi_root, scratch);
+    EXPECT_STREQ(qzfi_lang, "");
     EXPECT_EQ(ehandler, &recorder);
     EXPECT_EQ(util_ehandler, &recorder);
     EXPECT_TRUE(raised().empty());
@@ -233,6 +238,23 @@ TEST_F(Start, opens_the_log_below_the_root_and_takes_its_trace_level) {
     EXPECT_EQ(get_qzfi_debuglevel(), 0x500u);
     EXPECT_NE(get_qzfi_msgout(), nullptr);
     EXPECT_FALSE(fs::is_empty(scratch / "arcvault/logs/fisagent"));
+}
+
+TEST_F(Start, succeeds_even_when_the_log_cannot_be_opened) {
+    fs::create_directories(scratch / "lib");
+    fs::create_directories(scratch / "arcvault/logs/fisagent");
+    std::ofstream(scratch / "lib/.qzms.rc") << "debug_level=INFO\n";
+    for (const fault::Call failing : {fault::Call::allocation, fault::Call::tempnam, fault::Call::open}) {
+        fault::for_each(failing, [&](fault::Trial &trial) {
+            trial.arm();
+            const int32_t status = qzfiapi_start(&recorder, QFI_API_VERSION);
+            trial.disarm();
+            const bool is_without_root = failing == fault::Call::allocation && trial.fired() && trial.nth() == 1;
+            EXPECT_EQ(status, is_without_root ? 5 : 0);
+            EXPECT_EQ(qzfi_started, is_without_root ? 0 : 1);
+            qzfiapi_shutdown();
+        });
+    }
 }
 
 TEST_F(Start, a_root_set_while_started_counts_from_the_next_start) {
