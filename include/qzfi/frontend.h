@@ -60,7 +60,7 @@ QZFI_API int32_t qzfiapi_shutdown(void);
  * Sets the installation root and the consumer name; each null argument clears its setting. A root set while the
  * framework is started takes effect at the next start.
  *
- * @return 0, or 5 out of memory (when the root cannot be copied, the consumer name is untouched)
+ * @return 0, or 5 out of memory (the setting is then null; when it is the root, the consumer name is untouched)
  * Not thread-safe; meant to be called before start.
  */
 QZFI_API int32_t qzfiapi_set_init_env(const char *root, const char *consumer);

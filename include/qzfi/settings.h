@@ -47,7 +47,7 @@ QZFI_API int32_t qzfi_get_consumer_name(char **out);
 /**
  * Stores a copy of a credential text in place of the old one.
  * @return 0; 3 for null; 5 out of memory: the old text stays, and the credential lock stays held, so that every
- *         later credential call blocks until the next start
+ *         later credential call blocks until the next start or shutdown
  * Thread-safe.
  */
 QZFI_API int32_t qzfi_set_credential_blob(const char *text);
@@ -71,6 +71,7 @@ QZFI_API int32_t qzfi_setlang(int32_t index);
  * @param version the version to check
  * @param kind 1 for an application, whose version is remembered when accepted; any other value for a plugin
  * @return 0 when not newer; 1 when newer, reported as "MSG_QFI_E0326" (application) or "MSG_QFI_E0328" (plugin)
+ * Thread-safe, but for an application that is accepted.
  */
 QZFI_API int32_t compare_with_lib_version(uint64_t version, int32_t kind);
 

@@ -2,6 +2,8 @@
 #ifndef QZFI_STATUS_H
 #define QZFI_STATUS_H
 
+#include <stdint.h>
+
 /**
  * Status codes of the framework. Codes 0 to 28 have a text that `qzfiapi_errmsg` returns; codes 1024 to 2047
  * belong to the API implementation library, which supplies their texts itself.
