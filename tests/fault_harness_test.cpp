@@ -1,12 +1,25 @@
 #include "support/fault.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
+#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
 namespace {
+
+/// Whether an allocation succeeds. The compiler may leave out one whose memory is not used.
+bool allocates() {
+    void *volatile const memory = malloc(1);
+    free(memory);
+    return memory != nullptr;
+}
 
 TEST(FaultHarness, fails_exactly_the_nth_allocation) {
     const fault::Armed armed(fault::Call::allocation, 2);
@@ -59,11 +72,153 @@ TEST(FaultHarness, shortens_transfers) {
         EXPECT_EQ(write(ends[1], "abcdef", 6), 3);
         char buffer[6];
         EXPECT_EQ(read(ends[0], buffer, 2), 2);
-        EXPECT_EQ(read(ends[0], buffer, 6), 1);
+        volatile std::size_t size = 6; // a hardened build checks a size that it does not know
+        EXPECT_EQ(read(ends[0], buffer, size), 1);
     }
     EXPECT_EQ(write(ends[1], "abcdef", 6), 6);
     close(ends[0]);
     close(ends[1]);
 }
+
+TEST(FaultHarness, refuses_a_scenario_without_such_a_call) {
+    EXPECT_NONFATAL_FAILURE(fault::for_each(fault::Call::kill, [](fault::Trial &trial) { trial.arm(); }),
+                            "the scenario makes no call of this kind");
+}
+
+TEST(FaultHarnessDeathTest, stops_at_a_fatal_failure_and_names_its_case) {
+    const auto fail_in_the_second_case = [] {
+        int runs = 0;
+        fault::for_each(fault::Call::allocation, [&](fault::Trial &trial) {
+            ++runs;
+            trial.arm();
+            (void)allocates();
+            (void)allocates();
+            trial.disarm();
+            ASSERT_NE(trial.nth(), 2);
+        });
+        std::fflush(nullptr);
+        _exit(runs);
+    };
+    EXPECT_EXIT(fail_in_the_second_case(), testing::ExitedWithCode(2), "QZFI_FAULT=allocation:2\n$");
+}
+
+/// The n of every run of a scenario with five allocations.
+std::vector<int> runs_of_five_allocations() {
+    std::vector<int> runs;
+    fault::for_each(fault::Call::allocation, [&](fault::Trial &trial) {
+        runs.push_back(trial.nth());
+        trial.arm();
+        for (int call = 1; call <= 5; ++call)
+            EXPECT_EQ(allocates(), call != trial.nth());
+    });
+    return runs;
+}
+
+TEST(FaultHarness, repeats_the_case_that_was_printed_alone) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(runs_of_five_allocations(), (std::vector<int>{1, 2, 3, 4, 5, 6}));
+    std::string printed;
+    for (int nth = 1; nth <= 6; ++nth)
+        printed += "[  FAULT   ] QZFI_FAULT=allocation:" + std::to_string(nth) + "\n";
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), printed);
+
+    setenv("QZFI_FAULT", "allocation:3", 1);
+    EXPECT_EQ(runs_of_five_allocations(), std::vector<int>{3});
+    setenv("QZFI_FAULT", "read:3", 1); // another call's scenarios run as ever
+    EXPECT_EQ(runs_of_five_allocations().size(), 6u);
+    unsetenv("QZFI_FAULT");
+}
+
+TEST(FaultHarnessDeathTest, takes_no_case_that_there_is_not) {
+    for (const char *request : {"", "allocation", "allocation:", "allocation:0", "allocation:x", "alloc:3", ":3"}) {
+        setenv("QZFI_FAULT", request, 1);
+        EXPECT_EXIT(runs_of_five_allocations(), testing::ExitedWithCode(2), "is not a call and a number") << request;
+    }
+    unsetenv("QZFI_FAULT");
+}
+
+TEST(FaultHarness, fails_one_call_of_all_that_threads_make) {
+    for (const bool from_then_on : {false, true}) {
+        const fault::Armed armed(fault::Call::allocation, 50, {.from_then_on = from_then_on});
+        std::atomic<int> failed{0};
+        std::vector<std::thread> threads;
+        for (int thread = 0; thread < 4; ++thread)
+            threads.emplace_back([&] {
+                for (int call = 0; call < 25; ++call)
+                    failed += !allocates();
+            });
+        for (std::thread &each : threads)
+            each.join();
+        EXPECT_EQ(failed, from_then_on ? 51 : 1);
+    }
+}
+
+TEST(FaultHarness, threads_of_the_background_may_go_on_while_others_arm) {
+    std::atomic<bool> is_over{false};
+    std::thread background([&] {
+        while (!is_over)
+            (void)allocates();
+    });
+    for (int nth = 1; nth <= 100; ++nth)
+        const fault::Armed armed(fault::Call::allocation, nth, {ENOMEM, nth % 2 == 0});
+    is_over = true;
+    background.join();
+}
+
+/// The exit status of a forked process: how many of its calls failed.
+int failed_in_child(int calls) {
+    const pid_t child = fork();
+    if (child == 0) {
+        int failed = 0;
+        for (int call = 0; call < calls; ++call)
+            failed += close(-1) == -1 && errno == EXDEV;
+        _exit(failed);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(FaultHarness, counts_the_calls_of_forked_processes_and_learns_that_one_failed) {
+    int failed_here = 0;
+    int failed_there = 0;
+    int runs = 0;
+    fault::for_each(fault::Call::close,
+                    [&](fault::Trial &trial) {
+                        ++runs;
+                        trial.arm();
+                        failed_here += close(-1) == -1 && errno == EXDEV;
+                        failed_there += failed_in_child(3);
+                        failed_here += close(-1) == -1 && errno == EXDEV;
+                        trial.disarm();
+                        EXPECT_EQ(trial.fired(), runs <= 5);
+                    },
+                    {.error = EXDEV});
+    EXPECT_EQ(runs, 6);
+    EXPECT_EQ(failed_here, 2);
+    EXPECT_EQ(failed_there, 3);
+}
+
+#ifdef __SANITIZE_ADDRESS__
+TEST(FaultHarnessDeathTest, finds_the_case_that_loses_memory) {
+    const auto lose_memory_in_the_second_case = [] {
+        fault::for_each(fault::Call::allocation, [](fault::Trial &trial) {
+            trial.arm();
+            char *first = strdup("first");
+            char *second = strdup("second");
+            trial.disarm();
+            if (second != nullptr)
+                free(first);
+            first = nullptr;
+            free(second);
+        });
+        std::fprintf(stderr, "%d failure", testing::Test::HasNonfatalFailure());
+        std::fflush(nullptr);
+        _exit(3);
+    };
+    EXPECT_EXIT(lose_memory_in_the_second_case(), testing::ExitedWithCode(3),
+                "allocation:2\n(.*\n)*.*strdup(.*\n)*1 failure");
+}
+#endif
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "support/fault.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -7,9 +8,11 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
+#include <new>
 #include <optional>
 #include <poll.h>
 #include <string>
+#include <string_view>
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/stat.h>
@@ -17,6 +20,17 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define QZFI_FINDS_LEAKS
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define QZFI_FINDS_LEAKS
+#endif
+#endif
+#ifdef QZFI_FINDS_LEAKS
+#include <sanitizer/lsan_interface.h>
+#endif
 
 namespace fault {
 namespace {
@@ -30,60 +44,118 @@ static_assert(std::size(call_names) == static_cast<std::size_t>(Call::dlsym) + 1
 constexpr int disarmed = -1;
 constexpr int most_calls = 100000; // a scenario that makes more is taken for endless
 
-// Written while no thread of the scenario runs, but for the countdown.
-std::atomic<int> armed_call{disarmed};
-std::atomic<long> countdown{0};
-std::atomic<bool> has_fired{false};
-Failure armed_failure;
-std::atomic<std::size_t> transfer_limit{SIZE_MAX};
+/// What is armed. Shared with forked processes, so that their calls count and the parent learns when one failed.
+struct State {
+    std::atomic<int> armed_call{disarmed};
+    std::atomic<long> countdown{0};
+    std::atomic<bool> has_fired{false};
+    std::atomic<int> error{0};
+    std::atomic<bool> from_then_on{false};
+    std::atomic<std::size_t> transfer_limit{SIZE_MAX};
+};
+static_assert(std::atomic<long>::is_always_lock_free && std::atomic<std::size_t>::is_always_lock_free);
+
+// Calls are made before any constructor of this program runs, and by every thread: they find this one until the first
+// use of the harness replaces it, and the later one from then on.
+constinit State unshared;
+constinit std::atomic<State *> current{&unshared};
+
+State &state() {
+    return *current.load(std::memory_order_acquire);
+}
+
+State *map_shared_state() {
+    void *const memory = mmap(nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED)
+        std::abort();
+    auto *const made = new (memory) State;
+    current.store(made, std::memory_order_release);
+    return made;
+}
+
+/// The state that all processes see, made at the first use.
+State &shared_state() {
+    static State *const shared = map_shared_state();
+    return *shared;
+}
 
 /// Counts one call; true when it is to fail, with errno set.
 bool fails(Call call, int usual_error) {
-    if (armed_call.load(std::memory_order_acquire) != static_cast<int>(call))
+    State &now = state();
+    if (now.armed_call.load(std::memory_order_acquire) != static_cast<int>(call))
         return false;
-    const long left = countdown.fetch_sub(1, std::memory_order_relaxed) - 1;
-    if (left > 0 || (left < 0 && !armed_failure.from_then_on))
+    const long left = now.countdown.fetch_sub(1, std::memory_order_relaxed) - 1;
+    if (left > 0 || (left < 0 && !now.from_then_on))
         return false;
-    has_fired.store(true, std::memory_order_relaxed);
-    errno = armed_failure.error != 0 ? armed_failure.error : usual_error;
+    now.has_fired = true;
+    const int error = now.error;
+    errno = error != 0 ? error : usual_error;
     return true;
+}
+
+std::size_t within_limit(std::size_t size) {
+    return std::min(size, state().transfer_limit.load());
 }
 
 const char *name_of(Call call) {
     return call_names[static_cast<int>(call)];
 }
 
-/// The n that QZFI_FAULT asks for when it names this call.
+/// The n that QZFI_FAULT asks for when it names this call. Ends the program when it asks for nothing that there is: a
+/// case that was not repeated must not be taken for one that passed.
 std::optional<int> requested(Call call) {
-    const char *request = std::getenv("QZFI_FAULT");
-    const std::string prefix = std::string(name_of(call)) + ":";
-    if (request == nullptr || std::string(request).rfind(prefix, 0) != 0)
+    const char *const request = std::getenv("QZFI_FAULT");
+    if (request == nullptr)
         return std::nullopt;
-    return std::atoi(request + prefix.size());
+    const std::string_view text = request;
+    const std::string_view name = text.substr(0, text.find(':'));
+    const int nth = name.size() < text.size() ? std::atoi(request + name.size() + 1) : 0;
+    if (nth < 1 || std::find(std::begin(call_names), std::end(call_names), name) == std::end(call_names)) {
+        std::fprintf(stderr, "QZFI_FAULT=%s is not a call and a number from 1, as in allocation:3\n", request);
+        std::exit(2);
+    }
+    return name == name_of(call) ? std::optional(nth) : std::nullopt;
+}
+
+/// Names the case before it runs, so that it is known also when it crashes, hangs or is found out only at exit.
+void announce(const std::string &repeat) {
+    std::fprintf(stderr, "[  FAULT   ] %s\n", repeat.c_str());
+}
+
+/// Whether memory was lost so far; false where the leak sanitizer is not built in.
+bool has_leaked() {
+#ifdef QZFI_FINDS_LEAKS
+    return __lsan_do_recoverable_leak_check() != 0;
+#else
+    return false;
+#endif
 }
 
 } // namespace
 
 Armed::Armed(Call call, int nth, Failure failure) {
-    armed_failure = failure;
-    has_fired = false;
-    countdown = nth;
-    armed_call.store(static_cast<int>(call), std::memory_order_release);
+    State &now = shared_state();
+    now.error = failure.error;
+    now.from_then_on = failure.from_then_on;
+    now.has_fired = false;
+    now.countdown = nth;
+    now.armed_call.store(static_cast<int>(call), std::memory_order_release);
 }
 
 Armed::~Armed() {
-    armed_call = disarmed;
+    state().armed_call = disarmed;
 }
 
 bool Armed::fired() {
-    return has_fired;
+    return state().has_fired;
 }
 
 ShortTransfers::ShortTransfers(std::size_t limit) {
-    transfer_limit = limit;
+    shared_state().transfer_limit = limit;
 }
+
 ShortTransfers::~ShortTransfers() {
-    transfer_limit = SIZE_MAX;
+    state().transfer_limit = SIZE_MAX;
 }
 
 void Trial::arm() {
@@ -100,10 +172,16 @@ void Trial::disarm() {
 void for_each(Call call, const std::function<void(Trial &)> &scenario, Failure failure) {
     const std::optional<int> only = requested(call);
     for (int nth = only.value_or(1); nth < most_calls; ++nth) {
-        SCOPED_TRACE(std::string("repeat with QZFI_FAULT=") + name_of(call) + ":" + std::to_string(nth));
+        const std::string repeat = std::string("QZFI_FAULT=") + name_of(call) + ":" + std::to_string(nth);
+        SCOPED_TRACE("repeat with " + repeat);
+        announce(repeat);
         Trial trial(call, nth, failure);
         scenario(trial);
         trial.disarm();
+        if (has_leaked()) {
+            ADD_FAILURE() << "memory was lost";
+            return;
+        }
         if (testing::Test::HasFatalFailure() || only)
             return;
         if (!trial.fired()) {
@@ -136,7 +214,7 @@ int __wrap_open(const char *path, int flags, ...);
 int __wrap_open(const char *path, int flags, ...) {
     va_list rest;
     va_start(rest, flags);
-    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
+    const mode_t mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(rest, mode_t) : 0;
     va_end(rest);
     return fault::fails(Call::open, EMFILE) ? -1 : __real_open(path, flags, mode);
 }
@@ -164,7 +242,7 @@ int __wrap_fcntl(int fd, int command, ...) {
 ssize_t __real_read(int fd, void *buffer, size_t size);
 ssize_t __wrap_read(int fd, void *buffer, size_t size);
 ssize_t __wrap_read(int fd, void *buffer, size_t size) {
-    return fault::fails(Call::read, EIO) ? -1 : __real_read(fd, buffer, std::min(size, fault::transfer_limit.load()));
+    return fault::fails(Call::read, EIO) ? -1 : __real_read(fd, buffer, fault::within_limit(size));
 }
 
 ssize_t __wrap___read_chk(int fd, void *buffer, size_t size, size_t bound);
@@ -177,6 +255,6 @@ ssize_t __wrap___read_chk(int fd, void *buffer, size_t size, size_t bound) {
 ssize_t __real_write(int fd, const void *buffer, size_t size);
 ssize_t __wrap_write(int fd, const void *buffer, size_t size);
 ssize_t __wrap_write(int fd, const void *buffer, size_t size) {
-    return fault::fails(Call::write, EIO) ? -1 : __real_write(fd, buffer, std::min(size, fault::transfer_limit.load()));
+    return fault::fails(Call::write, EIO) ? -1 : __real_write(fd, buffer, fault::within_limit(size));
 }
 }

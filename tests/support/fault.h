@@ -10,8 +10,12 @@
 //     });
 //
 // The scenario runs with n = 1, 2, ... until it passes untouched. Only calls made by objects linked into the test
-// program count: the library's objects of the static archive, and the test's own. A failing case names the value of
-// QZFI_FAULT that repeats it alone, for example QZFI_FAULT=allocation:3.
+// program count: the library's objects of the static archive, and the test's own. The calls of all threads and of
+// forked processes count together, so with several of them n fixes the case only as far as their order is fixed.
+//
+// Each case prints, before it runs, the value of QZFI_FAULT that repeats it alone, for example QZFI_FAULT=allocation:3:
+// the last one printed belongs to a crash or a hang. Memory that a case loses fails that case under the address
+// sanitizer.
 #pragma once
 
 #include <cstddef>
@@ -54,7 +58,7 @@ struct Failure {
     bool from_then_on = false; // the n-th and every later call, not only the n-th
 };
 
-/// Makes the n-th call (from 1) fail while it lives. One at a time; threads share the countdown.
+/// Makes the n-th call (from 1) fail while it lives, also for threads and processes that live longer. One at a time.
 class Armed {
 public:
     Armed(Call call, int nth, Failure failure = {});
@@ -62,7 +66,7 @@ public:
     Armed(const Armed &) = delete;
     Armed &operator=(const Armed &) = delete;
 
-    /// True once a call was made to fail, until the next one is armed.
+    /// True once a call was made to fail, in this process or one forked, until the next one is armed.
     static bool fired();
 };
 
