@@ -23,9 +23,9 @@ bool allocates() {
 
 TEST(FaultHarness, fails_exactly_the_nth_allocation) {
     const fault::Armed armed(fault::Call::allocation, 2);
-    void *first = malloc(1);
-    void *second = malloc(1);
-    void *third = malloc(1);
+    void *volatile const first = malloc(1);
+    void *volatile const second = malloc(1);
+    void *volatile const third = malloc(1);
     EXPECT_NE(first, nullptr);
     EXPECT_EQ(second, nullptr);
     EXPECT_NE(third, nullptr);
@@ -50,8 +50,8 @@ TEST(FaultHarness, runs_a_scenario_until_it_passes_untouched) {
     fault::for_each(fault::Call::allocation, [&](fault::Trial &trial) {
         ++runs;
         trial.arm();
-        char *first = strdup("a");
-        void *second = calloc(1, 1);
+        void *volatile const first = calloc(1, 1);
+        void *volatile const second = calloc(1, 1);
         trial.disarm();
         failed_first += first == nullptr;
         failed_second += second == nullptr;

@@ -125,7 +125,7 @@ int format_one(char *buffer, std::size_t size, const Conversion &conversion, con
     va_list own;
     va_copy(own, arguments);
     for (std::size_t index = 0; index < first; ++index) {
-        switch (kinds[index]) {
+        switch (kinds[index]) { // NOLINTNEXTLINE(bugprone-branch-clone): the branches differ in their types
         case Kind::integer:
             (void)va_arg(own, int);
             break;

@@ -187,8 +187,8 @@ TEST_F(Messages, arguments_of_every_kind_can_be_passed_over) {
     for (const char *text : {"%14$s|%13$lli|%9$zo|%5$.2e|%4$c|%3$hu|%2$lx|%1$i", "%1$x %12$.1f", "%2$li"}) {
         reports.clear();
         catalog_text = text;
-        qzfi_getmsg("MSG", 2, english, -1, 77L, 5, 'c', 2.5, 4.25L, static_cast<void *>(nullptr), L"wide", size_t{8}, 5,
-                    2, 3.0, -9LL, "end");
+        qzfi_getmsg("MSG", 2, english, -1, 77L, static_cast<unsigned char>(5), 'c', 2.5, 4.25L,
+                    static_cast<void *>(nullptr), L"wide", size_t{8}, 5, 2, 3.0, -9LL, "end");
         const std::string expected = text[1] == '2'   ? "77"
                                      : text[3] == 'x' ? "ffffffff 3.0"
                                                       : "end|-9|10|2.50e+00|c|5|4d|-1";
