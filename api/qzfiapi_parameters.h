@@ -2,7 +2,7 @@
 // defines functions from that table. Counted down, so that a13 is the first of thirteen.
 #pragma once
 
-#include <qzfi/frontend.h>
+#include <qzfi/kinds.h>
 
 #define QZFI_PARAMETERS_1(k) QZFI_KIND_##k a1
 #define QZFI_PARAMETERS_2(k, ...) QZFI_KIND_##k a2, QZFI_PARAMETERS_1(__VA_ARGS__)

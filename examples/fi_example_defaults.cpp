@@ -11,7 +11,7 @@
 extern "C" {
 #define QZFI_OWN(slot, name)
 #define QZFI_OPERATION(slot, name, ...) NOT_SUPPORTED(name, QZFI_KINDS(__VA_ARGS__))
-#define QZFI_TREE(slot, name, ...) NOT_SUPPORTED(name, QZFI_KINDS(__VA_ARGS__))
+#define QZFI_TREE QZFI_OPERATION
 #define QZFI_ALIAS(slot, name, ...)
 #define QZFI_SPARE(slot, name) NOT_SUPPORTED(name, void *)
 #include <qzfi/operations.def>

@@ -8,6 +8,7 @@
 #define QZFI_FRONTEND_H
 
 #include <qzfi/export.h>
+#include <qzfi/kinds.h>
 
 QZFI_BEGIN_DECLS
 
@@ -79,28 +80,6 @@ QZFI_API int32_t qzfiapi_set_init_env(const char *root, const char *consumer);
  */
 QZFI_API uint32_t qzfiapi_errmsg(uint32_t status, const char **text);
 
-/* Spells out a row's kinds as C types. */
-#define QZFI_KIND_ptr void *
-#define QZFI_KIND_i32 int32_t
-#define QZFI_KINDS_1(k) QZFI_KIND_##k
-#define QZFI_KINDS_2(k, ...) QZFI_KIND_##k, QZFI_KINDS_1(__VA_ARGS__)
-#define QZFI_KINDS_3(k, ...) QZFI_KIND_##k, QZFI_KINDS_2(__VA_ARGS__)
-#define QZFI_KINDS_4(k, ...) QZFI_KIND_##k, QZFI_KINDS_3(__VA_ARGS__)
-#define QZFI_KINDS_5(k, ...) QZFI_KIND_##k, QZFI_KINDS_4(__VA_ARGS__)
-#define QZFI_KINDS_6(k, ...) QZFI_KIND_##k, QZFI_KINDS_5(__VA_ARGS__)
-#define QZFI_KINDS_7(k, ...) QZFI_KIND_##k, QZFI_KINDS_6(__VA_ARGS__)
-#define QZFI_KINDS_8(k, ...) QZFI_KIND_##k, QZFI_KINDS_7(__VA_ARGS__)
-#define QZFI_KINDS_9(k, ...) QZFI_KIND_##k, QZFI_KINDS_8(__VA_ARGS__)
-#define QZFI_KINDS_10(k, ...) QZFI_KIND_##k, QZFI_KINDS_9(__VA_ARGS__)
-#define QZFI_KINDS_11(k, ...) QZFI_KIND_##k, QZFI_KINDS_10(__VA_ARGS__)
-#define QZFI_KINDS_12(k, ...) QZFI_KIND_##k, QZFI_KINDS_11(__VA_ARGS__)
-#define QZFI_KINDS_13(k, ...) QZFI_KIND_##k, QZFI_KINDS_12(__VA_ARGS__)
-#define QZFI_COUNT(...) QZFI_COUNT_(__VA_ARGS__, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0)
-#define QZFI_COUNT_(a, b, c, d, e, f, g, h, i, j, k, l, m, n, ...) n
-#define QZFI_PASTE(a, b) QZFI_PASTE_(a, b)
-#define QZFI_PASTE_(a, b) a##b
-#define QZFI_KINDS(...) QZFI_PASTE(QZFI_KINDS_, QZFI_COUNT(__VA_ARGS__))(__VA_ARGS__)
-
 /**
  * The operations, declared from the table in `operations.def`: `int32_t qzfiapi_NAME(...)` with the row's kinds.
  *
@@ -118,8 +97,8 @@ QZFI_API uint32_t qzfiapi_errmsg(uint32_t status, const char **text);
 #define QZFI_OWN(slot, name)
 #define QZFI_SPARE(slot, name)
 #define QZFI_OPERATION(slot, name, ...) QZFI_API QZFI_DIRECT int32_t qzfiapi_##name(QZFI_KINDS(__VA_ARGS__));
-#define QZFI_TREE(slot, name, ...) QZFI_API QZFI_DIRECT int32_t qzfiapi_##name(QZFI_KINDS(__VA_ARGS__));
-#define QZFI_ALIAS(slot, name, ...) QZFI_API QZFI_DIRECT int32_t qzfiapi_##name(QZFI_KINDS(__VA_ARGS__));
+#define QZFI_TREE QZFI_OPERATION
+#define QZFI_ALIAS QZFI_OPERATION
 #include <qzfi/operations.def>
 
 QZFI_END_DECLS
