@@ -87,6 +87,10 @@ Text library_path(const qzfi_module &module) noexcept {
     return composed;
 }
 
+bool is_api_library(const qzfi_module &module) noexcept {
+    return std::strcmp(module.library_path, api_library_path) == 0;
+}
+
 std::size_t count_entries(const qzfi_module &module) noexcept {
     std::size_t count = 0;
     while (module.entries[count].name != nullptr)
@@ -132,7 +136,7 @@ void install(qzfi_module &module, Library library, Text path, const Functions &f
         module.entries[slot].function = functions[slot];
     store_release(fi_get_pgn_f, reinterpret_cast<decltype(fi_get_pgn_f)>(look_up(library, "fi_get_pgn")));
     module.handle = library.release();
-    if (std::strcmp(module.library_path, api_library_path) == 0)
+    if (is_api_library(module))
         qzfi_lib = path.release();
 }
 
@@ -159,13 +163,13 @@ bool claim(qzfi_module &module) noexcept {
         pthread_cond_wait(&cv, &mutex);
     if (module.state == bound)
         return false;
-    store_release<int32_t>(module.state, binding);
+    store_release(module.state, binding);
     return true;
 }
 
 void settle(qzfi_module &module, BindingState state) noexcept {
     const LockGuard guard{mutex};
-    store_release<int32_t>(module.state, state);
+    store_release(module.state, state);
     pthread_cond_broadcast(&cv);
 }
 
@@ -186,11 +190,11 @@ void settle(qzfi_module &module, BindingState state) noexcept {
 void unbind(qzfi_module &module) noexcept {
     reinterpret_cast<ShutdownEntry>(module.entries[shutdown_slot].function)();
     // The library's own shutdown may still have used it; from here on it would dangle.
-    store_release<decltype(fi_get_pgn_f)>(fi_get_pgn_f, nullptr);
+    store_release(fi_get_pgn_f, nullptr);
     qzfi_dlclose(module.handle);
     module.handle = nullptr;
-    store_release<int32_t>(module.state, unbound);
-    if (std::strcmp(module.library_path, api_library_path) == 0) {
+    store_release(module.state, unbound);
+    if (is_api_library(module)) {
         std::free(qzfi_lib);
         qzfi_lib = nullptr;
     }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <type_traits>
 
 namespace qzfi {
 
@@ -25,7 +26,7 @@ inline Value load_acquire(const Value &cell) noexcept {
 
 /// Publishes a value, and all written before it, to readers with `load_acquire`.
 template <class Value>
-inline void store_release(Value &cell, Value value) noexcept {
+inline void store_release(Value &cell, std::type_identity_t<Value> value) noexcept {
     __atomic_store_n(&cell, value, __ATOMIC_RELEASE);
 }
 
