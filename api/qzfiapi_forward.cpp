@@ -13,21 +13,16 @@
 namespace qzfi {
 namespace {
 
-constexpr std::string_view entry_names[] = {
-#define QZFI_ENTRY(slot, name, ...) "qzfi_" #name,
+struct Entry {
+    int slot;
+    std::string_view name;
+};
+constexpr Entry entries[] = {
+#define QZFI_ENTRY(slot, name, ...) {slot, "qzfi_" #name},
 #define QZFI_OWN QZFI_ENTRY
 #define QZFI_OPERATION QZFI_ENTRY
 #define QZFI_TREE QZFI_ENTRY
 #define QZFI_SPARE QZFI_ENTRY
-#define QZFI_ALIAS(slot, name, ...)
-#include <qzfi/operations.def>
-};
-constexpr int entry_slots[] = {
-#define QZFI_SLOT(slot, name, ...) slot,
-#define QZFI_OWN QZFI_SLOT
-#define QZFI_OPERATION QZFI_SLOT
-#define QZFI_TREE QZFI_SLOT
-#define QZFI_SPARE QZFI_SLOT
 #define QZFI_ALIAS(slot, name, ...)
 #include <qzfi/operations.def>
 };
@@ -51,26 +46,26 @@ constexpr Operation operations[] = {
 #define QZFI_OWN(slot, name)
 #define QZFI_SPARE(slot, name)
 #define QZFI_OPERATION(slot, name, ...) {slot, "qzfi_" #name, false},
-#define QZFI_TREE(slot, name, ...) {slot, "qzfi_" #name, false},
+#define QZFI_TREE QZFI_OPERATION
 #define QZFI_ALIAS(slot, name, ...) {slot, "qzfi_" #name, true},
 #include <qzfi/operations.def>
 };
 
 constexpr bool slots_are_in_order() {
-    for (int index = 0; index < int{std::size(entry_slots)}; ++index)
-        if (entry_slots[index] != index)
+    for (int index = 0; index < int{std::size(entries)}; ++index)
+        if (entries[index].slot != index)
             return false;
     return true;
 }
 
 constexpr bool operations_reach_their_entries() {
     for (const Operation &operation : operations)
-        if ((entry_names[operation.slot] == operation.entry) == operation.is_alias)
+        if ((entries[operation.slot].name == operation.entry) == operation.is_alias)
             return false;
     return true;
 }
 
-static_assert(std::size(entry_names) == 91);
+static_assert(std::size(entries) == 91);
 static_assert(std::size(operations) == 88);
 static_assert(slots_are_in_order());
 static_assert(operations_reach_their_entries());
@@ -112,11 +107,14 @@ const qfi_domain *tree_at(const void *cell) {
 constexpr uint32_t trace_severity = 3;
 constexpr int32_t dump_depth = 1;
 
-void trace_entry(const char *name) {
+/// Makes a call between the traces of its entry and exit, once the module is bound.
+template <class Call>
+int32_t traced(const char *name, Call call_bound) {
+    const int32_t entered = qzfi_enter(&fimod);
+    if (entered != QFI_STATUS_OK)
+        return entered;
     qzfi_tracelog(trace_severity, "Entering %s", name);
-}
-
-int32_t trace_exit(const char *name, int32_t status) {
+    const int32_t status = call_bound();
     qzfi_tracelog(trace_severity, "Exiting %s with %d", name, status);
     return status;
 }
@@ -146,33 +144,27 @@ int32_t qzfiapi_gentree(void *objects, int32_t count, void *options, void *tree)
 }
 
 int32_t qzfiapi_build_alttree(void *tree, void *second, void *third) {
-    const int32_t entered = qzfi_enter(&fimod);
-    if (entered != QFI_STATUS_OK)
-        return entered;
-    qzfi::trace_entry("qfi_build_alttree");
-    const int32_t status = call_if_bound<qzfi::build_alttree_slot>(tree, second, third);
-    qzfi_print_tree(static_cast<const qfi_domain *>(tree), qzfi::dump_depth);
-    return qzfi::trace_exit("qfi_build_alttree", status);
+    return qzfi::traced("qfi_build_alttree", [=] {
+        const int32_t status = call_if_bound<qzfi::build_alttree_slot>(tree, second, third);
+        qzfi_print_tree(static_cast<const qfi_domain *>(tree), qzfi::dump_depth);
+        return status;
+    });
 }
 
 int32_t qzfiapi_reaccess_tree(void *first, void *tree, void *third, void *fourth, void *fifth, int32_t sixth) {
-    const int32_t entered = qzfi_enter(&fimod);
-    if (entered != QFI_STATUS_OK)
-        return entered;
-    qzfi::trace_entry("qfi_reaccess_tree");
-    const int32_t status = call_if_bound<qzfi::reaccess_tree_slot>(first, tree, third, fourth, fifth, sixth);
-    qzfi_print_tree(qzfi::tree_at(tree), qzfi::dump_depth);
-    return qzfi::trace_exit("qfi_reaccess_tree", status);
+    return qzfi::traced("qfi_reaccess_tree", [=] {
+        const int32_t status = call_if_bound<qzfi::reaccess_tree_slot>(first, tree, third, fourth, fifth, sixth);
+        qzfi_print_tree(qzfi::tree_at(tree), qzfi::dump_depth);
+        return status;
+    });
 }
 
 int32_t qzfiapi_refresh_tree(void *tree, int32_t second, int32_t third, void *fourth, int32_t fifth, void *sixth,
                              void *seventh, int32_t eighth) {
-    const int32_t entered = qzfi_enter(&fimod);
-    if (entered != QFI_STATUS_OK)
-        return entered;
-    qzfi::trace_entry("qfi_refresh_tree");
-    const int32_t status =
-        call_if_bound<qzfi::refresh_tree_slot>(tree, second, third, fourth, fifth, sixth, seventh, eighth);
-    qzfi_print_tree(static_cast<const qfi_domain *>(tree), qzfi::dump_depth);
-    return qzfi::trace_exit("qfi_refresh_tree", status);
+    return qzfi::traced("qfi_refresh_tree", [=] {
+        const int32_t status =
+            call_if_bound<qzfi::refresh_tree_slot>(tree, second, third, fourth, fifth, sixth, seventh, eighth);
+        qzfi_print_tree(static_cast<const qfi_domain *>(tree), qzfi::dump_depth);
+        return status;
+    });
 }
