@@ -15,7 +15,6 @@
 namespace qzfi {
 namespace {
 
-constexpr int32_t application = 1;   // kind of version that start checks
 constexpr int32_t root_language = 1; // index of the language table
 
 /// Takes the root given by the caller, else the default; false when memory is short. Never the default in place of a
@@ -69,7 +68,7 @@ int32_t qzfiapi_start(qfi_handler *handler, uint64_t version) {
     qzfi::set_language(handler);
     qzfi_uinit0(handler);
     ehandler = handler;
-    if (compare_with_lib_version(version, qzfi::application) != 0) {
+    if (compare_with_lib_version(version, qzfi::application_kind) != 0) {
         qzfi::stop();
         return QFI_STATUS_VERSION;
     }

@@ -28,6 +28,9 @@ extern const char *const qzfi_langtbl[4]; // none, "root", "ja", "zh"
 
 namespace qzfi {
 
+/// The kind of version that `compare_with_lib_version` takes for an application's; any other is a plugin's.
+inline constexpr int32_t application_kind = 1;
+
 /// Makes the credential lock free, whoever left it held.
 void free_credential_lock() noexcept;
 

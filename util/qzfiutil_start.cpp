@@ -20,7 +20,6 @@ namespace qzfi {
 namespace {
 
 constexpr char routine[] = "compare_with_lib_version";
-constexpr int32_t application = 1;
 
 /// A version's numbers, most significant first, so that they compare in order.
 using Version = std::array<int16_t, 4>;
@@ -44,14 +43,14 @@ int32_t compare_with_lib_version(uint64_t version, int32_t kind) {
     constexpr qzfi::Version api = qzfi::numbers_of(QFI_API_VERSION);
     const qzfi::Version given = qzfi::numbers_of(version);
     if (given <= api) {
-        if (kind == qzfi::application)
+        if (kind == qzfi::application_kind)
             std::copy(given.begin(), given.end(), app_version);
         return 0;
     }
     const qzfi::VersionText given_text{given};
     const qzfi::VersionText api_text{api};
     const qzfi::Message &message =
-        kind == qzfi::application ? qzfi::message::application_too_new : qzfi::message::plugin_too_new;
+        kind == qzfi::application_kind ? qzfi::message::application_too_new : qzfi::message::plugin_too_new;
     qzfi::raise<const char *, const char *>(message, qzfi::routine, given_text.text, api_text.text);
     return 1;
 }
