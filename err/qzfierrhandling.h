@@ -19,12 +19,21 @@ void reset_error_locks_after_fork() noexcept;
 /// The release operations of a plugin, null when it cannot be looked up or has none.
 const qfi_plugin_ops *plugin_operations(std::uint64_t plugin_ref) noexcept;
 
-/// Releases a plugin's data; false when the operation fails, or is missing although the plugin's mark is set.
+/// Releases a record's plugin data, if there is any, and clears the field. False, with the field as it was, when the
+/// plugin cannot be looked up, when the operation fails, or when it is missing although the plugin's mark is set.
 template <class Data>
-bool release_plugin_data(const void *mark, std::int32_t (*operation)(Data *), Data *data) noexcept {
-    if (operation == nullptr)
-        return mark == nullptr;
-    return operation(data) == 0;
+bool release_plugin_data(std::uint64_t plugin_ref, void *qfi_plugin_ops::*mark,
+                         std::int32_t (*qfi_plugin_ops::*operation)(Data *), Data &data) noexcept {
+    if (data == Data{})
+        return true;
+    const qfi_plugin_ops *const operations = plugin_operations(plugin_ref);
+    if (operations == nullptr)
+        return false;
+    const auto release = operations->*operation;
+    const bool is_released = release != nullptr ? release(&data) == 0 : operations->*mark == nullptr;
+    if (is_released)
+        data = Data{};
+    return is_released;
 }
 
 /// A zero-filled object from calloc, or null.

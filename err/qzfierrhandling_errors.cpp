@@ -12,9 +12,10 @@
 
 #include <pthread.h>
 
+#include <qzfi/status.h>
+
 #include "common/qzfilock.h"
 #include "common/qzfitext.h"
-#include <qzfi/status.h>
 
 qfi_error_thread *err_info_list = nullptr;
 pthread_mutex_t err_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -119,14 +120,8 @@ uint32_t enter_record(Record record) noexcept {
 }
 
 bool release_error_data(qfi_error_info &record) noexcept {
-    if (record.plugin_data == nullptr)
-        return true;
-    const qfi_plugin_ops *const operations = qzfi::plugin_operations(record.plugin_ref);
-    if (operations == nullptr ||
-        !qzfi::release_plugin_data(operations->error_mark, operations->free_error, &record.plugin_data))
-        return false;
-    record.plugin_data = nullptr;
-    return true;
+    return qzfi::release_plugin_data(record.plugin_ref, &qfi_plugin_ops::error_mark, &qfi_plugin_ops::free_error,
+                                     record.plugin_data);
 }
 
 /// Frees plugin data in the plain form: a block that begins with a pointer to the datum.

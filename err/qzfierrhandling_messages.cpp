@@ -1,8 +1,9 @@
 // The message list. The API implementation library enters the records, holding err_mutex; they are deleted here.
 #include "err/qzfierrhandling.h"
 
-#include "common/qzfilock.h"
 #include <qzfi/status.h>
+
+#include "common/qzfilock.h"
 
 qfi_message_info *msg_info_list = nullptr;
 qfi_plugin *(*fi_get_pgn_f)(uint64_t plugin_ref) = nullptr;
@@ -12,14 +13,8 @@ using qzfi::LockGuard;
 namespace {
 
 bool release_message_data(qfi_message_info &record) noexcept {
-    if (record.plugin_data == 0)
-        return true;
-    const qfi_plugin_ops *const operations = qzfi::plugin_operations(record.plugin_ref);
-    if (operations == nullptr ||
-        !qzfi::release_plugin_data(operations->message_mark, operations->free_message, &record.plugin_data))
-        return false;
-    record.plugin_data = 0;
-    return true;
+    return qzfi::release_plugin_data(record.plugin_ref, &qfi_plugin_ops::message_mark, &qfi_plugin_ops::free_message,
+                                     record.plugin_data);
 }
 
 void free_info(qfi_message_info &record) noexcept {

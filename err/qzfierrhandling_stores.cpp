@@ -5,9 +5,10 @@
 
 #include <pthread.h>
 
+#include <qzfi/status.h>
+
 #include "common/qzfilock.h"
 #include "common/qzfitext.h"
-#include <qzfi/status.h>
 
 qfi_error_store *err_mod_list = nullptr;
 pthread_mutex_t hl_err_mutex = PTHREAD_MUTEX_INITIALIZER;
