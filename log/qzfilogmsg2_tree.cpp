@@ -8,7 +8,6 @@ namespace {
 
 constexpr uint32_t tree_severity = 4;
 constexpr int32_t most_blanks = 23;
-constexpr char blanks[most_blanks + 1] = "                       ";
 constexpr std::size_t first_capacity = 128; // a sibling chain alone takes at most 64
 
 /// The first `count` nodes of a sibling chain, still to be printed, the last one first.
@@ -92,12 +91,11 @@ void trace_node(const qfi_domain *node, int32_t depth) noexcept {
     const Name name = name_of(node);
     const qfi_domain *alternate = node->fid_altnode;
     if (alternate == nullptr || !has_name(alternate->objid)) {
-        qzfi_tracelog(tree_severity, "%.*s %.*s", indent, blanks, name.length, name.text);
+        qzfi_tracelog(tree_severity, "%*s %.*s", indent, "", name.length, name.text);
         return;
     }
     const Name other = name_of(alternate);
-    qzfi_tracelog(tree_severity, "%.*s %.*s --> %.*s", indent, blanks, name.length, name.text, other.length,
-                  other.text);
+    qzfi_tracelog(tree_severity, "%*s %.*s --> %.*s", indent, "", name.length, name.text, other.length, other.text);
 }
 
 /// Prints a run of one node, or splits a longer one: halving prints a chain backwards with a few runs pending, where a

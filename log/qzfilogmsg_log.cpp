@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <iterator>
 #include <unistd.h>
 #include <utility>
 
@@ -38,9 +39,9 @@ namespace {
 
 constexpr int most_names = 16; // names asked for before a log file is given up as taken
 constexpr uint32_t dump_width = 16;
-constexpr uint32_t dump_middle = 7;    // the byte that a "-" follows
-constexpr std::size_t dump_line = 80;  // "OOOOOOOO : ", 16 * "XX ", ": ", 16 characters, a newline
-constexpr int deepest_indent = 19;     // the last of `spc`
+constexpr uint32_t dump_middle = 7;   // the byte that a "-" follows
+constexpr std::size_t dump_line = 80; // "OOOOOOOO : ", 16 * "XX ", ": ", 16 characters, a newline
+constexpr int32_t deepest_indent = std::size(spc) - 1;
 constexpr mode_t log_file_mode = 0666; // as fopen creates files; the umask applies
 
 // The log in force, and what opening made of it. The setters change only the former: a stream or path that was set
@@ -197,7 +198,7 @@ int32_t qzfi_logmsg(const char *text, int32_t newline, int32_t indent) {
     if (output == nullptr)
         return 0;
     // Records nested deeper than the table is long share its last indentation: there is none beyond.
-    const char *indentation = spc[std::clamp<int32_t>(indent, 0, deepest_indent)];
+    const char *indentation = spc[std::clamp(indent, 0, deepest_indent)];
     fprintf(output, newline != 0 ? "\n%s%s" : "%s%s", indentation, qzfi_checkNull(text));
     return fflush(output);
 }
