@@ -9,6 +9,7 @@
 #include <qzfi/version.h>
 
 #include "common/qzfitext.h"
+#include "util/qzfiutil_context.h"
 #include "util/qzfiutil_messages.h"
 #include "util/qzfiutil_settings.h"
 
@@ -67,6 +68,7 @@ int32_t qzfi_uinit0(qfi_handler *handler) {
 }
 
 int32_t qzfi_ufini(void) {
+    qzfi::reap_closed_contexts();
     util_ehandler = nullptr;
     return 0;
 }
