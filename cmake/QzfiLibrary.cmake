@@ -17,6 +17,8 @@ add_library(qzfi_objects OBJECT
   util/qzfiutil_escape.cpp
   util/qzfiutil_format.cpp
   util/qzfiutil_messages.cpp
+  util/qzfiutil_plugin.cpp
+  util/qzfiutil_plugin_choice.cpp
   util/qzfiutil_settings.cpp
   util/qzfiutil_start.cpp
   util/qzfiutilmachdep_system.cpp

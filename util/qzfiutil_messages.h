@@ -6,6 +6,9 @@
 
 #include <qzfi/errors.h>
 #include <qzfi/messages.h>
+#include <qzfi/system.h>
+
+#include "common/qzfitext.h"
 
 namespace qzfi {
 
@@ -44,6 +47,9 @@ struct Message {
     X(plugin_too_new, "MSG_QFI_E0328", 2, "%s: Plugin version %s newer than API version %s\n")
 // clang-format on
 
+/// What records hold of `opendir_failed`, whose number is text there.
+inline constexpr const char *opendir_failed_record_format = "%s: opendir on %s failed errno %s\n";
+
 namespace message {
 #define QZFI_MESSAGE(name, id, severity, format) inline constexpr Message name{id, severity, format};
 QZFI_MESSAGES(QZFI_MESSAGE)
@@ -60,6 +66,16 @@ void raise(const Message &message, const char *routine, Arguments... arguments) 
     qzfi_getmsg(message.id, message.severity, message.format, routine, arguments...);
     fi_create_error_info(message.id, 0, nullptr, nullptr, nullptr, 1 + int{sizeof...(arguments)}, message.format,
                          routine, arguments...);
+}
+
+/// Raises `opendir_failed`, the one message with a number: reported as a number, recorded as text. As in every record
+/// the last argument, here that text, is counted out.
+inline void raise_opendir_failed(const char *routine, const char *path, int32_t error) noexcept {
+    const Message &message = message::opendir_failed;
+    qzfi_getmsg(message.id, message.severity, message.format, routine, path, error);
+    const Text number{qzfi_mysprintf(error, nullptr)};
+    fi_create_error_info(message.id, 0, nullptr, nullptr, nullptr, 3, opendir_failed_record_format, routine, path,
+                         number.get());
 }
 
 } // namespace qzfi
