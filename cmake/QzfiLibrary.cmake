@@ -14,13 +14,18 @@ add_library(qzfi_objects OBJECT
   log/qzfilogmsg_trace.cpp
   log/qzfilogmsg2_tree.cpp
   msgcat/qzfiicuerrormgr.cpp
+  util/qzfiutil_child.cpp
+  util/qzfiutil_context.cpp
   util/qzfiutil_escape.cpp
+  util/qzfiutil_exchange.cpp
   util/qzfiutil_format.cpp
   util/qzfiutil_messages.cpp
+  util/qzfiutil_pipe.cpp
   util/qzfiutil_plugin.cpp
   util/qzfiutil_plugin_choice.cpp
   util/qzfiutil_settings.cpp
   util/qzfiutil_start.cpp
+  util/qzfiutil_sweep.cpp
   util/qzfiutilmachdep_system.cpp
 )
 set_target_properties(qzfi_objects PROPERTIES

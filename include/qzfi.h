@@ -6,10 +6,12 @@
 #ifndef QZFI_H
 #define QZFI_H
 
+#include <qzfi/context.h>
 #include <qzfi/errors.h>
 #include <qzfi/frontend.h>
 #include <qzfi/log.h>
 #include <qzfi/messages.h>
+#include <qzfi/plugin.h>
 #include <qzfi/records.h>
 #include <qzfi/settings.h>
 #include <qzfi/status.h>
