@@ -198,7 +198,8 @@ public:
     /// False when memory is short.
     bool prepare() noexcept { return ready_.reserve(std::max({status_fd_, output_.fd, error_.fd})); }
 
-    /// False when there is no exit code to be had; `failure` says what the caller is told then.
+    /// False when there is no exit code to be had; `failure` says what the caller is told then, 0 for the status of
+    /// the sending.
     bool collect() noexcept {
         while (!has_exit_code_) {
             if (!wait())
@@ -268,12 +269,12 @@ private:
         if (has_exit_code_)
             return true;
         const uint32_t status = fail(message::read_size_error, routine);
-        // A failed read leaves the caller with the status of the sending, which went well; a context process that is
-        // gone is a failure of its own.
+        // Deliberate: a failed read leaves the caller with the status of the sending. A context process that is gone is
+        // a failure of its own.
         return fails_with(received < 0 ? uint32_t{QFI_STATUS_OK} : status);
     }
 
-    /// Takes what is readable. When that fails the caller is left with the status of the sending, which went well.
+    /// Takes what is readable. Deliberate: when that fails the caller is left with the status of the sending.
     bool gather(Stream &stream) noexcept {
         if (!ready_.has(stream.fd))
             return true;
@@ -301,9 +302,12 @@ uint32_t exchange(int32_t *record, const char *command, char **buffer, uint32_t 
     if (!collector.prepare())
         return QFI_STATUS_NO_MEMORY;
     const uint32_t sent = send(record, command, std::strlen(command) + 1);
-    if (sent != QFI_STATUS_OK)
-        return sent; // no exit code can come
-    return collector.collect() ? collector.hand_over(buffer, length) : collector.failure();
+    // A context process that ended by itself left a last word, which is taken as the exit code. Without one there is
+    // nothing to wait for.
+    if (sent != QFI_STATUS_OK && !has_input(record[QFI_CONTEXT_STATUS_READ]))
+        return sent;
+    const uint32_t result = collector.collect() ? collector.hand_over(buffer, length) : collector.failure();
+    return result != QFI_STATUS_OK ? result : sent;
 }
 
 /// Writes what waits in a pipe, and not what comes meanwhile, to a descriptor.

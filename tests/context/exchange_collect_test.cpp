@@ -251,6 +251,21 @@ TEST_F(Collect, nothing_is_awaited_when_sending_failed) {
     EXPECT_FALSE(is_locked(mutex_iop));
 }
 
+TEST_F(Collect, a_last_word_of_a_context_process_that_is_gone_is_the_result) {
+    const int32_t final[2] = {5, 0};
+    put(slot(QFI_CONTEXT_STATUS_WRITE), final, sizeof final);
+    for (const int end :
+         {QFI_CONTEXT_STATUS_WRITE, QFI_CONTEXT_COMMAND_READ, QFI_CONTEXT_OUTPUT_WRITE, QFI_CONTEXT_ERROR_WRITE})
+        close_slot(end);
+    EXPECT_EQ(run("command"), nothing(5));
+    expect_raised("MSG_QFI_UTIL_E0059", "qzfi_sendcmd: write size error\n");
+    for (int times = 0; times < 2; ++times) { // the other half of the word, then nothing
+        EXPECT_EQ(run("command"), nothing(11));
+        expect_raised("MSG_QFI_UTIL_E0059", "qzfi_sendcmd: write size error\n");
+    }
+    EXPECT_FALSE(is_locked(mutex_iop));
+}
+
 TEST_F(Collect, a_failing_select_is_status_11) {
     EXPECT_EQ(run_failing(Call::select, 1, [] {}), nothing(11));
     expect_raised("MSG_QFI_UTIL_E0053", "qzfi_exec_cmd_in_child_context: read size error\n");

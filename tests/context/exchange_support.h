@@ -19,6 +19,7 @@
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
