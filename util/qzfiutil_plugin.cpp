@@ -1,9 +1,11 @@
 // Plugin discovery: each call scans the directory anew, for the caller's list is the whole memory of what is loaded.
 #include "util/qzfiutil_plugin.h"
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include <qzfi/status.h>
 #include <qzfi/system.h>
@@ -44,11 +46,12 @@ struct Search {
     uint64_t value;
 };
 
-Text join_directory(const char *root, const char *subdir) noexcept {
-    const std::size_t size = std::strlen(root) + std::strlen(subdir) + 2;
+/// Two parts of a path with `separator`, one character at most, between them.
+Text join(const char *first, const char *separator, const char *second) noexcept {
+    const std::size_t size = std::strlen(first) + std::strlen(second) + 2;
     Text path{static_cast<char *>(std::malloc(size))};
     if (path)
-        qzfi_snprintf(path.get(), size, "%s%c%s", root, '/', subdir);
+        qzfi_snprintf(path.get(), size, "%s%s%s", first, separator, second);
     return path;
 }
 
@@ -57,15 +60,6 @@ bool is_listed(const qfi_plugin *list, const char *base) noexcept {
         if (std::strcmp(each->vp_prefix, base) == 0)
             return true;
     return false;
-}
-
-/// Without a separator: directories are given with a "/" at their end.
-Text join_library_path(const char *directory, const char *file) noexcept {
-    const std::size_t size = std::strlen(directory) + std::strlen(file) + 2;
-    Text path{static_cast<char *>(std::malloc(size))};
-    if (path)
-        qzfi_snprintf(path.get(), size, "%s%s", directory, file);
-    return path;
 }
 
 Plugin make_plugin(const char *file, const char *base, Text library_path, uint64_t value) noexcept {
@@ -114,7 +108,7 @@ Plugin load_plugin(const Search &search, const char *base) noexcept {
         return nullptr;
     const char *const file = chosen.text;
 
-    Text path = join_library_path(search.directory, file);
+    Text path = join(search.directory, "", file); // directories are given with a "/" at their end
     if (!path) {
         qzfi::raise(message::no_memory_for_library_name, scan_routine, file);
         return nullptr;
@@ -141,14 +135,6 @@ void link_at_head(qfi_plugin *&list, qfi_plugin *plugin) noexcept {
 
 } // namespace
 
-bool qzfi::is_loadable_plugin(const char *library_path) noexcept {
-    // Anywhere in the path: a whole directory of such builds is passed over too.
-    for (const char *other_kind : {"STD.", "ST.", "D."})
-        if (std::strstr(library_path, other_kind) != nullptr)
-            return false;
-    return std::strstr(library_path, ".so") != nullptr;
-}
-
 DIR *qzfi_pgndir(const char *subdir, const char *env_name, char **path, int32_t *owned, const char *root) {
     if (path == nullptr || owned == nullptr)
         return nullptr;
@@ -159,7 +145,7 @@ DIR *qzfi_pgndir(const char *subdir, const char *env_name, char **path, int32_t 
     if (from_environment == nullptr) {
         if (root == nullptr || subdir == nullptr)
             return nullptr;
-        made = join_directory(root, subdir);
+        made = join(root, "/", subdir);
         if (!made) {
             qzfi::raise(message::no_memory_for_directory_path, "qzfi_pgndir");
             return nullptr;
@@ -185,14 +171,12 @@ qfi_plugin *qzfi_newpgn(const char *subdir, const char *env_name, const char *pr
     const Directory stream{qzfi_pgndir(subdir, env_name, &path, &owned, root)};
     if (!stream)
         return nullptr;
-    // The environment's text is copied too: an initialisation routine may change the variable.
-    const Text directory = owned != 0 ? Text{path} : qzfi::duplicate(path);
-    if (!directory) {
-        qzfi::raise(message::no_memory_for_directory_path, scan_routine);
-        return nullptr;
-    }
+    const Text owned_path{owned != 0 ? path : nullptr};
+    // A copy, for an initialisation routine may change the variable. It fits: no longer path can have been opened.
+    char directory[PATH_MAX];
+    qzfi::copy_bounded(directory, sizeof directory, path);
 
-    const Search search{directory.get(), prefix, init, value};
+    const Search search{directory, prefix, init, value};
     PluginFile file;
     while (qzfi::read_plugin_file(stream.get(), prefix, file)) {
         if (is_listed(*list, file.base))

@@ -35,8 +35,12 @@ struct EntryName {
     char text[sizeof(dirent::d_name)] = {};
 };
 
-/// A file whose name contains the prefix.
+/// A file whose name contains the prefix. Not copied, for it points into itself.
 struct PluginFile {
+    PluginFile() = default;
+    PluginFile(const PluginFile &) = delete;
+    PluginFile &operator=(const PluginFile &) = delete;
+
     EntryName name;                // whole
     EntryName parts;               // the same, cut into what the pointers below show
     const char *base = nullptr;    // what plugins are told apart by

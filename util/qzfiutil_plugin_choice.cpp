@@ -45,13 +45,13 @@ int64_t version_number(const char *version) noexcept {
     return std::strtoll(qzfistos(version, copy), nullptr, 10);
 }
 
-/// True when a file goes before those looked at so far, of which `best` is the highest version.
-bool is_better(const PluginFile &file, int64_t &best) noexcept {
+/// Compares a file with those looked at so far, of which `best` is the highest version; true when it goes before them.
+bool becomes_candidate(const PluginFile &file, int64_t &best) noexcept {
     if (file.version == nullptr)
         return best <= 0;
     const int64_t number = version_number(file.version);
     if (number < 0) {
-        qzfi::raise<const char *>(qzfi::message::badly_formed_version, choice_routine, file.name.text);
+        qzfi::raise(qzfi::message::badly_formed_version, choice_routine, file.name.text);
         return false;
     }
     if (number < best)
@@ -130,10 +130,18 @@ bool qzfi::choose_plugin_file(const char *directory, const char *prefix, const c
     int64_t best = 0;
     PluginFile file;
     while (read_plugin_file(stream.get(), prefix, file)) {
-        if (!file.is_library || std::strcmp(file.base, base) != 0 || !is_better(file, best))
+        if (!file.is_library || std::strcmp(file.base, base) != 0 || !becomes_candidate(file, best))
             continue;
         chosen = file.name;
         is_chosen = true;
     }
     return is_chosen;
+}
+
+bool qzfi::is_loadable_plugin(const char *library_path) noexcept {
+    // Anywhere in the path: a whole directory of such builds is passed over too.
+    for (const char *other_kind : {"STD.", "ST.", "D."})
+        if (std::strstr(library_path, other_kind) != nullptr)
+            return false;
+    return std::strstr(library_path, ".so") != nullptr;
 }

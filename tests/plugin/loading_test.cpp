@@ -1,5 +1,6 @@
 // Loading plugins one after another, with real libraries.
 #include <algorithm>
+#include <cstddef>
 #include <set>
 #include <sys/stat.h>
 #include <thread>
@@ -55,6 +56,30 @@ protected:
         return result;
     }
 };
+
+TEST(PluginLayout, descriptors_are_laid_out_as_separately_built_plugins_see_them) {
+    EXPECT_EQ(offsetof(qfi_plugin, first), 0u);
+    EXPECT_EQ(offsetof(qfi_plugin, value), 8u);
+    EXPECT_EQ(offsetof(qfi_plugin, library_path), 16u);
+    EXPECT_EQ(offsetof(qfi_plugin, vp_prefix), 24u);
+    EXPECT_EQ(offsetof(qfi_plugin, fifth), 32u);
+    EXPECT_EQ(offsetof(qfi_plugin, sixth), 40u);
+    EXPECT_EQ(offsetof(qfi_plugin, libpriv), 48u);
+    EXPECT_EQ(sizeof(qfi_plugin), 56u);
+
+    EXPECT_EQ(offsetof(qfi_libpriv, reserved0), 0u);
+    EXPECT_EQ(offsetof(qfi_libpriv, mark), 8u);
+    EXPECT_EQ(offsetof(qfi_libpriv, next), 16u);
+    EXPECT_EQ(offsetof(qfi_libpriv, prev), 24u);
+    EXPECT_EQ(offsetof(qfi_libpriv, reserved1), 32u);
+    EXPECT_EQ(offsetof(qfi_libpriv, reserved2), 40u);
+    EXPECT_EQ(sizeof(qfi_libpriv), 48u);
+
+    EXPECT_EQ(offsetof(qfi_plugin_ops, error_mark), 0u);
+    EXPECT_EQ(offsetof(qfi_plugin_ops, free_error), 8u);
+    EXPECT_EQ(offsetof(qfi_plugin_ops, message_mark), 16u);
+    EXPECT_EQ(offsetof(qfi_plugin_ops, free_message), 24u);
+}
 
 TEST_F(PluginLoading, an_accepted_plugin_is_described_marked_and_at_the_head_of_the_list) {
     install("accepting", "libalpha.so.4");
@@ -216,6 +241,18 @@ TEST_F(PluginLoading, libraries_of_other_builds_are_never_loaded_and_never_menti
     EXPECT_EQ(load(start), nullptr);
     EXPECT_EQ(offered, Names{});
     expect_silence();
+}
+
+TEST_F(PluginLoading, a_chosen_file_of_another_build_hides_the_plugins_other_files) {
+    install("accepting", "libalpha.so");
+    install("accepting", "oldD.libalpha.so");
+    show_entries({{"libalpha.so", "oldD.libalpha.so"}});
+    EXPECT_EQ(load(start), nullptr);
+    EXPECT_EQ(offered, Names{});
+    expect_silence();
+    show_entries({{"oldD.libalpha.so", "libalpha.so"}});
+    EXPECT_NE(load(start), nullptr);
+    EXPECT_EQ(offered, Names{"libalpha.so"});
 }
 
 TEST_F(PluginLoading, a_directory_named_like_another_build_is_passed_over_whole) {
