@@ -71,9 +71,11 @@ QZFI_API int32_t qzfi_is_child_context(void);
  * @param buffer receives the standard output when the exit code is 0, else the error output; null when there is none.
  *        Released with `qzfi_free_buf`. Not terminated.
  * @param length receives its number of bytes
- * @return the exit code (all bits set when a signal ended the command); when that is 0, or none could be had: 0;
- *         3 null argument or no context; 5 out of memory; 11 a pipe failed or the context process is gone.
- *         An exit code of 3, 5 or 11 cannot be told from these.
+ * @return the exit code (all bits set when a signal ended the command) when it is not 0. Otherwise 0 for success; 3
+ *         null argument (nothing is touched) or no context; 5 no memory to wait with (nothing was sent); 11 a pipe
+ * failed or the context process is gone. An exit code of 3, 5 or 11 cannot be told from these. When output or exit code
+ *         could not be read, for lack of memory too, the result is 0 with a null buffer, and an exit code that was not
+ *         read is the next command's.
  * Thread-safe; waits for the exchanges of other threads.
  */
 QZFI_API uint32_t qzfi_exec_cmd_in_child_context(const char *command, char **buffer, uint32_t *length);
@@ -89,7 +91,8 @@ QZFI_API uint32_t qzfi_sendcmd(void *handle, const char *command, uint32_t lock_
  * Appends what can be read from a pipe to a buffer.
  * @param buffer in and out, from `qzfi_alloc_buf` or null; moved when it grows
  * @param length in and out, its number of bytes
- * @return 0; 5 out of memory (the buffer is as it was before the last chunk); 11 the pipe failed
+ * @return 0, also when a read fails; 3 null argument; 5 out of memory (the buffer is as it was before the last chunk,
+ *         which is lost); 11 the waiting bytes could not be counted
  */
 QZFI_API uint32_t qzfi_readfd(int32_t fd, char **buffer, uint32_t *length);
 

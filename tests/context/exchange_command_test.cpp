@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -19,13 +20,18 @@ class Command : public Fixture {
 protected:
     Command() {
         signal(SIGPIPE, SIG_DFL);
+        prctl(PR_SET_CHILD_SUBREAPER, 1); // what a command leaves running can be waited for
         EXPECT_NE(mkdtemp(directory_.data()), nullptr);
         open_context();
     }
     ~Command() override {
+        const pid_t last = command_iop != nullptr ? context_pid() : 0;
         qzfi_close_context();
         EXPECT_EQ(command_iop, nullptr);
-        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
+        if (last != 0) {
+            EXPECT_EQ(kill(last, 0), -1) << "the context process is left";
+        }
+        EXPECT_TRUE(eventually([] { return waitpid(-1, nullptr, WNOHANG) == -1; })) << "a process is left";
         std::filesystem::remove_all(directory_);
     }
 
