@@ -20,6 +20,7 @@ class Command : public Fixture {
 protected:
     Command() {
         signal(SIGPIPE, SIG_DFL);
+        const fault::ShortTransfers shares_the_harness_with_the_context_process(SIZE_MAX);
         prctl(PR_SET_CHILD_SUBREAPER, 1); // what a command leaves running can be waited for
         EXPECT_NE(mkdtemp(directory_.data()), nullptr);
         open_context();
@@ -331,6 +332,9 @@ struct NamedCall {
     Call call;
     const char *name;
 };
+std::ostream &operator<<(std::ostream &out, const NamedCall &row) {
+    return out << row.name;
+}
 class FailingCall : public Command, public testing::WithParamInterface<NamedCall> {};
 
 INSTANTIATE_TEST_SUITE_P(OnEitherSide, FailingCall,

@@ -144,6 +144,9 @@ struct Copier {
     const char *name;
     int read_end, write_end, other_write_end, other_read_end;
 };
+std::ostream &operator<<(std::ostream &out, const Copier &copier) {
+    return out << copier.name;
+}
 const Copier copiers[] = {{qzfi_readoutpipe, "qzfi_readoutpipe", QFI_CONTEXT_OUTPUT_READ, QFI_CONTEXT_OUTPUT_WRITE,
                            QFI_CONTEXT_ERROR_WRITE, QFI_CONTEXT_ERROR_READ},
                           {qzfi_readerrpipe, "qzfi_readerrpipe", QFI_CONTEXT_ERROR_READ, QFI_CONTEXT_ERROR_WRITE,
