@@ -23,6 +23,20 @@
 #include "util/qzfiutil_messages.h"
 #include "util/qzfiutil_pipe.h"
 
+#if defined(__SANITIZE_THREAD__)
+#define QZFI_HANDLERS_ARE_QUEUED
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define QZFI_HANDLERS_ARE_QUEUED
+#endif
+#endif
+#ifdef QZFI_HANDLERS_ARE_QUEUED
+// In a process forked off several threads the thread sanitizer queues signals for ever: the C library is asked
+// directly there.
+extern "C" int __sigaction(int signal, const struct sigaction *action, struct sigaction *previous) noexcept;
+#define sigaction(...) __sigaction(__VA_ARGS__)
+#endif
+
 int32_t sig_pid = 0;
 int32_t sig_chld_status = 0;
 

@@ -332,22 +332,24 @@ TEST_F(ContextProcess, the_hosts_buffered_text_and_exit_handlers_stay_with_the_h
         static char buffer[4096];
         std::setvbuf(stdout, buffer, _IOFBF, sizeof buffer);
         std::fputs("unflushed", stdout);
-        bool is_as_expected = qzfi_create_context() == 0 && run("exit 3") == 3 && run("kill -9 $$") == -1;
+        EXPECT_EQ(qzfi_create_context(), 0u);
+        EXPECT_EQ(run("exit 3"), 3);
+        EXPECT_EQ(run("kill -9 $$"), -1);
         kill(context_process(), SIGIO);
-        is_as_expected = is_as_expected && context::exit_code_of(context_process()) == 0 &&
-                         context::read_pipe(command_iop[QFI_CONTEXT_OUTPUT_READ], 100).empty() &&
-                         context::read_pipe(command_iop[QFI_CONTEXT_ERROR_READ], 100).empty() && shared().counter == 0;
+        EXPECT_EQ(context::exit_code_of(context_process()), 0);
+        EXPECT_EQ(context::read_pipe(command_iop[QFI_CONTEXT_OUTPUT_READ], 100), "");
+        EXPECT_EQ(context::read_pipe(command_iop[QFI_CONTEXT_ERROR_READ], 100), "");
+        EXPECT_EQ(shared().counter, 0);
         qzfi_close_context();
         std::fflush(stdout);
-        std::exit(is_as_expected ? 0 : 1);
+        std::exit(testing::Test::HasFailure() ? 1 : 0);
     }
     EXPECT_EQ(context::exit_code_of(host), 0);
     waitpid(host, nullptr, 0);
     EXPECT_EQ(shared().counter, 1);
     std::ifstream written(path);
-    std::string text;
-    std::getline(written, text);
-    EXPECT_EQ(text, "unflushed");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(written), {}), "unflushed"); // and no failure of the host's
+
     close(file);
     unlink(path);
 }

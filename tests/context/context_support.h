@@ -213,7 +213,8 @@ inline std::vector<int32_t> remaining_words() {
     const std::string bytes = read_pipe(command_iop[QFI_CONTEXT_STATUS_READ], 4096);
     std::vector<int32_t> words(bytes.size() / sizeof(int32_t));
     EXPECT_EQ(bytes.size() % sizeof(int32_t), 0u);
-    std::memcpy(words.data(), bytes.data(), words.size() * sizeof(int32_t));
+    if (!words.empty())
+        std::memcpy(words.data(), bytes.data(), words.size() * sizeof(int32_t));
     return words;
 }
 
