@@ -135,11 +135,12 @@ bool append(char **buffer, uint32_t *length, const char *bytes, std::size_t coun
 /// The descriptors to wait for. Not a plain fd_set: hosts have descriptors beyond its size.
 class WaitSet {
 public:
-    /// Makes room for descriptors up to `highest`; false when memory is short.
+    /// Makes room for descriptors up to `highest`, which is -1 in the record that a failed creation left; false when
+    /// memory is short.
     bool reserve(int highest) noexcept {
-        const std::size_t needed = static_cast<std::size_t>(highest) / bits + 1;
-        if (needed <= std::size(fixed_))
+        if (highest < FD_SETSIZE)
             return true;
+        const std::size_t needed = static_cast<std::size_t>(highest) / bits + 1;
         large_.reset(static_cast<char *>(std::calloc(needed, sizeof(Word))));
         words_ = reinterpret_cast<Word *>(large_.get());
         size_ = needed;

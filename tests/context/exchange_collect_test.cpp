@@ -68,6 +68,15 @@ TEST_F(Collect, without_a_context_the_status_is_3_and_the_buffer_null) {
     expect_nothing_raised();
 }
 
+TEST_F(Collect, a_context_that_is_closed_during_the_wait_for_the_lock_is_status_3) {
+    Result result;
+    close_while_waiting([&] { result = run("command"); });
+    EXPECT_EQ(result, nothing(3));
+    EXPECT_FALSE(is_locked(mutex_iop));
+    EXPECT_EQ(pending(slot(QFI_CONTEXT_COMMAND_READ)), 0);
+    expect_nothing_raised();
+}
+
 TEST_F(Collect, exit_code_0_gives_the_output_and_others_the_error_output) {
     const struct {
         int32_t code;
@@ -247,6 +256,14 @@ TEST_F(Collect, nothing_is_awaited_when_sending_failed) {
         const Armed armed(Call::ioctl, 1);
         EXPECT_EQ(run("command"), nothing(11));
     }
+    expect_raised("MSG_QFI_UTIL_E0058", "qzfi_sendcmd: fstat failure\n");
+    EXPECT_FALSE(is_locked(mutex_iop));
+}
+
+TEST_F(Collect, a_record_that_a_failed_creation_left_is_a_failed_count) {
+    for (int number = 0; number < QFI_CONTEXT_PID; ++number)
+        close_slot(number);
+    EXPECT_EQ(run("command"), nothing(11));
     expect_raised("MSG_QFI_UTIL_E0058", "qzfi_sendcmd: fstat failure\n");
     EXPECT_FALSE(is_locked(mutex_iop));
 }

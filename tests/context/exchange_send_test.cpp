@@ -101,6 +101,20 @@ TEST_F(SendCommand, short_writes_are_continued) {
     EXPECT_EQ(get_pending(slot(QFI_CONTEXT_COMMAND_READ)), std::string("\x8\0\0\0\0\0\0\0echo hi\0", 16));
 }
 
+TEST_F(SendCommand, interrupted_reads_and_writes_are_continued) {
+    for (const auto &[call, nth] : {std::pair{Call::read, 1}, {Call::write, 1}, {Call::write, 2}}) {
+        say("left over");
+        {
+            const Armed armed(call, nth, {EINTR, false});
+            EXPECT_EQ(qzfi_sendcmd(handle(), "true", QFI_LOCK_RELEASE), 0u);
+        }
+        EXPECT_TRUE(Armed::fired());
+        EXPECT_EQ(get_pending(slot(QFI_CONTEXT_COMMAND_READ)), std::string("\x5\0\0\0\0\0\0\0true\0", 13));
+        EXPECT_EQ(pending(slot(QFI_CONTEXT_OUTPUT_READ)), 0);
+    }
+    expect_nothing_raised();
+}
+
 TEST_F(SendCommand, leftovers_on_both_pipes_are_discarded_with_a_pause_after_each_full_chunk) {
     const struct {
         std::size_t size;
@@ -200,25 +214,7 @@ TEST_F(SendCommand, a_record_without_pipes_is_a_failed_count) {
 
 TEST_F(SendCommand, a_handle_that_went_stale_during_the_wait_for_the_lock_is_refused) {
     uint32_t status = 0;
-    std::atomic<long> waiter{0};
-    pthread_mutex_lock(&mutex_iop);
-    std::thread caller([&] {
-        waiter = syscall(SYS_gettid);
-        status = qzfi_sendcmd(handle(), "true", QFI_LOCK_KEEP);
-    });
-    const auto is_asleep = [&] {
-        if (waiter == 0)
-            return false;
-        const std::string path = "/proc/self/task/" + std::to_string(waiter) + "/stat";
-        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        const std::string line = get(fd, 200);
-        close(fd);
-        return line.find(") S ") != std::string::npos;
-    };
-    EXPECT_TRUE(eventually(is_asleep));
-    __atomic_store_n(&command_iop, nullptr, __ATOMIC_RELEASE);
-    pthread_mutex_unlock(&mutex_iop);
-    caller.join();
+    close_while_waiting([&] { status = qzfi_sendcmd(handle(), "true", QFI_LOCK_KEEP); });
     EXPECT_EQ(status, 3u);
     EXPECT_FALSE(is_locked(mutex_iop));
     EXPECT_EQ(sent(), 0);

@@ -231,6 +231,29 @@ protected:
     void complain(const std::string &bytes) { put(slot(QFI_CONTEXT_ERROR_WRITE), bytes); }
     void exit_with(int32_t code) { put_word(slot(QFI_CONTEXT_STATUS_WRITE), code); }
 
+    /// Takes the context away while a call waits for `mutex_iop`.
+    static void close_while_waiting(const std::function<void()> &call) {
+        std::atomic<long> waiter{0};
+        pthread_mutex_lock(&mutex_iop);
+        std::thread caller([&] {
+            waiter = syscall(SYS_gettid);
+            call();
+        });
+        const auto is_asleep = [&] {
+            if (waiter == 0)
+                return false;
+            const std::string path = "/proc/self/task/" + std::to_string(waiter) + "/stat";
+            const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+            const std::string line = get(fd, 200);
+            close(fd);
+            return line.find(") S ") != std::string::npos;
+        };
+        EXPECT_TRUE(eventually(is_asleep));
+        __atomic_store_n(&command_iop, nullptr, __ATOMIC_RELEASE);
+        pthread_mutex_unlock(&mutex_iop);
+        caller.join();
+    }
+
     /// Unlocks `mutex_iop` after a call that kept it.
     static void unlock() {
         EXPECT_TRUE(is_locked(mutex_iop));
