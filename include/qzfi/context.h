@@ -65,7 +65,8 @@ QZFI_API int32_t qzfi_is_child_context(void);
 /**
  * Runs a shell command in the context process and collects what it printed.
  *
- * Output arrives at 256 bytes every two seconds; a command that prints nothing costs ten seconds.
+ * A command starts after two seconds and its output arrives at 256 bytes every two seconds; one that prints nothing
+ * costs ten seconds in all.
  *
  * @param command text for "/bin/bash -c"
  * @param buffer receives the standard output when the exit code is 0, else the error output; null when there is none.
@@ -73,22 +74,25 @@ QZFI_API int32_t qzfi_is_child_context(void);
  * @param length receives its number of bytes
  * @return the exit code (all bits set when a signal ended the command) when it is not 0. Otherwise 0 for success; 3
  *         null argument (nothing is touched) or no context; 5 no memory to wait with (nothing was sent); 11 a pipe
- * failed or the context process is gone. An exit code of 3, 5 or 11 cannot be told from these. When output or exit code
- *         could not be read, for lack of memory too, the result is 0 with a null buffer, and an exit code that was not
- *         read is the next command's.
+ *         failed or the context process is gone. An exit code of 3, 5 or 11 cannot be told from these. When output or
+ *         exit code could not be read, for lack of memory too, the result is 0 with a null buffer, and an exit code
+ *         that was not read is the next command's.
  * Thread-safe; waits for the exchanges of other threads.
  */
 QZFI_API uint32_t qzfi_exec_cmd_in_child_context(const char *command, char **buffer, uint32_t *length);
 
 /**
- * Sends a command, after discarding output left over from earlier ones. The caller reads output and exit code itself.
+ * Sends a command, after discarding output left over from earlier ones at 256 bytes every two seconds. The caller
+ * reads output and exit code itself, and does so before the next command.
  * @param lock_mode `QFI_LOCK_KEEP` returns with `mutex_iop` locked, also on failure; `QFI_LOCK_RELEASE` unlocks it
- * @return 0; 3 null command, stale handle or bad mode (nothing locked or sent); 11 a pipe failed
+ * @return 0; 3 null command, stale handle or bad mode (nothing locked or sent); 11 a pipe failed. When that
+ *         cut a command short, the context takes no more of them: it has to be closed and made again.
  */
 QZFI_API uint32_t qzfi_sendcmd(void *handle, const char *command, uint32_t lock_mode);
 
 /**
- * Appends what can be read from a pipe to a buffer.
+ * Appends what can be read from a pipe to a buffer, with a pause of two seconds after each 256 bytes. Waits for the
+ * first byte or the pipe's end. The caller holds `mutex_iop` when the pipe is the context's.
  * @param buffer in and out, from `qzfi_alloc_buf` or null; moved when it grows
  * @param length in and out, its number of bytes
  * @return 0, also when a read fails; 3 null argument; 5 out of memory (the buffer is as it was before the last chunk,

@@ -59,7 +59,7 @@ protected:
         EXPECT_EQ(waitid(P_PID, static_cast<id_t>(context_pid()), &end, WEXITED | WNOWAIT), 0);
     }
 
-    /// Runs a command that has to be waiting for the file "go" when `meanwhile` is run.
+    /// Runs a command, and `meanwhile` once the command has made the file "ready".
     Result run_during(const std::string &command, const std::function<void()> &meanwhile) {
         const Peer peer([&] {
             EXPECT_TRUE(eventually([&] { return exists("ready"); }));
@@ -144,11 +144,10 @@ TEST_F(Command, a_background_process_outlives_the_context) {
 }
 
 TEST_F(Command, texts_around_the_fixed_buffer_run) {
+    const std::string begin = "text=", end = "; echo ${#text}";
     for (const std::size_t size : {4095u, 4096u, 4097u, 70000u}) { // with the terminator
-        std::string command = "echo ${#last}-$last; last=";
-        command = "last=" + std::string(size - 1 - std::string("last=; echo ${#last}").size(), 'x') + "; echo ${#last}";
-        ASSERT_EQ(command.size() + 1, size);
-        EXPECT_EQ(run(command), output(std::to_string(size - 1 - 20) + "\n"));
+        const std::size_t filling = size - 1 - begin.size() - end.size();
+        EXPECT_EQ(run(begin + std::string(filling, 'x') + end), output(std::to_string(filling) + "\n"));
     }
     EXPECT_EQ(run("echo short again"), output("short again\n"));
 }
@@ -327,7 +326,6 @@ TEST_F(Command, descriptors_beyond_an_fd_set_work) {
     setrlimit(RLIMIT_NOFILE, &before);
 }
 
-/// Runs one exchange with the n-th of these calls failing, on either side, then one in a new context.
 struct NamedCall {
     Call call;
     const char *name;
@@ -335,6 +333,7 @@ struct NamedCall {
 std::ostream &operator<<(std::ostream &out, const NamedCall &row) {
     return out << row.name;
 }
+/// Runs one exchange with the n-th of these calls failing, on either side, then one in a new context.
 class FailingCall : public Command, public testing::WithParamInterface<NamedCall> {};
 
 INSTANTIATE_TEST_SUITE_P(OnEitherSide, FailingCall,

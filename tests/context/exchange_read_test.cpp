@@ -223,6 +223,21 @@ TEST_P(CopyPipe, copies_what_is_pending_on_its_own_pipe) {
     expect_nothing_raised();
 }
 
+TEST_P(CopyPipe, leaves_what_comes_while_it_copies) {
+    const int room = fcntl(destination_[1], F_SETPIPE_SZ, 4096);
+    ASSERT_GE(room, 4096);
+    put(destination_[1], pattern(static_cast<std::size_t>(room)));
+    fill(pattern(300));
+    {
+        const Peer copier([this] { EXPECT_EQ(copy(QFI_LOCK_KEEP), 0u); });
+        EXPECT_TRUE(eventually([this] { return left() == 44; })); // waits to write the first chunk
+        fill(pattern(500));
+        EXPECT_EQ(copied(), pattern(static_cast<std::size_t>(room)));
+    }
+    EXPECT_EQ(copied(), pattern(300));
+    EXPECT_EQ(left(), 500);
+}
+
 TEST_P(CopyPipe, makes_no_pauses_and_takes_no_lock) {
     pauses = 0;
     fill(pattern(1000));
@@ -247,6 +262,20 @@ TEST_P(CopyPipe, short_reads_and_writes_are_continued) {
     EXPECT_EQ(copied(), pattern(1000));
 }
 
+TEST_P(CopyPipe, interrupted_reads_and_writes_are_continued) {
+    for (const Call call : {Call::read, Call::write})
+        for (const int nth : {1, 2}) {
+            fill(pattern(300));
+            {
+                const Armed armed(call, nth, {EINTR, false});
+                EXPECT_EQ(copy(QFI_LOCK_KEEP), 0u);
+            }
+            EXPECT_TRUE(Armed::fired());
+            EXPECT_EQ(copied(), pattern(300));
+        }
+    expect_nothing_raised();
+}
+
 TEST_P(CopyPipe, a_failing_fstat_is_reported) {
     expect_failure(Call::stat, 1, "MSG_QFI_UTIL_E0058", ": fstat failure\n");
     EXPECT_EQ(left(), 4);
@@ -267,6 +296,8 @@ TEST_P(CopyPipe, a_failing_read_is_reported) {
 TEST_P(CopyPipe, a_failing_write_is_reported) {
     expect_failure(Call::write, 1, "MSG_QFI_UTIL_E0059", ": write size error\n");
     EXPECT_EQ(copied(), "");
+    expect_failure(Call::write, 2, "MSG_QFI_UTIL_E0059", ": write size error\n", pattern(300));
+    EXPECT_EQ(copied(), pattern(256) + pattern(256)); // the first chunk in both modes
 }
 
 TEST_P(CopyPipe, a_destination_without_a_reader_is_a_status_and_no_signal) {
