@@ -248,6 +248,22 @@ TEST_F(Collect, ended_output_pipes_do_not_keep_the_host_busy) {
     EXPECT_EQ(result, nothing(6));
 }
 
+TEST_F(Collect, a_null_buffer_has_length_0_also_after_a_failure) {
+    char byte = 'x';
+    const auto expect_none = [&byte](uint32_t status) {
+        char *buffer = &byte;
+        uint32_t length = 77;
+        EXPECT_EQ(qzfi_exec_cmd_in_child_context("command", &buffer, &length), status);
+        EXPECT_EQ(buffer, nullptr);
+        EXPECT_EQ(length, 0u);
+    };
+    put(slot(QFI_CONTEXT_STATUS_WRITE), std::string(8, '\0')); // the second word ends the wait for output
+    expect_none(0);
+    close_slot(QFI_CONTEXT_COMMAND_READ);
+    close_slot(QFI_CONTEXT_STATUS_READ);
+    expect_none(11);
+}
+
 TEST_F(Collect, nothing_is_awaited_when_sending_failed) {
     close_slot(QFI_CONTEXT_COMMAND_READ);
     EXPECT_EQ(run("command"), nothing(11));
