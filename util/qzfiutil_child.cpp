@@ -1,7 +1,7 @@
 // The context process: takes commands from its pipe, runs them through the shell, answers with their exit codes.
 //
 // It was forked off a host that may have many threads: it has to do without every lock that one of them may have held
-// (reports are made by a process of their own), never touches stdio, and ends by _exit only, so that neither the
+// (reports are made by a process of their own), never touches stdio, and ends at once, so that neither the
 // host's buffered text nor its exit handlers are run twice.
 #include "util/qzfiutil_context.h"
 
@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -64,6 +65,13 @@ static_assert(sizeof(FinalStatus) == 8);
 int stuck_report_fd = -1;
 FinalStatus stuck_report_status{};
 
+/// Straight to the system: a sanitizer's _exit writes the host's buffered text, and a host may have an _exit of its
+/// own.
+[[noreturn]] void end_process(int code) noexcept {
+    syscall(SYS_exit_group, code);
+    _exit(code);
+}
+
 /// The host's id, seen from outside its process-id namespace, is 0: then its end cannot be seen.
 bool is_host_gone() noexcept {
     const pid_t parent = getppid();
@@ -73,12 +81,12 @@ bool is_host_gone() noexcept {
 /// Comes when the thread that forked this process ends; that is the end of the host only when the parent changed.
 void handle_parent_death(int) noexcept {
     if (is_host_gone())
-        _exit(0);
+        end_process(0);
 }
 
 void handle_stuck_report(int) noexcept {
     (void)qzfi::write_whole(stuck_report_fd, &stuck_report_status, sizeof stuck_report_status);
-    _exit(0);
+    end_process(0);
 }
 
 void set_handler(int signal, void (*handler)(int), int flags = 0) noexcept {
@@ -86,7 +94,7 @@ void set_handler(int signal, void (*handler)(int), int flags = 0) noexcept {
     action.sa_handler = handler;
     action.sa_flags = flags;
     sigfillset(&action.sa_mask);
-    sigaction(signal, &action, nullptr);
+    (void)sigaction(signal, &action, nullptr); // fails for no signal that is set here
 }
 
 void set_signal_mask_empty() noexcept {
@@ -132,7 +140,7 @@ void prepare_signals() noexcept {
     prctl(PR_SET_PDEATHSIG, SIGURG);
     set_signal_mask_empty();
     if (is_host_gone())
-        _exit(0);
+        end_process(0);
 }
 
 /// Waits for the stop signal, or for the end of the host, which may be unable to signal any more.
@@ -140,7 +148,7 @@ void prepare_signals() noexcept {
     constexpr timespec nap{1, 0};
     while (!is_host_gone())
         nanosleep(&nap, nullptr);
-    _exit(0);
+    end_process(0);
 }
 
 /// Waits for a process, interrupted or not; false when it was reaped elsewhere.
@@ -190,7 +198,7 @@ void report(const Message &message, const char *routine, int status_fd, int32_t 
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (getppid() == self)
             call_host_handler(message, routine);
-        _exit(0);
+        end_process(0);
     }
     if (reporter == -1)
         report_here(message, routine, status_fd, final_word);
@@ -208,7 +216,7 @@ void report(const Message &message, const char *routine, int status_fd, int32_t 
     close(record[QFI_CONTEXT_STATUS_WRITE]);
     sleep(exec_delay_seconds);
     execl("/bin/bash", "bash", "-c", text, static_cast<char *>(nullptr));
-    _exit(exec_failed);
+    end_process(exec_failed);
 }
 
 /// Forks the command's process; -1 when the fork fails.
@@ -319,7 +327,7 @@ int32_t run_context(int32_t *record) noexcept {
 } // namespace
 
 void qzfi_sigio_handler(int) {
-    _exit(0);
+    end_process(0);
 }
 
 void qzfi_sigchld_handler(int) {
@@ -339,5 +347,5 @@ void qzfi_child_process(int32_t *record) {
     const int status_fd = record[QFI_CONTEXT_STATUS_WRITE];
     if (!qzfi::write_whole(status_fd, &last, sizeof last))
         report(qzfi::message::status_write_failed, process_routine, status_fd, last.word);
-    _exit(0);
+    end_process(0);
 }

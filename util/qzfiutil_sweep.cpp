@@ -137,8 +137,8 @@ void qzfi_closeall(int32_t *record) {
     for (const int slot :
          {QFI_CONTEXT_COMMAND_READ, QFI_CONTEXT_STATUS_WRITE, QFI_CONTEXT_OUTPUT_WRITE, QFI_CONTEXT_ERROR_WRITE})
         lift(record[slot]);
-    dup2(record[QFI_CONTEXT_OUTPUT_WRITE], STDOUT_FILENO);
-    dup2(record[QFI_CONTEXT_ERROR_WRITE], STDERR_FILENO);
+    (void)dup2(record[QFI_CONTEXT_OUTPUT_WRITE], STDOUT_FILENO);
+    (void)dup2(record[QFI_CONTEXT_ERROR_WRITE], STDERR_FILENO);
     // Commands get the output ends, and must not get the others.
     fcntl(record[QFI_CONTEXT_OUTPUT_WRITE], F_SETFD, 0);
     fcntl(record[QFI_CONTEXT_ERROR_WRITE], F_SETFD, 0);
