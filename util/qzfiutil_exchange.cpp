@@ -277,7 +277,9 @@ private:
 
     /// Takes what is readable. Deliberate: when that fails the caller is left with the status of the sending.
     bool gather(Stream &stream) noexcept {
-        if (!ready_.has(stream.fd))
+        // What a command wrote was in the pipe before its exit code came, also when `select` looked there too early.
+        const bool is_late = has_exit_code_ && stream.is_watched() && has_input(stream.fd);
+        if (!ready_.has(stream.fd) && !is_late)
             return true;
         const uint32_t before = stream.length;
         if (qzfi_readfd(stream.fd, &stream.text, &stream.length) != QFI_STATUS_OK)
