@@ -309,6 +309,7 @@ protected:
             qzfi::reap_closed_contexts();
             return children_of(getpid()).empty();
         }));
+        prctl(PR_SET_CHILD_SUBREAPER, 0); // set by tests that reap the orphans of their hosts
         unsetenv("ICU_DATA");
     }
 
