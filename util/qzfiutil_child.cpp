@@ -229,14 +229,20 @@ pid_t start_command(const int32_t *record, const char *text) noexcept {
     return pid;
 }
 
-/// The exit code of a command that was started: from its own reaping, or from that of the SIGCHLD handler.
+/// Waits for a command and takes its wait status, or the one that the SIGCHLD handler took first; false when there is
+/// neither. The handler's is not looked at otherwise: when it comes late, it says nothing of this command.
+bool wait_for_command(pid_t pid, int &status) noexcept {
+    if (reap(pid, status))
+        return true;
+    status = __atomic_load_n(&sig_chld_status, __ATOMIC_RELAXED);
+    return __atomic_load_n(&sig_pid, __ATOMIC_RELAXED) >= 0;
+}
+
+/// The exit code of a command that was started.
 int32_t exit_code_of(pid_t pid, const int32_t *record) noexcept {
     int status = 0;
-    if (reap(pid, status) && WIFEXITED(status))
+    if (wait_for_command(pid, status) && WIFEXITED(status))
         return WEXITSTATUS(status);
-    const int collected = __atomic_load_n(&sig_chld_status, __ATOMIC_RELAXED);
-    if (__atomic_load_n(&sig_pid, __ATOMIC_RELAXED) >= 0 && WIFEXITED(collected))
-        return WEXITSTATUS(collected);
     report(qzfi::message::shell_abend, shell_routine, record[QFI_CONTEXT_STATUS_WRITE], QFI_STATUS_SYSTEM_CALL);
     return no_exit_code;
 }
@@ -288,24 +294,28 @@ bool discard_from_command_pipe(const int32_t *record, uint64_t size) noexcept {
     return true;
 }
 
+/// Memory for a text and a terminator of its own, zero-filled; null when there is none.
+char *allocate_text(uint64_t length) noexcept {
+    return length < UINT64_MAX ? static_cast<char *>(std::calloc(length + 1, 1)) : nullptr;
+}
+
 /// Serves commands until something fails; returns the final status word.
 int32_t serve_commands(const int32_t *record) noexcept {
-    char local[local_text_size];
+    char local[local_text_size + 1]; // the shell's argument ends with the frame, whatever was sent
     qzfi::Text heap;
     for (;;) {
         uint64_t length = 0;
         if (read_command_pipe(record, &length, sizeof length) != sizeof length)
             return word_pipe_failure;
-        heap.reset(length > sizeof local ? static_cast<char *>(std::calloc(length, 1)) : nullptr);
-        if (length > sizeof local && !heap)
+        const bool is_long = length > local_text_size;
+        heap.reset(is_long ? allocate_text(length) : nullptr);
+        if (is_long && !heap)
             return QFI_STATUS_NO_MEMORY;
         std::memset(local, 0, sizeof local);
-        char *const text = heap ? heap.get() : local;
+        char *const text = is_long ? heap.get() : local;
 
         // Deliberate: what arrived of a text is run also when reading the rest failed.
         const uint64_t received = read_command_pipe(record, text, length);
-        if (length != 0)
-            text[length - 1] = '\0'; // the shell's argument ends with the frame, whatever was sent
         if (!run_command(record, text))
             return QFI_STATUS_SYSTEM_CALL;
         if (!discard_from_command_pipe(record, length - received))

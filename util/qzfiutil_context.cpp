@@ -180,7 +180,8 @@ Record drop_reference() noexcept {
     return last;
 }
 
-/// True while the process is an unreaped child of this one. Otherwise its number may be somebody else's by now.
+/// Reaps the process if it has ended. True while it is a child of this one; otherwise its number may be somebody else's
+/// by now.
 bool is_running_child(pid_t pid) noexcept {
     return pid > 0 && waitpid(pid, nullptr, WNOHANG) == 0;
 }

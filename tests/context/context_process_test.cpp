@@ -191,6 +191,17 @@ TEST_F(ContextProcess, the_list_fails_with_1_in_every_call_that_can_fail) {
     }
 }
 
+TEST_F(ContextProcess, the_list_fails_with_1_when_the_second_pass_finds_more) {
+    int32_t *list = nullptr;
+    int32_t count = -7;
+    shared().opened_by_listing = 600;
+    EXPECT_EQ(qzfi_get_open_fd_list(&list, &count), 1u);
+    EXPECT_EQ(shared().opened_by_listing, -1);
+    EXPECT_EQ(list, nullptr);
+    EXPECT_EQ(count, -7);
+    EXPECT_EQ(close(600), 0);
+}
+
 TEST_F(ContextProcess, exit_codes_arrive_as_they_are) {
     ASSERT_EQ(qzfi_create_context(), 0u);
     for (const int code : {0, 1, 3, 5, 11, 127, 255})
@@ -217,6 +228,15 @@ TEST_F(ContextProcess, the_exit_code_is_right_also_when_the_handler_reaps_first)
     EXPECT_EQ(run("kill -9 $$"), -1);
     EXPECT_EQ(context::reported(), Texts{"qzfi_doshell: shell abend\n"});
     EXPECT_EQ(run("exit 9"), 9);
+}
+
+TEST_F(ContextProcess, the_exit_code_is_right_also_when_the_handler_comes_late) {
+    ASSERT_EQ(qzfi_create_context(), 0u);
+    shared().is_handler_late = true;
+    EXPECT_EQ(run("kill -9 $$"), -1);
+    EXPECT_EQ(run("exit 7"), 7);
+    EXPECT_EQ(run("kill -9 $$"), -1);
+    EXPECT_EQ(context::reported(), (Texts{"qzfi_doshell: shell abend\n", "qzfi_doshell: shell abend\n"}));
 }
 
 TEST_F(ContextProcess, many_short_commands_keep_their_exit_codes) {
@@ -301,12 +321,30 @@ TEST_F(ContextProcess, a_text_ends_with_its_frame) {
     context::send_frame(0, "", 0);
     EXPECT_EQ(context::next_word(), 0);
     EXPECT_EQ(run(""), 0);
-    context::send_frame(7, "exit 23", 7); // no terminator: its place is taken by one
-    EXPECT_EQ(context::next_word(), 2);
-    const std::string full = "exit 9 #" + std::string(4096 - 8, 'x');
-    context::send_frame(full.size(), full.data(), full.size());
-    EXPECT_EQ(context::next_word(), 9);
+    context::send_frame(7, "exit 23", 7); // no terminator
+    EXPECT_EQ(context::next_word(), 23);
+    EXPECT_EQ(run("exit 3 # after it, nothing of the longer text before is left"), 3);
+    context::send_frame(6, "exit 4", 6);
+    EXPECT_EQ(context::next_word(), 4);
+    for (const size_t length : {size_t{4096}, size_t{4097}, size_t{5000}}) {
+        const std::string full = std::string(length - 7, ' ') + "exit 19";
+        context::send_frame(full.size(), full.data(), full.size());
+        EXPECT_EQ(context::next_word(), 19) << length;
+    }
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // which end the process instead
+TEST_F(ContextProcess, a_length_that_no_memory_can_hold_is_status_5) {
+    for (const uint64_t length : {UINT64_MAX, UINT64_MAX - 1, UINT64_MAX / 2}) {
+        ASSERT_EQ(qzfi_create_context(), 0u);
+        context::send_frame(length, "", 0);
+        EXPECT_EQ(context::remaining_words(), (Words{5, 0})) << length;
+        EXPECT_EQ(context::exit_code_of(context_process()), 0);
+        EXPECT_EQ(qzfi_close_context(), 0);
+    }
+    EXPECT_EQ(context::reported(), Texts{});
+}
+#endif
 
 TEST_F(ContextProcess, a_frame_may_arrive_byte_by_byte) {
     ASSERT_EQ(qzfi_create_context(), 0u);
@@ -454,7 +492,22 @@ TEST_F(ContextLoopFailures, a_final_word_that_cannot_be_written_is_reported) {
     EXPECT_EQ(context::reported(), Texts{"qzfi_child_process: status write failed\n"});
 }
 
-TEST_F(ContextLoopFailures, errors_are_recorded_with_the_messages_id_in_a_process_that_inherited_held_locks) {
+TEST_F(ContextLoopFailures, failures_are_recorded_in_the_processs_own_list_with_the_messages_id) {
+    static qfi_handler handler{[](qfi_handler *, const char *, const char *, uint32_t) {
+                                   // The list as it was before this failure.
+                                   if (context::take_recorded() == Texts{"MSG_QFI_UTIL_E0051"})
+                                       ++shared().counter;
+                               },
+                               nullptr, nullptr, nullptr};
+    util_ehandler = &handler;
+    ASSERT_EQ(qzfi_create_context(), 0u);
+    EXPECT_EQ(run("kill -9 $$"), -1);
+    EXPECT_EQ(shared().counter, 0);
+    EXPECT_EQ(run("kill -9 $$"), -1);
+    EXPECT_EQ(shared().counter, 1);
+}
+
+TEST_F(ContextLoopFailures, failures_are_raised_in_a_process_that_inherited_held_locks) {
     // The process runs in a child of this test, whose exit status is seen here.
     int ends[8];
     for (int pair = 0; pair < 8; pair += 2)

@@ -59,6 +59,25 @@ TEST_F(ContextSignals, sigio_ends_an_idle_process_with_code_0) {
     EXPECT_EQ(qzfi_close_context(), 0);
 }
 
+TEST_F(ContextSignals, the_last_close_stops_the_process_by_a_signal_that_it_obeys_with_code_0) {
+    static std::atomic<int> code{0};
+    static std::atomic<int> status{-1};
+    struct sigaction action = {};
+    struct sigaction previous = {};
+    action.sa_flags = SA_SIGINFO;
+    action.sa_sigaction = [](int, siginfo_t *info, void *) {
+        code = info->si_code;
+        status = info->si_status;
+    };
+    ASSERT_EQ(qzfi_create_context(), 0u);
+    ASSERT_EQ(sigaction(SIGCHLD, &action, &previous), 0);
+    EXPECT_EQ(qzfi_close_context(), 0);
+    EXPECT_TRUE(context::wait_until([] { return code != 0; }));
+    EXPECT_EQ(code, CLD_EXITED);
+    EXPECT_EQ(status, 0);
+    sigaction(SIGCHLD, &previous, nullptr);
+}
+
 TEST_F(ContextSignals, sigio_ends_a_process_that_runs_a_command) {
     ASSERT_EQ(qzfi_create_context(), 0u);
     context::send_command("exec sleep 1000");

@@ -59,6 +59,8 @@ struct Shared {
     std::atomic<int> limit_command{0};
     std::atomic<long> limit{-2}; // the answer of ulimit; -2 for the system's own
     std::atomic<bool> is_handler_first{false};
+    std::atomic<bool> is_handler_late{false};
+    std::atomic<int> opened_by_listing{-1}; // a descriptor that closing the first listing opens; -1 for none
     std::atomic<bool> is_handler_blocking{false};
     std::atomic<int> blocked_handlers{0};
     std::atomic<int> counter{0};
