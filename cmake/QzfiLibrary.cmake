@@ -12,6 +12,9 @@ add_library(qzfi_objects OBJECT
   err/qzfierrhandling_stores.cpp
   log/qzfilogmsg_log.cpp
   log/qzfilogmsg_trace.cpp
+  log/qzfilogmsg2_dump.cpp
+  log/qzfilogmsg2_dump_names.cpp
+  log/qzfilogmsg2_dump_records.cpp
   log/qzfilogmsg2_tree.cpp
   msgcat/qzfiicuerrormgr.cpp
   util/qzfiutil_child.cpp
@@ -26,6 +29,9 @@ add_library(qzfi_objects OBJECT
   util/qzfiutil_settings.cpp
   util/qzfiutil_start.cpp
   util/qzfiutil_sweep.cpp
+  util/qzfiutilmachdep_device.cpp
+  util/qzfiutilmachdep_name.cpp
+  util/qzfiutilmachdep_path.cpp
   util/qzfiutilmachdep_system.cpp
 )
 set_target_properties(qzfi_objects PROPERTIES
