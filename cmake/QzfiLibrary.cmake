@@ -22,10 +22,17 @@ add_library(qzfi_objects OBJECT
   util/qzfiutil_escape.cpp
   util/qzfiutil_exchange.cpp
   util/qzfiutil_format.cpp
+  util/qzfiutil_hash.cpp
   util/qzfiutil_messages.cpp
+  util/qzfiutil_objectid.cpp
+  util/qzfiutil_objectid_index.cpp
+  util/qzfiutil_objectid_tree.cpp
   util/qzfiutil_pipe.cpp
   util/qzfiutil_plugin.cpp
   util/qzfiutil_plugin_choice.cpp
+  util/qzfiutil_records_lists.cpp
+  util/qzfiutil_records_nodes.cpp
+  util/qzfiutil_records_texts.cpp
   util/qzfiutil_settings.cpp
   util/qzfiutil_start.cpp
   util/qzfiutil_sweep.cpp

@@ -2,9 +2,16 @@
  * The framework's records, and their builders and frees.
  *
  * A record builder fills a record of the caller's with deep copies; a list builder makes a list node, the record
- * followed by `next`, which it leaves null. A record free releases what the record owns, a list free also the node;
- * none follows `next`, and all return 0 and accept null unless said otherwise. What a builder made is released by the
- * matching free alone. Thread-safe on different records.
+ * followed by `next`, which it leaves null, or gives null when an argument is refused or memory is short. A record free
+ * releases what the record owns, a list free also the node, zero-filled; none follows `next`, and all return 0 and
+ * accept null unless said otherwise. What a builder made is released by the matching free alone. Thread-safe on
+ * different records.
+ *
+ * A record need not be initialised before it is built, unless said otherwise, and one that is built again loses what it
+ * owned. Statuses of the record builders are 0; 3 for an argument that is missing (the record is as it was) and 5 when
+ * memory is short (the record owns nothing, and its numbers are undefined), both unless said otherwise. Object ids are
+ * private copies; one that `qzfi_get_objid` refuses, for example of no bytes, counts as one that memory was short for.
+ * Freed records own nothing, so freeing one again is harmless.
  */
 #ifndef QZFI_RECORDS_H
 #define QZFI_RECORDS_H
@@ -294,6 +301,148 @@ typedef struct qfi_provider_list {
     qfi_provider provider;          /**< the element */
     struct qfi_provider_list *next; /**< the next one */
 } qfi_provider_list;
+
+/*
+ * Frozen-image methods.
+ */
+
+/**
+ * Builds a frozen-image method.
+ * @param properties read for its six numbers and its two vendor texts, each of which may be null
+ * @param config_params may be null
+ */
+QZFI_API uint32_t qzfi_build_fim_node(qfi_fim *record, const char *fim_id, const qfi_fim *properties,
+                                      const char *config_params, const char *provider_id);
+/** Builds a list node of it. */
+QZFI_API qfi_fim_list *qzfi_build_fim_list_node(const char *fim_id, const qfi_fim *properties,
+                                                const char *config_params, const char *provider_id);
+QZFI_API uint32_t qzfi_free_fim_node(qfi_fim *record);
+QZFI_API uint32_t qzfi_free_fim_list_node(qfi_fim_list *node);
+
+/*
+ * Enclosures.
+ */
+
+/**
+ * Builds an enclosure. After status 5 the record keeps the texts that were copied: the caller frees it.
+ */
+QZFI_API uint32_t qzfi_build_enclosure_node(qfi_enclosure *record, const char *enclosure_id, const char *name,
+                                            const char *vendor, const char *product, const char *provider_id,
+                                            uint64_t capacity, uint64_t available, uint32_t state);
+/** Builds a list node of it. */
+QZFI_API qfi_enclosure_list *qzfi_build_enclosure_list_node(const char *enclosure_id, const char *name,
+                                                            const char *vendor, const char *product,
+                                                            const char *provider_id, uint64_t capacity,
+                                                            uint64_t available, uint32_t state);
+QZFI_API uint32_t qzfi_free_enclosure_node(qfi_enclosure *record);
+QZFI_API uint32_t qzfi_free_enclosure_list_node(qfi_enclosure_list *node);
+
+/*
+ * Hosts.
+ */
+
+/**
+ * Builds a host.
+ * @param texts `count` texts, not null; a null text stays null
+ * @param count stored as given; none are copied when it is below 1
+ * @return 0 also when the array or some of its texts could not be copied: these texts are null then; without the array
+ *         `texts` is null and `count` 0
+ */
+QZFI_API uint32_t qzfi_build_host_node(qfi_host *record, const char *name, char *const *texts, int32_t count,
+                                       const char *second);
+/**
+ * Builds a list node of it; null also for a count of 0. There is no list free: the caller frees the node's host with
+ * `qzfi_free_host_node`, then the node with `free`.
+ */
+QZFI_API qfi_host_list *qzfi_build_host_list_node(const char *name, char *const *texts, int32_t count,
+                                                  const char *second);
+/** @return 0; 3 for null */
+QZFI_API uint32_t qzfi_free_host_node(qfi_host *record);
+
+/*
+ * Nodes, groups of nodes, and associations of nodes.
+ */
+
+/**
+ * Builds a node id; its `next` stays as it is.
+ * @return 0; 3 for a null argument, or a source without uid or object id, 5
+ */
+QZFI_API uint32_t qzfi_build_nodeid_node(const qfi_nodeid *source, qfi_nodeid *destination);
+/** Does not free the id itself, nor follow its `next`. */
+QZFI_API uint32_t qzfi_free_nodeid_node(qfi_nodeid *record);
+
+/**
+ * Builds a group.
+ * @param record zero-filled or built before: it is freed also when an argument is missing
+ * @param source its uid and object id
+ * @param members a chain, each a uid and an object id. All are checked and copied; the group keeps the first only
+ * @param properties null leaves them 0
+ * @param value stored as given
+ */
+QZFI_API uint32_t qzfi_build_group_node(qfi_group_node *record, const qfi_nodeid *source, const qfi_nodeid *members,
+                                        const qfi_node_props *properties, const char *provider_id, uint64_t value);
+/** Builds a list node of it. */
+QZFI_API qfi_group_node_list *qzfi_build_group_nodelist_node(const qfi_nodeid *source, const qfi_nodeid *members,
+                                                             const qfi_node_props *properties, const char *provider_id,
+                                                             uint64_t value);
+/** Frees all members, however many there are; they are zero-filled first. */
+QZFI_API uint32_t qzfi_free_group_node(qfi_group_node *record);
+QZFI_API uint32_t qzfi_free_group_nodelist_node(qfi_group_node_list *node);
+
+/**
+ * Builds a storage node.
+ * @param properties null leaves the record's own as they are
+ */
+QZFI_API uint32_t qzfi_build_node(qfi_node *record, const qfi_nodeid *source, const qfi_node_props *properties,
+                                  const char *provider_id);
+/** Builds a list node of it; without properties they are 0. */
+QZFI_API qfi_node_list *qzfi_build_nodelist_node(const qfi_nodeid *source, const qfi_node_props *properties,
+                                                 const char *provider_id);
+QZFI_API uint32_t qzfi_free_node(qfi_node *record);
+QZFI_API uint32_t qzfi_free_nodelist_node(qfi_node_list *node);
+
+/**
+ * Builds an association.
+ * @param properties of both nodes; null leaves the nodes' own as they are
+ * @param provider_id of both nodes
+ */
+QZFI_API uint32_t qzfi_build_assoc_node(qfi_assoc *record, const qfi_nodeid *first, const qfi_nodeid *second,
+                                        const qfi_node_props *properties, const char *provider_id, const char *fim_id,
+                                        uint32_t assoc_state, uint64_t last_op_ts);
+/** Builds a list node of it; without properties they are 0. Mind the order of the last two arguments. */
+QZFI_API qfi_assoc_list *qzfi_build_assoc_list_node(const qfi_nodeid *first, const qfi_nodeid *second,
+                                                    const qfi_node_props *properties, const char *provider_id,
+                                                    const char *fim_id, uint64_t last_op_ts, uint32_t assoc_state);
+QZFI_API uint32_t qzfi_free_assoc_node(qfi_assoc *record);
+QZFI_API uint32_t qzfi_free_assoc_list_node(qfi_assoc_list *node);
+
+/*
+ * Providers.
+ */
+
+/**
+ * Builds a list node of a provider.
+ * @param four four values, or null for zeros
+ * @param texts ended by null, copied with `QZFI_COPYARRAY`; or null
+ * @return null for a null `provider_id`, or when the node, `provider_id` or the array could not be copied; when only a
+ *         text of the array could not be, the node, whose texts end there
+ */
+QZFI_API qfi_provider_list *qzfi_build_providerlist_node(const char *provider_id, uint64_t hlevel, uint64_t type,
+                                                         const uint16_t *four, char *const *texts);
+QZFI_API uint32_t qzfi_free_providerlist_node(qfi_provider_list *node);
+
+/**
+ * Merges two lists, each ordered by descending `hlevel`, into one such list, by relinking their nodes. Of nodes of
+ * equal level those of `b` go first.
+ * @return its first node; the other list when one is null
+ */
+QZFI_API qfi_provider_list *qzfi_merge_provider_lists(qfi_provider_list *a, qfi_provider_list *b);
+
+/**
+ * Copies an array of texts that is ended by null. The caller releases the texts and the array with `free`.
+ * @return the copy; null for null, or when the array could not be copied. When a text could not be, the copy ends there
+ */
+QZFI_API char **QZFI_COPYARRAY(char *const *texts);
 
 QZFI_END_DECLS
 
