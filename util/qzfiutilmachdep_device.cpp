@@ -43,7 +43,7 @@ bool insert_r(const char *given, const char *slash, char *candidate) {
 }
 
 bool remove_r(const char *given, const char *slash, char *candidate) {
-    // A component that is nothing but the "r" would leave the name of a directory.
+    // A last component that is nothing but the "r" would leave the name of a directory.
     if (slash[1] != 'r' || slash[2] == '\0')
         return false;
     join(given, static_cast<std::size_t>(slash + 1 - given), "", slash + 2, candidate);
