@@ -1,5 +1,6 @@
 #include <qzfi/paths.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -79,11 +80,11 @@ bool canonicalise(const char *path, char *buffer) noexcept {
     CanonicalPath canonical{buffer};
     if (*path != '/' && !canonical.start_in_current_directory())
         return false;
-    while (*path != '\0') {
-        const std::size_t length = std::strcspn(path, "/");
-        canonical.add({path, length});
-        path += length;
-        path += std::strspn(path, "/");
+    std::string_view rest = path;
+    while (!rest.empty()) {
+        const std::size_t length = std::min(rest.find('/'), rest.size());
+        canonical.add(rest.substr(0, length));
+        rest.remove_prefix(std::min(length + 1, rest.size()));
     }
     return canonical.finish();
 }
