@@ -37,8 +37,9 @@ typedef struct qzfi_isnode {
 } qzfi_isnode;
 
 /**
- * The interning table: by length, a binary search tree ordered by checksum (signed). May be walked while `mutex` is
- * held; index 0 is never used. Emptied by shutdown.
+ * The interning table: by length, a binary search tree ordered by checksum (signed). Index 0 is never used. While
+ * `mutex` is held the trees may be walked, and nodes, whole and from malloc, be entered with `insertis` or as the root
+ * of an empty tree: `qzfi_get_objid` finds them too. Nodes never change but for their links. Emptied by shutdown.
  */
 extern QZFI_API qzfi_isnode *istbl[QFI_OID_TABLE_LENGTHS];
 
@@ -50,8 +51,9 @@ extern QZFI_API qzfi_isnode *istbl[QFI_OID_TABLE_LENGTHS];
  * @param flags with `QFI_OID_INTERN` the shared record of these bytes, which the library owns and which lives until
  *        shutdown; without it a new record, whose `vid_name` and itself the caller releases with `free`
  * @return the record; null for null bytes, a length below 1, an id of `QFI_OID_TABLE_LENGTHS` bytes or more that is to
- *         be interned, or when memory is short
- * Thread-safe, also before start and after shutdown.
+ *         be interned, or when memory is short (nothing is entered then)
+ * Thread-safe, also before start and after shutdown. Looking up an interned id takes no lock; one that is not interned
+ * yet takes `mutex`, so it must not be asked for by a thread that holds it.
  */
 QZFI_API qfi_objid_t *qzfi_get_objid(const void *bytes, int32_t length, uint32_t flags);
 
@@ -65,11 +67,15 @@ QZFI_API uint32_t qzfi_objidcmp(const qfi_objid_t *a, const qfi_objid_t *b);
 /** The sum of the bytes taken as signed; 0 for a length below 1. */
 QZFI_API uint32_t objsum(const void *bytes, int32_t length);
 
-/** Enters a node below a tree's node. @return `added`. The caller holds `mutex`. */
+/**
+ * Enters a node, whose links are null, at or below a tree's node: behind the tree node of the same checksum, else as a
+ * new leaf. @return `added`. The caller holds `mutex` when the tree is of `istbl`.
+ */
 QZFI_API qzfi_isnode *insertis(qzfi_isnode *node, qzfi_isnode *added);
-/** Finds an id below a tree's node. @return the node, or null. The caller holds `mutex`. */
+/** Finds an id below a tree's node. @return the node, or null. The caller holds `mutex` when the tree is of `istbl`. */
 QZFI_API qzfi_isnode *findis(qzfi_isnode *root, const qfi_objid_t *probe, int32_t checksum);
-/** Frees a tree with its chains. */
+/** Frees a tree with its chains, and the bytes of nodes with `QFI_OID_ALLOC`. Trees of `istbl` are shutdown's to free.
+ */
 QZFI_API void freeis(qzfi_isnode *root);
 
 /** An entry of a hash table. Keys and values are texts. */
@@ -95,6 +101,7 @@ QZFI_API uint32_t qzfi_init_hash_table(qzfi_hash_table **out, uint32_t count);
 
 /**
  * Enters a copy of key and value (both end at their first NUL byte, if any); an earlier entry of the key is shadowed.
+ * A key with a NUL byte lies in the bucket of its text padded with NUL bytes to `key_length`.
  * @param value may be null
  * @return 0; 3 null table or key or length 0; 5 out of memory
  */
@@ -102,7 +109,7 @@ QZFI_API uint32_t qzfi_insert_hash(qzfi_hash_table *table, const char *key, uint
                                    uint64_t value_length);
 
 /**
- * Finds the latest entry of a key.
+ * Finds the latest entry of a key, all of whose `key_length` bytes are read.
  * @param value receives the table's own text, valid until the entry is deleted
  * @return 0; 3 a null pointer or length 0; 16 no such key (nothing is stored)
  */
@@ -110,15 +117,15 @@ QZFI_API uint32_t qzfi_find_hash(qzfi_hash_table *table, const char *key, uint64
                                  uint64_t *value_length);
 
 /**
- * Takes the latest entry of a key out and uncovers an earlier one. The texts of the entry are not freed: whoever needs
- * the memory back frees what `qzfi_find_hash` gave, and the key, first.
+ * Takes the latest entry of a key out and uncovers an earlier one. Frees the entry but not its key and value: whoever
+ * needs their memory back keeps both pointers before and frees them.
  * @return 0; 3 null table or key or length 0; 16 no such key
  */
 QZFI_API uint32_t qzfi_delete_hash(qzfi_hash_table *table, const char *key, uint64_t key_length);
 
 /**
  * Frees a table with the entries of its first `count` buckets.
- * @param count the number of buckets to empty, as the caller says it; 0 frees no entry
+ * @param count the number of buckets to empty, as the caller says it: 0 frees no entry, more than there are all
  * @return 0; 3 null table
  */
 QZFI_API uint32_t qzfi_deinit_hash_table(qzfi_hash_table *table, uint32_t count);
