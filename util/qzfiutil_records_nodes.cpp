@@ -49,14 +49,14 @@ void copy_members(qzfi::Copier &copier, qfi_group_node &group, const qfi_nodeid 
     }
 }
 
-bool is_named(const qfi_nodeid *source) noexcept {
-    return source != nullptr && source->uid != nullptr;
+bool is_complete(const qfi_nodeid *source) noexcept {
+    return source != nullptr && source->uid != nullptr && source->objid != nullptr;
 }
 
 } // namespace
 
 uint32_t qzfi_build_nodeid_node(const qfi_nodeid *source, qfi_nodeid *destination) {
-    if (qzfi::has_null({source, destination}))
+    if (destination == nullptr || !is_complete(source))
         return QFI_STATUS_INVALID_ARGUMENT;
     qzfi::Copier copier;
     qfi_nodeid built{nullptr, nullptr, destination->next};
@@ -73,7 +73,7 @@ uint32_t qzfi_free_nodeid_node(qfi_nodeid *record) {
 uint32_t qzfi_build_group_node(qfi_group_node *record, const qfi_nodeid *source, const qfi_nodeid *members,
                                const qfi_node_props *properties, const char *provider_id, uint64_t value) {
     // Unlike the other builders this one empties the caller's record also when an argument is missing.
-    if (qzfi::has_null({record, members, provider_id}) || !is_named(source)) {
+    if (qzfi::has_null({record, members, provider_id}) || !is_complete(source)) {
         qzfi_free_group_node(record);
         return QFI_STATUS_INVALID_ARGUMENT;
     }
@@ -103,7 +103,7 @@ uint32_t qzfi_free_group_node(qfi_group_node *record) {
 
 uint32_t qzfi_build_node(qfi_node *record, const qfi_nodeid *source, const qfi_node_props *properties,
                          const char *provider_id) {
-    if (qzfi::has_null({record, provider_id}) || !is_named(source))
+    if (qzfi::has_null({record, provider_id}) || !is_complete(source))
         return QFI_STATUS_INVALID_ARGUMENT;
     qzfi::Copier copier;
     qfi_node built = *record; // without properties its numbers stay
@@ -122,7 +122,7 @@ uint32_t qzfi_free_node(qfi_node *record) {
 uint32_t qzfi_build_assoc_node(qfi_assoc *record, const qfi_nodeid *first, const qfi_nodeid *second,
                                const qfi_node_props *properties, const char *provider_id, const char *fim_id,
                                uint32_t assoc_state, uint64_t last_op_ts) {
-    if (qzfi::has_null({record, provider_id, fim_id}) || !is_named(first) || !is_named(second))
+    if (qzfi::has_null({record, provider_id, fim_id}) || !is_complete(first) || !is_complete(second))
         return QFI_STATUS_INVALID_ARGUMENT;
     qzfi::Copier copier;
     qfi_assoc built = *record; // without properties the numbers of its nodes stay

@@ -8,10 +8,10 @@
  * different records.
  *
  * A record need not be initialised before it is built, unless said otherwise, and one that is built again loses what it
- * owned. Statuses of the record builders are 0; 3 for an argument that is missing (the record is as it was) and 5 when
- * memory is short (the record owns nothing, and its numbers are undefined), both unless said otherwise. Object ids are
- * private copies; one that `qzfi_get_objid` refuses, for example of no bytes, counts as one that memory was short for.
- * Freed records own nothing, so freeing one again is harmless.
+ * owned. Statuses of the record builders are 0; 3 for an argument that is missing, or a source without uid or object id
+ * (the record is as it was), and 5 when memory is short (the record owns nothing, and its numbers are undefined), both
+ * unless said otherwise. Object ids are private copies; one that `qzfi_get_objid` refuses, for example of no bytes,
+ * counts as one that memory was short for. Freed records own nothing, so freeing one again is harmless.
  */
 #ifndef QZFI_RECORDS_H
 #define QZFI_RECORDS_H
@@ -363,10 +363,7 @@ QZFI_API uint32_t qzfi_free_host_node(qfi_host *record);
  * Nodes, groups of nodes, and associations of nodes.
  */
 
-/**
- * Builds a node id; its `next` stays as it is.
- * @return 0; 3 for a null argument, or a source without uid or object id, 5
- */
+/** Builds a node id; its `next` stays as it is. */
 QZFI_API uint32_t qzfi_build_nodeid_node(const qfi_nodeid *source, qfi_nodeid *destination);
 /** Does not free the id itself, nor follow its `next`. */
 QZFI_API uint32_t qzfi_free_nodeid_node(qfi_nodeid *record);

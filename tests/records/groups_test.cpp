@@ -50,10 +50,12 @@ TEST(Group, without_properties_has_zeros) {
 template <class Try>
 void leave_out_each(const Try &attempt) {
     const Id source("uid");
-    Id unnamed("");
+    Id unnamed(""), without_objid("uid");
     unnamed.record.uid = nullptr;
+    without_objid.record.objid = nullptr;
     attempt(nullptr, &source.record, "provider");
     attempt(&unnamed.record, &source.record, "provider");
+    attempt(&without_objid.record, &source.record, "provider");
     attempt(&source.record, nullptr, "provider");
     attempt(&source.record, &source.record, nullptr);
 }
