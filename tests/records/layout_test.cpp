@@ -97,4 +97,101 @@ AT(qfi_provider_list, provider, 0);
 AT(qfi_provider_list, next, 40);
 static_assert(sizeof(qfi_provider_list) == 48);
 
+// Members that are printed stand in the order in which they are.
+AT(qfi_io_req, reserved1, 0);
+AT(qfi_io_req, reserved2, 8);
+AT(qfi_io_req, io_offset, 16);
+AT(qfi_io_req, io_reqlen, 24);
+AT(qfi_io_req, io_bufp, 32);
+AT(qfi_io_req, io_bytes_trans, 40);
+AT(qfi_io_req, io_bytes_req, 48);
+AT(qfi_io_req, io_error, 56);
+static_assert(sizeof(qfi_io_req) == 64);
+
+AT(qfi_attr, att_blksize, 0);
+AT(qfi_attr, att_totalblks, 8);
+AT(qfi_attr, att_blksused, 16);
+AT(qfi_attr, att_copytype, 24);
+AT(qfi_attr, att_persistent, 28);
+AT(qfi_attr, att_writeability, 32);
+AT(qfi_attr, att_multiples, 36);
+static_assert(sizeof(qfi_attr) == 40);
+
+AT(qfi_qs_combo, qsc_next, 0);
+AT(qfi_qs_combo, qsc_class, 8);
+AT(qfi_qs_combo, qsc_qslist, 16);
+AT(qfi_qs_combo, qsc_libpriv, 24);
+static_assert(sizeof(qfi_qs_combo) == 32);
+
+AT(qfi_ss_readystat, ssr_nodelist, 0);
+AT(qfi_ss_readystat, ssr_nnodes, 8);
+static_assert(sizeof(qfi_ss_readystat) == 16);
+
+AT(qfi_ss_configstat, ssc_nodelist, 0);
+AT(qfi_ss_configstat, ssc_nnodes, 8);
+static_assert(sizeof(qfi_ss_configstat) == 16);
+
+AT(qfi_ss_namestat, ssn_nodelist, 0);
+AT(qfi_ss_namestat, ssn_nnodes, 8);
+static_assert(sizeof(qfi_ss_namestat) == 16);
+
+AT(qfi_splitstat, vss_flags, 0);
+AT(qfi_splitstat, name, 8);
+AT(qfi_splitstat, config, 24);
+AT(qfi_splitstat, ready, 40);
+AT(qfi_splitstat, qfi_splitstat, 56);
+static_assert(sizeof(qfi_splitstat) == 64);
+
+AT(qfi_group, fig_grouphead, 0);
+AT(qfi_group, fig_next, 8);
+AT(qfi_group, fig_nextidx, 16);
+static_assert(sizeof(qfi_group) == 24);
+
+AT(qfi_groups, qsp_next, 0);
+AT(qfi_groups, group, 8);
+static_assert(sizeof(qfi_groups) == 16);
+
+AT(qfi_quiesce, qsp_next, 0);
+AT(qfi_quiesce, qsp_quiesce, 8);
+AT(qfi_quiesce, qsp_split, 16);
+static_assert(sizeof(qfi_quiesce) == 24);
+
+AT(qfi_time, qzfi_sec, 0);
+AT(qfi_time, qzfi_nsec, 8);
+static_assert(sizeof(qfi_time) == 16);
+
+AT(qfi_resource_disp, objid, 0);
+AT(qfi_resource_disp, disp_type, 8);
+static_assert(sizeof(qfi_resource_disp) == 16);
+
+AT(qfi_resource, first, 0);
+AT(qfi_resource, second, 8);
+AT(qfi_resource, disp_type, 16);
+static_assert(sizeof(qfi_resource) == 24);
+
+AT(qfi_domain, fid_nodetype, 0);
+AT(qfi_domain, fid_flags, 4);
+AT(qfi_domain, objid, 8);
+AT(qfi_domain, resource_list, 16);
+AT(qfi_domain, fid_parent, 24);
+AT(qfi_domain, fid_siblings, 32);
+AT(qfi_domain, fid_children, 40);
+AT(qfi_domain, fid_altnode, 48);
+AT(qfi_domain, fid_rootnode, 56);
+AT(qfi_domain, fid_instances, 64);
+AT(qfi_domain, qsp_quiesce, 72);
+AT(qfi_domain, qsplit, 80);
+AT(qfi_domain, groups, 88);
+AT(qfi_domain, splitstat, 96);
+AT(qfi_domain, second_objid, 104);
+AT(qfi_domain, time, 112);
+AT(qfi_domain, fid_plugin, 120);
+AT(qfi_domain, fid_libpriv, 128);
+AT(qfi_domain, fid_pgnpriv, 136);
+static_assert(sizeof(qfi_domain) == 144);
+
+AT(qfi_domain_tree_list, domain, 0);
+AT(qfi_domain_tree_list, next, 8);
+static_assert(sizeof(qfi_domain_tree_list) == 16);
+
 } // namespace
