@@ -12,6 +12,9 @@ add_library(qzfi_objects OBJECT
   err/qzfierrhandling_stores.cpp
   log/qzfilogmsg_log.cpp
   log/qzfilogmsg_trace.cpp
+  log/qzfilogmsg2_dump.cpp
+  log/qzfilogmsg2_dump_names.cpp
+  log/qzfilogmsg2_dump_records.cpp
   log/qzfilogmsg2_tree.cpp
   msgcat/qzfiicuerrormgr.cpp
   util/qzfiutil_child.cpp
@@ -19,13 +22,23 @@ add_library(qzfi_objects OBJECT
   util/qzfiutil_escape.cpp
   util/qzfiutil_exchange.cpp
   util/qzfiutil_format.cpp
+  util/qzfiutil_hash.cpp
   util/qzfiutil_messages.cpp
+  util/qzfiutil_objectid.cpp
+  util/qzfiutil_objectid_index.cpp
+  util/qzfiutil_objectid_tree.cpp
   util/qzfiutil_pipe.cpp
   util/qzfiutil_plugin.cpp
   util/qzfiutil_plugin_choice.cpp
+  util/qzfiutil_records_lists.cpp
+  util/qzfiutil_records_nodes.cpp
+  util/qzfiutil_records_texts.cpp
   util/qzfiutil_settings.cpp
   util/qzfiutil_start.cpp
   util/qzfiutil_sweep.cpp
+  util/qzfiutilmachdep_device.cpp
+  util/qzfiutilmachdep_name.cpp
+  util/qzfiutilmachdep_path.cpp
   util/qzfiutilmachdep_system.cpp
 )
 set_target_properties(qzfi_objects PROPERTIES

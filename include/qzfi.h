@@ -7,10 +7,13 @@
 #define QZFI_H
 
 #include <qzfi/context.h>
+#include <qzfi/dump.h>
 #include <qzfi/errors.h>
 #include <qzfi/frontend.h>
 #include <qzfi/log.h>
 #include <qzfi/messages.h>
+#include <qzfi/objectid.h>
+#include <qzfi/paths.h>
 #include <qzfi/plugin.h>
 #include <qzfi/records.h>
 #include <qzfi/settings.h>

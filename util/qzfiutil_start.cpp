@@ -11,6 +11,7 @@
 #include "common/qzfitext.h"
 #include "util/qzfiutil_context.h"
 #include "util/qzfiutil_messages.h"
+#include "util/qzfiutil_objectid.h"
 #include "util/qzfiutil_settings.h"
 
 // Statically initialised and never destroyed: what they guard is also used before start and after shutdown.
@@ -69,6 +70,7 @@ int32_t qzfi_uinit0(qfi_handler *handler) {
 
 int32_t qzfi_ufini(void) {
     qzfi::reap_closed_contexts();
+    qzfi::release_objids();
     util_ehandler = nullptr;
     return 0;
 }
