@@ -76,6 +76,16 @@ void forget_indexes() {
         store_release(indexed_roots[length], load_acquire(istbl[length]));
 }
 
+/// Makes up, under `mutex`, for a root that others have stored. What they enter into an empty tree takes nothing away.
+void follow_root(int32_t length) {
+    if (istbl[length] == indexed_roots[length])
+        return;
+    if (indexed_roots[length] != nullptr)
+        forget_indexes();
+    else
+        store_release(indexed_roots[length], istbl[length]);
+}
+
 /// Enters new bytes. `chain` is that of their checksum; without one, `link` is where it begins.
 qzfi_isnode *enter(const ObjidKey &key, int32_t checksum, ObjidChain *chain, qzfi_isnode **link) {
     if (!objid_index.reserve())
@@ -105,8 +115,7 @@ qzfi_isnode *enter(const ObjidKey &key, int32_t checksum, ObjidChain *chain, qzf
 qzfi_isnode *find_or_enter(const ObjidKey &key) {
     const auto checksum = static_cast<int32_t>(objsum(key.bytes, key.length));
     const LockGuard guard{mutex};
-    if (istbl[key.length] != indexed_roots[key.length])
-        forget_indexes();
+    follow_root(key.length);
     if (!objid_chains.reserve())
         return nullptr;
     ObjidChain *chain = objid_chains.find(key.length, checksum);

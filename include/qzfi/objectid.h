@@ -39,7 +39,8 @@ typedef struct qzfi_isnode {
 /**
  * The interning table: by length, a binary search tree ordered by checksum (signed). Index 0 is never used. While
  * `mutex` is held the trees may be walked, and nodes, whole and from malloc, be entered with `insertis` or as the root
- * of an empty tree: `qzfi_get_objid` finds them too. Nodes never change but for their links. Emptied by shutdown.
+ * of an empty tree: `qzfi_get_objid` finds them too. It reads roots without the lock, so a root is stored atomically
+ * where other threads may be interning. Nodes never change but for their links. Emptied by shutdown.
  */
 extern QZFI_API qzfi_isnode *istbl[QFI_OID_TABLE_LENGTHS];
 

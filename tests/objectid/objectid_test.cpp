@@ -1,4 +1,5 @@
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <set>
@@ -372,6 +373,56 @@ TEST_F(ObjectId, looking_up_and_walking_go_on_while_others_intern) {
         }
     });
     EXPECT_EQ(interned_nodes().size(), count * (1 + thread_count));
+}
+
+TEST_F(ObjectId, looking_up_takes_no_lock_and_entering_does) {
+    qfi_objid_t *known = intern("known");
+    std::atomic<qfi_objid_t *> entered = nullptr;
+    pthread_mutex_lock(&mutex);
+    EXPECT_EQ(intern("known"), known); // would wait for itself
+    std::thread other([&] { entered = intern("other"); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(entered, nullptr);
+    EXPECT_EQ(istbl[5]->left, nullptr);
+    EXPECT_EQ(istbl[5]->right, nullptr);
+    pthread_mutex_unlock(&mutex);
+    other.join();
+    EXPECT_NE(entered, nullptr);
+    EXPECT_EQ(interned_nodes().size(), 2u);
+}
+
+TEST_F(ObjectId, readers_stay_right_while_the_index_grows_and_others_enter_nodes) {
+    constexpr int count = 20'000;
+    qfi_objid_t *known = intern("known");
+    std::vector<const qfi_objid_t *> entered;
+    on_all_threads([&](std::size_t thread) {
+        if (thread > 1) { // only look up
+            for (int number = 0; number < count; ++number)
+                ASSERT_EQ(intern("known"), known);
+            return;
+        }
+        for (int number = 0; number < count; ++number) {
+            if (thread == 0) {
+                ASSERT_NE(intern("new/" + std::to_string(number)), nullptr);
+                continue;
+            }
+            const std::string bytes = "node" + std::to_string(100'000 + number);
+            auto *node = static_cast<qzfi_isnode *>(calloc(1, sizeof(qzfi_isnode)));
+            node->id = {strdup(bytes.c_str()), 10, QFI_OID_INTERN | QFI_OID_ALLOC};
+            node->checksum = static_cast<int32_t>(objsum(bytes.data(), 10));
+            pthread_mutex_lock(&mutex);
+            if (istbl[10] == nullptr)
+                __atomic_store_n(&istbl[10], node, __ATOMIC_RELEASE);
+            else
+                insertis(istbl[10], node);
+            pthread_mutex_unlock(&mutex);
+            entered.push_back(&node->id);
+            ASSERT_EQ(intern(bytes), &node->id);
+        }
+    });
+    for (const qfi_objid_t *id : entered)
+        ASSERT_EQ(intern(bytes_of(*id)), id);
+    EXPECT_EQ(interned_nodes().size(), std::size_t{1 + 2 * count});
 }
 
 } // namespace

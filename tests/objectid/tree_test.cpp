@@ -206,6 +206,19 @@ TEST(ObjectIdTree, nodes_that_others_enter_are_found_by_interning) {
     qzfi_ufini();
 }
 
+TEST(ObjectIdTree, a_root_that_others_enter_leaves_what_is_known_in_sight) {
+    qfi_objid_t *known = qzfi_get_objid("abc", 3, QFI_OID_INTERN);
+    pthread_mutex_lock(&mutex);
+    istbl[2] = make_node("xy");
+    pthread_mutex_unlock(&mutex);
+    EXPECT_EQ(qzfi_get_objid("xy", 2, QFI_OID_INTERN), &istbl[2]->id);
+    pthread_mutex_lock(&mutex);
+    EXPECT_EQ(qzfi_get_objid("abc", 3, QFI_OID_INTERN), known); // would wait for itself if it had to be looked for
+    EXPECT_EQ(qzfi_get_objid("xy", 2, QFI_OID_INTERN), &istbl[2]->id);
+    pthread_mutex_unlock(&mutex);
+    qzfi_ufini();
+}
+
 TEST(ObjectIdTree, a_tree_that_others_take_away_is_begun_anew) {
     qfi_objid_t *kept = qzfi_get_objid("ab", 2, QFI_OID_INTERN);
     for (const char *id : {"abc", "bca", "abd"})
