@@ -6,6 +6,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <iterator>
+#include <memory>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -141,8 +142,8 @@ public:
         if (highest < FD_SETSIZE)
             return true;
         const std::size_t needed = static_cast<std::size_t>(highest) / bits + 1;
-        large_.reset(static_cast<char *>(std::calloc(needed, sizeof(Word))));
-        words_ = reinterpret_cast<Word *>(large_.get());
+        large_.reset(static_cast<Word *>(std::calloc(needed, sizeof(Word))));
+        words_ = large_.get();
         size_ = needed;
         return words_ != nullptr;
     }
@@ -167,7 +168,7 @@ private:
     static Word bit(int fd) noexcept { return Word{1} << (static_cast<std::size_t>(fd) % bits); }
 
     Word fixed_[sizeof(fd_set) / sizeof(Word)];
-    Text large_;
+    std::unique_ptr<Word[], FreeDeleter> large_;
     Word *words_ = fixed_;
     std::size_t size_ = std::size(fixed_);
     int highest_ = -1;

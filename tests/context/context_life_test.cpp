@@ -137,7 +137,7 @@ TEST_F(ContextLife, nothing_is_left_after_the_last_close_and_a_new_context_works
 }
 
 TEST_F(ContextLife, there_is_no_handle_before_create_and_after_the_last_close) {
-    const auto expect_none = [this] {
+    const auto expect_none = [] {
         int untouched = 0;
         void *handle = &untouched;
         EXPECT_EQ(qzfi_get_iop(&handle), 3u);
