@@ -1,8 +1,10 @@
 // Interning and looking up a million object ids, beside a general-purpose hash set of strings behind a mutex.
 //
-// The set is the fastest and smallest that Debian packages for this: absl::flat_hash_set, tried against
-// boost::unordered_flat_set 1.81 and tsl::robin_set. Both sides run in turns in one process; a ratio is that of the
-// medians. Ids are looked up in another order than they were interned in. Memory is what the allocator gave out.
+// The set is the fastest at interning, which its single search for finding and entering makes it, among
+// absl::flat_hash_set, boost::unordered_flat_set 1.81 (4 bytes an id smaller) and tsl::robin_set. Both sides run in
+// turns in one process; a ratio is that of the medians of processor time. Look-ups per second are by the clock, of the
+// best round, for every other load of the machine takes from them. Ids are looked up in another order than they were
+// interned in. Memory is what the allocator gave out.
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -169,6 +171,10 @@ double median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
+double least(const std::vector<double> &values) {
+    return *std::min_element(values.begin(), values.end());
+}
+
 void compare(const char *name, const Ids &ids, std::mt19937_64 &random) {
     const Ids lookups = ids.shuffled(random);
     Samples ours;
@@ -193,8 +199,8 @@ void compare(const char *name, const Ids &ids, std::mt19937_64 &random) {
     ratio("looking up", ours.looking_up, theirs.looking_up, "ns");
     ratio("memory", ours.memory, theirs.memory, "bytes");
     for (const auto &[side, samples] : {std::pair{"interning table", &ours}, std::pair{"hash set", &theirs}}) {
-        const double one = id_count / median(samples->looking_up_by_one);
-        const double many = id_count * many_threads / median(samples->looking_up_by_many);
+        const double one = id_count / least(samples->looking_up_by_one);
+        const double many = id_count * many_threads / least(samples->looking_up_by_many);
         std::printf("%s, %s: %.2f million look-ups/s by 1 thread, %.2f by %u threads: %.2f times\n", name, side,
                     one / 1e6, many / 1e6, many_threads, many / one);
     }
