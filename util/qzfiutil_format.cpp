@@ -12,7 +12,7 @@ namespace qzfi {
 namespace {
 
 constexpr std::size_t most_arguments = 16;
-constexpr std::size_t specification_size = 24;
+constexpr std::size_t directive_size = 24;
 constexpr std::size_t most_digits = 4; // of a width or precision: more than any buffer here holds costs only time
 
 /// What an argument is passed as.
@@ -21,9 +21,9 @@ using Kinds = std::array<Kind, most_arguments>;
 
 struct Conversion {
     Kind kind = Kind::unknown;
-    std::size_t position = 0;                 // of its argument, from 1; 0 for the next
-    std::size_t stars = 0;                    // widths and precisions that are arguments, before its own
-    char specification[specification_size]{}; // without the position
+    std::size_t position = 0;         // of its argument, from 1; 0 for the next
+    std::size_t stars = 0;            // widths and precisions that are arguments, before its own
+    char directive[directive_size]{}; // without the position
     const char *end = nullptr;
 };
 
@@ -76,10 +76,10 @@ Conversion read_conversion(const char *at) noexcept {
     const char letter = at[modifiers];
     result.end = at + modifiers + 1;
     const auto length = static_cast<std::size_t>(result.end - start);
-    if (letter == '\0' || length + 2 > specification_size || (result.position != 0 && result.stars != 0))
+    if (letter == '\0' || length + 2 > directive_size || (result.position != 0 && result.stars != 0))
         return result;
-    result.specification[0] = '%';
-    std::memcpy(result.specification + 1, start, length);
+    result.directive[0] = '%';
+    std::memcpy(result.directive + 1, start, length);
     result.kind = kind_of({at, modifiers}, letter);
     return result;
 }
@@ -100,7 +100,7 @@ Kinds kinds_of(const char *format) noexcept {
             break;
         std::fill(kinds.begin() + first, kinds.begin() + last, Kind::integer);
         // A text that is given with a precision may have no terminator, so no translation is trusted with it.
-        const bool is_bounded = conversion.kind == Kind::text && std::strchr(conversion.specification, '.') != nullptr;
+        const bool is_bounded = conversion.kind == Kind::text && std::strchr(conversion.directive, '.') != nullptr;
         kinds[last] = is_bounded ? Kind::bounded_text : conversion.kind;
         next = last + 1;
         format = conversion.end;
@@ -142,7 +142,7 @@ int format_one(char *buffer, std::size_t size, const Conversion &conversion, con
             (void)va_arg(own, const void *);
         }
     }
-    const int length = std::vsnprintf(buffer, size, conversion.specification, own);
+    const int length = std::vsnprintf(buffer, size, conversion.directive, own);
     va_end(own);
     return length;
 }
