@@ -295,17 +295,20 @@ TEST_F(ContextSignals, a_process_reaped_elsewhere_is_closed_without_a_signal_to_
     EXPECT_FALSE(fault::Armed::fired());
 }
 
+void expect_context_like_any_other() {
+    ASSERT_EQ(qzfi_create_context(), 0u);
+    const pid_t process = context_process();
+    EXPECT_EQ(run("exit 3"), 3);
+    EXPECT_EQ(run("kill -9 $$"), -1);
+    EXPECT_EQ(qzfi_close_context(), 0);
+    EXPECT_TRUE(context::is_gone(process));
+}
+
 TEST_F(ContextHost, a_host_that_ignores_sigchld_has_a_context_like_any_other) {
     EXPECT_TRUE(context::passes_in_own_process([] {
         std::signal(SIGCHLD, SIG_IGN);
-        for (int round = 0; round < 3; ++round) {
-            ASSERT_EQ(qzfi_create_context(), 0u);
-            const pid_t process = context_process();
-            EXPECT_EQ(run("exit 3"), 3);
-            EXPECT_EQ(run("kill -9 $$"), -1);
-            EXPECT_EQ(qzfi_close_context(), 0);
-            EXPECT_TRUE(context::is_gone(process));
-        }
+        for (int round = 0; round < 3; ++round)
+            expect_context_like_any_other();
     }));
 }
 
@@ -319,14 +322,8 @@ TEST_F(ContextHost, a_host_that_reaps_every_child_has_a_context_like_any_other) 
             errno = error;
         };
         ASSERT_EQ(sigaction(SIGCHLD, &action, nullptr), 0);
-        for (int round = 0; round < 10; ++round) {
-            ASSERT_EQ(qzfi_create_context(), 0u);
-            const pid_t process = context_process();
-            EXPECT_EQ(run("exit 3"), 3);
-            EXPECT_EQ(run("kill -9 $$"), -1);
-            EXPECT_EQ(qzfi_close_context(), 0);
-            EXPECT_TRUE(context::is_gone(process));
-        }
+        for (int round = 0; round < 10; ++round)
+            expect_context_like_any_other();
     }));
 }
 

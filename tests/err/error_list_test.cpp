@@ -54,26 +54,6 @@ TEST_F(ErrorList, record_layouts_are_those_that_the_api_library_walks) {
     EXPECT_EQ(offsetof(qfi_error_value, next), 24u);
 }
 
-TEST_F(ErrorList, a_plugins_release_operations_stand_where_the_plugins_put_them) {
-    EXPECT_EQ(offsetof(qfi_plugin, first), 0u);
-    EXPECT_EQ(offsetof(qfi_plugin, value), 8u);
-    EXPECT_EQ(offsetof(qfi_plugin, library_path), 16u);
-    EXPECT_EQ(offsetof(qfi_plugin, vp_prefix), 24u);
-    EXPECT_EQ(offsetof(qfi_plugin, fifth), 32u);
-    EXPECT_EQ(offsetof(qfi_plugin, sixth), 40u);
-    EXPECT_EQ(offsetof(qfi_plugin, libpriv), 48u);
-    EXPECT_EQ(sizeof(qfi_plugin), 56u);
-    EXPECT_EQ(offsetof(qfi_libpriv, mark), 8u);
-    EXPECT_EQ(offsetof(qfi_libpriv, next), 16u);
-    EXPECT_EQ(offsetof(qfi_libpriv, prev), 24u);
-    EXPECT_EQ(sizeof(qfi_libpriv), 48u);
-    EXPECT_EQ(QFI_PLUGIN_ACCEPTED, 2632373567u);
-    EXPECT_EQ(offsetof(qfi_plugin_ops, error_mark), 0u);
-    EXPECT_EQ(offsetof(qfi_plugin_ops, free_error), 8u);
-    EXPECT_EQ(offsetof(qfi_plugin_ops, message_mark), 16u);
-    EXPECT_EQ(offsetof(qfi_plugin_ops, free_message), 24u);
-}
-
 TEST_F(ErrorList, all_heads_start_empty) {
     EXPECT_EQ(err_info_list, nullptr);
     EXPECT_EQ(msg_info_list, nullptr);
