@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <qzfi/catalogs.h>
 #include <qzfi/log.h>
 #include <qzfi/settings.h>
 #include <qzfi/status.h>
@@ -48,7 +49,7 @@ void set_language(const qfi_handler *handler) noexcept {
 /// Leaves no pointer into the caller's handler or to the root behind.
 void stop() noexcept {
     qzfi_started = 0;
-    qzfi_lang[0] = '\0';
+    deinitlc();
     qzfi_ufini();
     ehandler = nullptr;
     std::free(qzfi_root);

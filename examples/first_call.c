@@ -3,14 +3,28 @@
  * and shutdown. Its argument is the path of an API implementation library.
  */
 #define _POSIX_C_SOURCE 200809L
+#include <stdbool.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <qzfi.h>
 
+/* Where the catalogs have no text, a message's id in angle brackets stands for it, behind the name of a catalog if one
+   was found. */
+static bool is_translation(const char *localized) {
+    if (localized == NULL)
+        return false;
+    if (strncmp(localized, "fi: ", 4) == 0)
+        localized += 4;
+    return strncmp(localized, "<MSG_QFI_", 9) != 0;
+}
+
 static void on_report(qfi_handler *self, const char *text, const char *localized, uint32_t severity) {
     (void)self;
-    printf("  handler, severity %u: %s\n", (unsigned)severity, localized != NULL ? localized : text);
+    printf("  handler, severity %u: %s\n", (unsigned)severity, text);
+    if (is_translation(localized))
+        printf("    localised: %s\n", localized);
 }
 
 static const char *text_of(int32_t status) {

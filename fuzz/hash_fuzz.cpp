@@ -8,16 +8,11 @@
 
 #include <qzfi/objectid.h>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size);
+#include "target.h"
 
 namespace {
 
 using Counterpart = std::map<std::string, std::vector<std::string>>;
-
-void require(bool holds) {
-    if (!holds)
-        std::abort();
-}
 
 void insert(qzfi_hash_table *table, Counterpart &expected, const std::string &key, const std::string &value) {
     require(qzfi_insert_hash(table, key.data(), key.size(), value.data(), value.size()) == (key.empty() ? 3 : 0));

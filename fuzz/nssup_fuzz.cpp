@@ -1,11 +1,10 @@
 // Any two texts, divided by a newline, as a name and a list: found exactly when the list between colons has the name
 // between colons at an element.
-#include <cstdlib>
 #include <string>
 
 #include <qzfi/paths.h>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size);
+#include "target.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     const std::string input(std::string(reinterpret_cast<const char *>(data), size).c_str());
@@ -14,7 +13,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     const std::string list = newline == std::string::npos ? "" : input.substr(newline + 1);
     const bool is_element =
         !name.empty() && name[0] != ':' && (":" + list + ":").find(":" + name + ":") != std::string::npos;
-    if (qzfi_nssup(list.c_str(), name.c_str()) != (is_element ? 0 : UINT32_MAX))
-        std::abort();
+    require(qzfi_nssup(list.c_str(), name.c_str()) == (is_element ? 0 : UINT32_MAX));
     return 0;
 }

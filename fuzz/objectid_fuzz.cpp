@@ -1,20 +1,14 @@
 // Any bytes as ids, each after a byte with its length: equal ids share one record, others do not, and the trees agree.
 #include <algorithm>
-#include <cstdlib>
 #include <map>
 #include <string>
 
 #include <qzfi/objectid.h>
 #include <qzfi/settings.h>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size);
+#include "target.h"
 
 namespace {
-
-void require(bool holds) {
-    if (!holds)
-        std::abort();
-}
 
 void check(const std::string &id, const qfi_objid_t *record) {
     const auto length = static_cast<int32_t>(id.size());

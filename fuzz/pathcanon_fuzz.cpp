@@ -1,5 +1,4 @@
 // Any text as a path: the result equals the plain one made with strings of any length, and is its own canonical form.
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <unistd.h>
@@ -8,6 +7,7 @@
 #include <qzfi/paths.h>
 
 #include "common/qzfitext.h"
+#include "target.h"
 #include "util/qzfiutilmachdep_path.h"
 
 namespace {
@@ -39,15 +39,11 @@ std::string plain(std::string path) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size);
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     const std::string path(std::string(reinterpret_cast<const char *>(data), size).c_str());
     const std::string expected = plain(path);
     const qzfi::Text made = canonical(path.c_str());
-    if ((made != nullptr) != (expected.size() < qzfi::canonical_size))
-        std::abort();
-    if (made && (expected != made.get() || expected != canonical(made.get()).get()))
-        std::abort();
+    require((made != nullptr) == (expected.size() < qzfi::canonical_size));
+    require(!made || (expected == made.get() && expected == canonical(made.get()).get()));
     return 0;
 }

@@ -6,6 +6,7 @@
 #ifndef QZFI_H
 #define QZFI_H
 
+#include <qzfi/catalogs.h>
 #include <qzfi/context.h>
 #include <qzfi/dump.h>
 #include <qzfi/errors.h>

@@ -9,13 +9,18 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
+#include <new>
 #include <poll.h>
+#include <pthread.h>
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 #include <vector>
 
@@ -80,6 +85,77 @@ private:
     int fd_;
 };
 
+/// A name that is free; what gets it is removed, with errno kept.
+class Scratch {
+public:
+    Scratch() : path_("/tmp/qzfi_fault_calls_" + std::to_string(getpid()) + "_" + std::to_string(++count_)) {}
+    ~Scratch() {
+        const int error = errno;
+        remove(path_.c_str());
+        errno = error;
+    }
+    Scratch(const Scratch &) = delete;
+    Scratch &operator=(const Scratch &) = delete;
+    operator const char *() const { return path_.c_str(); }
+
+private:
+    static inline int count_ = 0;
+    std::string path_;
+};
+
+/// An open file, with an extended attribute or without. Made by a program, so that no wrapped call is taken for it.
+class ScratchFile {
+public:
+    explicit ScratchFile(bool has_attribute = false) {
+        const int error = errno;
+        const std::string made = std::string(path_);
+        const std::string command = has_attribute ? ": >" + made + "; setfattr -n user.a -v b " + made : ": >" + made;
+        is_made_ = std::system(command.c_str()) == 0;
+        stream_ = std::freopen(path_, "r+", std::tmpfile());
+        errno = error;
+    }
+    ~ScratchFile() {
+        const int error = errno;
+        std::fclose(stream_);
+        errno = error;
+    }
+    ScratchFile(const ScratchFile &) = delete;
+    ScratchFile &operator=(const ScratchFile &) = delete;
+    operator int() const { return fileno(stream_); }
+    const char *path() const { return path_; }
+
+private:
+    Scratch path_;
+    bool is_made_ = false;
+    std::FILE *stream_ = nullptr;
+};
+
+constexpr std::align_val_t aligned{4096};
+
+/// Whether an operator new, called by itself, gives memory rather than null or std::bad_alloc.
+template <typename... Form>
+bool constructs(const Form &...form) {
+    void *memory = nullptr;
+    try {
+        memory = ::operator new(1, form...);
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    ::operator delete(memory, form...);
+    return memory != nullptr;
+}
+template <typename... Form>
+bool constructs_array(const Form &...form) {
+    void *memory = nullptr;
+    try {
+        memory = ::operator new[](1, form...);
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    ::operator delete[](memory, form...);
+    return memory != nullptr;
+}
+
 struct Row {
     const char *name;
     Call call;
@@ -93,6 +169,16 @@ const Row rows[] = {
     {"realloc", Call::allocation, ENOMEM, [] { return undo(realloc(nullptr, 1)); }},
     {"strdup", Call::allocation, ENOMEM, [] { return undo(strdup(buffer)); }},
     {"strndup", Call::allocation, ENOMEM, [] { return undo(strndup(buffer, 1)); }},
+    {"_Znwm", Call::construction, ENOMEM, [] { return constructs(); }},
+    {"_Znam", Call::construction, ENOMEM, [] { return constructs_array(); }},
+    {"_ZnwmRKSt9nothrow_t", Call::construction, ENOMEM, [] { return constructs(std::nothrow); }},
+    {"_ZnamRKSt9nothrow_t", Call::construction, ENOMEM, [] { return constructs_array(std::nothrow); }},
+    {"_ZnwmSt11align_val_t", Call::construction, ENOMEM, [] { return constructs(aligned); }},
+    {"_ZnamSt11align_val_t", Call::construction, ENOMEM, [] { return constructs_array(aligned); }},
+    {"_ZnwmSt11align_val_tRKSt9nothrow_t", Call::construction, ENOMEM,
+     [] { return constructs(aligned, std::nothrow); }},
+    {"_ZnamSt11align_val_tRKSt9nothrow_t", Call::construction, ENOMEM,
+     [] { return constructs_array(aligned, std::nothrow); }},
     {"open", Call::open, EMFILE, [] { return undo(open("/dev/null", O_RDONLY)); }},
     {"__open_2", Call::open, EMFILE, [] { return undo(checked_open("/dev/null", O_RDONLY)); }},
     {"close", Call::close, EIO, [] { return undo(dup(1)); }},
@@ -175,6 +261,56 @@ const Row rows[] = {
          return program != nullptr && dlclose(program) == 0;
      }},
     {"dlsym", Call::dlsym, 0, [] { return dlsym(RTLD_DEFAULT, "strlen") != nullptr; }},
+    {"openat", Call::open, EMFILE, [] { return undo(openat(AT_FDCWD, "/dev/null", O_RDONLY)); }},
+    {"syscall", Call::open, EMFILE,
+     [] {
+         open_how how{};
+         return undo(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, "/dev/null", &how, sizeof how)));
+     }},
+    {"pread", Call::read, EIO, [] { return pread(Descriptor("/dev/null"), buffer, 1, 0) == 0; }},
+    {"pwrite", Call::write, EIO, [] { return pwrite(Descriptor("/dev/null"), buffer, 1, 0) == 1; }},
+    {"copy_file_range", Call::write, EIO,
+     [] {
+         const ScratchFile from, to;
+         return write(from, buffer, 4) == 4 && lseek(from, 0, SEEK_SET) == 0 &&
+                copy_file_range(from, nullptr, to, nullptr, 4, 0) == 4;
+     }},
+    {"ftruncate", Call::write, EIO, [] { return ftruncate(ScratchFile(), 3) == 0; }},
+    {"statx", Call::stat, EIO,
+     [] {
+         struct statx status {};
+         return statx(AT_FDCWD, "/dev/null", 0, STATX_BASIC_STATS, &status) == 0 && S_ISCHR(status.stx_mode);
+     }},
+    {"readlinkat", Call::stat, EIO, [] { return readlinkat(AT_FDCWD, "/proc/self/exe", buffer, sizeof buffer) > 0; }},
+    {"mkdirat", Call::make, ENOSPC, [] { return mkdirat(AT_FDCWD, Scratch(), 0700) == 0; }},
+    {"mknodat", Call::make, ENOSPC, [] { return mknodat(AT_FDCWD, Scratch(), S_IFIFO | 0600, 0) == 0; }},
+    {"symlinkat", Call::make, ENOSPC, [] { return symlinkat("x", AT_FDCWD, Scratch()) == 0; }},
+    {"linkat", Call::make, ENOSPC, [] { return linkat(AT_FDCWD, ScratchFile().path(), AT_FDCWD, Scratch(), 0) == 0; }},
+    {"renameat", Call::make, ENOSPC, [] { return renameat(AT_FDCWD, ScratchFile().path(), AT_FDCWD, Scratch()) == 0; }},
+    {"unlinkat", Call::remove, EIO, [] { return unlinkat(AT_FDCWD, ScratchFile().path(), 0) == 0; }},
+    {"fchown", Call::attribute, EPERM, [] { return fchown(ScratchFile(), getuid(), getgid()) == 0; }},
+    {"fchownat", Call::attribute, EPERM,
+     [] { return fchownat(AT_FDCWD, ScratchFile().path(), getuid(), getgid(), 0) == 0; }},
+    {"fchmod", Call::attribute, EPERM, [] { return fchmod(ScratchFile(), 0600) == 0; }},
+    {"fchmodat", Call::attribute, EPERM, [] { return fchmodat(AT_FDCWD, ScratchFile().path(), 0600, 0) == 0; }},
+    {"futimens", Call::attribute, EPERM, [] { return futimens(ScratchFile(), nullptr) == 0; }},
+    {"utimensat", Call::attribute, EPERM, [] { return utimensat(AT_FDCWD, ScratchFile().path(), nullptr, 0) == 0; }},
+    {"flistxattr", Call::xattr, EIO, [] { return flistxattr(ScratchFile(), buffer, sizeof buffer) >= 0; }},
+    {"llistxattr", Call::xattr, EIO, [] { return llistxattr(ScratchFile().path(), buffer, sizeof buffer) >= 0; }},
+    {"fsetxattr", Call::xattr, EIO, [] { return fsetxattr(ScratchFile(), "user.a", "b", 1, 0) == 0; }},
+    {"lsetxattr", Call::xattr, EIO, [] { return lsetxattr(ScratchFile().path(), "user.a", "b", 1, 0) == 0; }},
+    {"fgetxattr", Call::xattr, EIO, [] { return fgetxattr(ScratchFile(true), "user.a", buffer, 9) == 1; }},
+    {"lgetxattr", Call::xattr, EIO, [] { return lgetxattr(ScratchFile(true).path(), "user.a", buffer, 9) == 1; }},
+    {"fremovexattr", Call::xattr, EIO, [] { return fremovexattr(ScratchFile(true), "user.a") == 0; }},
+    {"lremovexattr", Call::xattr, EIO, [] { return lremovexattr(ScratchFile(true).path(), "user.a") == 0; }},
+    {"lseek", Call::seek, EINVAL, [] { return lseek(ScratchFile(), 1, SEEK_SET) == 1; }},
+    {"syncfs", Call::sync, EIO, [] { return syncfs(Descriptor("/dev/null")) == 0; }},
+    {"pthread_create", Call::thread, EAGAIN,
+     [] {
+         pthread_t thread;
+         const auto nothing = [](void *) -> void * { return nullptr; };
+         return pthread_create(&thread, nullptr, nothing, nullptr) == 0 && pthread_join(thread, nullptr) == 0;
+     }},
 };
 
 void PrintTo(const Row &row, std::ostream *out) {
@@ -211,6 +347,7 @@ TEST(FaultCalls, are_all_in_the_table_above) {
     std::vector<std::string> wrapped = {
 #define WRAP(call, result, name, parameters, arguments, on_failure, error) #name,
 #define WRAP_BY_HAND(name) #name,
+#define REPLACED(name) #name,
 #include "support/wrapped_calls.def"
     };
     std::vector<std::string> tested;

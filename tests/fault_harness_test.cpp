@@ -4,15 +4,23 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
+#include <sstream>
+#include <string>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
+#include <ace/SString.h>
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
 namespace {
+
+const void *volatile looked_at; // keeps the compiler from leaving out memory that is not used
 
 /// Whether an allocation succeeds. The compiler may leave out one whose memory is not used.
 bool allocates() {
@@ -62,6 +70,68 @@ TEST(FaultHarness, runs_a_scenario_until_it_passes_untouched) {
     EXPECT_EQ(runs, 3);
     EXPECT_EQ(failed_first, 1);
     EXPECT_EQ(failed_second, 1);
+}
+
+/// A text too long to be kept without memory of its own, made inside the standard library.
+std::string long_text() {
+    return std::to_string(1) + std::string(100, 'x');
+}
+
+TEST(FaultHarness, fails_constructions_inside_shared_libraries_too) {
+    // ACE and the instantiations of the standard library's own file are not linked into the program.
+    ACE_String_Base<char> kept("x");
+    const std::string text(100, 'x');
+    std::ostringstream stream;
+    {
+        const fault::Armed armed(fault::Call::construction, 1);
+        stream << text;
+        EXPECT_TRUE(fault::Armed::fired());
+    }
+    EXPECT_TRUE(stream.bad());
+    {
+        const fault::Armed armed(fault::Call::construction, 1);
+        kept = ACE_String_Base<char>(text.c_str());
+        EXPECT_TRUE(fault::Armed::fired());
+    }
+    EXPECT_NE(kept, ACE_String_Base<char>(text.c_str()));
+}
+
+TEST(FaultHarness, fails_every_construction_of_a_scenario_and_loses_nothing) {
+    int runs = 0;
+    int caught = 0;
+    fault::for_each(fault::Call::construction, [&](fault::Trial &trial) {
+        ++runs;
+        bool is_caught = false;
+        trial.arm();
+        try {
+            const std::vector<std::string> texts(3, long_text());
+            looked_at = texts.data();
+        } catch (const std::bad_alloc &) {
+            is_caught = true;
+        }
+        trial.disarm();
+        EXPECT_EQ(is_caught, trial.fired());
+        caught += is_caught;
+    });
+    EXPECT_EQ(caught, runs - 1);
+    EXPECT_GE(caught, 5); // the text, the list and its three copies
+}
+
+TEST(FaultHarness, tells_constructions_from_allocations) {
+    const auto construct_and_allocate = [] {
+        const std::unique_ptr<int> made(new (std::nothrow) int(1));
+        looked_at = made.get();
+        return std::pair(looked_at != nullptr, allocates());
+    };
+    {
+        const fault::Armed armed(fault::Call::allocation, 1);
+        EXPECT_EQ(construct_and_allocate(), std::pair(true, false));
+    }
+    {
+        const fault::Armed armed(fault::Call::construction, 1);
+        EXPECT_EQ(construct_and_allocate(), std::pair(false, true));
+    }
+    EXPECT_EQ(construct_and_allocate(), std::pair(true, true));
 }
 
 TEST(FaultHarness, shortens_transfers) {
@@ -218,6 +288,17 @@ TEST(FaultHarnessDeathTest, finds_the_case_that_loses_memory) {
     };
     EXPECT_EXIT(lose_memory_in_the_second_case(), testing::ExitedWithCode(3),
                 "allocation:2\n(.*\n)*.*strdup(.*\n)*1 failure");
+}
+#endif
+
+#if defined(__SANITIZE_ADDRESS__) && !defined(__clang__) // clang's runtime leaves its operators out for the program's
+TEST(FaultHarnessDeathTest, leaves_it_to_the_sanitizer_to_tell_how_memory_was_made) {
+    const auto release = [](void *memory) {
+        looked_at = memory;
+        ::operator delete(const_cast<void *>(looked_at));
+    };
+    EXPECT_DEATH(release(std::malloc(1)), "alloc-dealloc-mismatch");
+    EXPECT_DEATH(release(new char[1]), "alloc-dealloc-mismatch");
 }
 #endif
 

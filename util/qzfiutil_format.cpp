@@ -147,7 +147,20 @@ int format_one(char *buffer, std::size_t size, const Conversion &conversion, con
     return length;
 }
 
+PlaceholderArgument placeholder_argument(Kind kind) noexcept {
+    return kind == Kind::integer ? PlaceholderArgument::integer
+           : kind == Kind::real  ? PlaceholderArgument::real
+                                 : PlaceholderArgument::none;
+}
+
 } // namespace
+
+bool placeholders_agree(const CatalogPattern &translation, const char *english) noexcept {
+    const Kinds kinds = kinds_of(english);
+    std::array<PlaceholderArgument, most_arguments> arguments;
+    std::transform(kinds.begin(), kinds.end(), arguments.begin(), placeholder_argument);
+    return translation.reads_only(arguments.data(), arguments.size());
+}
 
 bool format_translation(char *buffer, std::size_t size, const char *translation, const char *english,
                         va_list arguments) noexcept {

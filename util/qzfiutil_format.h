@@ -4,7 +4,12 @@
 #include <cstdarg>
 #include <cstddef>
 
+#include "msgcat/qzfiicuerrormgr.h"
+
 namespace qzfi {
+
+/// Whether the placeholders of a translation read nothing but arguments of the English format, each as its own type.
+bool placeholders_agree(const CatalogPattern &translation, const char *english) noexcept;
 
 /// Formats a translation with the arguments of the English format that it translates, cut to fit into `buffer`.
 ///

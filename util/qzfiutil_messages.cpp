@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
+#include <qzfi/catalogs.h>
 #include <qzfi/status.h>
 #include <qzfi/system.h>
 
@@ -57,26 +59,32 @@ constexpr std::size_t message_id_size = 32;
 /// A status text that a caller was given.
 struct KeptText {
     char *text;
-    KeptText *next;
+    const KeptText *next;
 };
-KeptText *kept_texts = nullptr;
-pthread_mutex_t kept_mutex = PTHREAD_MUTEX_INITIALIZER;
+const KeptText *kept_texts = nullptr; // never taken out again
 
 /// Keeps a text for the life of the process, once: callers never free a status text and may hold it for ever, and
-/// there is one a code and language. Null when there is none or memory is short.
+/// there is one a code and language. Null when there is none or memory is short. Without a lock, which a process that
+/// is forked meanwhile would never get.
 const char *keep(Text text) noexcept {
     if (!text)
         return nullptr;
-    const LockGuard guard{kept_mutex};
-    for (const KeptText *each = kept_texts; each != nullptr; each = each->next)
-        if (std::strcmp(each->text, text.get()) == 0)
-            return each->text;
-    auto *const added = static_cast<KeptText *>(std::malloc(sizeof(KeptText)));
-    if (added == nullptr)
-        return nullptr;
-    *added = {text.release(), kept_texts};
-    kept_texts = added;
-    return added->text;
+    std::unique_ptr<KeptText, FreeDeleter> added;
+    const KeptText *first = load_acquire(kept_texts);
+    for (;;) {
+        for (const KeptText *each = first; each != nullptr; each = each->next)
+            if (std::strcmp(each->text, text.get()) == 0)
+                return each->text;
+        if (!added)
+            added.reset(static_cast<KeptText *>(std::malloc(sizeof(KeptText))));
+        if (!added)
+            return nullptr;
+        *added = {text.get(), first};
+        if (__atomic_compare_exchange_n(&kept_texts, &first, added.get(), false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
+            break;
+    }
+    (void)added.release(); // the list has it
+    return text.release();
 }
 
 /// The catalog's own text of a message in the current language. The arguments after the id are the none that it takes.
@@ -88,16 +96,7 @@ Text raw_text(const char *id, ...) noexcept {
     return text;
 }
 
-// An argument list that was read cannot be read again, so each consumer below reads a copy of its own.
-
-/// The catalog's text of a message in the current language.
-Text catalog_text(const char *id, va_list arguments) noexcept {
-    va_list own;
-    va_copy(own, arguments);
-    Text text{fi_get_icuMsg(id, qzfi_lang, own, 0)};
-    va_end(own);
-    return text;
-}
+// An argument list that was read cannot be read again, so each of its consumers reads a copy of its own.
 
 void format_into(Text &buffer, const char *format, va_list arguments) noexcept {
     va_list own;
@@ -106,13 +105,25 @@ void format_into(Text &buffer, const char *format, va_list arguments) noexcept {
     va_end(own);
 }
 
+/// What the catalogs have of a message in the current language, with the arguments of its placeholders. Null when there
+/// is no memory, or when a placeholder would read what was not given.
+Text formatted_by_catalogs(const char *id, const char *english, va_list arguments) noexcept {
+    const Text text = catalog_text(id, qzfi_lang);
+    if (!text)
+        return nullptr;
+    const CatalogPattern pattern{text.get()};
+    if (!pattern || !placeholders_agree(pattern, english))
+        return nullptr;
+    return pattern.format(qzfi_lang, arguments);
+}
+
 /// Null when there is no localised text, when it is not safe to format, or when memory is short.
 Text localized_message(const char *id, const char *english, va_list arguments) noexcept {
-    const Text from_catalog = catalog_text(id, arguments);
-    if (!from_catalog)
+    const Text translation = formatted_by_catalogs(id, english, arguments);
+    if (!translation)
         return nullptr;
     Text buffer{static_cast<char *>(std::malloc(message_size))};
-    if (!buffer || !format_translation(buffer.get(), message_size, from_catalog.get(), english, arguments))
+    if (!buffer || !format_translation(buffer.get(), message_size, translation.get(), english, arguments))
         return nullptr;
     return buffer;
 }

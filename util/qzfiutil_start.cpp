@@ -9,6 +9,7 @@
 #include <qzfi/version.h>
 
 #include "common/qzfitext.h"
+#include "util/qzfiutil_catalog.h"
 #include "util/qzfiutil_context.h"
 #include "util/qzfiutil_messages.h"
 #include "util/qzfiutil_objectid.h"
@@ -71,6 +72,7 @@ int32_t qzfi_uinit0(qfi_handler *handler) {
 int32_t qzfi_ufini(void) {
     qzfi::reap_closed_contexts();
     qzfi::release_objids();
+    qzfi::release_catalog();
     util_ehandler = nullptr;
     return 0;
 }

@@ -1,28 +1,9 @@
-#include <cstdarg>
 #include <cstring>
 
+#include "common/qzfitext.h"
 #include "frontend_fixture.h"
+#include "support/bundles.h"
 #include "support/fault.h"
-
-// The catalogs' answer is set by the tests here, in place of the bridge's own: what is proven is what it is asked and
-// what becomes of its text.
-namespace {
-std::string asked_id;
-std::string asked_locale;
-int asked_raw = -1;
-const char *catalog_text = nullptr;
-bool is_asked_by_many = false; // nothing is recorded then
-} // namespace
-
-extern "C" char *__wrap_fi_get_icuMsg(const char *id, const char *locale, va_list arguments, int raw);
-extern "C" char *__wrap_fi_get_icuMsg(const char *id, const char *locale, va_list, int raw) {
-    if (!is_asked_by_many) {
-        asked_id = id;
-        asked_locale = locale;
-        asked_raw = raw;
-    }
-    return catalog_text != nullptr ? strdup(catalog_text) : nullptr;
-}
 
 namespace {
 
@@ -63,7 +44,6 @@ const struct {
 class StatusText : public Frontend {
 protected:
     StatusText() {
-        catalog_text = nullptr;
         vfcmsg = {nullptr, 0};
         path = use("complete");
     }
@@ -171,64 +151,114 @@ TEST_F(StatusText, the_librarys_codes_give_2_before_start_and_after_shutdown) {
     EXPECT_EQ(journal(), "load\nstart\nshutdown\nunload\n"); // neither refused call attempted anything
 }
 
-TEST_F(StatusText, a_localized_text_is_asked_of_the_catalogs_in_the_current_language) {
-    qzfi_setlang(2);
-    for (const uint32_t code : {0u, 5u, 10u, 28u}) {
-        catalog_text = "catalog text";
-        asked_raw = -1;
-        EXPECT_EQ(qzfiapi_errmsg(code | QFI_STATUS_LOCALIZED, &text), 0u);
-        EXPECT_STREQ(text, "catalog text");
-        char id[32];
-        snprintf(id, sizeof id, "MSG_QFI_UTIL_E%04u", code);
-        EXPECT_EQ(asked_id, id);
-        EXPECT_EQ(asked_locale, "ja");
-        EXPECT_EQ(asked_raw, 1);
+class LocalizedStatusText : public StatusText {
+protected:
+    void SetUp() override {
+        if (const auto obstacle = private_root::enter())
+            GTEST_SKIP() << *obstacle;
+        bundles::install({
+            {"root", {{"MSG_QFI_UTIL_E0005", "Memory"}, {"MSG_QFI_UTIL_E0006", "Memory"}}},
+            {"ja",
+             {{"MSG_QFI_UTIL_E0000", ""},
+              {"MSG_QFI_UTIL_E0005", "メモリー不足 {0} %s %n {"},
+              {"MSG_QFI_UTIL_E0060", "%2$s が読めません (%1$s):\n%3$s\n"}}},
+        });
+        qzfi_setlang(1);
     }
+
+    static std::string localized(uint32_t code) {
+        const char *result = nullptr;
+        EXPECT_EQ(qzfiapi_errmsg(code | QFI_STATUS_LOCALIZED, &result), 0u) << code;
+        return result != nullptr ? result : "(null)";
+    }
+};
+
+TEST_F(LocalizedStatusText, a_localized_text_is_the_catalogs_own_in_the_current_language) {
+    EXPECT_EQ(localized(5), "fi: Memory");
+    qzfi_setlang(2);
+    EXPECT_EQ(localized(5), "fi: メモリー不足 {0} %s %n {"); // as it stands: nothing is formatted
+    EXPECT_EQ(localized(6), "fi: Memory");                   // of the root, as "ja" has none
+    EXPECT_EQ(localized(0), "fi: ");
+    qzfi_setlang(3);
+    EXPECT_EQ(localized(5), "fi: Memory"); // there is no bundle of "zh"
+    qzfi_setlang(0);
+    EXPECT_EQ(localized(5), "fi: Memory"); // no language
 }
 
-TEST_F(StatusText, without_a_catalog_text_a_localized_request_gives_3) {
-    EXPECT_EQ(qzfiapi_errmsg(5 | QFI_STATUS_LOCALIZED, &text), 3u);
-    EXPECT_EQ(text, nullptr);
+TEST_F(LocalizedStatusText, a_code_without_a_catalog_text_gives_its_id_in_brackets) {
+    EXPECT_EQ(localized(7), "fi: <MSG_QFI_UTIL_E0007>");
+    EXPECT_EQ(localized(10), "fi: <MSG_QFI_UTIL_E0010>");
+    EXPECT_EQ(localized(28), "fi: <MSG_QFI_UTIL_E0028>");
 }
 
-TEST_F(StatusText, a_localized_text_stays_valid_whatever_is_asked_later) {
-    catalog_text = "first";
+TEST_F(LocalizedStatusText, it_does_not_depend_on_the_variable_that_switches_messages_on) {
+    setenv("ICU_DATA", "", 1);
+    EXPECT_EQ(localized(5), "fi: Memory");
+    unsetenv("ICU_DATA");
+    EXPECT_EQ(localized(5), "fi: Memory");
+}
+
+TEST_F(LocalizedStatusText, a_localized_text_stays_valid_whatever_is_asked_later) {
     const char *first = nullptr;
     ASSERT_EQ(qzfiapi_errmsg(5 | QFI_STATUS_LOCALIZED, &first), 0u);
-    catalog_text = "second";
+    qzfi_setlang(2);
     ASSERT_EQ(qzfiapi_errmsg(5 | QFI_STATUS_LOCALIZED, &text), 0u);
     start();
     qzfiapi_shutdown();
-    EXPECT_STREQ(first, "first");
-    EXPECT_STREQ(text, "second");
-    catalog_text = "first";
+    EXPECT_STREQ(first, "fi: Memory");
+    EXPECT_STREQ(text, "fi: メモリー不足 {0} %s %n {");
     ASSERT_EQ(qzfiapi_errmsg(6 | QFI_STATUS_LOCALIZED, &text), 0u);
     EXPECT_EQ(text, first); // kept once, so that asking again and again does not grow
 }
 
-TEST_F(StatusText, without_memory_for_a_localized_text_gives_3) {
-    catalog_text = "short of memory";
-    fault::for_each(fault::Call::allocation, [&](fault::Trial &trial) {
-        trial.arm();
-        const uint32_t status = qzfiapi_errmsg(5 | QFI_STATUS_LOCALIZED, &text);
-        trial.disarm();
-        EXPECT_EQ(status, trial.fired() ? 3u : 0u);
-        EXPECT_STREQ(text, trial.fired() ? nullptr : "short of memory");
-    });
+TEST_F(LocalizedStatusText, without_memory_for_a_localized_text_gives_3) {
+    for (const fault::Call call : {fault::Call::allocation, fault::Call::construction}) {
+        // A text that was not kept yet, of a catalog that was not opened.
+        const std::string message =
+            std::string("short of memory for this long text ") + (call == fault::Call::allocation ? "once" : "twice");
+        const std::string locale = bundles::unused_locale();
+        bundles::install({{locale, {{"MSG_QFI_UTIL_E0005", message}}}});
+        qzfi::copy_bounded(qzfi_lang, sizeof qzfi_lang, locale.c_str());
+        fault::for_each(call, [&](fault::Trial &trial) {
+            trial.arm();
+            const uint32_t status = qzfiapi_errmsg(5 | QFI_STATUS_LOCALIZED, &text);
+            trial.disarm();
+            EXPECT_EQ(status, trial.fired() ? 3u : 0u);
+            EXPECT_STREQ(text, trial.fired() ? nullptr : ("fi: " + message).c_str());
+        });
+    }
 }
 
-TEST_F(StatusText, localized_texts_may_be_asked_by_many_threads) {
-    catalog_text = "shared";
-    is_asked_by_many = true;
+TEST_F(LocalizedStatusText, localized_texts_may_be_asked_by_many_threads) {
     std::atomic<int> good{0};
     in_threads(8, [&](int) {
         for (uint32_t repeat = 0; repeat < 100; ++repeat) {
             const char *mine = nullptr;
-            good += qzfiapi_errmsg(repeat % 29 | QFI_STATUS_LOCALIZED, &mine) == 0 && std::strcmp(mine, "shared") == 0;
+            good += qzfiapi_errmsg((5 + repeat % 2) | QFI_STATUS_LOCALIZED, &mine) == 0 &&
+                    std::strcmp(mine, "fi: Memory") == 0;
         }
     });
-    is_asked_by_many = false;
     EXPECT_EQ(good, 800);
+}
+
+TEST_F(LocalizedStatusText, a_failure_is_reported_in_english_and_in_the_current_language) {
+    setenv("QFI_API_LIB", "/nonexistent/libfi.so", 1);
+    setenv("ICU_DATA", "", 1);
+    start();
+    qzfi_setlang(2);
+    EXPECT_NE(qzfiapi_errmsg(1024, &text), 0u);
+    const std::string reason = "/nonexistent/libfi.so: cannot open shared object file: No such file or directory\n";
+    EXPECT_EQ(recorder.reports,
+              (std::vector<Report>{{"modstart: /nonexistent/libfi.so not loaded:\n" + reason,
+                                    "fi: /nonexistent/libfi.so が読めません (modstart):\n" + reason, 3}}));
+}
+
+TEST_F(LocalizedStatusText, a_localized_text_goes_before_a_cached_one) {
+    char cached[] = "cached";
+    char *texts[] = {cached, cached, cached, cached, cached, cached};
+    vfcmsg = {texts, 6};
+    EXPECT_STREQ(qzfi_getlocmsg(5, 0, u_emsgs, &vfcmsg), "cached");
+    EXPECT_STREQ(qzfi_getlocmsg(5, 1, u_emsgs, &vfcmsg), "fi: Memory");
 }
 
 TEST_F(StatusText, cached_texts_go_before_the_english_ones) {
@@ -242,8 +272,6 @@ TEST_F(StatusText, cached_texts_go_before_the_english_ones) {
     EXPECT_EQ(qzfi_getlocmsg(3, 0, u_emsgs, &vfcmsg), nullptr);
     EXPECT_EQ(qzfi_getlocmsg(-1, 0, u_emsgs, &vfcmsg), nullptr);
     EXPECT_EQ(qzfiapi_errmsg(3, &text), 3u);
-    catalog_text = "localised goes first";
-    EXPECT_STREQ(qzfi_getlocmsg(0, 1, u_emsgs, &vfcmsg), "localised goes first");
 }
 
 TEST_F(StatusText, there_is_no_row_beyond_the_table) {

@@ -19,20 +19,8 @@
 
 #include "api/qzfiapi.h"
 #include "mock_api.h"
+#include "support/report.h"
 #include "util/qzfiutil_settings.h"
-
-/// What the host's handler was given.
-struct Report {
-    std::string text;
-    std::string localized; // "(null)" for none
-    uint32_t severity;
-
-    bool operator==(const Report &) const = default;
-};
-
-inline std::ostream &operator<<(std::ostream &out, const Report &report) {
-    return out << report.severity << " [" << report.text << "] [" << report.localized << "]";
-}
 
 /// A handler record that keeps what it is given.
 struct Recorder : qfi_handler {
@@ -47,7 +35,7 @@ private:
         auto *const recorder = static_cast<Recorder *>(self);
         {
             const std::lock_guard guard{recorder->lock};
-            recorder->reports.push_back({text, localized != nullptr ? localized : "(null)", severity});
+            recorder->reports.push_back(report_of(text, localized, severity));
         }
         if (recorder->hook)
             recorder->hook(text);

@@ -12,6 +12,7 @@
 
 #include <qzfi.h>
 
+#include "support/report.h"
 #include "util/qzfiutil_plugin.h"
 
 namespace fs = std::filesystem;
@@ -19,19 +20,6 @@ namespace fs = std::filesystem;
 /// What directory streams show instead of what is there, one list of names for each stream in the order of their first
 /// use, the last for all later ones; empty shows the directories as they are. Set while one thread runs only.
 void show_entries(std::vector<std::vector<std::string>> streams);
-
-/// What the host's handler was given.
-struct Report {
-    std::string text;
-    std::string localized; // "(null)" for none
-    uint32_t severity;
-
-    bool operator==(const Report &) const = default;
-};
-
-inline std::ostream &operator<<(std::ostream &out, const Report &report) {
-    return out << report.severity << " [" << report.text << "] [" << report.localized << "]";
-}
 
 /// An error record of the calling thread.
 struct Raised {
@@ -184,7 +172,7 @@ protected:
 
 private:
     static void take(qfi_handler *, const char *text, const char *localized, uint32_t severity) {
-        reports.push_back({text, localized != nullptr ? localized : "(null)", severity});
+        reports.push_back(report_of(text, localized, severity));
     }
 
     qfi_handler handler = {take, nullptr, nullptr, nullptr};

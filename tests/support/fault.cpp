@@ -7,16 +7,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <dirent.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <new>
 #include <optional>
 #include <poll.h>
+#include <pthread.h>
 #include <string>
 #include <string_view>
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -35,11 +39,12 @@
 namespace fault {
 namespace {
 
-constexpr const char *call_names[] = {"allocation", "open",    "close",  "read",    "write",   "pipe",  "dup",
-                                      "fork",       "waitpid", "kill",   "select",  "poll",    "ioctl", "fcntl",
-                                      "stat",       "access",  "getcwd", "opendir", "readdir", "mmap",  "munmap",
-                                      "fopen",      "tempnam", "dlopen", "dlsym"};
-static_assert(std::size(call_names) == static_cast<std::size_t>(Call::dlsym) + 1);
+constexpr const char *call_names[] = {"allocation", "construction", "open",    "close",  "read",    "write",   "pipe",
+                                      "dup",        "fork",         "waitpid", "kill",   "select",  "poll",    "ioctl",
+                                      "fcntl",      "stat",         "access",  "getcwd", "opendir", "readdir", "mmap",
+                                      "munmap",     "fopen",        "tempnam", "dlopen", "dlsym",   "make",    "remove",
+                                      "attribute",  "xattr",        "seek",    "sync",   "thread"};
+static_assert(std::size(call_names) == static_cast<std::size_t>(Call::thread) + 1);
 
 constexpr int disarmed = -1;
 constexpr int most_calls = 100000; // a scenario that makes more is taken for endless
@@ -198,15 +203,17 @@ using fault::Call;
 
 extern "C" {
 
+// Weak: a test program with a wrapper of its own for a call has that one.
 #define WRAP(call, result, name, parameters, arguments, on_failure, error)                                             \
     result __real_##name parameters;                                                                                   \
-    result __wrap_##name parameters;                                                                                   \
+    result __wrap_##name parameters __attribute__((weak));                                                             \
     result __wrap_##name parameters {                                                                                  \
         if (fault::fails(Call::call, error))                                                                           \
             return on_failure;                                                                                         \
         return __real_##name arguments;                                                                                \
     }
 #define WRAP_BY_HAND(name)
+#define REPLACED(name)
 #include "support/wrapped_calls.def"
 
 int __real_open(const char *path, int flags, ...);
@@ -217,6 +224,33 @@ int __wrap_open(const char *path, int flags, ...) {
     const mode_t mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(rest, mode_t) : 0;
     va_end(rest);
     return fault::fails(Call::open, EMFILE) ? -1 : __real_open(path, flags, mode);
+}
+
+int __real_openat(int directory, const char *path, int flags, ...);
+int __wrap_openat(int directory, const char *path, int flags, ...) __attribute__((weak));
+int __wrap_openat(int directory, const char *path, int flags, ...) {
+    va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(rest, mode_t) : 0;
+    va_end(rest);
+    return fault::fails(Call::open, EMFILE) ? -1 : __real_openat(directory, path, flags, mode);
+}
+
+// Of the calls without a function of their own, those that open and list count.
+long __real_syscall(long number, ...);
+long __wrap_syscall(long number, ...) __attribute__((weak));
+long __wrap_syscall(long number, ...) {
+    long arguments[6];
+    va_list rest;
+    va_start(rest, number);
+    for (long &argument : arguments)
+        argument = va_arg(rest, long);
+    va_end(rest);
+    if (number == SYS_openat2 && fault::fails(Call::open, EMFILE))
+        return -1;
+    if (number == SYS_getdents64 && fault::fails(Call::readdir, EIO))
+        return -1;
+    return __real_syscall(number, arguments[0], arguments[1], arguments[2], arguments[3], arguments[4], arguments[5]);
 }
 
 int __real_ioctl(int fd, unsigned long request, ...);
@@ -252,9 +286,84 @@ ssize_t __wrap___read_chk(int fd, void *buffer, size_t size, size_t bound) {
     return __wrap_read(fd, buffer, size);
 }
 
+ssize_t __real_pread(int fd, void *buffer, size_t size, off_t position);
+ssize_t __wrap_pread(int fd, void *buffer, size_t size, off_t position);
+ssize_t __wrap_pread(int fd, void *buffer, size_t size, off_t position) {
+    return fault::fails(Call::read, EIO) ? -1 : __real_pread(fd, buffer, fault::within_limit(size), position);
+}
+
+ssize_t __real_pwrite(int fd, const void *buffer, size_t size, off_t position);
+ssize_t __wrap_pwrite(int fd, const void *buffer, size_t size, off_t position);
+ssize_t __wrap_pwrite(int fd, const void *buffer, size_t size, off_t position) {
+    return fault::fails(Call::write, EIO) ? -1 : __real_pwrite(fd, buffer, fault::within_limit(size), position);
+}
+
 ssize_t __real_write(int fd, const void *buffer, size_t size);
 ssize_t __wrap_write(int fd, const void *buffer, size_t size);
 ssize_t __wrap_write(int fd, const void *buffer, size_t size) {
     return fault::fails(Call::write, EIO) ? -1 : __real_write(fd, buffer, fault::within_limit(size));
 }
 }
+
+namespace {
+
+/// The operator that one of the program's own stands in front of. A sanitizer's knows how each piece of memory was
+/// made, and reports one that is released in another way; neither is an allocation of the program.
+template <typename Function>
+Function *replaced(const char *name) {
+    void *const found = __real_dlsym(RTLD_NEXT, name);
+    if (found == nullptr)
+        std::abort();
+    return reinterpret_cast<Function *>(found);
+}
+
+} // namespace
+
+#define REPLACEMENT(result, form, name, parameters, exceptions, arguments, on_failure)                                 \
+    result operator form parameters exceptions {                                                                       \
+        using Function = result parameters;                                                                            \
+        static Function *const real = replaced<Function>(#name);                                                       \
+        on_failure;                                                                                                    \
+        return real arguments;                                                                                         \
+    }
+#define OR_THROW                                                                                                       \
+    if (fault::fails(Call::construction, ENOMEM))                                                                      \
+    throw std::bad_alloc()
+#define OR_NULL                                                                                                        \
+    if (fault::fails(Call::construction, ENOMEM))                                                                      \
+    return nullptr
+#define NEW(form, name, parameters, arguments) REPLACEMENT(void *, form, name, parameters, , arguments, OR_THROW)
+#define NEW_OR_NULL(form, name, parameters, arguments)                                                                 \
+    REPLACEMENT(void *, form, name, parameters, noexcept, arguments, OR_NULL)
+#define DELETE(form, name, parameters, arguments) REPLACEMENT(void, form, name, parameters, noexcept, arguments, )
+
+// The program's own operators stand in front of the others in the whole process. All of them do, so that each piece of
+// memory is released as it was made.
+using Size = std::size_t;
+using Alignment = std::align_val_t;
+using Nothrow = const std::nothrow_t;
+NEW(new, _Znwm, (Size size), (size))
+NEW(new[], _Znam, (Size size), (size))
+NEW_OR_NULL(new, _ZnwmRKSt9nothrow_t, (Size size, Nothrow &nothrow), (size, nothrow))
+NEW_OR_NULL(new[], _ZnamRKSt9nothrow_t, (Size size, Nothrow &nothrow), (size, nothrow))
+NEW(new, _ZnwmSt11align_val_t, (Size size, Alignment alignment), (size, alignment))
+NEW(new[], _ZnamSt11align_val_t, (Size size, Alignment alignment), (size, alignment))
+NEW_OR_NULL(new, _ZnwmSt11align_val_tRKSt9nothrow_t, (Size size, Alignment alignment, Nothrow &nothrow),
+            (size, alignment, nothrow))
+NEW_OR_NULL(new[], _ZnamSt11align_val_tRKSt9nothrow_t, (Size size, Alignment alignment, Nothrow &nothrow),
+            (size, alignment, nothrow))
+
+DELETE(delete, _ZdlPv, (void *memory), (memory))
+DELETE(delete[], _ZdaPv, (void *memory), (memory))
+DELETE(delete, _ZdlPvm, (void *memory, Size size), (memory, size))
+DELETE(delete[], _ZdaPvm, (void *memory, Size size), (memory, size))
+DELETE(delete, _ZdlPvRKSt9nothrow_t, (void *memory, Nothrow &nothrow), (memory, nothrow))
+DELETE(delete[], _ZdaPvRKSt9nothrow_t, (void *memory, Nothrow &nothrow), (memory, nothrow))
+DELETE(delete, _ZdlPvSt11align_val_t, (void *memory, Alignment alignment), (memory, alignment))
+DELETE(delete[], _ZdaPvSt11align_val_t, (void *memory, Alignment alignment), (memory, alignment))
+DELETE(delete, _ZdlPvmSt11align_val_t, (void *memory, Size size, Alignment alignment), (memory, size, alignment))
+DELETE(delete[], _ZdaPvmSt11align_val_t, (void *memory, Size size, Alignment alignment), (memory, size, alignment))
+DELETE(delete, _ZdlPvSt11align_val_tRKSt9nothrow_t, (void *memory, Alignment alignment, Nothrow &nothrow),
+       (memory, alignment, nothrow))
+DELETE(delete[], _ZdaPvSt11align_val_tRKSt9nothrow_t, (void *memory, Alignment alignment, Nothrow &nothrow),
+       (memory, alignment, nothrow))

@@ -10,7 +10,8 @@
 //     });
 //
 // The scenario runs with n = 1, 2, ... until it passes untouched. Only calls made by objects linked into the test
-// program count: the library's objects of the static archive, and the test's own. The calls of all threads and of
+// program count: the library's objects of the static archive, and the test's own. Constructions are the exception: the
+// operators new of the whole process count, those that shared libraries use included. The calls of all threads and of
 // forked processes count together, so with several of them n fixes the case only as far as their order is fixed.
 //
 // Each case prints, before it runs, the value of QZFI_FAULT that repeats it alone, for example QZFI_FAULT=allocation:3:
@@ -26,6 +27,7 @@ namespace fault {
 
 enum class Call {
     allocation,
+    construction, // operator new and new[]: std::bad_alloc, or null from the forms that do not throw
     open,
     close,
     read,
@@ -50,6 +52,13 @@ enum class Call {
     tempnam,
     dlopen,
     dlsym,
+    make,      // of directories, links, nodes; renames
+    remove,    // unlinkat
+    attribute, // owners, modes, times
+    xattr,
+    seek,
+    sync,
+    thread,
 };
 
 /// How a call fails.

@@ -1,0 +1,105 @@
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <sys/statfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <linux/magic.h>
+
+#include "support/loop_filesystem.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Kind {
+    const char *type;
+    long magic;
+};
+
+class EachType : public testing::TestWithParam<Kind> {
+protected:
+    void SetUp() override {
+        if (const auto obstacle = LoopFilesystem::obstacle(GetParam().type))
+            GTEST_SKIP() << *obstacle;
+    }
+};
+
+std::string backing_file_of(const std::string &device) {
+    std::ifstream in("/sys/block/" + fs::path(device).filename().string() + "/loop/backing_file");
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+TEST_P(EachType, is_mounted_and_writable_and_gone_afterwards) {
+    std::string path, device;
+    {
+        const LoopFilesystem disk(GetParam().type);
+        path = disk.path();
+        device = disk.device();
+        struct statfs status {};
+        ASSERT_EQ(statfs(path.c_str(), &status), 0);
+        EXPECT_EQ(status.f_type, GetParam().magic);
+        std::ofstream(path + "/file") << "text";
+        EXPECT_EQ(fs::file_size(path + "/file"), 4u);
+    }
+    EXPECT_FALSE(fs::exists(path));
+    std::ifstream in("/proc/self/mounts");
+    const std::string mounts{std::istreambuf_iterator<char>(in), {}};
+    EXPECT_EQ(mounts.find(path), std::string::npos);
+}
+
+TEST_P(EachType, read_only_refuses_new_files_until_it_is_writable_again) {
+    LoopFilesystem disk(GetParam().type);
+    disk.remount(true);
+    EXPECT_FALSE(std::ofstream(disk.path() + "/file").is_open());
+    disk.remount(false);
+    EXPECT_TRUE(std::ofstream(disk.path() + "/file").is_open());
+}
+
+TEST_P(EachType, a_killed_process_leaves_no_loop_device_attached) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        unshare(CLONE_NEWNS);
+        const LoopFilesystem disk(GetParam().type);
+        const std::string said = disk.path() + " " + disk.device();
+        const bool told = write(ends[1], said.data(), said.size()) == static_cast<ssize_t>(said.size());
+        _exit(told ? 7 : 1);
+    }
+    close(ends[1]);
+    char said[200] = "";
+    const ssize_t length = read(ends[0], said, sizeof(said) - 1);
+    close(ends[0]);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_EQ(WEXITSTATUS(status), 7);
+    ASSERT_GT(length, 0);
+    const std::string text(said);
+    const std::string path = text.substr(0, text.find(' ')), device = text.substr(text.find(' ') + 1);
+    EXPECT_TRUE(fs::is_empty(path)) << "only the empty mount point is left";
+    fs::remove(path);
+    if (!device.empty()) {
+        EXPECT_EQ(backing_file_of(device).find("/qzfi-loop-"), std::string::npos) << backing_file_of(device);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Loop, EachType,
+                         testing::Values(Kind{"btrfs", BTRFS_SUPER_MAGIC}, Kind{"xfs", XFS_SUPER_MAGIC},
+                                         Kind{"ext4", EXT4_SUPER_MAGIC}, Kind{"tmpfs", TMPFS_MAGIC}),
+                         [](const auto &kind) { return std::string(kind.param.type); });
+
+TEST(LoopFilesystem, an_unknown_type_is_an_obstacle) {
+    EXPECT_NE(LoopFilesystem::obstacle("nosuchfs"), std::nullopt);
+}
+
+TEST(LoopFilesystem, a_file_system_that_mkfs_refuses_throws_and_leaves_nothing) {
+    if (const auto obstacle = LoopFilesystem::obstacle("btrfs"))
+        GTEST_SKIP() << *obstacle;
+    EXPECT_THROW(LoopFilesystem("btrfs", 1), std::exception);
+}
+
+} // namespace
