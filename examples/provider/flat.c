@@ -1,0 +1,242 @@
+/*
+ * A provider as a template for others: "flat" copies a folder that holds nothing but plain files. Whatever it cannot
+ * keep it refuses, or remarks. docs/provider_kit.md explains the kit.
+ */
+#define _GNU_SOURCE
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <qzfi_fi.h>
+#include <qzfi_provider.h>
+
+/* Every failure names the call, the object below the job's, and the errno. */
+static int32_t fail(const qfi_provider_job *job, const char *operation, const char *object, int error) {
+    job->host->fail(job->host->context, operation, object, error);
+    if (error == ENOSPC || error == EDQUOT)
+        return QFI_FI_NO_SPACE;
+    if (error == EPERM || error == EACCES)
+        return QFI_FI_NO_RIGHT;
+    if (error == EEXIST)
+        return QFI_FI_EXISTS;
+    if (error == EOPNOTSUPP)
+        return QFI_STATUS_NOT_SUPPORTED;
+    return QFI_FI_WRITE;
+}
+
+static void remark(const qfi_provider_job *job, uint32_t kind, const char *path, const char *detail) {
+    const qfi_remark one = {kind, path, detail, 0};
+    job->host->remark(job->host->context, &one);
+}
+
+/* The tree may change while it is read: no symbolic link is followed, no FIFO waited for, and what was opened is what
+ * is looked at. */
+static int open_plain_file(int directory, const char *name, struct stat *status) {
+    const int fd = openat(directory, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd >= 0 && fstat(fd, status) == 0 && S_ISREG(status->st_mode))
+        return fd;
+    if (fd >= 0) {
+        close(fd);
+        errno = EINVAL;
+    }
+    return -1;
+}
+
+static int copy_data(int from, int to) {
+    char buffer[65536];
+    ssize_t length;
+    while ((length = read(from, buffer, sizeof(buffer))) > 0)
+        for (ssize_t done = 0; done < length;) {
+            const ssize_t written = write(to, buffer + done, (size_t)(length - done));
+            if (written < 0)
+                return -1;
+            done += written;
+        }
+    return length < 0 ? -1 : 0;
+}
+
+static int keep_attributes(int to, const struct stat *status) {
+    const struct timespec times[2] = {status->st_atim, status->st_mtim};
+    if (fchown(to, status->st_uid, status->st_gid) != 0 || fchmod(to, status->st_mode & 07777) != 0)
+        return -1;
+    return futimens(to, times);
+}
+
+/* With QFI_JOB_MANIFEST the host wants every entry, the object itself (path "") included. */
+static int32_t tell_entry(const qfi_provider_job *job, const char *path, const struct stat *status) {
+    if ((job->flags & QFI_JOB_MANIFEST) == 0)
+        return 0;
+    qfi_entry entry;
+    memset(&entry, 0, sizeof(entry));
+    entry.path = path;
+    entry.type = S_ISDIR(status->st_mode) ? QFI_ENTRY_DIRECTORY : QFI_ENTRY_FILE;
+    entry.mode = status->st_mode & 07777;
+    entry.uid = status->st_uid;
+    entry.gid = status->st_gid;
+    entry.size = S_ISDIR(status->st_mode) ? 0 : (uint64_t)status->st_size;
+    entry.mtime_ns = (int64_t)status->st_mtim.tv_sec * 1000000000 + status->st_mtim.tv_nsec;
+    return job->host->entry(job->host->context, &entry);
+}
+
+static int32_t copy_file(const qfi_provider_job *job, int directory, const char *name, uint64_t *bytes) {
+    struct stat status;
+    const int from = open_plain_file(job->source, name, &status);
+    if (from < 0)
+        return fail(job, "opening a plain file", name, errno);
+    const int to = openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    int32_t result = 0;
+    if (to < 0 || copy_data(from, to) != 0 || keep_attributes(to, &status) != 0)
+        result = fail(job, "copying", name, errno);
+    if (result == 0 && flistxattr(from, NULL, 0) > 0)
+        remark(job, QFI_REMARK_ATTRIBUTE, name, "extended attributes");
+    if (result == 0 && (job->flags & QFI_JOB_SYNC) != 0 && fsync(to) != 0)
+        result = fail(job, "fsync", name, errno);
+    close(from);
+    if (to >= 0 && close(to) != 0 && result == 0)
+        result = fail(job, "close", name, errno);
+    *bytes += (uint64_t)status.st_size;
+    return result == 0 ? tell_entry(job, name, &status) : result;
+}
+
+static int is_dot(const char *name) {
+    return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
+}
+
+/* A stream over a descriptor of its own, for the caller's stays the caller's. */
+static DIR *open_stream(int at, const char *name) {
+    const int fd = openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    DIR *const stream = fd >= 0 ? fdopendir(fd) : NULL;
+    if (stream == NULL && fd >= 0)
+        close(fd);
+    return stream;
+}
+
+static int32_t copy_files(const qfi_provider_job *job, DIR *files, int directory) {
+    uint64_t entries = 0, bytes = 0;
+    const struct dirent *entry;
+    for (errno = 0; (entry = readdir(files)) != NULL; errno = 0) {
+        if (is_dot(entry->d_name))
+            continue;
+        const int32_t status = copy_file(job, directory, entry->d_name, &bytes);
+        if (status != 0)
+            return status;
+        if (job->host->progress(job->host->context, ++entries, bytes) != 0)
+            return QFI_FI_CANCELLED;
+    }
+    return errno == 0 ? 0 : fail(job, "readdir", "", errno);
+}
+
+static int32_t fill(const qfi_provider_job *job, DIR *image) {
+    struct stat status;
+    DIR *const files = open_stream(job->source, ".");
+    if (files == NULL)
+        return fail(job, "opendir", "", errno);
+    int32_t result = copy_files(job, files, dirfd(image));
+    if (result == 0 && (fstat(job->source, &status) != 0 || keep_attributes(dirfd(image), &status) != 0))
+        result = fail(job, "keeping the attributes", "", errno);
+    if (result == 0 && (job->flags & QFI_JOB_SYNC) != 0 && fsync(dirfd(image)) != 0)
+        result = fail(job, "fsync", "", errno);
+    closedir(files);
+    return result == 0 ? tell_entry(job, "", &status) : result;
+}
+
+static int32_t remove_image(qfi_provider_job *job) {
+    DIR *const image = open_stream(job->target, job->name);
+    if (image == NULL)
+        return errno == ENOENT ? 0 : fail(job, "opendir", "", errno);
+    const struct dirent *entry;
+    while ((entry = readdir(image)) != NULL)
+        if (!is_dot(entry->d_name) && unlinkat(dirfd(image), entry->d_name, 0) != 0 && errno != ENOENT) {
+            const int32_t status = fail(job, "unlinkat", entry->d_name, errno);
+            closedir(image);
+            return status;
+        }
+    closedir(image);
+    return unlinkat(job->target, job->name, AT_REMOVEDIR) == 0 ? 0 : fail(job, "unlinkat", "", errno);
+}
+
+static void say_nothing(void *context, const char *operation, const char *object, int32_t error) {
+    (void)context, (void)operation, (void)object, (void)error;
+}
+
+/* The last call of `fail` wins, so the removal after a failure must not make one. */
+static void discard(const qfi_provider_job *job) {
+    qfi_provider_host host = *job->host;
+    qfi_provider_job removal = *job;
+    host.fail = say_nothing;
+    removal.host = &host;
+    remove_image(&removal);
+}
+
+/* Complete or not at all. */
+static int32_t make(qfi_provider_job *job) {
+    if ((job->flags & QFI_JOB_DIGEST) != 0)
+        return fail(job, "making digests", "", EOPNOTSUPP);
+    if (mkdirat(job->target, job->name, 0700) != 0)
+        return fail(job, "mkdirat", "", errno);
+    DIR *const image = open_stream(job->target, job->name);
+    const int32_t status = image != NULL ? fill(job, image) : fail(job, "opendir", "", errno);
+    if (image != NULL)
+        closedir(image);
+    if (status != 0)
+        discard(job);
+    return status;
+}
+
+/* Says in words what stands in the way, for it is shown to people who choose a method. */
+static int32_t probe(int source, int store, const char *object, uint32_t flags, qfi_probe *out) {
+    (void)object, (void)flags;
+    struct stat status;
+    DIR *const files = open_stream(source, ".");
+    if (files == NULL)
+        return QFI_FI_READ;
+    const uint32_t size = out->size;
+    memset(out, 0, sizeof(*out));
+    out->size = size;
+    out->combo_class = QFI_SERIAL_FS;
+    out->consistency = QFI_CONSISTENCY_FUZZY;
+    if (store >= 0 && faccessat(store, ".", W_OK, AT_EACCESS) != 0)
+        snprintf(out->reason, sizeof(out->reason), "the store cannot be written: %s", strerror(errno));
+    for (const struct dirent *entry; out->reason[0] == '\0' && (entry = readdir(files)) != NULL;) {
+        if (is_dot(entry->d_name))
+            continue;
+        if (fstatat(source, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode))
+            out->cost_bytes += (uint64_t)status.st_size;
+        else
+            snprintf(out->reason, sizeof(out->reason), "it holds \"%.180s\", which is no plain file", entry->d_name);
+    }
+    closedir(files);
+    out->cost_ms = 1 + out->cost_bytes / 100000;
+    if (out->reason[0] != '\0') {
+        out->combo_class = QFI_CLASS_NOTSUP;
+        out->consistency = QFI_CONSISTENCY_NONE;
+    }
+    return 0;
+}
+
+/* What is not named is null: `start`, `stop`, and `resync`, which this provider does not offer. */
+static const qfi_provider_ops operations = {
+    .size = sizeof(qfi_provider_ops),
+    .version = QFI_API_VERSION,
+    .provider_id = "flat",
+    .fim_id = "flat",
+    .description = "A copy of a folder of plain files; an example",
+    .hlevel = 10,
+    .consistency = QFI_CONSISTENCY_FUZZY,
+    .technology = QFI_TECHNOLOGY_COPY,
+    .probe = probe,
+    .split = make,
+    .copy_out = make,
+    .remove = remove_image,
+};
+
+QZFI_API const qfi_provider_ops *qfi_provider_entry(void);
+
+const qfi_provider_ops *qfi_provider_entry(void) {
+    return &operations;
+}

@@ -1,0 +1,259 @@
+#include "fi/fi_compare.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <map>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "fi/fi_engine_host.h"
+#include "fi/fi_place.h"
+
+namespace qzfi::fi {
+
+namespace {
+
+// A folder for a manifest that is needed for one comparison.
+class Scratch {
+public:
+    explicit Scratch(const char *operation) {
+        const char *const given = secure_getenv("TMPDIR");
+        path_ = std::string(given != nullptr && *given == '/' ? given : "/tmp") + "/qzfi-compare-XXXXXX";
+        if (mkdtemp(path_.data()) == nullptr)
+            fail_call(operation, "mkdtemp", path_, errno, false);
+        directory_.reset(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!directory_) {
+            const int error = errno;
+            rmdir(path_.c_str());
+            fail_call(operation, "open", path_, error, true);
+        }
+    }
+    ~Scratch() {
+        unlinkat(directory_.get(), name, 0);
+        rmdir(path_.c_str());
+    }
+    Scratch(const Scratch &) = delete;
+    Scratch &operator=(const Scratch &) = delete;
+    int directory() const noexcept { return directory_.get(); }
+    static constexpr const char *name = "manifest";
+
+private:
+    std::string path_;
+    Descriptor directory_;
+};
+
+Difference difference(uint32_t change, const std::string &object, const ManifestEntry *from, const ManifestEntry *to) {
+    Difference result{};
+    result.change = change;
+    result.type = to != nullptr ? to->type : from->type;
+    result.old_size = from != nullptr ? from->size : 0;
+    result.new_size = to != nullptr ? to->size : 0;
+    result.object = object;
+    result.path = to != nullptr ? to->path : from->path;
+    return result;
+}
+
+void compare(ManifestReader &from, ManifestReader &to, const std::string &object, const TakeDifference &take) {
+    compare_manifests(from, to, [&](uint32_t change, const ManifestEntry *old, const ManifestEntry *present) {
+        take(difference(change, object, old, present));
+    });
+}
+
+// All of one side, the other having nothing.
+void take_all(ManifestReader &entries, uint32_t change, const std::string &object, const TakeDifference &take) {
+    ManifestEntry entry;
+    while (entries.next(entry)) {
+        const bool is_gone = change == QFI_CHANGE_REMOVED;
+        take(difference(change, object, is_gone ? &entry : nullptr, is_gone ? nullptr : &entry));
+    }
+}
+
+// Empty when there is none.
+Descriptor open_original(const std::string &path, const char *operation) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR))
+        return {};
+    return open_without_links(path, O_RDONLY | O_DIRECTORY, operation);
+}
+
+} // namespace
+
+ManifestReader walked(int directory, const std::string &object, const WalkOptions &options, const char *operation) {
+    const Scratch scratch(operation);
+    ManifestWriter writer(scratch.directory(), Scratch::name, operation, object);
+    EngineHost host(operation, object, options.progress);
+    host.on_entry([&](const qfi_entry &entry) { return writer.add(entry); });
+    engine::Options walk;
+    walk.workers = options.workers;
+    walk.digest = options.digest;
+    walk.entries = true;
+    if (options.exclude != nullptr)
+        options.exclude->put(walk);
+    const engine::Result result = engine::walk_tree(directory, walk, host.record());
+    if (result.status != QFI_STATUS_NO_MEMORY && result.status != QFI_FI_CANCELLED)
+        writer.finish(); // what it could not write is the better cause
+    host.check(result, true);
+    return ManifestReader(scratch.directory(), Scratch::name, operation, object);
+}
+
+ManifestReader entries_of(const HeldImage &image, std::size_t index, const WalkOptions &options,
+                          const char *operation) {
+    const std::string object = image_object_path(image.filesystem(), index);
+    if (image.has_manifest(index) && (!options.digest || image.record().has_digests))
+        return ManifestReader(image.directory(), HeldImage::manifest_name(index).c_str(), operation, object);
+    const Descriptor directory = image.object(index);
+    WalkOptions plain = options;
+    plain.exclude = nullptr; // the frozen tree does not hold the stores
+    return walked(directory.get(), object, plain, operation);
+}
+
+void compare_with_original(const HeldImage &image, std::size_t index, const WalkOptions &options,
+                           const TakeDifference &take, const char *operation) {
+    const std::string &object = image.filesystem().objects[index].path;
+    ManifestReader from = entries_of(image, index, options, operation);
+    const Descriptor original = open_original(object, operation);
+    if (!original)
+        return take_all(from, QFI_CHANGE_REMOVED, object, take);
+    ManifestReader to = walked(original.get(), object, options, operation);
+    compare(from, to, object, take);
+}
+
+namespace {
+
+// Objects of a tree by path: two trees are compared object by object.
+std::map<std::string, ObjectRef> by_path(Tree &tree) {
+    std::map<std::string, ObjectRef> objects;
+    for (const ObjectRef &one : objects_of(tree))
+        objects.emplace(one.object().path, one);
+    return objects;
+}
+
+void take_one_side(const ObjectRef &one, uint32_t change, const WalkOptions &options, const TakeDifference &take,
+                   const char *operation) {
+    const HeldImage image(*one.filesystem, operation);
+    ManifestReader entries = entries_of(image, one.index, options, operation);
+    take_all(entries, change, one.object().path, take);
+}
+
+} // namespace
+
+std::vector<Difference> compare_trees(Tree &from, Tree *to, const WalkOptions &options, const char *operation) {
+    std::vector<Difference> differences;
+    const TakeDifference take = [&](Difference &&one) { differences.push_back(std::move(one)); };
+    const std::map<std::string, ObjectRef> olds = by_path(from);
+    const std::map<std::string, ObjectRef> presents = to != nullptr ? by_path(*to) : olds;
+    std::map<std::string, ObjectRef> all = olds;
+    all.insert(presents.begin(), presents.end());
+    for (const auto &[path, any] : all) {
+        const auto old = olds.find(path), present = presents.find(path);
+        if (present == presents.end()) {
+            take_one_side(old->second, QFI_CHANGE_REMOVED, options, take, operation);
+            continue;
+        }
+        if (old == olds.end()) {
+            take_one_side(present->second, QFI_CHANGE_ADDED, options, take, operation);
+            continue;
+        }
+        const HeldImage image(*old->second.filesystem, operation);
+        if (to == nullptr) {
+            WalkOptions original = options;
+            const LeftOut left_out(*old->second.filesystem, path);
+            original.exclude = &left_out;
+            compare_with_original(image, old->second.index, original, take, operation);
+            continue;
+        }
+        const HeldImage later(*present->second.filesystem, operation);
+        ManifestReader first = entries_of(image, old->second.index, options, operation);
+        ManifestReader second = entries_of(later, present->second.index, options, operation);
+        compare(first, second, path, take);
+    }
+    return differences;
+}
+
+std::vector<Difference> all_entries(Tree &tree, const WalkOptions &options, const char *operation) {
+    std::vector<Difference> entries;
+    const TakeDifference take = [&](Difference &&one) { entries.push_back(std::move(one)); };
+    for (const auto &[path, one] : by_path(tree))
+        take_one_side(one, QFI_CHANGE_NONE, options, take, operation);
+    return entries;
+}
+
+qfi_diff *give_diff(const std::vector<Difference> &differences) {
+    return static_cast<qfi_diff *>(Block::build([&](Block &block) {
+        qfi_diff *const diff = block.array<qfi_diff>(1);
+        qfi_diff_entry *const entries = block.array<qfi_diff_entry>(differences.size());
+        const char *object = nullptr;
+        for (std::size_t index = 0; index < differences.size(); ++index) {
+            const Difference &one = differences[index];
+            // One text for all entries of an object.
+            if (index == 0 || differences[index - 1].object != one.object)
+                object = block.text(one.object);
+            const char *const path = block.text(one.path);
+            if (!block.measuring())
+                entries[index] = {one.change, one.type, one.old_size, one.new_size, object, path};
+        }
+        if (!block.measuring())
+            *diff = {differences.size(), entries};
+    }));
+}
+
+namespace {
+
+const char *in_words(uint32_t change) {
+    switch (change) {
+    case QFI_CHANGE_ADDED:
+        return "not in the manifest";
+    case QFI_CHANGE_REMOVED:
+        return "missing";
+    case QFI_CHANGE_TYPE:
+        return "of another type";
+    case QFI_CHANGE_ATTRIBUTE:
+        return "other owner or mode";
+    default:
+        return "other content";
+    }
+}
+
+void verify_object(const HeldImage &image, std::size_t index, const WalkOptions &options, Findings &report,
+                   std::string &first, const char *operation) {
+    const std::string object = image_object_path(image.filesystem(), index);
+    const std::string &path = image.filesystem().objects[index].path;
+    const Descriptor directory = image.object(index);
+    if (!image.has_manifest(index)) {
+        report.add({QFI_REMARK_WARNING, 0, path, "", "without a manifest: only that the image is there was verified"});
+        return;
+    }
+    ManifestReader expected(image.directory(), HeldImage::manifest_name(index).c_str(), operation, object);
+    ManifestReader present = walked(directory.get(), object, options, operation);
+    compare(expected, present, path, [&](Difference &&one) {
+        if (report.changed++ == 0)
+            first = path + (one.path.empty() ? "" : "/" + one.path) + ": " + in_words(one.change);
+        report.add({QFI_REMARK_WARNING, 0, path, one.path, in_words(one.change)});
+    });
+}
+
+} // namespace
+
+void verify(TreeLock &tree, Findings &report, const char *operation) {
+    std::string first, damaged;
+    for (TreeFilesystem &filesystem : tree->filesystems) {
+        const HeldImage image(filesystem, operation);
+        WalkOptions options;
+        options.workers = tree->options.workers;
+        options.digest = filesystem.record.has_digests;
+        options.progress = &tree.progress();
+        for (std::size_t index = 0; index < filesystem.objects.size(); ++index)
+            verify_object(image, index, options, report, first, operation);
+        if (damaged.empty() && report.changed != 0)
+            damaged = filesystem.record.id;
+    }
+    const Progress::Counts counts = tree.progress().counts();
+    report.entries = counts.entries_done;
+    report.bytes = counts.bytes_done;
+    tree.progress().finish();
+    if (report.changed != 0)
+        fail(message::damaged, QFI_FI_DAMAGED, operation,
+             {damaged, first, std::to_string(report.changed) + " entries are not as its manifest says"});
+}
+
+} // namespace qzfi::fi

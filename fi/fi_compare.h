@@ -1,0 +1,45 @@
+// Comparing trees by what manifests say of them: images with images, with the originals, with their own manifests.
+#pragma once
+
+#include <functional>
+
+#include "fi/fi_images.h"
+#include "fi/fi_left_out.h"
+#include "fi/fi_manifest.h"
+
+namespace qzfi::fi {
+
+/// How a tree is walked for a comparison.
+struct WalkOptions {
+    uint32_t workers = 2;
+    bool digest = false;
+    const LeftOut *exclude = nullptr; // stores that lie in the tree
+    Progress *progress = nullptr;
+};
+
+/// The entries of a tree, sorted. Throws Failure when it cannot be read.
+ManifestReader walked(int directory, const std::string &object, const WalkOptions &options, const char *operation);
+/// The entries of an object's frozen tree: by its manifest, unless it has none or lacks the digests that are wanted.
+ManifestReader entries_of(const HeldImage &image, std::size_t index, const WalkOptions &options, const char *operation);
+
+/// One difference.
+struct Difference {
+    uint32_t change;
+    uint32_t type;
+    uint64_t old_size, new_size;
+    std::string object, path;
+};
+using TakeDifference = std::function<void(Difference &&)>;
+
+/// From an object's image to the original as it is; an original that is gone is removed altogether.
+void compare_with_original(const HeldImage &image, std::size_t index, const WalkOptions &options,
+                           const TakeDifference &take, const char *operation);
+/// From the images of one tree to those of another, or, null, to the originals.
+std::vector<Difference> compare_trees(Tree &from, Tree *to, const WalkOptions &options, const char *operation);
+/// Every entry of a tree's images, as QFI_CHANGE_NONE.
+std::vector<Difference> all_entries(Tree &tree, const WalkOptions &options, const char *operation);
+
+/// One block for the host.
+qfi_diff *give_diff(const std::vector<Difference> &differences);
+
+} // namespace qzfi::fi

@@ -1,0 +1,71 @@
+#include "fi/fi_engine_host.h"
+
+namespace qzfi::fi {
+
+EngineHost::EngineHost(const char *operation, std::string object, Progress *progress)
+    : operation_(operation), object_(std::move(object)), progress_(progress) {
+    record_.size = sizeof record_;
+    record_.context = this;
+    record_.entry = &EngineHost::entry;
+    record_.remark = &EngineHost::remark;
+    record_.progress = &EngineHost::progress;
+    record_.fail = &EngineHost::fail;
+}
+
+int32_t EngineHost::entry(void *context, const qfi_entry *entry) noexcept {
+    auto &host = *static_cast<EngineHost *>(context);
+    const std::lock_guard lock(host.mutex_);
+    if (!host.entry_ || host.thrown_)
+        return 0;
+    try {
+        return host.entry_(*entry);
+    } catch (...) {
+        host.thrown_ = std::current_exception();
+        return QFI_STATUS_INTERNAL;
+    }
+}
+
+void EngineHost::remark(void *context, const qfi_remark *remark) noexcept {
+    auto &host = *static_cast<EngineHost *>(context);
+    const std::lock_guard lock(host.mutex_);
+    if (!host.remark_ || host.thrown_)
+        return;
+    try {
+        host.remark_(*remark);
+    } catch (...) {
+        host.thrown_ = std::current_exception();
+    }
+}
+
+int32_t EngineHost::progress(void *context, uint64_t entries, uint64_t bytes) noexcept {
+    auto &host = *static_cast<EngineHost *>(context);
+    return host.progress_ == nullptr ? 0 : host.progress_->set(entries, bytes);
+}
+
+void EngineHost::fail(void *context, const char *operation, const char *object, int error) noexcept {
+    auto &host = *static_cast<EngineHost *>(context);
+    const std::lock_guard lock(host.mutex_);
+    host.failed_error_ = error;
+    try {
+        host.failed_call_ = operation;
+        host.failed_object_ = object;
+    } catch (...) {
+        host.failed_error_ = ENOMEM;
+    }
+}
+
+void EngineHost::check(const engine::Result &result, bool reading) const {
+    if (thrown_)
+        std::rethrow_exception(thrown_);
+    if (result.status == 0)
+        return;
+    if (result.status == QFI_FI_CANCELLED)
+        fi::fail(message::cancelled, QFI_FI_CANCELLED, operation_, {});
+    if (result.status == QFI_STATUS_NO_MEMORY)
+        throw std::bad_alloc();
+    const std::string path = failed_object_.empty() ? object_ : object_ + "/" + failed_object_;
+    fail_call(operation_, failed_call_.empty() ? "reading" : failed_call_.c_str(), path,
+              failed_error_ != 0 ? failed_error_ : EIO, reading);
+}
+
+} // namespace qzfi::fi

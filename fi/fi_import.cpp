@@ -1,0 +1,321 @@
+// Importing exported images. Nothing in the folder is trusted: its document is checked by itself, then the folder by
+// the document.
+//
+// Images are copied, with clones where the file system has them, even where they could be renamed: what lies in a store
+// without a record is debris, and a crash between the rename and the record would lose the only copy.
+#include <fcntl.h>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "fi/fi_compare.h"
+#include "fi/fi_engine_host.h"
+#include "fi/fi_export.h"
+#include "fi/fi_fiid.h"
+#include "fi/fi_images.h"
+#include "fi/fi_place.h"
+#include "fi/fi_report.h"
+#include "fi/fi_store_folders.h"
+
+namespace qzfi::fi {
+
+namespace {
+
+constexpr off_t document_limit = 16 * 1024 * 1024;
+
+[[noreturn]] void fail_folder(const std::string &id, const std::string &path, const std::string &why,
+                              const char *operation) {
+    fail(message::damaged, QFI_FI_DAMAGED, operation, {id, path, why});
+}
+
+// An entry that must be of a type. A link is somebody's attempt to lead elsewhere.
+void require_type(int directory, const std::string &name, mode_t type, const std::string &id, const std::string &path,
+                  const char *operation) {
+    struct stat status {};
+    if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+        fail_folder(id, path, error_text(errno), operation);
+    if (S_ISLNK(status.st_mode))
+        fail(message::unsafe_path, QFI_FI_UNSAFE, operation, {path, "it is a symbolic link"});
+    if ((status.st_mode & S_IFMT) != type)
+        fail_folder(id, path, type == S_IFDIR ? "it is no directory" : "it is no file", operation);
+}
+
+std::string read_document(int folder, const std::string &folder_path, const char *operation) {
+    const std::string path = folder_path + "/" + export_document;
+    const Descriptor file(open_beneath(folder, export_document, O_RDONLY | O_NOFOLLOW));
+    if (!file && errno == ENOENT)
+        fail(message::bad_fiid, QFI_FI_BAD_FIID, operation, {folder_path + " holds no " + export_document});
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0)
+        fail_call(operation, "open", path, errno, true);
+    if (!S_ISREG(status.st_mode) || status.st_size > document_limit)
+        fail(message::bad_fiid, QFI_FI_BAD_FIID, operation, {path + " is no file of at most 16 MiB"});
+    std::string text(static_cast<std::size_t>(status.st_size), '\0');
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t count = read(file.get(), text.data() + done, text.size() - done);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            fail_call(operation, "read", path, errno, true);
+        if (count == 0) {
+            text.resize(done);
+            break;
+        }
+        done += static_cast<std::size_t>(count);
+    }
+    return text;
+}
+
+std::set<std::string> ids_of(const Fiid &fiid) {
+    std::set<std::string> ids;
+    for (const FiidImage &image : fiid.images)
+        ids.insert(image.record.id);
+    return ids;
+}
+
+class Import {
+public:
+    Import(const char *directory, const qfi_import_options &options, const char *operation)
+        : options_(options), operation_(operation), place_(open_place(directory, operation)),
+          folder_(open_without_links(place_.path, O_RDONLY | O_DIRECTORY, operation)),
+          fiid_(read_fiid(read_document(folder_.get(), place_.path, operation), operation)) {}
+
+    void require_expected(const qfi_fiid &expected) const {
+        require(expected.document != nullptr, operation_, "the expected id document is null");
+        const Fiid other = read_fiid({expected.document, expected.length}, operation_);
+        if (other.set_id != fiid_.set_id || ids_of(other) != ids_of(fiid_))
+            fail(message::bad_fiid, QFI_FI_BAD_FIID, operation_,
+                 {"the images in " + place_.path + " are not those that were expected"});
+    }
+
+    void require_sound() const {
+        if (fiid_.images.empty())
+            fail(message::bad_fiid, QFI_FI_BAD_FIID, operation_, {"it names no image"});
+        const std::set<std::string> ids = ids_of(fiid_);
+        if (ids.size() != fiid_.images.size())
+            fail(message::bad_fiid, QFI_FI_BAD_FIID, operation_, {"it names an image twice"});
+        for (const std::string &name : names_in(folder_.get(), place_.path, operation_))
+            if (name != export_document && ids.count(name) == 0)
+                fail_folder(fiid_.set_id, place_.path + "/" + name, "the id document does not name it", operation_);
+        for (const FiidImage &image : fiid_.images)
+            require_sound_image(image.record);
+    }
+
+    void take_over(const std::shared_ptr<Store> &store) {
+        std::vector<const ImageRecord *> taken;
+        try {
+            for (const FiidImage &image : fiid_.images) {
+                take_image(*store, image.record);
+                taken.push_back(&image.record);
+            }
+        } catch (...) {
+            // All or none.
+            for (const ImageRecord *const record : taken) {
+                try {
+                    remove_image(*store, *record, operation_);
+                } catch (const Failure &) {
+                    continue; // told already; it is a whole image that stays
+                }
+            }
+            throw;
+        }
+    }
+
+    // The images are in the store, so what cannot be removed is told, but no failure.
+    void remove_source() const {
+        if (options_.keep_source != 0)
+            return;
+        try {
+            for (const FiidImage &image : fiid_.images)
+                remove_snapshots(image.record);
+            remove_plainly(place_.parent.get(), place_.name.c_str(), operation_);
+        } catch (const Failure &) {
+            return;
+        }
+    }
+
+    const Fiid &fiid() const noexcept { return fiid_; }
+
+private:
+    std::string path_of(const ImageRecord &record, const std::string &below = "") const {
+        return place_.path + "/" + record.id + (below.empty() ? "" : "/" + below);
+    }
+
+    void require_sound_image(const ImageRecord &record) const {
+        require_type(folder_.get(), record.id, S_IFDIR, record.id, path_of(record), operation_);
+        const Descriptor directory = open_image(record);
+        std::set<std::string> expected{objects_name, report_name, export_document, lock_name};
+        for (std::size_t index = 0; index < record.objects.size(); ++index)
+            expected.insert(HeldImage::manifest_name(index));
+        for (const std::string &name : names_in(directory.get(), path_of(record), operation_)) {
+            if (expected.count(name) == 0)
+                fail_folder(record.id, path_of(record, name), "it does not belong there", operation_);
+            require_type(directory.get(), name, name == objects_name ? S_IFDIR : S_IFREG, record.id,
+                         path_of(record, name), operation_);
+        }
+        require_sound_objects(record, directory.get());
+    }
+
+    void require_sound_objects(const ImageRecord &record, int directory) const {
+        const Descriptor objects(open_beneath(directory, objects_name, O_RDONLY | O_DIRECTORY));
+        if (!objects)
+            fail_folder(record.id, path_of(record, objects_name), error_text(errno), operation_);
+        const std::vector<std::string> names = names_in(objects.get(), path_of(record, objects_name), operation_);
+        if (names.size() != record.objects.size())
+            fail_folder(record.id, path_of(record, objects_name),
+                        "it holds " + std::to_string(names.size()) + " objects, and the id document names " +
+                            std::to_string(record.objects.size()),
+                        operation_);
+        for (std::size_t index = 0; index < record.objects.size(); ++index) {
+            const std::string name = NewImage::object_name(index);
+            require_type(objects.get(), name, S_IFDIR, record.id, path_of(record, "objects/" + name), operation_);
+            open_object(record, index);
+        }
+    }
+
+    Descriptor open_image(const ImageRecord &record) const {
+        Descriptor directory(open_beneath(folder_.get(), record.id.c_str(), O_RDONLY | O_DIRECTORY));
+        if (!directory)
+            fail_call(operation_, "open", path_of(record), errno, true);
+        return directory;
+    }
+
+    Descriptor open_object(const ImageRecord &record, std::size_t index) const {
+        const std::string &subpath = record.objects[index].subpath;
+        const std::string below =
+            std::string(objects_name) + "/" + NewImage::object_name(index) + (subpath.empty() ? "" : "/" + subpath);
+        const Descriptor directory = open_image(record);
+        Descriptor object(open_beneath(directory.get(), below.c_str(), O_RDONLY | O_DIRECTORY));
+        if (!object && (errno == ENOENT || errno == ENOTDIR))
+            fail_folder(record.id, path_of(record, below), error_text(errno), operation_);
+        if (!object)
+            fail_call(operation_, "open", path_of(record, below), errno, true);
+        return object;
+    }
+
+    void take_image(Store &store, const ImageRecord &exported) const {
+        refuse_present(store, exported.id);
+        NewImage image = store.begin(exported.id, operation_);
+        const Descriptor directory = open_image(exported);
+        for (std::size_t index = 0; index < exported.objects.size(); ++index) {
+            copy_object(exported, index, image);
+            copy_if_there(directory.get(), image.directory(), HeldImage::manifest_name(index), exported);
+            if (options_.verify != 0)
+                verify_object(exported, index, image);
+        }
+        copy_if_there(directory.get(), image.directory(), report_name, exported);
+        ImageRecord record = exported;
+        record.state = 1;
+        for (ImageObject &object : record.objects)
+            object.subpath.clear(); // copied without what is around it
+        image.commit(record, write_fiid({record.set_id, {{record, store.path()}}}));
+    }
+
+    // A record whose files are gone, as a deport that was cut short leaves it, makes way.
+    void refuse_present(Store &store, const std::string &id) const {
+        const std::optional<ImageRecord> present = store.find(id, operation_);
+        if (present && present->state == 3)
+            store.remove(id, operation_, [](int, const char *) {});
+        for (const FoundImage &image : all_images(nullptr, operation_))
+            if (image.record.id == id && image.record.state != 3)
+                fail(message::already_exists, QFI_FI_EXISTS, operation_, {image.store->image_path(id)});
+    }
+
+    void copy_if_there(int from, int to, const std::string &name, const ImageRecord &record) const {
+        struct stat status {};
+        if (fstatat(from, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+            copy_plain_file(from, to, name.c_str(), path_of(record, name), operation_);
+    }
+
+    void copy_object(const ImageRecord &record, std::size_t index, const NewImage &image) const {
+        const Descriptor source = open_object(record, index);
+        const std::string name = NewImage::object_name(index);
+        const std::string path = path_of(record, std::string(objects_name) + "/" + name);
+        Progress progress(operation_, path);
+        EngineHost host(operation_, path, &progress);
+        std::string lost;
+        host.on_remark([&](const qfi_remark &remark) {
+            if (remark.kind == QFI_REMARK_VANISHED || remark.kind == QFI_REMARK_UNREADABLE ||
+                remark.kind == QFI_REMARK_TORN)
+                lost = std::string(remark.path) + ": " + remark.detail;
+        });
+        engine::Options options;
+        options.data = engine::Data::clone_or_copy;
+        options.nested_volumes = true; // of a snapshot that was exported with them
+        host.check(engine::copy_tree(source.get(), image.objects(), name.c_str(), options, host.record()), false);
+        if (!lost.empty())
+            fail_folder(record.id, path, lost, operation_);
+        progress.finish();
+    }
+
+    void verify_object(const ImageRecord &record, std::size_t index, const NewImage &image) const {
+        const std::string manifest = HeldImage::manifest_name(index);
+        struct stat status {};
+        if (fstatat(image.directory(), manifest.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            if (record.has_digests)
+                fail_folder(record.id, path_of(record, manifest), "it is missing", operation_);
+            return;
+        }
+        const std::string path = path_of(record, "objects/" + NewImage::object_name(index));
+        const Descriptor copy(
+            open_beneath(image.objects(), NewImage::object_name(index).c_str(), O_RDONLY | O_DIRECTORY));
+        if (!copy)
+            fail_call(operation_, "open", path, errno, true);
+        WalkOptions options;
+        options.digest = record.has_digests;
+        ManifestReader expected(image.directory(), manifest.c_str(), operation_, path);
+        ManifestReader present = walked(copy.get(), path, options, operation_);
+        compare_manifests(expected, present, [&](uint32_t, const ManifestEntry *old, const ManifestEntry *now) {
+            const std::string &below = old != nullptr ? old->path : now->path;
+            fail_folder(record.id, path + (below.empty() ? "" : "/" + below), "it is not as its manifest says",
+                        operation_);
+        });
+    }
+
+    // Read-only snapshots, which an export by renaming leaves as they are.
+    void remove_snapshots(const ImageRecord &record) const {
+        const Provider *const provider = find_provider(record.provider_id);
+        const Descriptor directory = open_image(record);
+        const Descriptor objects(open_beneath(directory.get(), objects_name, O_RDONLY | O_DIRECTORY));
+        if (provider == nullptr || provider->ops->remove == nullptr || !objects)
+            return;
+        for (std::size_t index = 0; index < record.objects.size(); ++index) {
+            const std::string name = NewImage::object_name(index), path = path_of(record, "objects/" + name);
+            JobHost host(operation_, path, nullptr);
+            qfi_provider_job job{};
+            job.size = sizeof job;
+            job.host = host.record();
+            job.object = path.c_str();
+            job.source = -1;
+            job.target = objects.get();
+            job.name = name.c_str();
+            job.workers = 2;
+            host.check(provider->ops->remove(&job), *provider);
+        }
+    }
+
+    const qfi_import_options &options_;
+    const char *operation_;
+    Place place_;
+    Descriptor folder_;
+    Fiid fiid_;
+};
+
+} // namespace
+
+std::shared_ptr<Tree> import_images(const char *directory, const char *store_path, const qfi_fiid *expected,
+                                    const qfi_import_options &options, const char *operation) {
+    Import incoming(directory, options, operation);
+    if (expected != nullptr)
+        incoming.require_expected(*expected);
+    incoming.require_sound();
+    const std::shared_ptr<Store> store =
+        Store::open(store_path != nullptr ? store_path : default_store_path(), true, operation);
+    incoming.take_over(store);
+    remember_store(store->path());
+    std::shared_ptr<Tree> tree = tree_of_image(incoming.fiid().set_id, store->path().c_str(), operation);
+    incoming.remove_source();
+    return tree;
+}
+
+} // namespace qzfi::fi

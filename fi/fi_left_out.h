@@ -1,0 +1,35 @@
+// Stores within what is frozen, restored or compared: images are no part of it.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <qzfi_provider.h>
+
+#include "fi/fi_tree.h"
+
+namespace qzfi::fi {
+
+/// The stores that a job leaves out: the one in use, wherever it lies, the known ones at or below the object, and one
+/// in the place that a provider's default store would have.
+class LeftOut {
+public:
+    LeftOut(const TreeFilesystem &filesystem, const std::string &object);
+    LeftOut(const LeftOut &) = delete;
+    LeftOut &operator=(const LeftOut &) = delete;
+    const qfi_excluded *list() const noexcept { return excluded_.data(); }
+    uint32_t count() const noexcept { return static_cast<uint32_t>(excluded_.size()); }
+    /// Into a job, or options of the engine, which must not outlive this.
+    template <class Taker>
+    void put(Taker &taker) const noexcept {
+        taker.excluded = list();
+        taker.excluded_count = count();
+    }
+
+private:
+    void add(const std::string &path);
+    std::vector<Descriptor> open_;
+    std::vector<qfi_excluded> excluded_;
+};
+
+} // namespace qzfi::fi

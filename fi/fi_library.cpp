@@ -1,0 +1,261 @@
+#include "fi/fi_library.h"
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <mutex>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <qzfi/errors.h>
+#include <qzfi/messages.h>
+#include <qzfi/settings.h>
+#include <qzfi_provider.h>
+
+namespace qzfi::fi {
+
+namespace {
+
+constexpr std::size_t argument_limit = 4;
+
+// A terminated copy of an argument. A failure must be told even when memory is short: then the text is cut.
+class ArgumentText {
+public:
+    void assign(std::string_view text) noexcept {
+        copy_.reset(static_cast<char *>(std::malloc(text.size() + 1)));
+        const std::size_t length = copy_ || text.size() < sizeof cut_ ? text.size() : sizeof cut_ - 1;
+        char *const target = copy_ ? copy_.get() : cut_;
+        if (length != 0)
+            std::memcpy(target, text.data(), length);
+        target[length] = '\0';
+    }
+    const char *get() const noexcept { return copy_ ? copy_.get() : cut_; }
+
+private:
+    struct Free {
+        void operator()(char *text) const noexcept { std::free(text); }
+    };
+    std::unique_ptr<char, Free> copy_;
+    char cut_[256] = "";
+};
+
+thread_local int hushed = 0;
+
+const char *in_words(int error) {
+    const char *const text = strerrordesc_np(error);
+    return text != nullptr ? text : "Unknown error";
+}
+
+} // namespace
+
+void raise(const Message &message, int32_t status, const char *operation,
+           std::initializer_list<std::string_view> arguments) noexcept {
+    if (hushed != 0)
+        return;
+    std::array<ArgumentText, argument_limit> texts;
+    std::size_t count = 0;
+    for (const std::string_view argument : arguments)
+        if (count < argument_limit)
+            texts[count++].assign(argument);
+    qzfi_getmsg(message.id, message.severity, message.format, operation, texts[0].get(), texts[1].get(), texts[2].get(),
+                texts[3].get());
+    // The format and the operation go first; all of them are counted, or the last would not be kept.
+    fi_create_error_info(message.id, 0, nullptr, &status, nullptr, static_cast<int32_t>(count) + 2, message.format,
+                         operation, texts[0].get(), texts[1].get(), texts[2].get(), texts[3].get());
+}
+
+Hush::Hush() noexcept {
+    ++hushed;
+}
+
+Hush::~Hush() {
+    --hushed;
+}
+
+void fail(const Message &message, int32_t status, const char *operation,
+          std::initializer_list<std::string_view> arguments) {
+    raise(message, status, operation, arguments);
+    throw Failure{status};
+}
+
+int32_t status_of(int error, int32_t otherwise) noexcept {
+    switch (error) {
+    case ENOSPC:
+    case EDQUOT:
+        return QFI_FI_NO_SPACE;
+    case EACCES:
+    case EPERM:
+    case EROFS:
+        return QFI_FI_NO_RIGHT;
+    case ENOENT:
+    case ENOTDIR:
+        return QFI_FI_NO_SUCH_OBJECT;
+    case ELOOP:
+    case EXDEV:
+        return QFI_FI_UNSAFE;
+    case ENOMEM:
+        return QFI_STATUS_NO_MEMORY;
+    default:
+        return otherwise;
+    }
+}
+
+void fail_call(const char *operation, const char *what, std::string_view path, int error, bool reading) {
+    const int32_t status = status_of(error, reading ? QFI_FI_READ : QFI_FI_WRITE);
+    switch (status) {
+    case QFI_FI_NO_SPACE:
+        fail(message::no_space, status, operation, {path});
+    case QFI_FI_NO_RIGHT:
+        fail(message::no_right, status, operation, {what, path});
+    case QFI_FI_NO_SUCH_OBJECT:
+        fail(message::no_such_object, status, operation, {path, error_text(error)});
+    case QFI_FI_UNSAFE:
+        fail(message::unsafe_path, status, operation, {path, error_text(error)});
+    case QFI_STATUS_NO_MEMORY:
+        fail(message::no_memory, status, operation, {});
+    default:
+        fail(reading ? message::read_failed : message::write_failed, status, operation,
+             {what, path, error_text(error)});
+    }
+}
+
+std::string error_text(int error) {
+    return std::string(in_words(error)) + " (" + std::to_string(error) + ")";
+}
+
+void Descriptor::reset(int fd) noexcept {
+    if (fd_ >= 0 && fd_ != fd) {
+        const int error = errno;
+        close(fd_);
+        errno = error;
+    }
+    fd_ = fd;
+}
+
+int open_beneath(int at, const char *path, int flags) noexcept {
+    open_how how{};
+    how.flags = static_cast<uint64_t>(static_cast<unsigned>(flags | O_CLOEXEC));
+    if ((flags & O_PATH) == 0)
+        how.flags |= O_NONBLOCK;
+    if ((flags & O_CREAT) != 0)
+        how.mode = 0600;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS | RESOLVE_NO_XDEV;
+    for (;;) {
+        const long fd = syscall(SYS_openat2, at, path, &how, sizeof how);
+        // EAGAIN: something was renamed on the way, and the kernel could not tell whether the path left its place.
+        if (fd >= 0 || (errno != EINTR && errno != EAGAIN))
+            return static_cast<int>(fd);
+    }
+}
+
+std::string installation_root() {
+    char *root = nullptr;
+    if (qzfi_get_install_root(&root) == QFI_STATUS_NO_MEMORY)
+        throw std::bad_alloc();
+    const std::unique_ptr<char, void (*)(void *)> owner(root, std::free);
+    return root != nullptr ? root : "/usr/lumen";
+}
+
+namespace {
+
+std::atomic<qfi_handler *> host{nullptr};
+
+qfi_progress_handler *progress_handler() noexcept {
+    qfi_handler *const handler = host.load(std::memory_order_acquire);
+    auto *const wanted = handler == nullptr ? nullptr : static_cast<qfi_progress_handler *>(handler->reserved1);
+    const bool usable = wanted != nullptr && wanted->size >= sizeof *wanted && wanted->progress != nullptr;
+    return usable ? wanted : nullptr;
+}
+
+int64_t now_ns() noexcept {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+}
+
+constexpr int64_t interval_ns = 100'000'000;
+
+} // namespace
+
+void set_host(qfi_handler *handler) noexcept {
+    host.store(handler, std::memory_order_release);
+}
+
+// Counts are atomic, so that a handler may ask for them: it is called with `telling` held.
+struct Progress::State {
+    std::string operation;
+    std::string object;
+    std::atomic<uint64_t> entries_done{0}, entries_total{0}, bytes_done{0}, bytes_total{0};
+    std::atomic<int64_t> next_ns{0};
+    std::atomic<bool> is_cancelled{false};
+    std::mutex telling;
+
+    void tell() {
+        next_ns.store(now_ns() + interval_ns, std::memory_order_relaxed);
+        qfi_progress_handler *const handler = progress_handler();
+        if (handler == nullptr)
+            return;
+        qfi_progress progress{};
+        progress.operation = operation.c_str();
+        progress.object = object.c_str();
+        progress.entries_done = entries_done.load(std::memory_order_relaxed);
+        progress.entries_total = entries_total.load(std::memory_order_relaxed);
+        progress.bytes_done = bytes_done.load(std::memory_order_relaxed);
+        progress.bytes_total = bytes_total.load(std::memory_order_relaxed);
+        if (handler->progress(handler, &progress) != 0)
+            is_cancelled.store(true, std::memory_order_relaxed);
+    }
+
+    int32_t tell_if_due() {
+        if (now_ns() >= next_ns.load(std::memory_order_relaxed)) {
+            const std::unique_lock lock(telling, std::try_to_lock);
+            // Whoever told while this thread came here has moved the time on.
+            if (lock && now_ns() >= next_ns.load(std::memory_order_relaxed))
+                tell();
+        }
+        return is_cancelled.load(std::memory_order_relaxed) ? QFI_FI_CANCELLED : 0;
+    }
+};
+
+Progress::Progress(const char *operation, std::string object) : state_(std::make_shared<State>()) {
+    constexpr std::string_view prefix = "qzfi_";
+    const std::string_view name = operation;
+    state_->operation = name.substr(0, prefix.size()) == prefix ? name.substr(prefix.size()) : name;
+    state_->object = std::move(object);
+}
+
+int32_t Progress::advance(uint64_t entries, uint64_t bytes) {
+    state_->entries_done.fetch_add(entries, std::memory_order_relaxed);
+    state_->bytes_done.fetch_add(bytes, std::memory_order_relaxed);
+    return state_->tell_if_due();
+}
+
+int32_t Progress::set(uint64_t entries, uint64_t bytes) {
+    state_->entries_done.store(entries, std::memory_order_relaxed);
+    state_->bytes_done.store(bytes, std::memory_order_relaxed);
+    return state_->tell_if_due();
+}
+
+void Progress::totals(uint64_t entries, uint64_t bytes) {
+    state_->entries_total.store(entries, std::memory_order_relaxed);
+    state_->bytes_total.store(bytes, std::memory_order_relaxed);
+}
+
+void Progress::finish() {
+    const std::lock_guard lock(state_->telling);
+    state_->tell();
+}
+
+bool Progress::cancelled() const noexcept {
+    return state_->is_cancelled.load(std::memory_order_relaxed);
+}
+
+Progress::Counts Progress::counts() const noexcept {
+    return {state_->entries_done.load(std::memory_order_relaxed), state_->entries_total.load(std::memory_order_relaxed),
+            state_->bytes_done.load(std::memory_order_relaxed), state_->bytes_total.load(std::memory_order_relaxed)};
+}
+
+} // namespace qzfi::fi

@@ -1,0 +1,27 @@
+// The mounted file systems of this process, from /proc/self/mountinfo.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "fi/fi_library.h"
+
+namespace qzfi::fi {
+
+struct Mount {
+    int id = 0;
+    uint64_t device = 0;     // st_dev of what lies there (a btrfs subvolume has one of its own)
+    std::string root;        // the part of the file system that is mounted
+    std::string mount_point; // unescaped
+    std::string type;        // "xfs"
+    std::string source;      // "/dev/sda1"
+    bool read_only = false;
+};
+
+/// All, in mount order. Throws Failure.
+std::vector<Mount> mounts(const char *operation);
+/// The mount that a path lies on: the last of the longest mount points above it.
+const Mount &mount_of(const std::vector<Mount> &mounts, const std::string &path);
+
+} // namespace qzfi::fi

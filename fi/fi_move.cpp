@@ -1,0 +1,207 @@
+// Exporting images into a folder:
+//
+//     DIRECTORY/fiid.xml      what is exported
+//     DIRECTORY/ID/objects/N, manifest.N, report
+#include <algorithm>
+#include <fcntl.h>
+#include <linux/stat.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "fi/fi_export.h"
+#include "fi/fi_fiid.h"
+#include "fi/fi_images.h"
+#include "fi/fi_place.h"
+#include "fi/fi_report.h"
+#include "fi/fi_restore_copy.h"
+#include "fi/fi_store_folders.h"
+
+namespace qzfi::fi {
+
+void write_whole_file(int directory, const char *name, const std::string &path, const std::string &content,
+                      const char *operation) {
+    const Descriptor file(openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file)
+        fail_call(operation, "open", path, errno, false);
+    for (std::size_t done = 0; done < content.size();) {
+        const ssize_t count = write(file.get(), content.data() + done, content.size() - done);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            fail_call(operation, "write", path, count < 0 ? errno : EIO, false);
+        done += static_cast<std::size_t>(count);
+    }
+    sync_file(file.get(), path, operation);
+}
+
+void copy_plain_file(int from, int to, const char *name, const std::string &path, const char *operation) {
+    const Descriptor source(open_beneath(from, name, O_RDONLY | O_NOFOLLOW));
+    if (!source)
+        fail_call(operation, "open", path, errno, true);
+    const Descriptor target(openat(to, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!target)
+        fail_call(operation, "open", path, errno, false);
+    std::string buffer(256 * 1024, '\0');
+    for (;;) {
+        const ssize_t count = read(source.get(), buffer.data(), buffer.size());
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            fail_call(operation, "read", path, errno, true);
+        if (count == 0)
+            break;
+        for (ssize_t done = 0; done < count;) {
+            const ssize_t more = write(target.get(), buffer.data() + done, static_cast<std::size_t>(count - done));
+            if (more < 0 && errno == EINTR)
+                continue;
+            if (more <= 0)
+                fail_call(operation, "write", path, more < 0 ? errno : EIO, false);
+            done += more;
+        }
+    }
+    sync_file(target.get(), path, operation);
+}
+
+Descriptor make_directory(int at, const std::string &name, const std::string &path, const char *operation) {
+    if (mkdirat(at, name.c_str(), 0700) != 0)
+        fail_call(operation, "mkdir", path, errno, false);
+    Descriptor directory(openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!directory)
+        fail_call(operation, "open", path, errno, false);
+    return directory;
+}
+
+namespace {
+
+// Whether an entry of one can be renamed into the other.
+bool same_mount(int one, int other) {
+    struct statx first {
+    }, second{};
+    constexpr unsigned mask = STATX_BASIC_STATS | STATX_MNT_ID;
+    if (statx(one, "", AT_EMPTY_PATH, mask, &first) != 0 || statx(other, "", AT_EMPTY_PATH, mask, &second) != 0)
+        return false;
+    return first.stx_mnt_id == second.stx_mnt_id && first.stx_dev_major == second.stx_dev_major &&
+           first.stx_dev_minor == second.stx_dev_minor;
+}
+
+class Export {
+public:
+    Export(TreeLock &tree, const char *directory, const char *operation)
+        : tree_(tree), operation_(operation), place_(open_place(directory, operation)) {}
+
+    std::string run() {
+        refuse_in_store();
+        const bool over_empty = refuse_existing(place_, operation_);
+        Workshop workshop(place_, operation_);
+        const Descriptor folder = make_directory(workshop.directory(), Workshop::tree, place_.path, operation_);
+        Fiid fiid{tree_->set_id, {}};
+        for (const TreeFilesystem &filesystem : tree_->filesystems)
+            fiid.images.push_back({exported(filesystem, folder.get()), place_.path});
+        std::string document = write_fiid(fiid);
+        write_whole_file(folder.get(), export_document, place_.path + "/" + export_document, document, operation_);
+        sync_file(folder.get(), place_.path, operation_);
+        const std::vector<Claim> claims = claim_moved();
+        workshop.put(over_empty);
+        // The folder is complete and synced but for what is moved by one rename each: nothing is lost at any moment.
+        move(claims, folder.get());
+        for (const TreeFilesystem &filesystem : tree_->filesystems)
+            if (!is_moved(filesystem))
+                remove_image(*filesystem.store, filesystem.record, operation_);
+        return document;
+    }
+
+private:
+    void refuse_in_store() const {
+        refuse_in_stores(place_, stores_of(*tree_), "nothing is exported into a store", operation_);
+    }
+
+    bool is_moved(const TreeFilesystem &filesystem) const {
+        return std::find(moved_.begin(), moved_.end(), &filesystem) != moved_.end();
+    }
+
+    // What the document says of an image, which was copied unless it can be moved.
+    ImageRecord exported(const TreeFilesystem &filesystem, int folder) {
+        ImageRecord record = filesystem.record;
+        const HeldImage image(filesystem, operation_);
+        for (std::size_t index = 0; index < filesystem.objects.size(); ++index)
+            image.object(index); // there
+        if (same_mount(filesystem.store->images(), place_.parent.get())) {
+            moved_.push_back(&filesystem);
+            return record;
+        }
+        copy(image, folder);
+        for (ImageObject &object : record.objects)
+            object.subpath.clear(); // copied without what is around it
+        return record;
+    }
+
+    void copy(const HeldImage &image, int folder) const {
+        const std::string path = place_.path + "/" + image.record().id;
+        const Descriptor directory = make_directory(folder, image.record().id, path, operation_);
+        const Descriptor objects = make_directory(directory.get(), objects_name, path + "/objects", operation_);
+        Findings report; // of the copy: an image was reported when it was made
+        const CopyOut how{operation_, tree_->options.workers, &tree_.progress(), &report};
+        for (std::size_t index = 0; index < image.filesystem().objects.size(); ++index) {
+            copy_out(image, index, "", objects.get(), NewImage::object_name(index).c_str(), how);
+            if (image.has_manifest(index))
+                copy_plain_file(image.directory(), directory.get(), HeldImage::manifest_name(index).c_str(),
+                                path + "/" + HeldImage::manifest_name(index), operation_);
+        }
+        struct stat status {};
+        if (fstatat(image.directory(), report_name, &status, AT_SYMLINK_NOFOLLOW) == 0)
+            copy_plain_file(image.directory(), directory.get(), report_name, path + "/" + report_name, operation_);
+        sync_file(objects.get(), path + "/objects", operation_);
+        sync_file(directory.get(), path, operation_);
+    }
+
+    // Alone with each image that is to be moved, before anything of them is touched.
+    std::vector<Claim> claim_moved() const {
+        std::vector<Claim> claims;
+        for (const TreeFilesystem *const filesystem : moved_) {
+            const Store::State &store = filesystem->store->state();
+            const FileLock lock = lock_store(store, operation_);
+            std::optional<Claim> claim;
+            switch (claim_folder(store, filesystem->record.id, claim, operation_)) {
+            case Claimed::yes:
+                claims.push_back(std::move(*claim));
+                break;
+            case Claimed::busy:
+                fail(message::busy, QFI_FI_BUSY, operation_, {filesystem->record.id});
+            case Claimed::missing:
+                fail(message::no_such_image, QFI_FI_NO_SUCH_IMAGE, operation_, {filesystem->record.id});
+            }
+        }
+        return claims;
+    }
+
+    void move(const std::vector<Claim> &claims, int folder) const {
+        for (std::size_t index = 0; index < moved_.size(); ++index) {
+            const TreeFilesystem &filesystem = *moved_[index];
+            const std::string &id = filesystem.record.id;
+            const int images = filesystem.store->images();
+            if (renameat2(images, id.c_str(), folder, id.c_str(), RENAME_NOREPLACE) != 0)
+                fail_call(operation_, "rename", filesystem.store->image_path(id), errno, false);
+            sync_file(folder, place_.path, operation_);
+            sync_file(images, filesystem.store->path() + "/images", operation_);
+            filesystem.store->state().catalog->erase(id, operation_);
+            unlinkat(claims[index].directory.get(), lock_name, 0);
+        }
+    }
+
+    TreeLock &tree_;
+    const char *operation_;
+    Place place_;
+    std::vector<const TreeFilesystem *> moved_;
+};
+
+} // namespace
+
+std::string deport(TreeLock &tree, const char *directory, const char *operation) {
+    tree.require_state(QFI_TREE_FROZEN, QFI_TREE_FROZEN);
+    std::string document = Export(tree, directory, operation).run();
+    tree->state = QFI_TREE_REMOVED;
+    tree.progress().finish();
+    return document;
+}
+
+} // namespace qzfi::fi

@@ -1,0 +1,315 @@
+#include "fi/fi_place.h"
+
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <linux/openat2.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include "fi/fi_engine_host.h"
+#include "fi/fi_mounts.h"
+#include "fi/fi_store_folders.h"
+
+namespace qzfi::fi {
+
+namespace {
+
+constexpr int directory_flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+constexpr ino_t subvolume_inode = 256; // of every subvolume's root
+
+// The first component of a path that is a symbolic link; empty when there is none (any more).
+std::string link_in(const std::string &path) {
+    for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+        std::string above = path.substr(0, end);
+        struct stat status {};
+        if (lstat(above.c_str(), &status) != 0)
+            return {};
+        if (S_ISLNK(status.st_mode))
+            return above;
+        if (end == std::string::npos)
+            return {};
+    }
+}
+
+[[noreturn]] void fail_link(const std::string &path, const std::string &link, const char *operation) {
+    fail(message::unsafe_path, QFI_FI_UNSAFE, operation,
+         {path, link.empty() ? "a symbolic link is in the way" : link + " is a symbolic link"});
+}
+
+[[noreturn]] void refuse(const Place &place, const std::string &why, const char *operation) {
+    fail(message::irreplaceable, QFI_STATUS_NOT_SUPPORTED, operation, {place.path, why});
+}
+
+bool is_btrfs(int descriptor) {
+    struct statfs status {};
+    return fstatfs(descriptor, &status) == 0 && status.f_type == BTRFS_SUPER_MAGIC;
+}
+
+void refuse_mounts_below(const Place &place, const char *operation) {
+    const std::string prefix = place.path + "/";
+    for (const Mount &mount : mounts(operation)) {
+        if (mount.mount_point == place.path)
+            refuse(place, "it is a mount point", operation);
+        if (mount.mount_point.compare(0, prefix.size(), prefix) == 0)
+            refuse(place, "a file system is mounted below it, at " + mount.mount_point, operation);
+    }
+}
+
+// The old tree is removed, and a nested subvolume with it that no image holds.
+void refuse_nested_subvolumes(const Place &place, int directory, const char *operation) {
+    if (!is_btrfs(directory))
+        return;
+    std::string found;
+    EngineHost host(operation, place.path, nullptr);
+    host.on_remark([&](const qfi_remark &remark) {
+        if (remark.kind != QFI_REMARK_SKIPPED)
+            return;
+        const Descriptor entry(open_beneath(directory, remark.path, O_PATH | O_NOFOLLOW));
+        struct stat status {};
+        if (entry && fstat(entry.get(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_ino == subvolume_inode)
+            found = remark.path;
+    });
+    host.check(engine::walk_tree(directory, engine::Options{}, host.record()), true);
+    if (!found.empty())
+        refuse(place, "a subvolume is below it, at " + place.path + "/" + found, operation);
+}
+
+bool is_same(const struct stat &one, const struct stat &other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+// Looked for by identity: a store is in place wherever its path says it is.
+bool lies_at_or_above(const struct stat &directory, const std::string &store) {
+    Descriptor at(open(store.c_str(), directory_flags));
+    struct stat above {};
+    if (!at || fstat(at.get(), &above) != 0)
+        return false;
+    while (!is_same(above, directory)) {
+        const struct stat below = above;
+        Descriptor parent(openat(at.get(), "..", directory_flags));
+        if (!parent || fstat(parent.get(), &above) != 0 || is_same(above, below))
+            return false;
+        at = std::move(parent);
+    }
+    return true;
+}
+
+bool is_subvolume(int directory, const struct stat &status) {
+    return status.st_ino == subvolume_inode && is_btrfs(directory);
+}
+
+uint64_t hash_of(std::string_view text) {
+    uint64_t hash = 14695981039346656037u;
+    for (const char letter : text)
+        hash = (hash ^ static_cast<unsigned char>(letter)) * 1099511628211u;
+    return hash;
+}
+
+} // namespace
+
+std::string canonical_text(std::string_view path, const char *operation) {
+    require(!path.empty() && path[0] == '/', operation, "the path must be absolute");
+    std::vector<std::string_view> parts;
+    for (std::size_t start = 0; start < path.size();) {
+        const std::size_t end = std::min(path.find('/', start), path.size());
+        const std::string_view part = path.substr(start, end - start);
+        if (part == "..") {
+            if (!parts.empty())
+                parts.pop_back();
+        } else if (!part.empty() && part != ".") {
+            parts.push_back(part);
+        }
+        start = end + 1;
+    }
+    std::string canonical;
+    for (const std::string_view part : parts)
+        canonical.append("/").append(part);
+    return canonical.empty() ? "/" : canonical;
+}
+
+Descriptor open_without_links(const std::string &path, int flags, const char *operation) {
+    open_how how{};
+    how.flags = static_cast<uint64_t>(static_cast<unsigned>(flags | O_CLOEXEC | O_NONBLOCK));
+    how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    long fd = -1;
+    do
+        fd = syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how);
+    while (fd < 0 && (errno == EINTR || errno == EAGAIN));
+    if (fd < 0 && errno == ELOOP)
+        fail_link(path, link_in(path), operation);
+    if (fd < 0)
+        fail_call(operation, "open", path, errno, true);
+    return Descriptor(static_cast<int>(fd));
+}
+
+Place open_place(const std::string &given, const char *operation) {
+    Place place;
+    place.path = canonical_text(given, operation);
+    if (place.path == "/")
+        refuse(place, "it is the root directory", operation);
+    const std::size_t slash = place.path.rfind('/');
+    place.name = place.path.substr(slash + 1);
+    place.parent =
+        open_without_links(slash == 0 ? "/" : place.path.substr(0, slash), O_RDONLY | O_DIRECTORY, operation);
+    return place;
+}
+
+bool refuse_irreplaceable(const Place &place, const std::vector<std::string> &stores, const char *operation) {
+    struct stat status {};
+    if (fstatat(place.parent.get(), place.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (errno == ENOENT)
+            return false;
+        fail_call(operation, "fstatat", place.path, errno, true);
+    }
+    if (S_ISLNK(status.st_mode))
+        fail_link(place.path, place.path, operation);
+    refuse_mounts_below(place, operation);
+    if (!S_ISDIR(status.st_mode))
+        return true;
+    const Descriptor directory(openat(place.parent.get(), place.name.c_str(), directory_flags));
+    if (!directory && errno == ELOOP)
+        fail_link(place.path, place.path, operation);
+    if (!directory || fstat(directory.get(), &status) != 0)
+        fail_call(operation, "open", place.path, errno, true);
+    if (is_subvolume(directory.get(), status))
+        refuse(place, "it is the root of a subvolume", operation);
+    for (const std::string &store : stores)
+        if (lies_at_or_above(status, store))
+            refuse(place, "store " + store + " lies in it", operation);
+    refuse_nested_subvolumes(place, directory.get(), operation);
+    return true;
+}
+
+void refuse_in_stores(const Place &place, const std::vector<std::string> &stores, const char *what,
+                      const char *operation) {
+    const std::string parent = "/proc/self/fd/" + std::to_string(place.parent.get()) + "/.";
+    for (const std::string &store : stores) {
+        require(place.path != store, operation, what); // the default store may not be there yet
+        struct stat status {};
+        require(stat(store.c_str(), &status) != 0 || !lies_at_or_above(status, parent), operation, what);
+    }
+}
+
+bool refuse_existing(const Place &place, const char *operation) {
+    struct stat status {};
+    if (fstatat(place.parent.get(), place.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (errno == ENOENT)
+            return false;
+        fail_call(operation, "fstatat", place.path, errno, true);
+    }
+    if (S_ISLNK(status.st_mode))
+        fail_link(place.path, place.path, operation);
+    const Descriptor directory(openat(place.parent.get(), place.name.c_str(), directory_flags));
+    if (!directory || !names_in(directory.get(), place.path, operation).empty())
+        fail(message::already_exists, QFI_FI_EXISTS, operation, {place.path});
+    refuse_mounts_below(place, operation);
+    if (fstat(directory.get(), &status) == 0 && is_subvolume(directory.get(), status))
+        refuse(place, "it is the root of a subvolume", operation);
+    return true;
+}
+
+Workshop::Workshop(const Place &place, const char *operation) : place_(place), operation_(operation) {
+    char hash[24];
+    std::snprintf(hash, sizeof hash, "%016llx", static_cast<unsigned long long>(hash_of(place.name)));
+    name_ = std::string(".qzfi-restore-") + hash;
+    beside_ = name_ + "-tree";
+    while (!claim()) {
+    }
+    empty(); // the lock is held: whoever made what is there is gone
+}
+
+// False when somebody else made or removed it meanwhile.
+bool Workshop::claim() {
+    const int parent = place_.parent.get();
+    if (mkdirat(parent, name_.c_str(), 0700) != 0 && errno != EEXIST)
+        fail_call(operation_, "mkdir", path(), errno, false);
+    directory_.reset(openat(parent, name_.c_str(), directory_flags));
+    if (!directory_ && (errno == ENOTDIR || errno == ELOOP)) {
+        // None of ours; links are removed, never followed.
+        if (unlinkat(parent, name_.c_str(), 0) != 0 && errno != ENOENT)
+            fail_call(operation_, "unlink", path(), errno, false);
+        return false;
+    }
+    if (!directory_ && errno == ENOENT)
+        return false;
+    if (!directory_)
+        fail_call(operation_, "open", path(), errno, false);
+    while (flock(directory_.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno == EWOULDBLOCK) {
+            directory_.reset(-1);
+            fail(message::busy, QFI_FI_BUSY, operation_, {place_.path});
+        }
+        if (errno != EINTR)
+            fail_call(operation_, "flock", path(), errno, false);
+    }
+    struct stat locked {
+    }, present{};
+    if (fstat(directory_.get(), &locked) != 0)
+        fail_call(operation_, "fstat", path(), errno, false);
+    if (fstatat(parent, name_.c_str(), &present, AT_SYMLINK_NOFOLLOW) != 0 || !is_same(locked, present))
+        return false;
+    if (locked.st_uid != geteuid())
+        fail(message::unsafe_path, QFI_FI_UNSAFE, operation_, {path(), "the folder belongs to another user"});
+    if ((locked.st_mode & 07777) != 0700 && fchmod(directory_.get(), 0700) != 0)
+        fail_call(operation_, "fchmod", path(), errno, false);
+    return true;
+}
+
+Workshop::~Workshop() {
+    if (!directory_)
+        return;
+    try {
+        const Hush hush;
+        clear();
+    } catch (...) {
+        return; // the next restore to this place removes it
+    }
+}
+
+std::string Workshop::path() const {
+    return place_.path.substr(0, place_.path.rfind('/') + 1) + name_;
+}
+
+void Workshop::sync_parent() {
+    sync_file(place_.parent.get(), place_.path.substr(0, place_.path.rfind('/') + 1), operation_);
+}
+
+// Within one directory: XFS gives small directories that are exchanged between two a new modification time.
+void Workshop::exchange() {
+    const int parent = place_.parent.get();
+    sync_file(directory_.get(), path(), operation_);
+    if (renameat2(directory_.get(), tree, parent, beside_.c_str(), RENAME_NOREPLACE) != 0 ||
+        renameat2(parent, beside_.c_str(), parent, place_.name.c_str(), RENAME_EXCHANGE) != 0)
+        fail_call(operation_, "rename", place_.path, errno, false);
+    sync_parent();
+}
+
+void Workshop::put(bool over_empty) {
+    sync_file(directory_.get(), path(), operation_);
+    const unsigned flags = over_empty ? 0 : RENAME_NOREPLACE;
+    if (renameat2(directory_.get(), tree, place_.parent.get(), place_.name.c_str(), flags) != 0) {
+        if (errno == EEXIST || errno == ENOTEMPTY)
+            fail(message::already_exists, QFI_FI_EXISTS, operation_, {place_.path});
+        fail_call(operation_, "rename", place_.path, errno, false);
+    }
+    sync_parent();
+}
+
+void Workshop::empty() {
+    remove_plainly(place_.parent.get(), beside_.c_str(), operation_);
+    for (const std::string &name : names_in(directory_.get(), path(), operation_))
+        remove_plainly(directory_.get(), name.c_str(), operation_);
+}
+
+void Workshop::clear() {
+    empty();
+    if (unlinkat(place_.parent.get(), name_.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT)
+        fail_call(operation_, "rmdir", path(), errno, false);
+    flock(directory_.get(), LOCK_UN);
+    directory_.reset(-1);
+}
+
+} // namespace qzfi::fi

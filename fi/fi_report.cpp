@@ -1,0 +1,130 @@
+#include "fi/fi_report.h"
+
+#include <charconv>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace qzfi::fi {
+
+namespace {
+
+constexpr std::string_view first_line = "qzfi-report 1\n";
+
+void append_text(std::string &line, std::string_view text) {
+    constexpr char digits[] = "0123456789abcdef";
+    line += ' ';
+    if (text.empty())
+        line += '-';
+    for (const char letter : text) {
+        const auto byte = static_cast<unsigned char>(letter);
+        if (byte > ' ' && byte < 0x7f && letter != '\\' && text != "-")
+            line += letter;
+        else
+            line.append({'\\', 'x', digits[byte >> 4], digits[byte & 15]});
+    }
+}
+
+std::string content_of(const std::vector<JobHost::Remark> &remarks, uint64_t count) {
+    std::string content(first_line);
+    for (const JobHost::Remark &remark : remarks) {
+        content += std::to_string(remark.kind) + " " + std::to_string(remark.error);
+        for (const std::string &text : {remark.object, remark.path, remark.detail})
+            append_text(content, text);
+        content += '\n';
+    }
+    return content + "end " + std::to_string(count) + "\n";
+}
+
+std::string_view cut(std::string_view &rest, char end) {
+    const std::size_t length = std::min(rest.find(end), rest.size());
+    const std::string_view taken = rest.substr(0, length);
+    rest.remove_prefix(std::min(length + 1, rest.size()));
+    return taken;
+}
+
+template <class Number>
+bool read_number(std::string_view text, Number &number, int base = 10) {
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
+    return error == std::errc() && end == text.data() + text.size();
+}
+
+bool read_text(std::string_view escaped, std::string &text) {
+    text.clear();
+    if (escaped == "-")
+        return true;
+    for (std::size_t at = 0; at < escaped.size(); ++at) {
+        if (escaped[at] != '\\') {
+            text += escaped[at];
+            continue;
+        }
+        unsigned char byte = 0;
+        if (escaped.size() - at < 4 || escaped[at + 1] != 'x' || !read_number(escaped.substr(at + 2, 2), byte, 16))
+            return false;
+        text += static_cast<char>(byte);
+        at += 3;
+    }
+    return !escaped.empty();
+}
+
+bool read_remark(std::string_view line, JobHost::Remark &remark) {
+    return read_number(cut(line, ' '), remark.kind) && read_number(cut(line, ' '), remark.error) &&
+           read_text(cut(line, ' '), remark.object) && read_text(cut(line, ' '), remark.path) &&
+           read_text(cut(line, ' '), remark.detail) && line.empty();
+}
+
+bool parse(std::string_view content, StoredReport &report) {
+    if (content.substr(0, first_line.size()) != first_line)
+        return false;
+    content.remove_prefix(first_line.size());
+    while (!content.empty()) {
+        std::string_view line = cut(content, '\n');
+        if (line.substr(0, 4) == "end ")
+            return read_number(line.substr(4), report.count) && content.empty() &&
+                   report.count >= report.remarks.size();
+        if (!read_remark(line, report.remarks.emplace_back()))
+            return false;
+    }
+    return false;
+}
+
+} // namespace
+
+void write_report(int directory, const std::vector<JobHost::Remark> &remarks, uint64_t count, const char *operation,
+                  const std::string &image) {
+    const std::string path = image + "/" + report_name;
+    const Descriptor file(openat(directory, report_name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file)
+        fail_call(operation, "open", path, errno, false);
+    const std::string content = content_of(remarks, count);
+    for (std::size_t done = 0; done < content.size();) {
+        const ssize_t written = write(file.get(), content.data() + done, content.size() - done);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            fail_call(operation, "write", path, written < 0 ? errno : EIO, false);
+        done += static_cast<std::size_t>(written);
+    }
+}
+
+StoredReport read_report(int directory, const char *operation, const std::string &image) {
+    const Descriptor file(openat(directory, report_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file)
+        fail(message::damaged, QFI_FI_DAMAGED, operation, {image, report_name, error_text(errno)});
+    std::string content;
+    for (char buffer[16384];;) {
+        const ssize_t count = read(file.get(), buffer, sizeof buffer);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            fail_call(operation, "read", image + "/" + report_name, errno, true);
+        if (count == 0)
+            break;
+        content.append(buffer, static_cast<std::size_t>(count));
+    }
+    StoredReport report;
+    if (!parse(content, report))
+        fail(message::damaged, QFI_FI_DAMAGED, operation, {image, report_name, "it is no report"});
+    return report;
+}
+
+} // namespace qzfi::fi

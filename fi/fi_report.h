@@ -1,0 +1,28 @@
+// The report that lies with an image: its remarks, one text line each.
+//
+// A line is: kind, errno, object, path, detail; separated by single blanks, texts escaped as in manifests and never
+// empty ("-" stands for an empty one, "\x2d" for "-"). The first line names the format and its version, the last one,
+// "end COUNT", tells the number of remarks, those not kept included.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "fi/fi_providers.h"
+
+namespace qzfi::fi {
+
+inline constexpr char report_name[] = "report";
+
+/// Writes the report into an image's directory. Throws Failure.
+void write_report(int directory, const std::vector<JobHost::Remark> &remarks, uint64_t count, const char *operation,
+                  const std::string &image);
+
+struct StoredReport {
+    std::vector<JobHost::Remark> remarks;
+    uint64_t count = 0;
+};
+/// Reads it. Throws Failure: QFI_FI_DAMAGED when it is none, or missing.
+StoredReport read_report(int directory, const char *operation, const std::string &image);
+
+} // namespace qzfi::fi

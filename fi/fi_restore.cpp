@@ -1,0 +1,319 @@
+// Restoring: the new tree is made beside its place, then both are exchanged.
+#include <algorithm>
+#include <fcntl.h>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "fi/fi_compare.h"
+#include "fi/fi_engine_host.h"
+#include "fi/fi_place.h"
+#include "fi/fi_restore_copy.h"
+#include "fi/fi_store_folders.h"
+
+namespace qzfi::fi {
+
+namespace {
+
+constexpr uint32_t most_workers = 64;
+
+struct Plan {
+    const char *operation;
+    std::vector<ObjectRef> objects;
+    std::vector<std::string> stores;
+    std::string to, only;
+    CopyOut how;
+};
+
+std::string base_name(const std::string &path) {
+    const std::string name = path.substr(path.rfind('/') + 1);
+    return name.empty() ? "root" : name;
+}
+
+std::string joined(const std::string &path, const std::string &below) {
+    return below.empty() ? path : (path == "/" ? "" : path) + "/" + below;
+}
+
+Plan plan_of(TreeLock &tree, const qfi_restore_options &options, Findings &report, const char *operation) {
+    Plan plan{operation, objects_of(*tree), stores_of(*tree), {}, {}, {}};
+    require(options.workers <= most_workers, operation, "at most 64 workers");
+    const uint32_t workers = options.workers != 0 ? options.workers : 2;
+    plan.how = {operation, workers, &tree.progress(), &report};
+    if (options.to != nullptr)
+        plan.to = canonical_text(options.to, operation);
+    if (options.only != nullptr) {
+        require(plan.objects.size() == 1, operation, "a path below the object needs a tree of one object");
+        plan.only = checked_subpath(options.only, operation);
+    }
+    uint64_t entries = 0, bytes = 0;
+    for (const TreeFilesystem &filesystem : tree->filesystems) {
+        entries += filesystem.record.entries;
+        bytes += filesystem.record.bytes;
+    }
+    tree.progress().totals(entries, bytes);
+    return plan;
+}
+
+// The place is as it should be already; that the old tree lingers is told, and the next restore removes it.
+void clear(Workshop &workshop, const Place &place, Findings &report) {
+    try {
+        const Hush hush;
+        workshop.clear();
+    } catch (const Failure &failure) {
+        report.add({QFI_REMARK_WARNING, 0, place.path, "",
+                    "what was replaced could not be removed altogether, status " + std::to_string(failure.status) +
+                        ": " + workshop.path()});
+    }
+}
+
+void restore_in_place(const Plan &plan, const ObjectRef &one, const std::string &path, Findings &report) {
+    const HeldImage image(*one.filesystem, plan.operation);
+    const Place place = open_place(path, plan.operation);
+    Workshop workshop(place, plan.operation);
+    copy_out(image, one.index, plan.only, workshop.directory(), Workshop::tree, plan.how);
+    // Looked at again, for the copy took its time.
+    if (refuse_irreplaceable(place, plan.stores, plan.operation))
+        workshop.exchange();
+    else
+        workshop.put(false);
+    clear(workshop, place, report);
+}
+
+void refuse_in_store(const Place &place, const Plan &plan) {
+    refuse_in_stores(place, plan.stores, "nothing is restored into a store", plan.operation);
+}
+
+void make_folder(int directory, const char *name, const std::string &path, const char *operation) {
+    if (mkdirat(directory, name, 0700) != 0)
+        fail_call(operation, "mkdir", path, errno, false);
+}
+
+void restore_to_new(const Plan &plan, const std::vector<ObjectRef> &objects, const std::string &path,
+                    Findings &report) {
+    const Place place = open_place(path, plan.operation);
+    refuse_in_store(place, plan);
+    const bool over_empty = refuse_existing(place, plan.operation);
+    Workshop workshop(place, plan.operation);
+    const HeldImage first(*objects.front().filesystem, plan.operation);
+    const bool is_whole = objects.size() == 1 && is_directory(first, objects.front().index, plan.only, plan.operation);
+    if (is_whole) {
+        copy_out(first, objects.front().index, plan.only, workshop.directory(), Workshop::tree, plan.how);
+    } else {
+        make_folder(workshop.directory(), Workshop::tree, place.path, plan.operation);
+        const Descriptor folder(open_beneath(workshop.directory(), Workshop::tree, O_RDONLY | O_DIRECTORY));
+        if (!folder)
+            fail_call(plan.operation, "open", place.path, errno, false);
+        for (const ObjectRef &one : objects) {
+            const HeldImage image(*one.filesystem, plan.operation);
+            const std::string name = base_name(joined(one.object().path, plan.only));
+            copy_out(image, one.index, plan.only, folder.get(), name.c_str(), plan.how);
+        }
+        if (fchmod(folder.get(), 0755) != 0)
+            fail_call(plan.operation, "fchmod", place.path, errno, false);
+        sync_file(folder.get(), place.path, plan.operation);
+    }
+    workshop.put(over_empty);
+    clear(workshop, place, report);
+}
+
+void refuse_same_names(const Plan &plan) {
+    std::set<std::string> names;
+    for (const ObjectRef &one : plan.objects)
+        if (!names.insert(base_name(one.object().path)).second)
+            fail(message::already_exists, QFI_FI_EXISTS, plan.operation,
+                 {plan.to + "/" + base_name(one.object().path)});
+}
+
+// Everything is looked at before anything is changed.
+void refuse_in_place(const Plan &plan) {
+    for (const ObjectRef &one : plan.objects) {
+        const std::string &to = one.object().restore_to;
+        if (!to.empty()) {
+            const Place place = open_place(to, plan.operation);
+            refuse_in_store(place, plan);
+            refuse_existing(place, plan.operation);
+            continue;
+        }
+        refuse_irreplaceable(open_place(joined(one.object().path, plan.only), plan.operation), plan.stores,
+                             plan.operation);
+    }
+}
+
+const char *in_words(uint32_t change) {
+    switch (change) {
+    case QFI_CHANGE_ADDED: // by the original since: a restore takes it away
+        return "would be removed";
+    case QFI_CHANGE_REMOVED:
+        return "would be made";
+    case QFI_CHANGE_ATTRIBUTE:
+        return "would get other owner or mode";
+    default:
+        return "would be replaced";
+    }
+}
+
+bool lies_at_or_below(const std::string &path, const std::string &above) {
+    return above.empty() || path == above || (path.compare(0, above.size(), above) == 0 && path[above.size()] == '/');
+}
+
+void report_changes(const Plan &plan, const ObjectRef &one, bool digest, Findings &report) {
+    const HeldImage image(*one.filesystem, plan.operation);
+    if (!plan.only.empty())
+        is_directory(image, one.index, plan.only, plan.operation);
+    WalkOptions options;
+    options.workers = plan.how.workers;
+    options.digest = digest;
+    options.progress = plan.how.progress;
+    const std::string &object = one.object().path;
+    const LeftOut left_out(*one.filesystem, object);
+    options.exclude = &left_out;
+    compare_with_original(
+        image, one.index, options,
+        [&](Difference &&difference) {
+            if (!lies_at_or_below(difference.path, plan.only))
+                return;
+            ++report.changed;
+            report.add({QFI_REMARK_WARNING, 0, object, difference.path, in_words(difference.change)});
+        },
+        plan.operation);
+}
+
+void report_all_changes(const Plan &plan, bool digest, Findings &report) {
+    for (const ObjectRef &one : plan.objects)
+        report_changes(plan, one, digest, report);
+    report.entries = plan.how.progress->counts().entries_done;
+    report.bytes = plan.how.progress->counts().bytes_done;
+}
+
+} // namespace
+
+void restore(TreeLock &tree, const qfi_restore_options &options, Findings &report, const char *operation) {
+    const Plan plan = plan_of(tree, options, report, operation);
+    if (plan.to.empty())
+        refuse_in_place(plan);
+    else if (plan.objects.size() > 1)
+        refuse_same_names(plan);
+    if (options.dry_run != 0) {
+        report_all_changes(plan, options.digest != 0, report);
+    } else if (!plan.to.empty()) {
+        restore_to_new(plan, plan.objects, plan.to, report);
+    } else {
+        for (const ObjectRef &one : plan.objects) {
+            const std::string &to = one.object().restore_to;
+            if (to.empty())
+                restore_in_place(plan, one, joined(one.object().path, plan.only), report);
+            else
+                restore_to_new(plan, {one}, to, report);
+        }
+    }
+    if (options.dry_run == 0) {
+        report.changed += report.entries;
+        for (const ObjectRef &one : plan.objects)
+            one.object().restore_to.clear(); // it was said of this restore
+    }
+    tree.progress().finish();
+}
+
+namespace {
+
+// Ways to bring an existing directory up to date.
+struct Update {
+    const Plan &plan;
+    const HeldImage &image;
+    const std::string &path;
+    bool digest;
+    Findings &report;
+
+    void through_provider(int source, const Place &place) const {
+        const TreeFilesystem &filesystem = image.filesystem();
+        const Provider &provider = provider_of(filesystem, plan.operation);
+        if (provider.ops->resync == nullptr)
+            fail(message::not_supported, QFI_STATUS_NOT_SUPPORTED, plan.operation, {provider.ops->provider_id, path});
+        JobHost host(plan.operation, path, plan.how.progress);
+        qfi_provider_job job{};
+        job.size = sizeof job;
+        job.host = host.record();
+        job.object = path.c_str();
+        job.source = source;
+        job.target = place.parent.get();
+        job.name = place.name.c_str();
+        job.flags = static_cast<uint32_t>(digest ? QFI_JOB_SYNC | QFI_JOB_DIGEST : QFI_JOB_SYNC);
+        job.workers = plan.how.workers;
+        const LeftOut left_out(filesystem, path);
+        left_out.put(job);
+        host.check(provider.ops->resync(&job), provider);
+        report.add(host);
+        report.changed += job.changed;
+    }
+
+    // A mount point, or "/", is no entry that can be reached from the directory above without leaving that one's file
+    // system: the engine works on the directory itself.
+    void itself(int source, int directory) const {
+        EngineHost host(plan.operation, path, plan.how.progress);
+        host.on_remark([&](const qfi_remark &remark) {
+            report.add({remark.kind, remark.error, path, remark.path, remark.detail});
+        });
+        engine::Options options;
+        options.data = engine::Data::clone_or_copy;
+        options.workers = plan.how.workers;
+        options.digest = digest;
+        options.sync = true;
+        const LeftOut left_out(image.filesystem(), path);
+        left_out.put(options);
+        const engine::Result result = engine::bring_up_to_date(source, directory, ".", options, host.record());
+        host.check(result, false);
+        report.entries += result.entries;
+        report.bytes += result.bytes;
+        report.changed += result.changed;
+    }
+};
+
+bool is_mount_point(const Place &place) {
+    struct statx status {};
+    return statx(place.parent.get(), place.name.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_BASIC_STATS,
+                 &status) == 0 &&
+           (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+}
+
+void resync_directory(const Plan &plan, const ObjectRef &one, const HeldImage &image, bool digest, Findings &report) {
+    const std::string path = joined(one.object().path, plan.only);
+    const Descriptor object = image.object(one.index);
+    const Descriptor source(
+        open_beneath(object.get(), plan.only.empty() ? "." : plan.only.c_str(), O_RDONLY | O_DIRECTORY));
+    if (!source)
+        fail_call(plan.operation, "open", path, errno, true);
+    const Update update{plan, image, path, digest, report};
+    // Opened without links, and there: what is missing is for a restore to make.
+    const Descriptor original = open_without_links(path, O_RDONLY | O_DIRECTORY, plan.operation);
+    if (path == "/")
+        return update.itself(source.get(), original.get());
+    const Place place = open_place(path, plan.operation);
+    if (is_mount_point(place))
+        return update.itself(source.get(), original.get());
+    update.through_provider(source.get(), place);
+}
+
+} // namespace
+
+void resync(TreeLock &tree, const qfi_restore_options &options, Findings &report, const char *operation) {
+    require(options.to == nullptr, operation, "the originals are resynchronised where they are");
+    const Plan plan = plan_of(tree, options, report, operation);
+    if (options.dry_run != 0) {
+        report_all_changes(plan, options.digest != 0, report);
+    } else {
+        for (const ObjectRef &one : plan.objects) {
+            const HeldImage image(*one.filesystem, operation);
+            if (is_directory(image, one.index, plan.only, operation)) {
+                resync_directory(plan, one, image, options.digest != 0, report);
+                continue;
+            }
+            // A single file is replaced at once.
+            const uint64_t before = report.entries;
+            restore_in_place(plan, one, joined(one.object().path, plan.only), report);
+            report.changed += report.entries - before;
+        }
+    }
+    tree.progress().finish();
+}
+
+} // namespace qzfi::fi

@@ -1,0 +1,277 @@
+#include "fi/fi_store.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "fi/fi_store_folders.h"
+
+namespace qzfi::fi {
+
+namespace {
+
+constexpr int directory_flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+constexpr const char *database_name = "catalog.db";
+constexpr const char *images_name = "images";
+
+// A folder's name is not there for good before the folder above it is synced.
+void sync_above(const std::string &path, const char *operation) {
+    const std::string above = path.substr(0, std::max<std::size_t>(path.rfind('/'), 1));
+    const Descriptor directory(::open(above.c_str(), O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC));
+    if (directory)
+        sync_file(directory.get(), above, operation);
+    else if (errno != EACCES) // a folder that may be passed and written, but not read, cannot be opened
+        fail_call(operation, "open", above, errno, false);
+}
+
+void make_folders_above(const std::string &path, const char *operation) {
+    for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+        const std::string above = path.substr(0, slash);
+        if (mkdir(above.c_str(), 0755) == 0)
+            sync_above(above, operation);
+        else if (errno != EEXIST && errno != EROFS && errno != EACCES)
+            fail_call(operation, "mkdir", above, errno, false);
+    }
+}
+
+void refuse_link(const std::string &path, const char *operation) {
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode))
+        fail(message::unsafe_path, QFI_FI_UNSAFE, operation, {path, "a symbolic link is no store"});
+}
+
+Descriptor open_folder(const std::string &path, bool create, const char *operation) {
+    refuse_link(path, operation);
+    if (create) {
+        make_folders_above(path, operation);
+        if (mkdir(path.c_str(), 0700) == 0)
+            sync_above(path, operation);
+        else if (errno != EEXIST && errno != EROFS)
+            fail_call(operation, "mkdir", path, errno, false);
+    }
+    Descriptor directory(::open(path.c_str(), directory_flags));
+    if (directory)
+        return directory;
+    const int error = errno;
+    refuse_link(path, operation);
+    if (error == EACCES || error == EPERM)
+        fail(message::no_right, QFI_FI_NO_RIGHT, operation, {"open store", path});
+    fail(message::store_unusable, QFI_FI_STORE, operation, {path, error_text(error)});
+}
+
+// Images hold what only their owners may read; nobody else may own or change the folder that they are put into.
+void refuse_others_folder(const std::string &path, const struct stat &status, const char *operation) {
+    if (status.st_uid != geteuid() && status.st_uid != 0)
+        fail(message::unsafe_path, QFI_FI_UNSAFE, operation, {path, "the folder belongs to another user"});
+    if ((status.st_mode & S_IWOTH) != 0)
+        fail(message::unsafe_path, QFI_FI_UNSAFE, operation, {path, "everybody may write to the folder"});
+}
+
+bool exists(int directory, const char *name) {
+    struct stat status {};
+    return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+// A folder full of something else is no place for a store.
+void refuse_full_folder(const std::string &path, int directory, const char *operation) {
+    if (exists(directory, database_name))
+        return;
+    for (const std::string &name : names_in(directory, path, operation))
+        if (name != images_name && name != lock_name && name != "reserve" && name != "lost+found")
+            fail(message::store_unusable, QFI_FI_STORE, operation,
+                 {path, "it is no store, and holds \"" + name + "\""});
+}
+
+Descriptor open_images(Store::State &store, bool create, const char *operation) {
+    const int directory = store.directory.get();
+    const std::string path = store.path + "/" + images_name;
+    if (create && mkdirat(directory, images_name, 0700) != 0 && errno != EEXIST)
+        fail_call(operation, "mkdir", path, errno, false);
+    Descriptor images(openat(directory, images_name, directory_flags));
+    if (!images && errno == ENOENT)
+        fail(message::store_unusable, QFI_FI_STORE, operation, {store.path, "it holds no images folder"});
+    struct stat status {};
+    if (!images && fstatat(directory, images_name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode))
+        fail(message::unsafe_path, QFI_FI_UNSAFE, operation, {path, "a symbolic link is no images folder"});
+    if (!images)
+        fail_call(operation, "open", path, errno, true);
+    return images;
+}
+
+void open_catalog(Store::State &store, bool create, const char *operation) {
+    const int directory = store.directory.get();
+    // Before anything is written: the path may be any folder's, named by a strange id document.
+    if (!create && !exists(directory, database_name))
+        fail(message::store_unusable, QFI_FI_STORE, operation, {store.path, "it has no catalog"});
+    std::optional<FileLock> lock;
+    if (store.is_writable)
+        lock.emplace(lock_store(store, operation));
+    const bool is_there = exists(directory, database_name);
+    store.images = open_images(store, create && store.is_writable, operation);
+    store.catalog = std::make_unique<Catalog>(directory, store.path, store.is_writable, create, operation);
+    if (!is_there)
+        sync_file(directory, store.path, operation);
+}
+
+} // namespace
+
+Store::Store(std::shared_ptr<State> state) : state_(std::move(state)) {}
+
+std::shared_ptr<Store> Store::open(const std::string &given, bool create, const char *operation) {
+    require(!given.empty() && given[0] == '/' && given.find('\0') == std::string::npos, operation,
+            "a store's path must be absolute");
+    auto state = std::make_shared<State>();
+    state->path = normal_store_path(given);
+    // Where ".." leads depends on links in the path; a record of it could mean another store some day.
+    require((state->path + "/").find("/../") == std::string::npos, operation, "a store's path must be without \"..\"");
+    state->directory = open_folder(state->path, create, operation);
+    const int directory = state->directory.get();
+    struct stat status {};
+    if (fstat(directory, &status) != 0)
+        fail_call(operation, "fstat", state->path, errno, true);
+    state->device = status.st_dev;
+    state->inode = status.st_ino;
+    state->is_writable = faccessat(directory, ".", W_OK | X_OK, AT_EACCESS) == 0;
+    if (create && state->is_writable) {
+        refuse_others_folder(state->path, status, operation);
+        refuse_full_folder(state->path, directory, operation);
+    }
+    if (!state->is_writable && !exists(directory, database_name))
+        fail(message::store_unusable, create ? QFI_FI_NO_RIGHT : QFI_FI_STORE, operation,
+             {state->path, "it has no catalog, and nothing can be written there"});
+    open_catalog(*state, create, operation);
+    std::shared_ptr<Store> store(new Store(std::move(state)));
+    if (!store->state_->is_writable)
+        return store;
+    // What cannot be removed now (a snapshot, which only its provider can) is for `repair` to tell of.
+    const RemoveTree plainly = [&](int objects, const char *name) { remove_plainly(objects, name, operation); };
+    try {
+        const Hush hush;
+        end_pending(*store->state_, plainly, operation);
+        remove_debris(*store->state_, plainly, operation);
+    } catch (const Failure &) {
+    }
+    return store;
+}
+
+const std::string &Store::path() const noexcept {
+    return state_->path;
+}
+
+uint64_t Store::device() const noexcept {
+    return state_->device;
+}
+
+uint64_t Store::inode() const noexcept {
+    return state_->inode;
+}
+
+int Store::images() const noexcept {
+    return state_->images.get();
+}
+
+std::string Store::image_path(const std::string &id) const {
+    return state_->path + "/" + images_name + "/" + id;
+}
+
+namespace {
+
+// False when the image was removed while it was looked at.
+bool judge(const Store::State &store, ImageRecord &record, const char *operation) {
+    if (exists(store.images.get(), record.id.c_str()) || errno != ENOENT)
+        return true;
+    record.state = 3;
+    return store.catalog->find(record.id, operation).has_value();
+}
+
+void require_id(const std::string &id, const char *operation) {
+    require(is_image_id(id), operation, "this is no id of an image");
+}
+
+void require_writable(const Store::State &store, const char *operation) {
+    if (!store.is_writable)
+        fail(message::no_right, QFI_FI_NO_RIGHT, operation, {"write to store", store.path});
+}
+
+[[noreturn]] void fail_missing(const std::string &id, const char *operation) {
+    fail(message::no_such_image, QFI_FI_NO_SUCH_IMAGE, operation, {id});
+}
+
+} // namespace
+
+std::vector<ImageRecord> Store::list(const char *operation) {
+    std::vector<ImageRecord> records = state_->catalog->list(operation);
+    std::erase_if(records, [&](ImageRecord &record) { return !judge(*state_, record, operation); });
+    return records;
+}
+
+std::optional<ImageRecord> Store::find(const std::string &id, const char *operation) {
+    require_id(id, operation);
+    std::optional<ImageRecord> record = state_->catalog->find(id, operation);
+    if (record && !judge(*state_, *record, operation))
+        return std::nullopt;
+    return record;
+}
+
+void Store::update(const ImageRecord &record, const char *operation) {
+    update(record.id, operation, [&](ImageRecord &stored) { stored = record; });
+}
+
+void Store::update(const std::string &id, const char *operation, const std::function<void(ImageRecord &)> &change) {
+    require_id(id, operation);
+    require_writable(*state_, operation);
+    if (!state_->catalog->change(id, operation, change))
+        fail_missing(id, operation);
+}
+
+Descriptor Store::open_image(const std::string &id, const char *operation) {
+    require_id(id, operation);
+    Descriptor image(openat(state_->images.get(), id.c_str(), directory_flags));
+    if (image)
+        return image;
+    const int error = errno;
+    if (error == ENOENT || error == ENOTDIR || error == ELOOP)
+        fail(message::damaged, QFI_FI_DAMAGED, operation, {id, image_path(id), error_text(error)});
+    fail_call(operation, "open", image_path(id), error, true);
+}
+
+void Store::remove_with(const std::string &id, const char *operation, const RemoveTree &remove_object) {
+    require_id(id, operation);
+    require_writable(*state_, operation);
+    std::optional<Claim> claim;
+    Claimed claimed;
+    {
+        const FileLock lock = lock_store(*state_, operation);
+        claimed = claim_folder(*state_, id, claim, operation);
+        if (claimed == Claimed::missing)
+            claimed = claim_folder(*state_, old_prefix + id, claim, operation);
+    }
+    if (claimed == Claimed::busy)
+        fail(message::busy, QFI_FI_BUSY, operation, {id});
+    const bool was_recorded = state_->catalog->erase(id, operation);
+    if (claimed == Claimed::missing && !was_recorded)
+        fail_missing(id, operation);
+    if (claimed == Claimed::yes)
+        remove_folder(*state_, std::move(*claim), id, remove_object, operation);
+}
+
+Store::Repair Store::repair(const char *operation, const std::function<void(int, const char *)> &remove_tree) {
+    Repair repair;
+    for (const ImageRecord &record : list(operation))
+        if (record.state == 3)
+            repair.damaged.push_back(record.id);
+    // Where nothing is to be removed, a store that cannot be written has nothing to be told of.
+    if (!state_->is_writable && count_debris(*state_, operation) == 0)
+        return repair;
+    require_writable(*state_, operation);
+    repair.debris = end_pending(*state_, remove_tree, operation);
+    repair.debris += remove_debris(*state_, remove_tree, operation);
+    return repair;
+}
+
+uint64_t Store::debris_count() {
+    return count_debris(*state_, "qzfi_query_res_status");
+}
+
+} // namespace qzfi::fi

@@ -1,0 +1,83 @@
+// The folders of a store's images as they change hands: locks, and the removal of what is an image no longer.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "fi/fi_store.h"
+#include "fi/fi_store_catalog.h"
+
+namespace qzfi::fi {
+
+/// What stores and images in the making share.
+struct Store::State {
+    std::string path;
+    Descriptor directory;
+    Descriptor images;
+    uint64_t device = 0;
+    uint64_t inode = 0;
+    bool is_writable = false;
+    std::unique_ptr<Catalog> catalog;
+};
+
+/// An exclusive lock of a file by flock. Let go of explicitly: a child that was forked meanwhile may still have the
+/// descriptor.
+class FileLock {
+public:
+    explicit FileLock(Descriptor file) noexcept : file_(std::move(file)) {}
+    FileLock(FileLock &&) noexcept = default;
+    FileLock &operator=(FileLock &&) = delete;
+    ~FileLock();
+
+private:
+    Descriptor file_;
+};
+
+/// Waits for the store's own lock.
+FileLock lock_store(const Store::State &store, const char *operation);
+
+/// A folder of an image that nobody else works on.
+struct Claim {
+    std::string name;
+    Descriptor directory;
+    std::optional<FileLock> lock;
+};
+enum class Claimed { yes, busy, missing };
+/// Locks the folder `name` of images. The caller holds the store's lock.
+Claimed claim_folder(const Store::State &store, const std::string &name, std::optional<Claim> &claim,
+                     const char *operation);
+
+using RemoveTree = std::function<void(int, const char *)>;
+
+/// Removes a folder that is no image (any more): its objects through `remove_tree`, then the rest. It becomes ".old-ID"
+/// first.
+void remove_folder(const Store::State &store, Claim claim, const std::string &id, const RemoveTree &remove_tree,
+                   const char *operation);
+/// Removes a tree as the tree engine does.
+void remove_plainly(int directory, const char *name, const char *operation);
+
+/// Removes the debris of makers that are gone; all of it is tried before a failure is thrown. Gives their number.
+uint64_t remove_debris(const Store::State &store, const RemoveTree &remove_tree, const char *operation);
+uint64_t count_debris(const Store::State &store, const char *operation);
+
+/// Settles or removes the images of sets whose makers are gone between their commits; all of it is tried before a
+/// failure is thrown. Gives the number of those removed.
+uint64_t end_pending(const Store::State &store, const RemoveTree &remove_tree, const char *operation);
+
+/// A store's path as it is recorded and compared: without empty parts, "." and last slashes. Id documents hold it, and
+/// read no other.
+std::string normal_store_path(std::string_view path);
+
+/// The names in a directory, without "." and "..". Throws.
+std::vector<std::string> names_in(int directory, const std::string &path, const char *operation);
+/// Syncs a file or directory. Throws.
+void sync_file(int fd, const std::string &path, const char *operation);
+
+inline constexpr char new_prefix[] = ".new-";
+inline constexpr char old_prefix[] = ".old-";
+inline constexpr char objects_name[] = "objects";
+inline constexpr char lock_name[] = "lock";
+
+} // namespace qzfi::fi

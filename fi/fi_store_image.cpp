@@ -1,0 +1,236 @@
+// Ids, and images in the making.
+#include "fi/fi_store.h"
+
+#include <ctime>
+#include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "fi/fi_store_folders.h"
+
+namespace qzfi::fi {
+
+namespace {
+
+constexpr int directory_flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+constexpr std::string_view id_shape = "00000000T000000Z-xxxxxxxx";
+
+bool fits(char shape, char letter) {
+    const bool is_digit = letter >= '0' && letter <= '9';
+    if (shape == '0')
+        return is_digit;
+    if (shape == 'x')
+        return is_digit || (letter >= 'a' && letter <= 'f');
+    return letter == shape;
+}
+
+} // namespace
+
+std::string new_image_id() {
+    uint32_t random = 0;
+    // The kernel's random numbers do not fail for so few bytes once the system is up; the clock tells apart otherwise.
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (getrandom(&random, sizeof random, 0) != sizeof random)
+        random = static_cast<uint32_t>(now.tv_nsec) ^ (static_cast<uint32_t>(getpid()) << 8);
+    tm utc{};
+    gmtime_r(&now.tv_sec, &utc);
+    char time[24] = "", id[40] = "";
+    std::strftime(time, sizeof time, "%Y%m%dT%H%M%SZ", &utc);
+    std::snprintf(id, sizeof id, "%s-%08x", time, random);
+    return id;
+}
+
+bool is_image_id(std::string_view text) noexcept {
+    if (text.size() != id_shape.size())
+        return false;
+    for (std::size_t at = 0; at < text.size(); ++at)
+        if (!fits(id_shape[at], text[at]))
+            return false;
+    const auto pair = [&](std::size_t at) { return (text[at] - '0') * 10 + (text[at + 1] - '0'); };
+    const int month = pair(4), day = pair(6);
+    return month >= 1 && month <= 12 && day >= 1 && day <= 31 && pair(9) < 24 && pair(11) < 60 && pair(13) <= 60;
+}
+
+struct NewImage::State {
+    std::shared_ptr<Store::State> store;
+    std::string id;
+    std::optional<Claim> claim;
+    Descriptor objects;
+    const char *operation = "";
+    bool is_committed = false;
+
+    std::string path(const std::string &name = "") const {
+        return store->path + "/images/" + claim->name + (name.empty() ? "" : "/" + name);
+    }
+    ~State();
+};
+
+// What cannot be removed here stays as debris; somebody who can tell of it removes it.
+NewImage::State::~State() {
+    if (is_committed || !claim)
+        return;
+    try {
+        const Hush hush;
+        const char *const by = operation;
+        remove_folder(
+            *store, std::move(*claim), id,
+            [by](int directory, const char *name) { remove_plainly(directory, name, by); }, by);
+    } catch (...) {
+        return;
+    }
+}
+
+NewImage::NewImage(std::unique_ptr<State> state) : state_(std::move(state)) {}
+NewImage::NewImage(NewImage &&) noexcept = default;
+NewImage &NewImage::operator=(NewImage &&) noexcept = default;
+NewImage::~NewImage() = default;
+
+int NewImage::objects() const noexcept {
+    return state_->objects.get();
+}
+
+int NewImage::directory() const noexcept {
+    return state_->claim->directory.get();
+}
+
+std::string NewImage::object_name(std::size_t index) {
+    return std::to_string(index);
+}
+
+namespace {
+
+void refuse_taken(const Store::State &store, const std::string &id, const char *operation) {
+    struct stat status {};
+    for (const std::string &taken : {id, old_prefix + id, new_prefix + id})
+        if (fstatat(store.images.get(), taken.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+            fail(message::already_exists, QFI_FI_EXISTS, operation, {store.path + "/images/" + taken});
+    if (store.catalog->has(id, operation))
+        fail(message::already_exists, QFI_FI_EXISTS, operation, {id});
+}
+
+void make_objects(NewImage::State &image) {
+    const int directory = image.claim->directory.get();
+    if (mkdirat(directory, objects_name, 0700) != 0)
+        fail_call(image.operation, "mkdir", image.path(objects_name), errno, false);
+    image.objects.reset(openat(directory, objects_name, directory_flags));
+    if (!image.objects)
+        fail_call(image.operation, "open", image.path(objects_name), errno, true);
+}
+
+// With the store's lock held, which removing a whole folder takes.
+void unmake(const Store::State &store, const std::string &name, NewImage::State &image) noexcept {
+    if (image.claim) {
+        unlinkat(image.claim->directory.get(), objects_name, AT_REMOVEDIR);
+        unlinkat(image.claim->directory.get(), lock_name, 0);
+        image.claim.reset();
+    }
+    unlinkat(store.images.get(), name.c_str(), AT_REMOVEDIR);
+}
+
+} // namespace
+
+NewImage Store::begin(const std::string &id, const char *operation) {
+    require(is_image_id(id), operation, "this is no id of an image");
+    if (!state_->is_writable)
+        fail(message::no_right, QFI_FI_NO_RIGHT, operation, {"write to store", state_->path});
+    auto image = std::make_unique<NewImage::State>();
+    image->store = state_;
+    image->id = id;
+    image->operation = operation;
+    const std::string name = new_prefix + id;
+    const FileLock lock = lock_store(*state_, operation);
+    refuse_taken(*state_, id, operation);
+    if (mkdirat(state_->images.get(), name.c_str(), 0700) != 0)
+        fail_call(operation, "mkdir", image_path(name), errno, false);
+    try {
+        if (claim_folder(*state_, name, image->claim, operation) != Claimed::yes)
+            fail(message::busy, QFI_FI_BUSY, operation, {image_path(name)});
+        make_objects(*image);
+    } catch (...) {
+        unmake(*state_, name, *image);
+        throw;
+    }
+    return NewImage(std::move(image));
+}
+
+namespace {
+
+void write_file(int directory, const char *name, const std::string &path, const std::string &content,
+                const char *operation) {
+    const Descriptor file(openat(directory, name, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file)
+        fail_call(operation, "open", path, errno, false);
+    for (std::size_t done = 0; done < content.size();) {
+        const ssize_t count = write(file.get(), content.data() + done, content.size() - done);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            fail_call(operation, "write", path, count < 0 ? errno : EIO, false);
+        done += static_cast<std::size_t>(count);
+    }
+}
+
+// Manifests, report and id document.
+void sync_files(int directory, const std::string &path, const char *operation) {
+    for (const std::string &name : names_in(directory, path, operation)) {
+        struct stat status {};
+        if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(status.st_mode))
+            continue;
+        const Descriptor file(openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        if (!file)
+            fail_call(operation, "open", path + "/" + name, errno, true);
+        sync_file(file.get(), path + "/" + name, operation);
+    }
+}
+
+int rename_to_new(int directory, const char *from, const char *to) noexcept {
+    if (renameat2(directory, from, directory, to, RENAME_NOREPLACE) == 0)
+        return 0;
+    // A file system that does not know the flag; folders are replaced only by empty ones, and ids are not made twice.
+    return errno == EINVAL ? renameat(directory, from, directory, to) : -1;
+}
+
+} // namespace
+
+void NewImage::commit(const ImageRecord &record, const std::string &fiid) {
+    State &state = *state_;
+    const char *const operation = state.operation;
+    require(record.id == state.id, operation, "the record is of another image");
+    const int directory = state.claim->directory.get();
+    const int images = state.store->images.get();
+    write_file(directory, "fiid.xml", state.path("fiid.xml"), fiid, operation);
+    if (syncfs(state.objects.get()) != 0)
+        fail_call(operation, "syncfs", state.path(objects_name), errno, false);
+    sync_files(directory, state.path(), operation);
+    sync_file(state.objects.get(), state.path(objects_name), operation);
+    sync_file(directory, state.path(), operation);
+    if (rename_to_new(images, state.claim->name.c_str(), state.id.c_str()) != 0)
+        fail_call(operation, "rename", state.path(), errno, false);
+    state.claim->name = state.id;
+    sync_file(images, state.store->path + "/images", operation);
+    state.store->catalog->add(record, operation);
+    state.is_committed = true;
+    if (record.state != 0)
+        state.claim->lock.reset();
+}
+
+void NewImage::settle() {
+    state_->store->catalog->settle(state_->id, state_->operation);
+}
+
+// A record that cannot be erased keeps its files.
+void NewImage::withdraw() noexcept {
+    if (!state_->is_committed)
+        return;
+    try {
+        const Hush hush;
+        state_->store->catalog->erase(state_->id, state_->operation);
+        state_->is_committed = false;
+    } catch (...) {
+        return;
+    }
+}
+
+} // namespace qzfi::fi

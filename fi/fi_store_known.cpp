@@ -1,0 +1,135 @@
+// The register of known stores.
+#include <algorithm>
+#include <map>
+#include <mutex>
+#include <set>
+#include <sys/stat.h>
+
+#include "fi/fi_store_folders.h"
+
+namespace qzfi::fi {
+
+namespace {
+
+constexpr const char *remembering = "remember_store";
+
+// By root: a process may start with one root after the other.
+struct Register {
+    std::mutex mutex;
+    std::map<std::string, std::vector<std::string>> stores;
+};
+
+Register &known() {
+    static Register stores;
+    return stores;
+}
+
+bool contains(const std::vector<std::string> &paths, const std::string &path) {
+    return std::find(paths.begin(), paths.end(), path) != paths.end();
+}
+
+// The default store's own register. Made to remember, not to look: other processes find a store on an object's own
+// file system through it only.
+class StoredRegister {
+public:
+    StoredRegister(bool create, const char *operation) : store_(Store::open(default_store_path(), create, operation)) {}
+    Catalog &catalog() const { return *store_->state().catalog; }
+    bool is_writable() const { return store_->state().is_writable; }
+
+private:
+    std::shared_ptr<Store> store_;
+};
+
+std::vector<std::string> stored_paths() noexcept {
+    try {
+        const Hush hush;
+        return StoredRegister(false, remembering).catalog().stores(remembering);
+    } catch (...) {
+        return {}; // no default store yet, or one that says so itself when it is used
+    }
+}
+
+void store_path(const std::string &path) noexcept {
+    try {
+        const Hush hush;
+        const StoredRegister stored(true, remembering);
+        if (stored.is_writable())
+            stored.catalog().remember(path, remembering);
+    } catch (...) {
+        return; // known for the life of the process
+    }
+}
+
+} // namespace
+
+std::string default_store_path() {
+    return normal_store_path(installation_root() + "/arcvault/images");
+}
+
+void remember_store(const std::string &given) noexcept {
+    try {
+        const std::string path = normal_store_path(given), root = installation_root();
+        if (path == default_store_path())
+            return;
+        {
+            const std::lock_guard lock(known().mutex);
+            if (contains(known().stores[root], path))
+                return;
+            known().stores[root].push_back(path);
+        }
+        store_path(path);
+    } catch (...) {
+        return; // without memory a store is found by its path only
+    }
+}
+
+void forget_store(const std::string &given, const char *operation) {
+    const std::string path = normal_store_path(given);
+    require(path != default_store_path(), operation, "the default store cannot be forgotten");
+    bool was_known = false;
+    {
+        const std::lock_guard lock(known().mutex);
+        was_known = std::erase(known().stores[installation_root()], path) != 0;
+    }
+    if (contains(stored_paths(), path)) {
+        was_known = true;
+        const StoredRegister stored(false, operation);
+        // A copy of the catalog is what is read then: forgetting there would last for this call.
+        if (!stored.is_writable())
+            fail(message::no_right, QFI_FI_NO_RIGHT, operation, {"write to store", default_store_path()});
+        stored.catalog().forget(path, operation);
+    }
+    if (!was_known)
+        fail(message::store_unusable, QFI_FI_STORE, operation, {path, "it is not known"});
+}
+
+namespace {
+
+// A store that is known by several paths (a link above it, a folder mounted twice) is one.
+std::vector<std::string> each_once(const std::vector<std::string> &paths) {
+    std::vector<std::string> stores;
+    std::set<std::pair<dev_t, ino_t>> seen;
+    for (const std::string &path : paths) {
+        struct stat status {};
+        const bool is_there = stat(path.c_str(), &status) == 0;
+        if (!contains(stores, path) && (!is_there || seen.emplace(status.st_dev, status.st_ino).second))
+            stores.push_back(path);
+    }
+    return stores;
+}
+
+} // namespace
+
+std::vector<std::string> known_stores() {
+    std::vector<std::string> paths{default_store_path()};
+    for (const std::string &path : stored_paths())
+        paths.push_back(path);
+    {
+        const std::lock_guard lock(known().mutex);
+        for (const std::string &path : known().stores[installation_root()])
+            paths.push_back(path);
+    }
+    return each_once(paths);
+}
+
+} // namespace qzfi::fi

@@ -1,0 +1,107 @@
+// Images of a set whose maker was killed between its commits.
+#include "fi/fi_store_folders.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "fi/fi_fiid.h"
+
+namespace qzfi::fi {
+
+namespace {
+
+enum class Fate { whole, incomplete, unknown };
+
+constexpr std::size_t longest_document = std::size_t{64} << 20;
+
+std::string read_document(int image, const std::string &path, const char *operation) {
+    const Descriptor file(openat(image, "fiid.xml", O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file)
+        fail_call(operation, "open", path, errno, true);
+    std::string document;
+    for (char buffer[65536]; document.size() < longest_document;) {
+        const ssize_t count = read(file.get(), buffer, sizeof buffer);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            fail_call(operation, "read", path, errno, true);
+        if (count == 0)
+            break;
+        document.append(buffer, static_cast<std::size_t>(count));
+    }
+    return document;
+}
+
+// Another store, as it is at this moment: nothing there is locked, or settled in turn.
+bool is_recorded(const std::string &store, const std::string &id, const char *operation) {
+    const Descriptor directory(open(store.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!directory)
+        fail_call(operation, "open", store, errno, true);
+    return Catalog(directory.get(), store, false, false, operation).has(id, operation);
+}
+
+// A store that cannot be looked into, such as one that is not mounted, leaves the fate open.
+Fate fate_of(const Store::State &store, const Claim &claim, const char *operation) {
+    const std::string path = store.path + "/images/" + claim.name + "/fiid.xml";
+    try {
+        const Hush hush;
+        const Fiid set = read_fiid(read_document(claim.directory.get(), path, operation), operation);
+        for (const FiidImage &image : set.images) {
+            const bool is_there = image.store == store.path ? store.catalog->has(image.record.id, operation)
+                                                            : is_recorded(image.store, image.record.id, operation);
+            if (!is_there)
+                return Fate::incomplete;
+        }
+        return Fate::whole;
+    } catch (const Failure &failure) {
+        if (failure.status == QFI_STATUS_NO_MEMORY)
+            throw;
+        return Fate::unknown;
+    }
+}
+
+// The maker holds the lock until its set is settled.
+std::optional<Claim> claim_pending(const Store::State &store, const std::string &id, const char *operation) {
+    const FileLock lock = lock_store(store, operation);
+    std::optional<Claim> claim;
+    const Claimed claimed = claim_folder(store, id, claim, operation);
+    const std::vector<std::string> pending = store.catalog->pending(operation);
+    const bool is_pending = std::find(pending.begin(), pending.end(), id) != pending.end();
+    if (claimed == Claimed::missing && is_pending)
+        store.catalog->erase(id, operation);
+    return is_pending ? std::move(claim) : std::nullopt;
+}
+
+// True when it was removed.
+bool end_one(const Store::State &store, Claim claim, const std::string &id, const RemoveTree &remove_tree,
+             const char *operation) {
+    const Fate fate = fate_of(store, claim, operation);
+    if (fate == Fate::whole)
+        store.catalog->settle(id, operation);
+    if (fate != Fate::incomplete)
+        return false;
+    store.catalog->erase(id, operation);
+    remove_folder(store, std::move(claim), id, remove_tree, operation);
+    return true;
+}
+
+} // namespace
+
+uint64_t end_pending(const Store::State &store, const RemoveTree &remove_tree, const char *operation) {
+    uint64_t removed = 0;
+    std::exception_ptr failure;
+    for (const std::string &id : store.catalog->pending(operation)) {
+        try {
+            if (std::optional<Claim> claim = claim_pending(store, id, operation))
+                removed += end_one(store, std::move(*claim), id, remove_tree, operation) ? 1 : 0;
+        } catch (const Failure &) {
+            failure = std::current_exception();
+        }
+    }
+    if (failure)
+        std::rethrow_exception(failure);
+    return removed;
+}
+
+} // namespace qzfi::fi

@@ -1,0 +1,404 @@
+/*
+ * The contract of the default API implementation library, libfi.so: the types behind the front end's operations, and a
+ * typed inline wrapper for each, so that a wrong argument is a compile error.
+ *
+ * docs/contract.md is the same as one table. Rules that hold for every operation:
+ * - Statuses are those of <qzfi/status.h>, or own ones from 1024 on (`qfi_fi_status`). With every failure the calling
+ *   thread has an error record that names operation, object and cause (`qfi_op_get_last_error`).
+ * - An operation that the provider in charge, or a file system, has no means for returns 4, with such a record.
+ * - Texts and records that are given out are copies; each type says which operation releases it.
+ * - Thread-safe; calls on the same tree wait for each other. A tree is used and released by the same process.
+ * - Ids of images are texts such as "20261121T041500Z-8f3a2c1d"; object ids (`qfi_objid_t`) are interned paths.
+ */
+#ifndef QZFI_FI_H
+#define QZFI_FI_H
+
+#include <qzfi.h>
+#include <qzfi/fi_types.h>
+
+QZFI_BEGIN_DECLS
+
+/* Trees: from objects to a tree, and the making of an image. */
+
+/** Makes a tree: one node per file system, below it the objects, none of them within another one of the same file
+ * system. Links in their paths are resolved once, here. `*tree` must be null; released by `qfi_op_detach`. */
+static inline int32_t qfi_op_gentree(const qfi_object *objects, int32_t count, const qfi_tree_options *options,
+                                     qfi_domain **tree) {
+    return qzfiapi_gentree((void *)objects, count, (void *)options, (void *)tree);
+}
+/** Finds what could freeze the tree: a combination for each file system and method, the best first, those that cannot
+ * last, with the reason. `flags` is 0. Released by `qfi_op_free_combos`. */
+static inline int32_t qfi_op_analyze(qfi_domain *tree, const char *store, qfi_qs_combo **combos, int32_t flags) {
+    return qzfiapi_analyze(tree, (void *)store, (void *)combos, flags);
+}
+/** Chooses what freezes the tree: a combination (for its file system), or a method by name for all, or, both null, the
+ * best for each. `store` null is the method's default store. */
+static inline int32_t qfi_op_select(qfi_domain *tree, const qfi_qs_combo *combo, const char *fim_id,
+                                    const char *store) {
+    return qzfiapi_select(tree, (void *)combo, (void *)fim_id, (void *)store);
+}
+/** Takes the options, checks space and rights, and makes the place for the images. `flags` is 0. `*report`, if asked
+ * for, is released by `qfi_op_free_report`. */
+static inline int32_t qfi_op_prepare(qfi_domain *tree, int32_t flags, const qfi_freeze_options *options,
+                                     qfi_report **report) {
+    return qzfiapi_prepare(tree, flags, (void *)options, (void *)report);
+}
+/** Tells whether a prepared tree can be frozen now: `ready->ssr_nnodes` is the number of file systems that can.
+ * `*reason` (or null), released by `qfi_op_free_buffer`, says why not all can. */
+static inline int32_t qfi_op_isready(qfi_domain *tree, qfi_ss_readystat *ready, char **reason) {
+    return qzfiapi_isready(tree, ready, (void *)reason);
+}
+/** Does all that is left up to the id document: select, prepare, quiesce, split, unquiesce, get_fiid. Both pointers may
+ * be null. */
+static inline int32_t qfi_op_make(qfi_domain *tree, const qfi_freeze_options *options, qfi_fiid **fiid) {
+    return qzfiapi_make(tree, (void *)options, (void *)fiid);
+}
+/** Gives the nodes of a frozen tree their frozen images (`fid_altnode`). `reserved` are null. */
+static inline int32_t qfi_op_build_alttree(qfi_domain *tree, void *reserved1, void *reserved2) {
+    return qzfiapi_build_alttree(tree, reserved1, reserved2);
+}
+/** Lets go of a tree; `flags` are `qfi_detach_flags`. With QFI_DETACH_REMOVE its images are removed first; when that
+ * fails the tree stays. `reserved` is null. */
+static inline int32_t qfi_op_detach(qfi_domain *tree, void *reserved, int32_t flags, qfi_report **report) {
+    return qzfiapi_detach(tree, reserved, flags, (void *)report);
+}
+/** Sets an option of a tree before it is prepared: "label", "pre_command", "post_command", "workers", "digest",
+ * "nested". `flags` is 0. */
+static inline int32_t qfi_op_config(qfi_domain *tree, const char *key, int32_t flags, const char *value) {
+    return qzfiapi_config(tree, (void *)key, flags, (void *)value);
+}
+/** Gives the id document of a frozen tree. Released by `qfi_op_free_fiid`. */
+static inline int32_t qfi_op_get_fiid(qfi_domain *tree, qfi_fiid **fiid) {
+    return qzfiapi_get_fiid(tree, (void *)fiid);
+}
+/** Builds the tree of an image again, from its id document or, `fiid` null, its id; `store` null searches the known
+ * stores. `flags` is 0, `reserved` null. */
+static inline int32_t qfi_op_reaccess_tree(const qfi_fiid *fiid, qfi_domain **tree, const char *image_id,
+                                           const char *store, void *reserved, int32_t flags) {
+    return qzfiapi_reaccess_tree((void *)fiid, (void *)tree, (void *)image_id, (void *)store, reserved, flags);
+}
+/** Reads attributes of a node: sizes of its file system or image in `attr`, or, with `name` not null, one of the texts
+ * "path", "type", "filesystem", "device", "mountpoint", "image", "method", "consistency" in `*value`, released by
+ * `qfi_op_free_buffer`. What is not asked for is null. */
+static inline int32_t qfi_op_getattr(const qfi_domain *node, const char *name, qfi_attr *attr, char **value) {
+    return qzfiapi_getattr((void *)node, (void *)name, attr, (void *)value);
+}
+/** Gives the path under which an object's frozen image can be read, whole or at `subpath` (null: whole). Released by
+ * `qfi_op_free_buffer`. */
+static inline int32_t qfi_op_access(const qfi_domain *node, const char *subpath, char **path) {
+    return qzfiapi_access((void *)node, (void *)subpath, (void *)path);
+}
+/** Exports a tree's images into the new folder `directory` with their id document, and removes them from their store.
+ * `fiid` may be null. */
+static inline int32_t qfi_op_deport_tree(qfi_domain *tree, const char *directory, qfi_fiid **fiid) {
+    return qzfiapi_deport_tree(tree, (void *)directory, (void *)fiid);
+}
+/** Takes exported images over into a store (null: the default store), as `qfi_op_set_import_options` says. */
+static inline int32_t qfi_op_import_tree(const char *directory, const char *store, const qfi_fiid *expected,
+                                         qfi_domain **tree) {
+    return qzfiapi_import_tree((void *)directory, (void *)store, (void *)expected, (void *)tree);
+}
+/** Checks without any effect whether the tree could be prepared. */
+static inline int32_t qfi_op_pre_prepare(qfi_domain *tree) {
+    return qzfiapi_pre_prepare(tree);
+}
+/** Flushes the file systems, after the caller's pre command. From here on the post command will run, whatever happens
+ * to this process; when this fails it was run already, and the tree can be prepared again. */
+static inline int32_t qfi_op_quiesce(qfi_domain *tree) {
+    return qzfiapi_quiesce(tree);
+}
+/** The instant: makes the images. `status` (or null) is filled in; `*report` (or null) is released by
+ * `qfi_op_free_report`. The images are visible when this returns 0, and not at all otherwise: then the post command
+ * was run already, and the tree can be prepared again. */
+static inline int32_t qfi_op_split(qfi_domain *tree, qfi_splitstat *status, qfi_report **report) {
+    return qzfiapi_split(tree, status, (void *)report);
+}
+/** Runs the post command; to be called whatever became of the split. After a failed quiesce or split it only tells
+ * how the post command ended. */
+static inline int32_t qfi_op_unquiesce(qfi_domain *tree) {
+    return qzfiapi_unquiesce(tree);
+}
+/** Updates a tree that was not frozen yet: objects that are gone leave it, file systems are looked at again. All
+ * further arguments are 0 or null. */
+static inline int32_t qfi_op_refresh_tree(qfi_domain *tree) {
+    return qzfiapi_refresh_tree(tree, 0, 0, 0, 0, 0, 0, 0);
+}
+/** Tells whether a tree is one of this library's and still stands for what is there: `*valid` 1 or 0. */
+static inline int32_t qfi_op_isvalid_tree(const qfi_domain *tree, int32_t *valid) {
+    return qzfiapi_isvalid_tree((void *)tree, valid);
+}
+
+/* Lists. Each enumeration gives null for an empty list; each list has its release. */
+
+static inline int32_t qfi_op_enumerate_providers(qfi_provider_list **list) {
+    return qzfiapi_enumerate_providers((void *)list);
+}
+static inline int32_t qfi_op_free_providers_list(qfi_provider_list *list) {
+    return qzfiapi_free_providers_list(list);
+}
+/** Nodes (file systems) that a provider can freeze. `uid` null or one node's mount point; `reserved` null; `flags` 0.
+ */
+static inline int32_t qfi_op_enumerate_provider_nodes(const char *provider_id, const char *uid, void *reserved,
+                                                      int32_t flags, qfi_node_list **list) {
+    return qzfiapi_enumerate_provider_nodes((void *)provider_id, (void *)uid, reserved, flags, (void *)list);
+}
+static inline int32_t qfi_op_enumerate_nodes(const char *uid, void *reserved, int32_t flags, qfi_node_list **list) {
+    return qzfiapi_enumerate_nodes((void *)uid, reserved, flags, (void *)list);
+}
+static inline int32_t qfi_op_free_node_list(qfi_node_list *list) {
+    return qzfiapi_free_node_list(list);
+}
+/** Group nodes: disks, with the file systems on them as members. */
+static inline int32_t qfi_op_enumerate_provider_group_nodes(const char *provider_id, qfi_group_node_list **list) {
+    return qzfiapi_enumerate_provider_group_nodes((void *)provider_id, (void *)list);
+}
+static inline int32_t qfi_op_enumerate_group_nodes(qfi_group_node_list **list) {
+    return qzfiapi_enumerate_group_nodes((void *)list);
+}
+static inline int32_t qfi_op_free_group_node_list(qfi_group_node_list *list) {
+    return qzfiapi_free_group_node_list(list);
+}
+/** Associations: an object and its frozen image, through the method. */
+static inline int32_t qfi_op_enumerate_provider_associations(const char *provider_id, qfi_assoc_list **list) {
+    return qzfiapi_enumerate_provider_associations((void *)provider_id, (void *)list);
+}
+static inline int32_t qfi_op_enumerate_associations(qfi_assoc_list **list) {
+    return qzfiapi_enumerate_associations((void *)list);
+}
+static inline int32_t qfi_op_free_assoc_list(qfi_assoc_list *list) {
+    return qzfiapi_free_assoc_list(list);
+}
+static inline int32_t qfi_op_isvalid_node_association(const qfi_assoc *association, int32_t *valid) {
+    return qzfiapi_isvalid_node_association((void *)association, valid);
+}
+/** The associations of one object, given by its path. Released by `qfi_op_free_assoc_list`. */
+static inline int32_t qfi_op_get_associated_nodes(const char *path, qfi_assoc_list **list) {
+    return qzfiapi_get_associated_nodes((void *)path, (void *)list);
+}
+/** The trees of all images in the known stores, each as after `qfi_op_build_alttree`, the oldest first. */
+static inline int32_t qfi_op_enumerate_trees(qfi_domain_tree_list_t **list) {
+    return qzfiapi_enumerate_trees((void *)list);
+}
+/** Releases the list and its trees. */
+static inline int32_t qfi_op_free_tree_list(qfi_domain_tree_list_t *list) {
+    return qzfiapi_free_tree_list(list);
+}
+static inline int32_t qfi_op_enumerate_provider_fims(const char *provider_id, qfi_fim_list **list) {
+    return qzfiapi_enumerate_provider_fims((void *)provider_id, (void *)list);
+}
+static inline int32_t qfi_op_enumerate_fims(qfi_fim_list **list) {
+    return qzfiapi_enumerate_fims((void *)list);
+}
+static inline int32_t qfi_op_free_fim_list(qfi_fim_list *list) {
+    return qzfiapi_free_fim_list(list);
+}
+/** Disks. `reserved` are null. */
+static inline int32_t qfi_op_enumerate_enclosures(void *reserved1, void *reserved2, qfi_enclosure_list **list) {
+    return qzfiapi_enumerate_enclosures(reserved1, reserved2, (void *)list);
+}
+static inline int32_t qfi_op_free_enclosures(qfi_enclosure_list *list) {
+    return qzfiapi_free_enclosures(list);
+}
+/** This host. `reserved` are null. */
+static inline int32_t qfi_op_enumerate_host_nodes(void *reserved1, void *reserved2, qfi_host_list **list) {
+    return qzfiapi_enumerate_host_nodes(reserved1, reserved2, (void *)list);
+}
+static inline int32_t qfi_op_free_host_nodes(qfi_host_list *list) {
+    return qzfiapi_free_host_nodes(list);
+}
+static inline int32_t qfi_op_free_combos(qfi_qs_combo *combos) {
+    return qzfiapi_free_combos(combos);
+}
+
+/* Images. */
+
+/** Information on the objects of a tree's images. `infos` receives at most `count` of them, by object; their texts live
+ * as long as the tree. Returns 3 when there are fewer objects. */
+static inline int32_t qfi_op_get_component_info(qfi_component_request *request, int32_t count) {
+    return qzfiapi_get_component_info(request, count);
+}
+/** Checks id documents: `results[i]` is 0 for one that is valid and whose image is there, else the status. `flags` is
+ * 0; `store` null searches the known stores; `reserved` is null. */
+static inline int32_t qfi_op_process_fiids(int32_t count, int32_t flags, const qfi_fiid *const *fiids, int32_t *results,
+                                           const char *store) {
+    return qzfiapi_process_fiids(count, flags, (void *)fiids, results, (void *)store);
+}
+static inline int32_t qfi_op_free_fiid(qfi_fiid *fiid) {
+    return qzfiapi_free_fiid(fiid);
+}
+/** Makes an id document from an image's id and store, without its tree. */
+static inline int32_t qfi_op_fiid_synthesize(const qfi_image_ref *image, qfi_fiid **fiid) {
+    return qzfiapi_fiid_synthesize((void *)image, (void *)fiid);
+}
+/** Restores: each null where it does not apply. See `qfi_restore_options`. `*report` is released by
+ * `qfi_op_free_report`. */
+static inline int32_t qfi_op_restore(qfi_domain *tree, const qfi_restore_options *options, qfi_report **report) {
+    return qzfiapi_restore(tree, (void *)options, (void *)report, 0, 0, 0, 0, 0, 0, 0);
+}
+/** Makes the originals equal to their images, changing only what differs. */
+static inline int32_t qfi_op_resync(qfi_domain *tree, const qfi_restore_options *options, qfi_report **report) {
+    return qzfiapi_resync(tree, (void *)options, (void *)report, 0, 0, 0, 0, 0);
+}
+/** Tells how far the operation that runs on a tree is, or how the last one ended. Does not wait for it. */
+static inline int32_t qfi_op_get_status(const qfi_domain *tree, qfi_operation_status *status) {
+    return qzfiapi_get_status((void *)tree, status, 0, 0, 0, 0, 0);
+}
+/** The images from which an object can be restored, the newest first. Released by `qfi_op_free_valid_sec_list`. */
+static inline int32_t qfi_op_query_valid_secondaries(const char *path, void *reserved, qfi_image_list **list) {
+    return qzfiapi_query_valid_secondaries((void *)path, reserved, (void *)list);
+}
+static inline int32_t qfi_op_free_valid_sec_list(qfi_image_list *list) {
+    return qzfiapi_free_valid_sec_list(list, 0);
+}
+/** Describes a tree: its state, and of a frozen one the image. Released by `qfi_op_free_valid_sec_list`. */
+static inline int32_t qfi_op_query_tree_status(const qfi_domain *tree, int32_t *state, qfi_image_list **image) {
+    return qzfiapi_query_tree_status((void *)tree, state, (void *)image);
+}
+/** The state of stores: `path` null for all that are known. Released by `qfi_op_free_res_status_list`. */
+static inline int32_t qfi_op_query_res_status(const char *path, void *reserved, qfi_store_status **list) {
+    return qzfiapi_query_res_status((void *)path, reserved, (void *)list);
+}
+static inline int32_t qfi_op_free_res_status_list(qfi_store_status *list) {
+    return qzfiapi_free_res_status_list(list);
+}
+/** The images of a set, or, `set_id` null, all in `store`, or, both null, all in the known stores; the oldest first.
+ * Released by `qfi_op_free_snapreplica_list`. */
+static inline int32_t qfi_op_snapreplica_list(const char *set_id, const char *store, qfi_image_list **list) {
+    return qzfiapi_snapreplica_list((void *)set_id, (void *)store, (void *)list);
+}
+static inline int32_t qfi_op_free_snapreplica_list(qfi_image_list *list) {
+    return qzfiapi_free_snapreplica_list(list);
+}
+/** `*imported` is 1 when the image is in a known store, else 0. */
+static inline int32_t qfi_op_is_snap_imported(const char *image_id, int32_t *imported) {
+    return qzfiapi_is_snap_imported((void *)image_id, imported);
+}
+/** The set of an image; released by `qfi_op_free_buffer`. */
+static inline int32_t qfi_op_getSnapshotSetId(const char *image_id, char **set_id) {
+    return qzfiapi_getSnapshotSetId((void *)image_id, (void *)set_id);
+}
+/** Brings a reference up to date: fills in the store of an image that was found in another one. */
+static inline int32_t qfi_op_update_snapshot_handle(const char *image_id, qfi_image_ref *image) {
+    return qzfiapi_update_snapshot_handle((void *)image_id, image);
+}
+/** The differences from an image to another, or, `to` null, to the originals as they are. Released by
+ * `qfi_op_free_buffer`. `options` may be null. */
+static inline int32_t qfi_op_get_snapdiff(const qfi_domain *from, const qfi_domain *to, const qfi_diff_options *options,
+                                          qfi_diff **diff) {
+    return qzfiapi_get_snapdiff((void *)from, (void *)to, (void *)options, (void *)diff);
+}
+/** Does what `command` (`qfi_objctl_command`) says on a tree's images, or, tree null, on a store. `*report` (or null)
+ * is released by `qfi_op_free_report`. */
+static inline int32_t qfi_op_objctl(qfi_domain *tree, const char *command, const char *store, qfi_report **report) {
+    return qzfiapi_objctl(tree, (void *)command, (void *)store, (void *)report, 0);
+}
+/** How later imports behave. `flags` is 0, `reserved` null. */
+static inline int32_t qfi_op_set_import_options(const qfi_import_options *options, void *reserved1, int32_t flags,
+                                                void *reserved2) {
+    return qzfiapi_set_import_options((void *)options, reserved1, flags, reserved2);
+}
+/** Where the next restore of a tree goes: `count` paths, one for each object; null for the original place. */
+static inline int32_t qfi_op_set_restorepaths(qfi_domain *tree, const char *const *paths, int32_t count) {
+    return qzfiapi_set_restorepaths(tree, (void *)paths, count);
+}
+/** Files of an image that a backup has to take, as a list of paths, changed since `base` (null: all). Released by
+ * `qfi_op_free_buffer`. `flags` is 0. */
+static inline int32_t qfi_op_get_backupset(const qfi_domain *tree, int32_t flags, const qfi_domain *base,
+                                           int32_t reserved, qfi_diff **files) {
+    return qzfiapi_get_backupset((void *)tree, flags, (void *)base, reserved, (void *)files);
+}
+/** Notes that a backup of the images succeeded or failed (`backed_up` 1 or 0); shown with the image. */
+static inline int32_t qfi_op_process_backups(qfi_domain *tree, const char *consumer, void *reserved, int32_t backed_up,
+                                             qfi_report **report) {
+    return qzfiapi_process_backups(tree, (void *)consumer, reserved, backed_up, (void *)report);
+}
+/** Notes the backup status of one object of a tree, by index. */
+static inline int32_t qfi_op_set_comp_status(qfi_domain *tree, int32_t index, const char *text, int32_t status) {
+    return qzfiapi_set_comp_status(tree, index, (void *)text, status);
+}
+/** Reads it again; `*text` is released by `qfi_op_free_buffer`. */
+static inline int32_t qfi_op_get_app_status(const qfi_domain *tree, int32_t index, char **text) {
+    return qzfiapi_get_app_status((void *)tree, index, (void *)text);
+}
+/** Notes the caller's own verdict of the last operation on a tree; `qfi_op_get_status` shows it. */
+static inline int32_t qfi_op_set_op_status(qfi_domain *tree, int32_t status) {
+    return qzfiapi_set_op_status(tree, status);
+}
+/** Prefers a method for later selects in this process; null: none. */
+static inline int32_t qfi_op_set_fim_name(const char *fim_id) {
+    return qzfiapi_set_fim_name((void *)fim_id);
+}
+/** The open trees of this process: `*count` of them in `*trees`, released by `qfi_op_free_resource_list`. */
+static inline int32_t qfi_op_get_active_resources(qfi_domain ***trees, int32_t *count) {
+    return qzfiapi_get_active_resources((void *)trees, count, 0, 0, 0);
+}
+/** Releases such a list, not the trees. */
+static inline int32_t qfi_op_free_resource_list(qfi_domain **trees, int32_t count) {
+    return qzfiapi_free_resource_list(trees, count);
+}
+
+/* Errors, texts, buffers, credentials. */
+
+/** Hands out the calling thread's last error, once; null when there is none. The record is the library's, and stays
+ * until it is deleted (`fi_del_error` and its kin). */
+static inline int32_t qfi_op_get_last_error(qfi_error_info **error) {
+    return qzfiapi_get_last_error((void *)error);
+}
+/** The same as `qfi_op_get_last_error`. */
+static inline int32_t qfi_op_del_last_error(qfi_error_info **error) {
+    return qzfiapi_del_last_error((void *)error);
+}
+/** An error record as text, in English or, `localized` not null, as well in the current language (null when there is no
+ * translation). `reserved` is null. Each is released by `qfi_op_del_locale_message`. */
+static inline int32_t qfi_op_get_locale_message(const qfi_error_info *error, char **english, char **localized) {
+    return qzfiapi_get_locale_message((void *)error, (void *)english, (void *)localized, 0);
+}
+static inline int32_t qfi_op_del_locale_message(char *text) {
+    return qzfiapi_del_locale_message(text);
+}
+/** A zero-filled buffer of `size` bytes. */
+static inline int32_t qfi_op_alloc_buffer(uint64_t size, void **buffer) {
+    return qzfiapi_alloc_buffer((void *)(uintptr_t)size, (void *)buffer);
+}
+static inline int32_t qfi_op_free_buffer(void *buffer) {
+    return qzfiapi_free_buffer(buffer);
+}
+static inline int32_t qfi_op_free_report(qfi_report *report) {
+    return qzfiapi_free_buffer(report);
+}
+/** The credential text of this process, as `qzfi_get_credential_blob` gives it. Numbers are 0, `reserved` null. */
+static inline int32_t qfi_op_get_credentials(void *reserved, int32_t number1, int32_t number2, char **text) {
+    return qzfiapi_get_credentials(reserved, number1, number2, (void *)text);
+}
+/** Sets it; null forgets it. */
+static inline int32_t qfi_op_set_credentials(void *reserved, int32_t number1, int32_t number2, const char *text) {
+    return qzfiapi_set_credentials(reserved, number1, number2, (void *)text);
+}
+
+/* Operations on devices. File systems have no means for them: status 4, whatever the arguments. */
+
+static inline int32_t qfi_op_online(const qfi_domain *node) {
+    return qzfiapi_online((void *)node, 0, 0, 0);
+}
+static inline int32_t qfi_op_offline(const qfi_domain *node) {
+    return qzfiapi_offline((void *)node, 0, 0, 0, 0);
+}
+static inline int32_t qfi_op_format(const qfi_domain *node) {
+    return qzfiapi_format((void *)node, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+}
+static inline int32_t qfi_op_import_resource(const qfi_domain *node) {
+    return qzfiapi_import_resource((void *)node, 0, 0, 0, 0, 0, 0);
+}
+static inline int32_t qfi_op_deport_resource(const qfi_domain *node) {
+    return qzfiapi_deport_resource((void *)node, 0, 0, 0, 0, 0, 0, 0);
+}
+static inline int32_t qfi_op_online_resource(const qfi_domain *node) {
+    return qzfiapi_online_resource((void *)node, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+}
+static inline int32_t qfi_op_offline_resource(const qfi_domain *node) {
+    return qzfiapi_offline_resource((void *)node, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+}
+
+QZFI_END_DECLS
+
+#endif

@@ -1,0 +1,260 @@
+#include "providers/engine/engine_attributes.h"
+
+#include <cstdio>
+#include <cstring>
+#include <linux/fs.h>
+#include <string_view>
+#include <sys/ioctl.h>
+#include <sys/xattr.h>
+
+namespace qzfi::engine {
+namespace {
+
+constexpr std::size_t usual_list = 1024;     // the kernel allocates as much as it is offered
+constexpr std::size_t longest_list = 65536;  // XATTR_LIST_MAX
+constexpr std::size_t longest_value = 65536; // XATTR_SIZE_MAX
+constexpr uint32_t forbidding_flags = FS_IMMUTABLE_FL | FS_APPEND_FL;
+
+struct FlagName {
+    uint32_t flag;
+    const char *name;
+};
+constexpr FlagName kept_flags[] = {
+    {FS_IMMUTABLE_FL, "immutable flag"},
+    {FS_APPEND_FL, "append-only flag"},
+    {FS_NODUMP_FL, "no-dump flag"},
+    {FS_COMPR_FL, "compression flag"},
+    {FS_NOCOMP_FL, "no-compression flag"},
+    {FS_NOCOW_FL, "no-COW flag"},
+    {FS_NOATIME_FL, "no access time flag"},
+    {FS_SYNC_FL, "synchronous flag"},
+    {FS_DIRSYNC_FL, "synchronous directory flag"},
+};
+constexpr uint32_t all_kept_flags() {
+    uint32_t all = 0;
+    for (const FlagName &flag : kept_flags)
+        all |= flag.flag;
+    return all;
+}
+
+/// The calls on extended attributes of a place. By name they go through the directory's descriptor, and do not follow
+/// the name itself.
+class Extended {
+public:
+    explicit Extended(const Place &place) noexcept : descriptor_(place.descriptor) {
+        if (descriptor_ < 0)
+            snprintf(path_, sizeof path_, "/proc/self/fd/%d/%s", place.directory, place.name);
+    }
+    ssize_t list(char *names, std::size_t size) const noexcept {
+        return descriptor_ >= 0 ? flistxattr(descriptor_, names, size) : llistxattr(path_, names, size);
+    }
+    ssize_t get(const char *name, char *value, std::size_t size) const noexcept {
+        return descriptor_ >= 0 ? fgetxattr(descriptor_, name, value, size) : lgetxattr(path_, name, value, size);
+    }
+    int set(const char *name, const char *value, std::size_t size) const noexcept {
+        return descriptor_ >= 0 ? fsetxattr(descriptor_, name, value, size, 0) : lsetxattr(path_, name, value, size, 0);
+    }
+    int remove(const char *name) const noexcept {
+        return descriptor_ >= 0 ? fremovexattr(descriptor_, name) : lremovexattr(path_, name);
+    }
+
+private:
+    int descriptor_;
+    char path_[32 + 256];
+};
+
+} // namespace
+
+void make_room(Worker &worker) {
+    if (!worker.names)
+        worker.names = allocate(2 * longest_list);
+    if (!worker.values)
+        worker.values = allocate(2 * longest_value);
+}
+
+namespace {
+
+ssize_t list_all(const Extended &extended, char *names) noexcept {
+    const ssize_t size = extended.list(names, usual_list);
+    return size < 0 && errno == ERANGE ? extended.list(names, longest_list) : size;
+}
+
+bool has_name(const char *names, ssize_t size, const char *name) noexcept {
+    for (const char *at = names; at < names + size; at += strlen(at) + 1) {
+        if (strcmp(at, name) == 0)
+            return true;
+    }
+    return false;
+}
+
+void remark_attribute(const Subject &subject, const char *detail, int error) {
+    if (error == EIO || error == EROFS)
+        subject.run.fail_target(subject.worker, detail, subject.directory, subject.name, error);
+    else
+        subject.run.remark(subject.worker, QFI_REMARK_ATTRIBUTE, subject.directory, subject.name, detail, error);
+}
+
+/// File systems without extended attributes have none to be kept.
+bool is_without(int error) noexcept {
+    return error == EOPNOTSUPP;
+}
+
+void keep_one(const Subject &subject, const Extended &source, const Extended &target, const char *name, bool compares) {
+    char *const value = subject.worker.values.get();
+    const ssize_t size = source.get(name, value, longest_value);
+    if (size < 0 && errno == ENODATA)
+        return; // gone since it was listed
+    if (size < 0)
+        return subject.run.remark(subject.worker, QFI_REMARK_ATTRIBUTE, subject.directory, subject.name, name, errno);
+    if (compares) {
+        char *const present = value + longest_value;
+        if (target.get(name, present, longest_value) == size &&
+            memcmp(value, present, static_cast<std::size_t>(size)) == 0)
+            return;
+    }
+    if (target.set(name, value, static_cast<std::size_t>(size)) != 0)
+        remark_attribute(subject, name, errno);
+}
+
+void keep_extended(const Subject &subject, const Place &from, const Place &to, bool is_exact) {
+    make_room(subject.worker);
+    const Extended source(from), target(to);
+    char *const names = subject.worker.names.get();
+    const ssize_t size = list_all(source, names);
+    if (size < 0 && !is_without(errno))
+        remark_attribute(subject, "extended attributes", errno);
+    if (is_exact) {
+        char *const present = names + longest_list;
+        const ssize_t present_size = list_all(target, present);
+        if (present_size < 0 && !is_without(errno))
+            remark_attribute(subject, "extended attributes", errno);
+        for (const char *at = present; at < present + present_size; at += strlen(at) + 1) {
+            if (!has_name(names, size, at) && target.remove(at) != 0 && errno != ENODATA)
+                remark_attribute(subject, at, errno);
+        }
+    }
+    for (const char *at = names; at < names + size; at += strlen(at) + 1)
+        keep_one(subject, source, target, at, is_exact);
+}
+
+int change_owner(const Place &place, uid_t uid, gid_t gid) noexcept {
+    return place.descriptor >= 0 ? fchown(place.descriptor, uid, gid)
+                                 : fchownat(place.directory, place.name, uid, gid, AT_SYMLINK_NOFOLLOW);
+}
+
+int change_mode(const Place &place, mode_t mode) noexcept {
+    return place.descriptor >= 0 ? fchmod(place.descriptor, mode)
+                                 : fchmodat(place.directory, place.name, mode, AT_SYMLINK_NOFOLLOW);
+}
+
+int change_times(const Place &place, const Stat &stat) noexcept {
+    const timespec times[2] = {time_of(stat.stx_atime), time_of(stat.stx_mtime)};
+    return place.descriptor >= 0 ? futimens(place.descriptor, times)
+                                 : utimensat(place.directory, place.name, times, AT_SYMLINK_NOFOLLOW);
+}
+
+void keep_flags(const Subject &subject, int target, uint32_t flags) {
+    unsigned present = 0;
+    if (ioctl(target, FS_IOC_GETFLAGS, &present) != 0)
+        present = 0;
+    const unsigned wanted = (present & ~all_kept_flags()) | flags;
+    if (wanted == present || ioctl(target, FS_IOC_SETFLAGS, &wanted) == 0)
+        return;
+    for (const FlagName &flag : kept_flags) {
+        const unsigned with = (present & ~flag.flag) | (flags & flag.flag);
+        if (with == present)
+            continue;
+        if (ioctl(target, FS_IOC_SETFLAGS, &with) == 0)
+            present = with;
+        else
+            remark_attribute(subject, flag.name, errno);
+    }
+}
+
+} // namespace
+
+uint32_t flags_of(int descriptor) noexcept {
+    unsigned flags = 0;
+    if (ioctl(descriptor, FS_IOC_GETFLAGS, &flags) != 0)
+        return 0;
+    return flags & all_kept_flags();
+}
+
+void keep_early_flags(int target, uint32_t flags) {
+    if ((flags & FS_NOCOW_FL) == 0)
+        return;
+    unsigned present = 0;
+    if (ioctl(target, FS_IOC_GETFLAGS, &present) != 0)
+        return;
+    present |= FS_NOCOW_FL;
+    ioctl(target, FS_IOC_SETFLAGS, &present);
+}
+
+bool clear_forbidding_flags(int descriptor) noexcept {
+    unsigned flags = 0;
+    if (ioctl(descriptor, FS_IOC_GETFLAGS, &flags) != 0)
+        return false;
+    if ((flags & forbidding_flags) == 0)
+        return true;
+    flags &= ~forbidding_flags;
+    return ioctl(descriptor, FS_IOC_SETFLAGS, &flags) == 0;
+}
+
+int has_extended(Worker &worker, const Place &place) {
+    make_room(worker);
+    const ssize_t size = Extended(place).list(worker.names.get(), usual_list);
+    if (size >= 0)
+        return size > 0;
+    if (errno == ERANGE)
+        return 1;
+    return is_without(errno) ? 0 : -1;
+}
+
+bool has_same_extended(Worker &worker, const Place &from, const Place &to) {
+    make_room(worker);
+    const Extended source(from), target(to);
+    char *const names = worker.names.get();
+    char *const present = names + longest_list;
+    const ssize_t size = list_all(source, names);
+    const bool is_listed = size >= 0 || is_without(errno);
+    const ssize_t present_size = list_all(target, present);
+    if (!is_listed || (present_size < 0 && !is_without(errno)))
+        return false; // keeping them will remark it
+    if (size <= 0 && present_size <= 0)
+        return true;
+    if (size != present_size)
+        return false;
+    char *const value = worker.values.get();
+    for (const char *at = names; at < names + size; at += strlen(at) + 1) {
+        const ssize_t length = source.get(at, value, longest_value);
+        if (length < 0 || target.get(at, value + longest_value, longest_value) != length ||
+            memcmp(value, value + longest_value, static_cast<std::size_t>(length)) != 0)
+            return false;
+    }
+    return true;
+}
+
+void keep_attributes(const Subject &subject, const Place &source, const Place &target, const Stat &stat,
+                     const Known &known, bool with_extended, uint32_t flags) {
+    const bool is_link = S_ISLNK(stat.stx_mode);
+    mode_t wanted = stat.stx_mode & 07777;
+    mode_t present = known.mode & 07777;
+    if (known.uid != stat.stx_uid || known.gid != stat.stx_gid) {
+        if (change_owner(target, stat.stx_uid, stat.stx_gid) == 0) {
+            present &= static_cast<mode_t>(~(S_ISUID | S_ISGID)); // as the kernel does
+        } else {
+            remark_attribute(subject, "owner", errno);
+            wanted &= static_cast<mode_t>(~(S_ISUID | S_ISGID)); // rights of another owner than the one they were for
+        }
+    }
+    if (!is_link && present != wanted && change_mode(target, wanted) != 0)
+        remark_attribute(subject, "mode", errno);
+    if (with_extended)
+        keep_extended(subject, source, target, known.is_exact);
+    if (change_times(target, stat) != 0)
+        remark_attribute(subject, "times", errno);
+    if (target.descriptor >= 0 && (flags != 0 || known.is_exact))
+        keep_flags(subject, target.descriptor, flags);
+}
+
+} // namespace qzfi::engine

@@ -1,0 +1,48 @@
+// Owners, modes, times, extended attributes and inode flags of an entry.
+#pragma once
+
+#include "providers/engine/engine_work.h"
+
+namespace qzfi::engine {
+
+/// An entry by its descriptor or, where it cannot be opened for that, by directory and name.
+struct Place {
+    int descriptor = -1;
+    int directory = -1;
+    const char *name = nullptr;
+};
+
+/// What is known of a target entry before it gets its attributes.
+struct Known {
+    uint32_t uid, gid, mode;
+    bool is_exact; // it may have attributes of its own that have to go: it existed, or inherited them
+};
+
+/// The entry whose attributes are kept, for remarks.
+struct Subject {
+    Run &run;
+    Worker &worker;
+    Directory *directory;
+    const char *name; // null: the directory itself
+};
+
+/// Inode flags that are kept; 0 for entries and file systems without. Asked for always: statx tells but some of them.
+uint32_t flags_of(int descriptor) noexcept;
+/// Sets the flags that must be there before data is. What fails is left to `keep_attributes`, which remarks it.
+void keep_early_flags(int target, uint32_t flags);
+/// Takes away what forbids changes. False when that is not possible.
+bool clear_forbidding_flags(int descriptor) noexcept;
+
+/// Makes a worker's buffers for extended attributes, which are otherwise made at the first use; throws std::bad_alloc.
+void make_room(Worker &worker);
+/// Whether an entry has extended attributes; -1 when it cannot be told, with errno.
+int has_extended(Worker &worker, const Place &place);
+/// Whether two entries have the same ones.
+bool has_same_extended(Worker &worker, const Place &source, const Place &target);
+
+/// Gives the target all attributes of the source, flags that forbid changes last. What cannot be kept is remarked.
+/// `with_extended` false: neither has extended attributes.
+void keep_attributes(const Subject &subject, const Place &source, const Place &target, const Stat &stat,
+                     const Known &known, bool with_extended, uint32_t flags);
+
+} // namespace qzfi::engine

@@ -1,0 +1,407 @@
+// Copying a tree: its directories, hard links and the entries that are no files.
+#include "providers/engine/engine_copy.h"
+
+#include <climits>
+#include <cstdio>
+#include <dirent.h>
+#include <linux/fs.h>
+#include <linux/magic.h>
+#include <new>
+#include <sys/ioctl.h>
+#include <sys/sysmacros.h>
+#include <sys/vfs.h>
+#include <sys/xattr.h>
+
+#include <qzfi_fi.h>
+
+namespace qzfi::engine {
+namespace {
+
+constexpr mode_t private_directory = 0700; // nobody looks into what is being made
+constexpr int most_looks = 6;
+
+/// The umask, which nobody can ask for without changing it for all threads.
+uint32_t read_umask() {
+    Descriptor status(open("/proc/self/status", O_RDONLY | O_CLOEXEC));
+    char text[1024];
+    const ssize_t size = status ? read(status.get(), text, sizeof text - 1) : 0;
+    text[size > 0 ? size : 0] = '\0';
+    const char *const line = strstr(text, "\nUmask:");
+    return line != nullptr ? static_cast<uint32_t>(strtoul(line + 7, nullptr, 8)) : 0777; // not known: set all modes
+}
+
+} // namespace
+
+Copier::Copier(const Options &given, const qfi_provider_host &to, bool updates)
+    : Run(given, to), updates_(updates), links_(directories, given.digest), umask_(read_umask()) {}
+
+Copier::~Copier() {
+    for (LateFlags &late : late_)
+        directories.unreference(late.directory);
+}
+
+void Copier::run(int source, int target, const char *name) {
+    Directory *root = nullptr;
+    try {
+        make_room(main_worker());
+        root = open_root(main_worker(), source, target, name);
+    } catch (const std::bad_alloc &) {
+        stop(QFI_STATUS_NO_MEMORY);
+    }
+    if (root == nullptr)
+        return;
+    root->references.fetch_add(1, std::memory_order_relaxed);
+    const Referenced held{directories, root};
+    const Descriptor kept(fcntl(root->target, F_DUPFD_CLOEXEC, 3));
+    work(root);
+    for (Links::Waiting *waiting = links_.take_waiting(); waiting != nullptr;)
+        done_in(main_worker(), Links::next(waiting));
+    keep_late_flags();
+    // One flush of the file system holds all that was written before: data, directories and the journal's order.
+    if (options.sync && !is_stopped() && syncfs(kept ? kept.get() : root->target) != 0)
+        fail_target(main_worker(), "syncfs", root, nullptr, errno);
+}
+
+Directory *Copier::open_root(Worker &worker, int source, int target, const char *name) {
+    Directory *const root = Directory::make(nullptr, "");
+    Referenced held{directories, root};
+    root->source = open_to_read(source, ".", O_DIRECTORY);
+    if (root->source < 0 || stat_of(root->source, root->stat) != 0) {
+        fail_source(worker, "openat2", root, nullptr, errno);
+        return nullptr;
+    }
+    struct statfs filesystem {};
+    if (fstatfs(root->source, &filesystem) == 0) {
+        lists_inodes_ = filesystem.f_type == BTRFS_SUPER_MAGIC || filesystem.f_type == XFS_SUPER_MAGIC ||
+                        filesystem.f_type == EXT4_SUPER_MAGIC || filesystem.f_type == TMPFS_MAGIC;
+    }
+    bool is_there = false;
+    if (lies_apart(worker, root, target, name) && updates_ &&
+        !open_existing(worker, target, root, name, *root, is_there))
+        return nullptr;
+    if (is_stopped() || (!is_there && !make_directory(worker, target, root, name, *root)))
+        return nullptr;
+
+    // What is made below belongs to whom it belongs in the root: the root must pass on neither a group nor an ACL.
+    Stat made;
+    if (stat_of(root->target, made) != 0) {
+        fail_target(worker, "statx", root, nullptr, errno);
+        return nullptr;
+    }
+    made_root_ = made;
+    made_uid_ = is_there ? geteuid() : made.stx_uid;
+    made_gid_ = getegid();
+    if (!is_there && (made.stx_gid != made_gid_ || (made.stx_mode & S_ISGID) != 0)) {
+        if (fchown(root->target, static_cast<uid_t>(-1), made_gid_) != 0)
+            made_gid_ = made.stx_gid;
+        fchmod(root->target, private_directory);
+    }
+    if (!is_there)
+        fremovexattr(root->target, "system.posix_acl_default");
+    const Place place{root->source};
+    root->has_attributes = has_extended(worker, place) != 0 || flags_of(root->source) != 0;
+    directories.adopt(*root);
+    if (is_there)
+        remove_extra(worker, *root);
+    return std::exchange(held.directory, nullptr);
+}
+
+/// Fails where one tree lies in the other: a copy would copy itself without end, an update remove what it reads.
+/// Excluded directories are not entered, so what lies in them lies apart.
+bool Copier::lies_apart(Worker &worker, Directory *root, int target, const char *name) {
+    Stat there;
+    const bool is_there = updates_ && stat_of(target, name, there) == 0;
+    if (!is_within(target, root->stat) && !(is_there && (is_same(there, root->stat) || is_within(root->source, there))))
+        return true;
+    fail(worker, QFI_FI_UNSAFE, "the tree and its copy lie one within the other", root, nullptr, 0);
+    return false;
+}
+
+/// Whether a directory is another one, or below it, on the way up that can be gone.
+bool Copier::is_within(int directory, const Stat &outer) const {
+    Descriptor at(fcntl(directory, F_DUPFD_CLOEXEC, 3));
+    Stat stat, above;
+    while (at && stat_of(at.get(), stat) == 0 && !is_excluded(options, stat)) {
+        if (is_same(stat, outer))
+            return true;
+        Descriptor up(openat(at.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (!up || stat_of(up.get(), above) != 0 || is_same(stat, above))
+            return false;
+        at = std::move(up);
+    }
+    return false;
+}
+
+bool Copier::make_directory(Worker &worker, int parent, Directory *above, const char *name, Directory &child) {
+    if (mkdirat(parent, name, private_directory) != 0) {
+        if (errno == EEXIST && above != &child)
+            remark(worker, QFI_REMARK_WARNING, above, name, "listed twice, or differs in case only: the first is kept",
+                   EEXIST);
+        else if (errno == EEXIST)
+            fail(worker, QFI_FI_EXISTS, "mkdirat", above, nullptr, EEXIST);
+        else
+            fail_target(worker, "mkdirat", above, above == &child ? nullptr : name, errno);
+        return false;
+    }
+    child.target = open_within(parent, name, O_RDONLY | O_DIRECTORY);
+    if (child.target < 0)
+        fail_target(worker, "openat2", above, above == &child ? nullptr : name, errno);
+    else if ((umask_ & private_directory) != 0 && fchmod(child.target, private_directory) != 0)
+        fail_target(worker, "fchmod", above, above == &child ? nullptr : name, errno);
+    changed();
+    return child.target >= 0;
+}
+
+void Copier::remark_open(Worker &worker, Directory &directory, const char *name, int error) {
+    if (is_shortage(error))
+        return fail_source(worker, "openat2", &directory, name, error);
+    if (error == ENOENT)
+        return remark(worker, QFI_REMARK_VANISHED, &directory, name, "gone before it was read", error);
+    if (error == EXDEV)
+        return remark(worker, QFI_REMARK_SKIPPED, &directory, name, "another file system", 0);
+    remark(worker, QFI_REMARK_UNREADABLE, &directory, name, "cannot be opened", error);
+}
+
+bool Copier::enter(Worker &worker, Directory &parent, Directory &child) {
+    const char *const name = child.name();
+    child.source = open_to_read(parent.source, name, O_DIRECTORY);
+    if (child.source < 0 && (errno == ENOTDIR || errno == ELOOP)) {
+        push_entry(parent, name, DT_UNKNOWN, 0);
+        return false;
+    }
+    if (child.source < 0 || stat_of(child.source, child.stat) != 0) {
+        remark_open(worker, parent, name, errno);
+        return false;
+    }
+    if (is_excluded(options, child.stat))
+        return false;
+    if (device_of(child.stat) != device_of(parent.stat) && !options.nested_volumes) {
+        remark(worker, QFI_REMARK_SKIPPED, &parent, name, "a nested subvolume", 0);
+        return false;
+    }
+    if (is_same(child.stat, made_root_)) { // moved there meanwhile
+        remark(worker, QFI_REMARK_SKIPPED, &parent, name, "the copy itself", 0);
+        return false;
+    }
+    bool is_there = false;
+    if (updates_ && !open_existing(worker, parent.target, &parent, name, child, is_there))
+        return false;
+    if (!is_there && !make_directory(worker, parent.target, &parent, name, child))
+        return false;
+    child.has_attributes = has_extended(worker, Place{child.source}) != 0 || flags_of(child.source) != 0;
+    if (is_there)
+        remove_extra(worker, child);
+    return !is_stopped();
+}
+
+void Copier::leave(Worker &worker, Directory &directory) {
+    const Place from{directory.source}, to{directory.target};
+    Stat latest; // what came in or went while it was read moved its times
+    if (stat_of(directory.source, latest) == 0)
+        directory.stat = latest;
+    Known known{made_uid_, made_gid_, private_directory, directory.target_existed};
+    if (updates_) {
+        Stat now;
+        if (stat_of(directory.target, now) == 0)
+            known = {now.stx_uid, now.stx_gid, now.stx_mode, true};
+    }
+    const uint32_t flags = directory.has_attributes ? flags_of(directory.source) : 0;
+    const Subject subject{*this, worker, &directory, nullptr};
+    keep_attributes(subject, from, to, directory.stat, known, directory.has_attributes || updates_, flags);
+    tell_entry(worker, &directory, nullptr, directory.stat, nullptr, nullptr);
+}
+
+void Copier::entry(Worker &worker, Directory &directory, const char *name, uint8_t type, uint64_t inode) {
+    if (type == DT_REG && link_listed(worker, directory, name, inode))
+        return;
+    uint16_t mode = type == DT_REG ? S_IFREG : 0;
+    for (int look = 0; look < most_looks && !is_stopped(); ++look) {
+        if (S_ISREG(mode)) {
+            if (file(worker, directory, name) == Outcome::done)
+                return;
+            mode = 0; // no longer what was listed
+        } else if (special(worker, directory, name, mode) == Outcome::done) {
+            return;
+        } else if (S_ISDIR(mode)) {
+            return push_subdirectory(directory, name);
+        }
+    }
+    if (!is_stopped())
+        remark(worker, QFI_REMARK_TORN, &directory, name, "it becomes something else again and again", 0);
+}
+
+/// A file that is known to be another name of one that was made, by what the directory says.
+bool Copier::link_listed(Worker &worker, Directory &directory, const char *name, uint64_t inode) {
+    if (!lists_inodes_ || links_.is_empty())
+        return false;
+    Links::Linked to;
+    if (!links_.find(device_of(directory.stat), inode, to))
+        return false;
+    const Referenced release{directories, to.directory};
+    Stat stat;
+    if (options.entries || updates_) {
+        if (stat_of(directory.source, name, stat) != 0 || stat.stx_ino != inode || !S_ISREG(stat.stx_mode))
+            return false;
+    } else {
+        stat = {};
+        stat.stx_mode = S_IFREG;
+        stat.stx_ino = inode;
+        stat.stx_dev_major = directory.stat.stx_dev_major;
+        stat.stx_dev_minor = directory.stat.stx_dev_minor;
+    }
+    return link(worker, directory, name, stat, to);
+}
+
+/// Makes a name of a file that was made. False when it must be made by itself.
+bool Copier::link(Worker &worker, Directory &directory, const char *name, const Stat &stat, const Links::Linked &to) {
+    if (updates_) {
+        Stat present;
+        if (stat_of(directory.target, name, present) == 0) {
+            if (present.stx_ino == to.target_inode) {
+                links_.linked(device_of(stat), stat.stx_ino);
+                tell_entry(worker, &directory, name, stat, nullptr, to.has_digest ? to.digest : nullptr);
+                return true;
+            }
+            if (!remove_target(worker, directory, name))
+                return true;
+        }
+    }
+    if (to.directory != &directory && !directories.acquire(*to.directory)) {
+        fail_target(worker, "openat2", to.directory, nullptr, errno);
+        return true;
+    }
+    const bool is_linked = linkat(to.directory->target, to.name, directory.target, name, 0) == 0;
+    const int error = errno;
+    if (to.directory != &directory)
+        directories.release(*to.directory);
+    if (is_linked || error == EEXIST) {
+        if (!is_linked)
+            remark(worker, QFI_REMARK_WARNING, &directory, name,
+                   "listed twice, or differs in case only: the first is kept", EEXIST);
+        changed();
+        links_.linked(device_of(stat), stat.stx_ino);
+        tell_entry(worker, &directory, name, stat, nullptr, to.has_digest ? to.digest : nullptr);
+        return true;
+    }
+    if (error == EMLINK || error == EPERM || error == EOPNOTSUPP || error == ENOENT || error == EXDEV) {
+        remark(worker, QFI_REMARK_ATTRIBUTE, &directory, name, "hard link", error);
+        return false;
+    }
+    fail_target(worker, "linkat", &directory, name, error);
+    return true;
+}
+
+/// Makes an entry that is neither file nor directory; `mode` is what it turns out to be.
+Copier::Outcome Copier::special(Worker &worker, Directory &directory, const char *name, uint16_t &mode) {
+    Stat stat;
+    if (stat_of(directory.source, name, stat) != 0) {
+        remark_open(worker, directory, name, errno);
+        return Outcome::done;
+    }
+    mode = stat.stx_mode;
+    if (S_ISREG(mode) || S_ISDIR(mode))
+        return Outcome::other_type;
+    if ((stat.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0) {
+        remark_open(worker, directory, name, EXDEV);
+        return Outcome::done;
+    }
+    if (S_ISSOCK(mode)) {
+        remark(worker, QFI_REMARK_SKIPPED, &directory, name, "a socket", 0);
+        if (updates_)
+            remove_target(worker, directory, name);
+        return Outcome::done;
+    }
+    char link_target[PATH_MAX + 1] = "";
+    if (S_ISLNK(mode)) {
+        const ssize_t size = readlinkat(directory.source, name, link_target, PATH_MAX);
+        if (size < 0 && errno == EINVAL)
+            return Outcome::other_type;
+        if (size < 0) {
+            remark_open(worker, directory, name, errno);
+            return Outcome::done;
+        }
+        link_target[size] = '\0';
+        stat.stx_size = static_cast<uint64_t>(size);
+    }
+
+    Links::Linked to;
+    const bool is_linked = stat.stx_nlink > 1;
+    const uint64_t device = device_of(stat);
+    if (is_linked) {
+        const Links::Claim claim = links_.claim(device, stat.stx_ino, stat.stx_nlink, directory, name, to);
+        if (claim == Links::Claim::deferred)
+            return Outcome::done;
+        if (claim == Links::Claim::link) {
+            const bool is_made = link(worker, directory, name, stat, to);
+            directories.unreference(to.directory);
+            if (is_made)
+                return Outcome::done;
+        }
+    }
+    const char *const shown = S_ISLNK(mode) ? link_target : nullptr;
+    bool is_done = false, is_made = false;
+    if (!updates_ || !is_special_up_to_date(worker, directory, name, stat, shown, is_done))
+        is_made = !is_done && make_special(worker, directory, name, name, stat, shown);
+    else
+        is_made = true;
+    Stat made;
+    const uint64_t inode =
+        is_linked && updates_ && is_made && stat_of(directory.target, name, made) == 0 ? made.stx_ino : 0;
+    if (is_linked)
+        resume(worker, links_.made(device, stat.stx_ino, is_made, nullptr, inode), DT_UNKNOWN);
+    if (is_made)
+        tell_entry(worker, &directory, name, stat, shown, nullptr);
+    return Outcome::done;
+}
+
+bool Copier::make_special(Worker &worker, Directory &directory, const char *name, const char *made_as, const Stat &stat,
+                          const char *link_target) {
+    const mode_t mode = stat.stx_mode & (S_IFMT | 07777);
+    const int result = link_target != nullptr ? symlinkat(link_target, directory.target, made_as)
+                                              : mknodat(directory.target, made_as, mode,
+                                                        makedev(stat.stx_rdev_major, stat.stx_rdev_minor));
+    if (result != 0 && errno == EEXIST) {
+        remark(worker, QFI_REMARK_WARNING, &directory, name, "listed twice, or differs in case only: the first is kept",
+               EEXIST);
+        return false;
+    }
+    if (result != 0 && (errno == EPERM || errno == EOPNOTSUPP || errno == ENOSYS)) {
+        remark(worker, QFI_REMARK_SKIPPED, &directory, name,
+               link_target != nullptr ? "symbolic links cannot be made there" : "device nodes cannot be made there",
+               errno);
+        return false;
+    }
+    if (result != 0) {
+        fail_target(worker, link_target != nullptr ? "symlinkat" : "mknodat", &directory, name, errno);
+        return false;
+    }
+    changed();
+    const Place from{-1, directory.source, name}, to{-1, directory.target, made_as};
+    const Known known{made_uid_, made_gid_, stat.stx_mode & ~umask_, updates_};
+    const int extended = has_extended(worker, from);
+    if (extended < 0)
+        remark(worker, QFI_REMARK_ATTRIBUTE, &directory, name, "extended attributes", errno);
+    const Subject subject{*this, worker, &directory, name};
+    keep_attributes(subject, from, to, stat, known, extended > 0 || updates_, 0);
+    return true;
+}
+
+/// Flags that would have forbidden further links.
+void Copier::keep_late_flags() {
+    for (LateFlags &late : late_) {
+        if (is_stopped())
+            return;
+        Directory &directory = *late.directory;
+        const bool is_open = directories.acquire(directory);
+        const Descriptor file(is_open ? open_within(directory.target, late.name.get(), O_RDONLY | O_NONBLOCK) : -1);
+        const bool is_kept = file && ioctl(file.get(), FS_IOC_SETFLAGS, &late.flags) == 0;
+        const int error = errno;
+        if (is_open)
+            directories.release(directory);
+        if (!is_kept)
+            remark(main_worker(), QFI_REMARK_ATTRIBUTE, &directory, late.name.get(), "immutable or append-only flag",
+                   error);
+    }
+}
+
+} // namespace qzfi::engine

@@ -1,0 +1,193 @@
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "providers/engine/engine_work.h"
+
+namespace qzfi::engine {
+namespace {
+
+// Less than PATH_MAX, with room for one more name.
+constexpr std::size_t longest_path = 3500;
+
+void open_side(Descriptor &at, const char *path) noexcept {
+    Descriptor next(open_to_read(at.get(), path, O_DIRECTORY));
+    at = std::move(next);
+}
+
+} // namespace
+
+Bytes allocate(std::size_t size) {
+    Bytes bytes(static_cast<char *>(malloc(size)));
+    if (!bytes)
+        throw std::bad_alloc();
+    return bytes;
+}
+
+int open_to_read(int directory, const char *name, int flags) noexcept {
+    const int descriptor = open_within(directory, name, flags | O_RDONLY | O_NONBLOCK | O_NOATIME);
+    if (descriptor >= 0 || errno != EPERM)
+        return descriptor;
+    return open_within(directory, name, flags | O_RDONLY | O_NONBLOCK); // another user's: its access time will move
+}
+
+Directory *Directory::make(Directory *parent, const char *name) {
+    const std::size_t length = strlen(name);
+    Bytes memory = allocate(sizeof(Directory) + length + 1);
+    auto *const directory = new (memory.release()) Directory;
+    memcpy(directory->name(), name, length + 1);
+    directory->parent = parent;
+    static std::atomic<uint64_t> last_serial{0};
+    directory->serial = last_serial.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (parent != nullptr)
+        parent->references.fetch_add(1, std::memory_order_relaxed);
+    return directory;
+}
+
+void Directories::unreference(Directory *directory) noexcept {
+    while (directory != nullptr && directory->references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        Directory *const parent = directory->parent;
+        {
+            const std::lock_guard lock(mutex_);
+            unlink_idle(*directory);
+            open_ -= directory->is_counted;
+        }
+        Descriptor source(directory->source), target(directory->target);
+        directory->~Directory();
+        free(directory);
+        directory = parent;
+    }
+}
+
+bool Directories::acquire(Directory &directory, const Directory *open_child) noexcept {
+    const std::lock_guard lock(mutex_);
+    if (directory.was_closed && !reopen(directory, open_child))
+        return false;
+    if (directory.users++ == 0)
+        unlink_idle(directory);
+    return true;
+}
+
+void Directories::release(Directory &directory) noexcept {
+    const std::lock_guard lock(mutex_);
+    if (--directory.users != 0)
+        return;
+    directory.older = newest_;
+    directory.newer = nullptr;
+    (newest_ != nullptr ? newest_->newer : oldest_) = &directory;
+    newest_ = &directory;
+    while (open_ > limit_ && oldest_ != nullptr)
+        shut(*oldest_);
+}
+
+void Directories::adopt(Directory &directory) noexcept {
+    const std::lock_guard lock(mutex_);
+    directory.users = 1;
+    directory.is_counted = true;
+    ++open_;
+}
+
+void Directories::unlink_idle(Directory &directory) noexcept {
+    if (directory.older == nullptr && directory.newer == nullptr && oldest_ != &directory)
+        return; // was just opened
+    (directory.older != nullptr ? directory.older->newer : oldest_) = directory.newer;
+    (directory.newer != nullptr ? directory.newer->older : newest_) = directory.older;
+    directory.older = directory.newer = nullptr;
+}
+
+void Directories::shut(Directory &directory) noexcept {
+    unlink_idle(directory);
+    if (directory.target >= 0) {
+        Stat stat;
+        if (directory.target_inode == 0 && stat_of(directory.target, stat) == 0) {
+            directory.target_device = device_of(stat);
+            directory.target_inode = stat.stx_ino;
+        }
+        close(directory.target);
+        directory.target = -2;
+    }
+    if (directory.source >= 0) {
+        close(directory.source);
+        directory.source = -2;
+    }
+    directory.was_closed = directory.lost_position = true;
+    directory.is_counted = false;
+    --open_;
+}
+
+bool Directories::reopen(Directory &directory, const Directory *open_child) noexcept {
+    if (directory.source == -2 && !reopen_side(directory, &Directory::source, open_child))
+        return false;
+    if (directory.target == -2 && !reopen_side(directory, &Directory::target, open_child)) {
+        const int error = errno;
+        if (directory.source >= 0) {
+            close(directory.source);
+            directory.source = -2;
+        }
+        errno = error;
+        return false;
+    }
+    directory.was_closed = false;
+    directory.is_counted = true;
+    ++open_;
+    return true;
+}
+
+bool Directories::reopen_side(Directory &directory, int Directory::*side, const Directory *open_child) noexcept {
+    const bool is_source = side == &Directory::source;
+    const auto is_right = [&](int descriptor) {
+        Stat stat;
+        if (stat_of(descriptor, stat) != 0)
+            return false;
+        const uint64_t device = is_source ? device_of(directory.stat) : directory.target_device;
+        const uint64_t inode = is_source ? directory.stat.stx_ino : directory.target_inode;
+        return stat.stx_ino == inode && device_of(stat) == device;
+    };
+    if (open_child != nullptr && open_child->*side >= 0) {
+        Descriptor up(openat(open_child->*side, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+        if (up && is_right(up.get())) {
+            directory.*side = up.release();
+            return true;
+        }
+    }
+
+    const Directory *ancestor = directory.parent;
+    while (ancestor->*side < 0) // the root is never closed
+        ancestor = ancestor->parent;
+    try {
+        std::string path;
+        Descriptor at(fcntl(ancestor->*side, F_DUPFD_CLOEXEC, 3));
+        while (at && ancestor != &directory) {
+            // As many names as a path may hold, from the top down: the lowest of them is found by going up.
+            path.clear();
+            Directory *step = &directory;
+            std::size_t depth = 0;
+            for (const Directory *d = &directory; d != ancestor; d = d->parent)
+                ++depth;
+            constexpr std::size_t at_once = longest_path / 256;
+            for (; depth > at_once; --depth)
+                step = step->parent;
+            const Directory *const lowest = step;
+            for (; step != ancestor; step = step->parent) {
+                if (!path.empty())
+                    path.insert(0, 1, '/');
+                path.insert(0, step->name());
+            }
+            open_side(at, path.c_str());
+            ancestor = lowest;
+        }
+        if (!at)
+            return false;
+        if (!is_right(at.get())) {
+            errno = ESTALE;
+            return false;
+        }
+        directory.*side = at.release();
+        return true;
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+        return false;
+    }
+}
+
+} // namespace qzfi::engine

@@ -1,0 +1,241 @@
+// Bringing an existing tree up to date: what is there already, and what has to go.
+#include "providers/engine/engine_copy.h"
+
+#include <climits>
+#include <cstdio>
+#include <dirent.h>
+#include <linux/fs.h>
+#include <new>
+#include <sys/ioctl.h>
+
+#include <qzfi_fi.h>
+
+#include "providers/engine/engine_remove.h"
+
+namespace qzfi::engine {
+namespace {
+
+bool is_same_kept(const Stat &a, const Stat &b) {
+    return a.stx_mode == b.stx_mode && a.stx_uid == b.stx_uid && a.stx_gid == b.stx_gid &&
+           is_same_time(a.stx_mtime, b.stx_mtime);
+}
+
+bool is_same_link(int directory, const char *name, const char *link_target) {
+    char present[PATH_MAX + 1];
+    const ssize_t size = readlinkat(directory, name, present, PATH_MAX);
+    return size >= 0 && strlen(link_target) == static_cast<std::size_t>(size) &&
+           memcmp(present, link_target, static_cast<std::size_t>(size)) == 0;
+}
+
+/// Whether a directory is the root of another volume than the directory that it is in.
+bool is_other_volume(int parent, const Stat &child) {
+    Stat above;
+    return S_ISDIR(child.stx_mode) && stat_of(parent, above) == 0 && device_of(above) != device_of(child);
+}
+
+bool has_same_content(Run &run, Worker &worker, const FileCopy &copy, int present, const Stat &stat,
+                      uint8_t (&digest)[16]) {
+    uint8_t other[16];
+    const Moved source = digest_of(run, worker, copy.from.get(), copy.stat, digest);
+    const Moved target = digest_of(run, worker, present, stat, other);
+    return source.operation == nullptr && target.operation == nullptr && !source.is_short &&
+           memcmp(digest, other, sizeof other) == 0;
+}
+
+} // namespace
+
+void Copier::temporary_name(char (&out)[256]) {
+    snprintf(out, sizeof out, ".qzfi-%x-%llx", static_cast<unsigned>(getpid()),
+             static_cast<unsigned long long>(temporary_.fetch_add(1)));
+}
+
+/// A target file may become, or stay, only one source file: false when it is another one's, or has links although the
+/// source's has none.
+bool Copier::claim_target(const Stat &target, const Stat &source, bool &was_ours) {
+    was_ours = false;
+    if (source.stx_nlink <= 1 && target.stx_nlink <= 1)
+        return true;
+    const std::lock_guard lock(targets_mutex_);
+    const auto [at, is_new] = targets_.try_emplace({device_of(target), target.stx_ino},
+                                                   std::pair<uint64_t, uint64_t>{device_of(source), source.stx_ino});
+    was_ours = !is_new;
+    if (source.stx_nlink <= 1)
+        return false;
+    return at->second == std::pair<uint64_t, uint64_t>{device_of(source), source.stx_ino};
+}
+
+/// True when nothing is left to do for the file; otherwise it is to be made, unless `is_done` says that it failed.
+bool Copier::is_file_up_to_date(Worker &worker, FileCopy &copy, bool &is_done) {
+    Directory &directory = *copy.directory;
+    Stat present;
+    if (stat_of(directory.target, copy.name, present) != 0) {
+        is_done = errno != ENOENT;
+        if (is_done)
+            fail_target(worker, "statx", &directory, copy.name, errno);
+        return false;
+    }
+    if (S_ISDIR(present.stx_mode)) {
+        is_done = !remove_target(worker, directory, copy.name);
+        return false;
+    }
+    bool was_ours = false;
+    const bool may_stay = S_ISREG(present.stx_mode) && claim_target(present, copy.stat, was_ours) &&
+                          present.stx_size == copy.stat.stx_size &&
+                          is_same_time(present.stx_mtime, copy.stat.stx_mtime);
+    Descriptor target;
+    if (may_stay)
+        target = Descriptor(open_within(directory.target, copy.name, O_RDONLY | O_NONBLOCK));
+    Stat opened;
+    const bool is_right = target && stat_of(target.get(), opened) == 0 && is_same(present, opened);
+    if (!is_right || (options.digest && !has_same_content(*this, worker, copy, target.get(), opened, copy.digest))) {
+        copy.is_existing = true;
+        temporary_name(copy.made_as);
+        if ((present.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND)) != 0) {
+            const Descriptor forbidden(open_within(directory.target, copy.name, O_RDONLY | O_NONBLOCK));
+            if (forbidden)
+                clear_forbidding_flags(forbidden.get());
+        }
+        return false;
+    }
+    copy.has_digest = options.digest;
+    const bool has_same = is_same_kept(copy.stat, opened) &&
+                          has_same_extended(worker, Place{copy.from.get()}, Place{target.get()}) &&
+                          flags_of(target.get()) == flags_of(copy.from.get());
+    if (!has_same) {
+        clear_forbidding_flags(target.get());
+        const Known known{opened.stx_uid, opened.stx_gid, opened.stx_mode, true};
+        const Subject subject{*this, worker, &directory, copy.name};
+        keep_attributes(subject, Place{copy.from.get()}, Place{target.get()}, copy.stat, known, true, copy.flags);
+        changed();
+    }
+    tell_entry(worker, &directory, copy.name, copy.stat, nullptr, copy.has_digest ? copy.digest : nullptr);
+    settle(worker, copy, true, opened.stx_ino);
+    return true;
+}
+
+/// As for files: links, device nodes and FIFOs that differ are removed first.
+bool Copier::is_special_up_to_date(Worker &worker, Directory &directory, const char *name, const Stat &stat,
+                                   const char *link_target, bool &is_done) {
+    Stat present;
+    if (stat_of(directory.target, name, present) != 0) {
+        is_done = errno != ENOENT;
+        if (is_done)
+            fail_target(worker, "statx", &directory, name, errno);
+        return false;
+    }
+    bool was_ours = false;
+    const bool is_same_thing = (present.stx_mode & S_IFMT) == (stat.stx_mode & S_IFMT) &&
+                               claim_target(present, stat, was_ours) && present.stx_rdev_major == stat.stx_rdev_major &&
+                               present.stx_rdev_minor == stat.stx_rdev_minor &&
+                               (link_target == nullptr || is_same_link(directory.target, name, link_target));
+    if (!is_same_thing) {
+        is_done = !remove_target(worker, directory, name);
+        return false;
+    }
+    const Place from{-1, directory.source, name}, to{-1, directory.target, name};
+    if (is_same_kept(stat, present) && has_same_extended(worker, from, to))
+        return true;
+    const Known known{present.stx_uid, present.stx_gid, present.stx_mode, true};
+    const Subject subject{*this, worker, &directory, name};
+    keep_attributes(subject, from, to, stat, known, true, 0);
+    changed();
+    return true;
+}
+
+/// Opens a directory that is there; what is there instead is removed. False when the tree cannot go on here.
+bool Copier::open_existing(Worker &worker, int parent, Directory *above, const char *name, Directory &child,
+                           bool &is_there) {
+    const bool is_root = above == &child;
+    const char *const shown = is_root ? nullptr : name;
+    Stat present;
+    is_there = false;
+    if (stat_of(parent, name, present) != 0) {
+        if (errno != ENOENT)
+            fail_target(worker, "statx", above, shown, errno);
+        return errno == ENOENT;
+    }
+    if (!S_ISDIR(present.stx_mode)) {
+        if (!is_root)
+            return remove_target(worker, *above, name);
+        fail(worker, QFI_FI_UNSAFE, "openat2", above, nullptr, ENOTDIR);
+        return false;
+    }
+    child.target = open_within(parent, name, O_RDONLY | O_DIRECTORY | O_NONBLOCK);
+    if (child.target < 0 && errno == EXDEV && !is_root) {
+        remark(worker, QFI_REMARK_SKIPPED, above, name, "another file system is mounted there", 0);
+        return false;
+    }
+    if (child.target < 0 || stat_of(child.target, present) != 0) {
+        fail_target(worker, "openat2", above, shown, errno);
+        return false;
+    }
+    // What a nested volume holds was not frozen with the rest: it is not the source's to change.
+    if (!is_root && !options.nested_volumes && is_other_volume(parent, present)) {
+        remark(worker, QFI_REMARK_SKIPPED, above, name, "a nested subvolume is there", 0);
+        return false;
+    }
+    if (is_excluded(options, present))
+        return false;
+    if ((present.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND)) != 0)
+        clear_forbidding_flags(child.target);
+    child.target_existed = true;
+    is_there = true;
+    return true;
+}
+
+/// Removes what the source does not have. The target is listed piece by piece, and the source asked for each name.
+void Copier::remove_extra(Worker &worker, Directory &directory) {
+    const Descriptor listed(open_within(directory.target, ".", O_RDONLY | O_DIRECTORY));
+    const Bytes records = allocate(listing_size);
+    long size = 0;
+    while (listed && !is_stopped() && (size = syscall(SYS_getdents64, listed.get(), records.get(), listing_size)) > 0) {
+        for (long at = 0; at < size && !is_stopped();) {
+            const auto *const record = reinterpret_cast<const Dirent *>(records.get() + at);
+            at += record->length;
+            const char *const name = record->name;
+            if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0)
+                continue;
+            Stat stat;
+            if (stat_of(directory.source, name, stat) == 0)
+                continue;
+            if (errno != ENOENT) {
+                remark_open(worker, directory, name, errno); // then it is no reason to remove what is there
+                continue;
+            }
+            if (remove_target(worker, directory, name))
+                progress(worker, 1);
+        }
+    }
+    if (!listed || size < 0)
+        fail_target(worker, "getdents64", &directory, nullptr, errno);
+}
+
+/// Removes an entry of the target with all below. False when it stays: the run fails, or it is not ours to remove.
+bool Copier::remove_target(Worker &worker, Directory &directory, const char *name) {
+    Stat present;
+    if (stat_of(directory.target, name, present) == 0 && is_other_volume(directory.target, present)) {
+        remark(worker, QFI_REMARK_SKIPPED, &directory, name, "not removed: it holds what is left out", 0);
+        return false;
+    }
+    std::string path;
+    append_path(path, &directory);
+    const Removed removed = remove_entry(*this, directory.target, name, path);
+    for (uint64_t i = 0; i < removed.entries; ++i)
+        changed();
+    if (removed.status == 0 && !removed.is_kept)
+        return true;
+    if (removed.status != 0)
+        stop(removed.status);
+    else
+        remark(worker, QFI_REMARK_SKIPPED, &directory, name, "not removed: it holds what is left out", 0);
+    return false;
+}
+
+bool Copier::put_in_place(Worker &worker, Directory &directory, const char *made_as, const char *name) {
+    if (renameat(directory.target, made_as, directory.target, name) == 0)
+        return true;
+    fail_target(worker, "renameat", &directory, name, errno);
+    return false;
+}
+
+} // namespace qzfi::engine

@@ -1,0 +1,381 @@
+#include "providers/engine/engine_work.h"
+
+#include <algorithm>
+#include <cstring>
+#include <dirent.h>
+#include <new>
+#include <pthread.h>
+#include <sys/resource.h>
+
+#include <qzfi_fi.h>
+
+namespace qzfi::engine {
+namespace {
+
+constexpr uint32_t most_workers = 64;
+constexpr uint32_t least_to_share = 8; // entries
+
+/// How many directories may be open: an eighth of the descriptors, as each may need two and others need some.
+std::size_t open_limit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return 16;
+    return std::clamp<std::size_t>(limit.rlim_cur / 8, 4, 256);
+}
+
+const Dirent *record_at(const char *records, uint32_t position) {
+    return reinterpret_cast<const Dirent *>(records + position);
+}
+
+bool is_dots(const char *name) {
+    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+uint32_t record_size(const char *name) {
+    return static_cast<uint32_t>((dirent_name_offset + strlen(name) + 1 + 7) & ~std::size_t{7});
+}
+
+void put_record(char *at, const char *name, uint8_t type, uint64_t inode) {
+    auto *const record = reinterpret_cast<Dirent *>(at);
+    record->inode = inode;
+    record->offset = 0;
+    record->length = static_cast<uint16_t>(record_size(name));
+    record->type = type;
+    memcpy(at + dirent_name_offset, name, strlen(name) + 1);
+}
+
+} // namespace
+
+Item *Item::make(Kind kind, Directory &directory, const char *records, uint32_t size) {
+    Bytes memory = allocate(sizeof(Item) + size);
+    auto *const item = new (memory.release()) Item{kind, &directory};
+    if (records != nullptr)
+        memcpy(item->records(), records, size);
+    item->end = size;
+    return item;
+}
+
+char *Worker::buffer() {
+    constexpr std::size_t page = 4096; // the kernel copies to and from whole pages a fifth faster
+    if (!data)
+        data = allocate(data_size + page);
+    const auto start = reinterpret_cast<uintptr_t>(data.get());
+    return data.get() + ((start + page - 1) / page * page - start);
+}
+
+Run::Run(const Options &given, const qfi_provider_host &to) : Run(given, to, std::string()) {}
+
+Run::Run(const Options &given, const qfi_provider_host &to, std::string path)
+    : options(given), host(to), directories(open_limit()), root_path(std::move(path)) {
+    main_.run = this;
+}
+
+Run::~Run() = default;
+
+Result Run::result() const noexcept {
+    return {status_.load(), entries_.load(), bytes_.load(), changed_.load(), remarks_.load()};
+}
+
+void Run::push(Item *item, bool wake) {
+    item->directory->pending.fetch_add(1, std::memory_order_relaxed);
+    const std::lock_guard lock(mutex_);
+    item->below = top_;
+    top_ = item;
+    if (wake && idle_.load(std::memory_order_relaxed) > 0)
+        waiting_.notify_one();
+}
+
+void Run::push_subdirectory(Directory &directory, const char *name) {
+    Item *const item = Item::make(Item::Kind::subdirectories, directory, nullptr, record_size(name));
+    put_record(item->records(), name, DT_DIR, 0);
+    push(item, true);
+}
+
+void Run::push_entry(Directory &directory, const char *name, uint8_t type, uint64_t inode) {
+    Item *const item = Item::make(Item::Kind::entries, directory, nullptr, record_size(name));
+    put_record(item->records(), name, type, inode);
+    push(item, true);
+}
+
+void Run::push_range(Directory &directory, FileRange *range) {
+    Item *const item = Item::make(Item::Kind::range, directory, nullptr, 0);
+    item->range = range;
+    push(item, true);
+}
+
+/// Waits for work; false when there is none and none can come.
+bool Run::pop(Popped &out) {
+    std::unique_lock lock(mutex_);
+    while (top_ == nullptr || is_stopped()) {
+        if (active_ == 0 || is_stopped())
+            return false;
+        idle_.fetch_add(1, std::memory_order_relaxed);
+        waiting_.wait(lock);
+        idle_.fetch_sub(1, std::memory_order_relaxed);
+    }
+    ++active_;
+    Item *const item = top_;
+    out.item = nullptr;
+    if (item->kind != Item::Kind::subdirectories) {
+        top_ = item->below;
+        out.item = item;
+        return true;
+    }
+
+    const Dirent *const record = record_at(item->records(), item->position);
+    memcpy(out.name, record->name, strlen(record->name) + 1);
+    out.directory = item->directory;
+    item->position += record->length;
+    if (item->position < item->end) {
+        item->directory->pending.fetch_add(1, std::memory_order_relaxed);
+        return true;
+    }
+    top_ = item->below; // its place among the pending goes to the subdirectory
+    free(item);
+    return true;
+}
+
+void Run::finished_one() {
+    const std::lock_guard lock(mutex_);
+    if (--active_ == 0 && top_ == nullptr)
+        waiting_.notify_all();
+}
+
+void Run::stop(int32_t status) noexcept {
+    int32_t expected = 0;
+    status_.compare_exchange_strong(expected, status);
+    const std::lock_guard lock(mutex_);
+    waiting_.notify_all();
+}
+
+void Run::drop(Item *item) {
+    if (item->range != nullptr)
+        drop_range(item->range);
+    Directory *const directory = item->directory;
+    free(item);
+    done_in(main_, directory);
+}
+
+void *Run::thread_main(void *argument) {
+    auto &worker = *static_cast<Worker *>(argument);
+    worker.run->loop(worker);
+    return nullptr;
+}
+
+void Run::loop(Worker &worker) {
+    Popped popped;
+    while (pop(popped)) {
+        try {
+            process(worker, popped);
+        } catch (const std::bad_alloc &) {
+            stop(QFI_STATUS_NO_MEMORY);
+        }
+        finished_one();
+    }
+    flush(worker);
+}
+
+void Run::start_threads(Worker *workers, uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i) {
+        workers[i].run = this;
+        // One that does not start is done without: the work is the same.
+        workers[i].has_thread = pthread_create(&workers[i].thread, nullptr, thread_main, &workers[i]) == 0;
+    }
+}
+
+void Run::work(Directory *root) {
+    const uint32_t others = std::clamp(options.workers, 1u, most_workers) - 1;
+    Worker workers[most_workers];
+    directories.acquire(*root); // for good: the others are found again from it
+    active_ = 1;                // so that the threads wait for the first listing
+    start_threads(workers, others);
+    try {
+        list(main_, *root);
+    } catch (const std::bad_alloc &) {
+        stop(QFI_STATUS_NO_MEMORY);
+    }
+    finished_one();
+    loop(main_);
+    for (uint32_t i = 0; i < others; ++i) {
+        if (workers[i].has_thread)
+            pthread_join(workers[i].thread, nullptr);
+    }
+    while (top_ != nullptr) {
+        Item *const item = top_;
+        top_ = item->below;
+        drop(item);
+    }
+    if (counted_ == this)
+        tell_progress();
+}
+
+void Run::process(Worker &worker, Popped &popped) {
+    if (popped.item == nullptr)
+        return open_subdirectory(worker, *popped.directory, popped.name);
+    const std::unique_ptr<Item, Free> item(popped.item);
+    Directory &directory = *item->directory;
+    if (item->kind == Item::Kind::range) {
+        copy_range(worker, item->range);
+        return done_in(worker, &directory);
+    }
+    if (!directories.acquire(directory)) {
+        fail_source(worker, "openat2", &directory, nullptr, errno);
+        return done_in(worker, &directory);
+    }
+    if (item->kind == Item::Kind::listing)
+        return list(worker, directory);
+    try {
+        entries(worker, directory, item->records(), item->position, item->end);
+    } catch (const std::bad_alloc &) {
+        stop(QFI_STATUS_NO_MEMORY);
+    }
+    directories.release(directory);
+    done_in(worker, &directory);
+}
+
+void Run::open_subdirectory(Worker &worker, Directory &parent, const char *name) {
+    Directory *child = nullptr;
+    bool is_entered = false;
+    if (!directories.acquire(parent)) {
+        fail_source(worker, "openat2", &parent, nullptr, errno);
+        return done_in(worker, &parent);
+    }
+    try {
+        child = Directory::make(&parent, name);
+        is_entered = enter(worker, parent, *child);
+    } catch (const std::bad_alloc &) {
+        stop(QFI_STATUS_NO_MEMORY);
+    }
+    directories.release(parent);
+    if (is_entered) {
+        directories.adopt(*child);
+        return list(worker, *child);
+    }
+    directories.unreference(child);
+    done_in(worker, &parent);
+}
+
+/// Lists a directory that is acquired, until its end or, when it is long, one piece: the rest is work for whoever
+/// comes first. Ends what was pending for it.
+void Run::list(Worker &worker, Directory &directory) {
+    struct Ended {
+        Run &run;
+        Worker &worker;
+        Directory &directory;
+        ~Ended() {
+            run.directories.release(directory);
+            run.done_in(worker, &directory);
+        }
+    } const ended{*this, worker, directory};
+
+    if (!worker.listing)
+        worker.listing = allocate(listing_size);
+    char *const records = worker.listing.get();
+    if (std::exchange(directory.lost_position, false) && directory.listing_position != 0)
+        lseek(directory.source, directory.listing_position, SEEK_SET);
+    while (!is_stopped()) {
+        const long size = syscall(SYS_getdents64, directory.source, records, listing_size);
+        if (size == 0)
+            return;
+        if (size < 0 && is_shortage(errno))
+            return fail_source(worker, "getdents64", &directory, nullptr, errno);
+        if (size < 0)
+            return remark(worker, QFI_REMARK_UNREADABLE, &directory, nullptr, "the rest of the directory", errno);
+
+        const auto end = static_cast<uint32_t>(size);
+        uint32_t subdirectories = 0, last = 0, others = 0;
+        for (uint32_t at = 0; at < end; at += record_at(records, at)->length) {
+            const Dirent *const record = record_at(records, at);
+            const bool is_subdirectory = record->type == DT_DIR && !is_dots(record->name);
+            subdirectories += is_subdirectory ? record->length : 0;
+            others += record->type != DT_DIR;
+            last = at;
+        }
+        directory.listing_position = record_at(records, last)->offset;
+        const bool is_long = end > listing_size / 2;
+        if (is_long)
+            push(Item::make(Item::Kind::listing, directory, nullptr, 0), true);
+        if (subdirectories != 0) {
+            Item *const item = Item::make(Item::Kind::subdirectories, directory, nullptr, subdirectories);
+            uint32_t to = 0, count = 0;
+            for (uint32_t at = 0; at < end; at += record_at(records, at)->length) {
+                const Dirent *const record = record_at(records, at);
+                if (record->type != DT_DIR || is_dots(record->name))
+                    continue;
+                memcpy(item->records() + to, record, record->length);
+                to += record->length;
+                ++count;
+            }
+            push(item, others != 0 || is_long || count > 1); // a single one is for this thread
+        }
+        reached(Point::listed, directory.name());
+        entries(worker, directory, records, 0, end);
+        if (is_long)
+            return;
+    }
+}
+
+void Run::entries(Worker &worker, Directory &directory, char *records, uint32_t position, uint32_t end) {
+    while (position < end && !is_stopped()) {
+        if (idle_.load(std::memory_order_relaxed) > 0)
+            shares(directory, records, position, end);
+        const Dirent *const record = record_at(records, position);
+        position += record->length;
+        if (record->type != DT_DIR && !is_dots(record->name))
+            entry(worker, directory, record->name, record->type, record->inode);
+        progress(worker, 1);
+    }
+}
+
+/// Gives the second half of a piece of listing to a thread that waits.
+bool Run::shares(Directory &directory, char *records, uint32_t position, uint32_t &end) {
+    {
+        const std::lock_guard lock(mutex_);
+        if (top_ != nullptr) {
+            waiting_.notify_one();
+            return false; // there is enough to do already
+        }
+    }
+    uint32_t count = 0;
+    for (uint32_t at = position; at < end; at += record_at(records, at)->length)
+        ++count;
+    if (count < least_to_share)
+        return false;
+    uint32_t middle = position;
+    for (uint32_t i = 0; i < count / 2; ++i)
+        middle += record_at(records, middle)->length;
+    push(Item::make(Item::Kind::entries, directory, records + middle, end - middle), true);
+    end = middle;
+    return true;
+}
+
+void Run::done_in(Worker &worker, Directory *directory) {
+    Directory *child = nullptr; // ended and still open, so that the way up is found
+    while (directory != nullptr && directory->pending.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        const bool is_open = !is_stopped() && directories.acquire(*directory, child);
+        if (is_open) {
+            try {
+                leave(worker, *directory);
+            } catch (const std::bad_alloc &) {
+                stop(QFI_STATUS_NO_MEMORY);
+            }
+        } else if (!is_stopped()) {
+            fail_target(worker, "openat2", directory, nullptr, errno);
+        }
+        if (child != nullptr)
+            directories.release(*child);
+        Directory *const ended = std::exchange(child, is_open ? directory : nullptr);
+        if (ended != nullptr)
+            directories.unreference(ended);
+        Directory *const parent = directory->parent;
+        if (!is_open)
+            directories.unreference(directory);
+        directory = parent;
+    }
+    if (child == nullptr)
+        return;
+    directories.release(*child);
+    directories.unreference(child);
+}
+
+} // namespace qzfi::engine

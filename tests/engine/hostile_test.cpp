@@ -1,0 +1,174 @@
+// Trees that change while they are read, on purpose or by chance.
+#include "engine_support.h"
+
+#include <atomic>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include <qzfi_fi.h>
+
+#include "providers/engine/engine_work.h"
+
+using namespace qzfi::engine;
+
+namespace {
+
+std::string place;      // of the running test, for the hooks
+std::atomic<int> times; // that a hook did its work
+
+class Hostile : public EngineTest {
+protected:
+    Hostile() {
+        place = at;
+        times = 0;
+        options.workers = 1;
+    }
+    ~Hostile() override { test_hook = nullptr; }
+};
+
+void append(const std::string &path) {
+    const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    EXPECT_EQ(::write(fd, "more", 4), 4);
+    close(fd);
+}
+
+TEST_F(Hostile, a_file_that_changes_once_is_read_again) {
+    sh("mkdir s; printf first > s/f");
+    test_hook = [](Point point, const char *) {
+        if (point == Point::read_once && times++ == 0)
+            append(place + "/s/f");
+    };
+    EXPECT_EQ(copy("s", "c").status, 0);
+    EXPECT_TRUE(host.remarks.empty());
+    EXPECT_EQ(output("cat c/f"), "firstmore");
+    expect_equal("s", "c");
+}
+
+TEST_F(Hostile, a_file_that_changes_always_is_kept_and_remarked_as_torn) {
+    sh("mkdir s; printf first > s/f");
+    test_hook = [](Point point, const char *name) {
+        if (point == Point::read_once && name != nullptr)
+            append(place + "/s/f");
+    };
+    options.entries = true;
+    EXPECT_EQ(copy("s", "c").status, 0);
+    EXPECT_TRUE(host.has_remark(QFI_REMARK_TORN, "f"));
+    EXPECT_EQ(output("cat c/f"), "firstmoremore");
+    EXPECT_EQ(host.entries.at("f").entry.size, 13u);
+}
+
+TEST_F(Hostile, a_file_that_is_cut_while_it_is_read_is_read_again) {
+    sh("mkdir s; head -c 900000 /dev/urandom > s/f");
+    test_hook = [](Point point, const char *) {
+        if (point == Point::created) {
+            EXPECT_EQ(truncate((place + "/s/f").c_str(), 1000), 0);
+        }
+    };
+    EXPECT_EQ(copy("s", "c").status, 0);
+    EXPECT_TRUE(host.remarks.empty());
+    expect_equal("s", "c");
+}
+
+TEST_F(Hostile, a_file_that_vanishes_after_it_was_listed_is_remarked) {
+    sh("mkdir s; printf x > s/f; printf y > s/g");
+    test_hook = [](Point point, const char *) {
+        if (point == Point::listed)
+            unlink((place + "/s/f").c_str());
+    };
+    EXPECT_EQ(copy("s", "c").status, 0);
+    EXPECT_TRUE(host.has_remark(QFI_REMARK_VANISHED, "f"));
+    EXPECT_EQ(output("ls c"), "g\n");
+}
+
+struct Swap {
+    const char *name, *command;
+};
+class Swapped : public Hostile, public testing::WithParamInterface<Swap> {};
+
+TEST_P(Swapped, entries_are_copied_as_what_they_became) {
+    sh("mkdir s secret; printf x > s/f; printf hidden > secret/f");
+    static std::string command;
+    command = "cd " + at + "/s && rm -rf f && " + GetParam().command;
+    test_hook = [](Point point, const char *name) {
+        if (point == Point::listed && *name == '\0' && times++ == 0) {
+            EXPECT_EQ(std::system(command.c_str()), 0);
+        }
+    };
+    EXPECT_EQ(copy("s", "c").status, 0);
+    EXPECT_TRUE(host.remarks.empty());
+    expect_equal("s", "c");
+}
+INSTANTIATE_TEST_SUITE_P(, Swapped,
+                         testing::Values(Swap{"fifo", "mkfifo f"}, Swap{"link", "ln -s ../secret/f f"},
+                                         Swap{"directory", "mkdir f; printf in > f/g"}, Swap{"device", "mknod f c 1 3"},
+                                         Swap{"file", "printf other > f"}),
+                         [](const auto &row) { return row.param.name; });
+
+TEST_F(Hostile, a_directory_that_becomes_a_link_is_not_followed) {
+    sh("mkdir -p s/d secret; printf hidden > secret/f");
+    test_hook = [](Point point, const char *name) {
+        if (point == Point::listed && *name == '\0' && times++ == 0) {
+            EXPECT_EQ(std::system(("cd " + place + "/s && rmdir d && ln -s ../secret d").c_str()), 0);
+        }
+    };
+    EXPECT_EQ(copy("s", "c").status, 0);
+    EXPECT_EQ(output("readlink c/d"), "../secret\n");
+}
+
+TEST_F(Hostile, racing_swaps_neither_hang_nor_leak_what_is_outside) {
+    sh("mkdir s secret; printf hidden > secret/f; for i in $(seq 200); do printf x > s/f$i; done");
+    options.workers = 2;
+    std::atomic<bool> ends{false};
+    std::thread racer([&] {
+        const std::string base = at + "/s/f";
+        for (unsigned i = 0; !ends; ++i) {
+            const std::string name = base + std::to_string(i % 200 + 1);
+            const std::string made = at + "/made";
+            if (i % 3 == 0) {
+                EXPECT_EQ(mkfifo(made.c_str(), 0600), 0);
+            } else if (i % 3 == 1) {
+                EXPECT_EQ(symlink("../secret/f", made.c_str()), 0);
+            } else
+                close(open(made.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+            EXPECT_EQ(rename(made.c_str(), name.c_str()), 0);
+        }
+    });
+    for (int round = 0; round < 20; ++round) {
+        const std::string name = "c" + std::to_string(round);
+        EXPECT_EQ(copy("s", name).status, 0) << host.failed_operation << host.failed_object;
+        EXPECT_EQ(output("find " + name + " -type f -size +5c"), "");
+        EXPECT_EQ(walk("s").status, 0);
+        EXPECT_EQ(update("s", name).status, 0) << host.failed_operation << host.failed_object << host.failed_error;
+    }
+    ends = true;
+    racer.join();
+    EXPECT_EQ(output("cat secret/f"), "hidden");
+}
+
+TEST_F(Hostile, an_unreadable_file_is_remarked_and_the_rest_is_copied) {
+    if (getuid() != 0)
+        GTEST_SKIP() << "needs root to become another user";
+    sh("mkdir s t; printf x > s/f; printf y > s/g; chmod 0 s/f; mkdir s/d; chmod 0 s/d; chown 65534 t; chmod 755 .");
+    // A process of its own: the rights of a thread alone would not be those of the engine's other threads.
+    const pid_t child = fork();
+    if (child == 0) {
+        options.workers = 2;
+        const bool is_dropped = setgid(65534) == 0 && setuid(65534) == 0;
+        const Result result = copy_tree(Folder(at + "/s").fd, Folder(at + "/t").fd, "c", options, host.record);
+        const bool is_right = is_dropped && result.status == 0 && host.has_remark(QFI_REMARK_UNREADABLE, "f") &&
+                              host.has_remark(QFI_REMARK_UNREADABLE, "d") &&
+                              host.has_remark(QFI_REMARK_ATTRIBUTE, "g"); // its owner
+        const Result removed = remove_tree(Folder(at + "/t").fd, "c", options, host.record);
+        _exit(is_right && removed.status == 0 ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(output("ls t"), "");
+}
+
+} // namespace

@@ -1,0 +1,86 @@
+// An existing tree becomes equal to its source, and what was equal is left alone.
+#include "engine_support.h"
+
+#include <qzfi_fi.h>
+
+using namespace qzfi::engine;
+
+namespace {
+
+class Update : public EngineTest {
+protected:
+    /// Changes a copy of the zoo, and brings it up to date.
+    void repairs(const std::string &damage) {
+        make_zoo("zoo");
+        ASSERT_EQ(copy("zoo", "copy").status, 0);
+        sh("cd copy; " + damage);
+        const Result result = update("zoo", "copy");
+        EXPECT_EQ(result.status, 0) << host.failed_operation << " " << host.failed_object << host.failed_error;
+        EXPECT_GT(result.changed, 0u);
+        expect_equal("zoo", "copy");
+        EXPECT_EQ(update("zoo", "copy").changed, 0u);
+    }
+};
+
+TEST_F(Update, of_an_equal_tree_changes_nothing) {
+    make_zoo("zoo");
+    ASSERT_EQ(copy("zoo", "copy").status, 0);
+    const auto inodes = output("find copy -not -type d -printf '%i %C@ %p\\n' | sort");
+    const Result result = update("zoo", "copy");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.changed, 0u);
+    EXPECT_EQ(output("find copy -not -type d -printf '%i %C@ %p\\n' | sort"), inodes);
+}
+TEST_F(Update, makes_a_tree_that_is_not_there) {
+    make_zoo("zoo");
+    EXPECT_EQ(update("zoo", "copy").status, 0);
+    expect_equal("zoo", "copy");
+}
+TEST_F(Update, replaces_changed_files) {
+    repairs("printf other > plain; printf longer >> medium; : > large");
+}
+TEST_F(Update, adds_what_is_missing) {
+    repairs("rm -r deep wide pipe null dangling plain");
+}
+TEST_F(Update, removes_what_the_source_does_not_have) {
+    repairs("mkdir -p extra/er; printf x > extra/er/f; printf y > wide/y; ln -s / extra/link; chattr +i extra/er/f");
+}
+TEST_F(Update, changes_types) {
+    repairs("rm -r deep plain wide; printf d > deep; mkdir -p plain/x; ln -s /etc wide; rm pipe dangling null; "
+            "mkdir pipe; printf n > dangling; mkfifo null");
+}
+TEST_F(Update, mends_attributes_in_place) {
+    repairs("chmod 777 plain deep; chown 9:9 medium wide; touch large nothing deep; touch -h dangling; "
+            "setfattr -n user.extra -v 1 large; setfattr -x user.text plain; setfacl -b acl; setfacl -m u:5:r wide; "
+            "chmod 600 pipe; chattr +d medium; chattr +i large; chattr +a holes");
+}
+TEST_F(Update, restores_the_structure_of_hard_links) {
+    repairs("rm deep/hard1; cp -p plain deep/hard1; rm wide/f1; ln wide/f22 wide/f1; rm wide/f3; ln plain wide/f3; "
+            "ln .dot extra_link");
+}
+TEST_F(Update, finds_other_content_by_digests) {
+    make_zoo("zoo");
+    options.digest = true;
+    ASSERT_EQ(copy("zoo", "copy").status, 0);
+    sh("cd copy; printf xyz > plain; touch -r ../zoo/plain plain");
+    EXPECT_EQ(update("zoo", "copy").status, 0);
+    expect_equal("zoo", "copy");
+}
+TEST_F(Update, writes_through_no_link_of_the_target) {
+    sh("mkdir -p zoo/dir outside; printf inside > zoo/dir/f; printf inside > zoo/file; printf safe > outside/f; "
+       "mkdir copy; ln -s ../outside copy/dir; ln -s ../outside/f copy/file; touch -d 2001-01-01 outside outside/f");
+    EXPECT_EQ(update("zoo", "copy").status, 0);
+    EXPECT_EQ(output("cat outside/f; stat -c %Y outside outside/f"), "safe978307200\n978307200\n");
+    expect_equal("zoo", "copy");
+}
+TEST_F(Update, refuses_a_link_in_place_of_the_tree) {
+    sh("mkdir zoo outside; printf x > zoo/f; ln -s outside copy");
+    EXPECT_EQ(update("zoo", "copy").status, static_cast<int32_t>(QFI_FI_UNSAFE));
+    EXPECT_EQ(output("ls outside"), "");
+}
+TEST_F(Update, leaves_no_temporary_names) {
+    repairs("for f in wide/*; do printf other > $f; done");
+    EXPECT_EQ(output("find . -name '.qzfi-*'"), "");
+}
+
+} // namespace

@@ -1,0 +1,195 @@
+// A copy has everything that its source has.
+#include "engine_support.h"
+
+#include <cstring>
+#include <fcntl.h>
+#include <optional>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <xxhash.h>
+
+#include <qzfi_fi.h>
+
+#include "support/loop_filesystem.h"
+
+using namespace qzfi::engine;
+
+namespace {
+
+class Zoo : public EngineTest {};
+
+TEST_F(Zoo, is_copied_with_every_attribute) {
+    make_zoo("zoo");
+    const auto before = described("zoo");
+    EXPECT_EQ(copy("zoo", "copy").status, 0);
+    EXPECT_TRUE(host.remarks.empty()) << host.remarks[0].path << " " << host.remarks[0].detail;
+    expect_equal("zoo", "copy");
+    EXPECT_EQ(described("zoo"), before);
+}
+
+TEST_F(Zoo, is_copied_alike_by_one_worker_and_by_many_and_under_any_umask) {
+    make_zoo("zoo");
+    const mode_t old = umask(0177);
+    for (const uint32_t workers : {1u, 64u}) {
+        options.workers = workers;
+        const std::string name = "copy" + std::to_string(workers);
+        EXPECT_EQ(copy("zoo", name).status, 0);
+        umask(0);
+    }
+    umask(old);
+    expect_equal("zoo", "copy1");
+    expect_equal("zoo", "copy64");
+}
+
+TEST_F(Zoo, leaves_the_access_times_of_files_and_folders) {
+    make_zoo("zoo");
+    sh("find zoo -not -type l -print0 > list; xargs -0 touch -a -d '2001-01-01' < list");
+    const auto atimes = output("xargs -0 stat -c '%n %x' < list");
+    EXPECT_EQ(copy("zoo", "copy").status, 0);
+    EXPECT_EQ(output("xargs -0 stat -c '%n %x' < list"), atimes);
+}
+
+TEST_F(Zoo, keeps_holes) {
+    make_zoo("zoo");
+    EXPECT_EQ(copy("zoo", "copy").status, 0);
+    EXPECT_EQ(output("stat -c %b copy/all_hole"), "0\n");
+    EXPECT_LT(std::stol(output("stat -c %b copy/holes")), 200);
+    EXPECT_EQ(output("stat -c %s copy/holes"), "2000000\n");
+}
+
+TEST_F(Zoo, has_sockets_remarked_and_not_copied) {
+    sh("mkdir zoo; python3 -c 'import socket; socket.socket(socket.AF_UNIX).bind(\"zoo/s\")'");
+    EXPECT_EQ(copy("zoo", "copy").status, 0);
+    EXPECT_TRUE(host.has_remark(QFI_REMARK_SKIPPED, "s"));
+    EXPECT_EQ(output("ls copy"), "");
+}
+
+TEST_F(Zoo, is_told_entry_by_entry_with_digests) {
+    make_zoo("zoo");
+    options.entries = options.digest = true;
+    const Result result = copy("zoo", "copy");
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(host.entries.size(), described("zoo").size());
+    EXPECT_EQ(result.entries, host.entries.size());
+    const auto digest = [](const std::string &data) {
+        XXH128_canonical_t canonical;
+        XXH128_canonicalFromHash(&canonical, XXH3_128bits(data.data(), data.size()));
+        return std::string(reinterpret_cast<const char *>(canonical.digest), 16);
+    };
+    EXPECT_EQ(host.entries.at("plain").digest, digest("abc"));
+    EXPECT_EQ(host.entries.at("deep/hard1").digest, digest("abc"));
+    EXPECT_EQ(host.entries.at("all_hole").digest, digest(std::string(3000000, '\0')));
+    EXPECT_EQ(host.entries.at("holes").digest,
+              digest(std::string(500000, '\0') + "middle" + std::string(2000000 - 500006, '\0')));
+    EXPECT_EQ(host.entries.at("deep/link").target, "../plain");
+    EXPECT_EQ(host.entries.at("deep/hard1").entry.inode, host.entries.at("plain").entry.inode);
+    EXPECT_NE(host.entries.at("plain").entry.inode, 0u);
+    EXPECT_EQ(host.entries.at("medium").entry.inode, 0u);
+    EXPECT_EQ(host.entries.at("medium").entry.mtime_ns, -1500000000);
+    EXPECT_EQ(host.entries.at("").entry.type, static_cast<uint32_t>(QFI_ENTRY_DIRECTORY));
+    EXPECT_EQ(host.entries.at("setuid").entry.mode, 06755u);
+
+    auto told = std::move(host.entries);
+    host.entries.clear();
+    EXPECT_EQ(walk("copy").status, 0);
+    ASSERT_EQ(host.entries.size(), told.size());
+    for (const auto &[path, entry] : told) {
+        EXPECT_EQ(host.entries.at(path).digest, entry.digest) << path;
+        EXPECT_EQ(host.entries.at(path).entry.size, entry.entry.size) << path;
+        EXPECT_EQ(host.entries.at(path).entry.mtime_ns, entry.entry.mtime_ns) << path;
+    }
+}
+
+TEST_F(Zoo, is_removed_also_when_nothing_may_be_changed) {
+    make_zoo("zoo");
+    sh("chattr +i zoo/plain zoo/wide zoo/wide/f7; chattr +a zoo/medium zoo/deep; chmod 0 zoo/acl");
+    EXPECT_EQ(remove("zoo").status, 0) << host.failed_operation << host.failed_object << host.failed_error;
+    EXPECT_EQ(output("ls -A"), "");
+    EXPECT_EQ(remove("zoo").status, 0);
+}
+
+class LoopZoo : public EngineTest, public testing::WithParamInterface<const char *> {
+protected:
+    void SetUp() override {
+        if (const auto obstacle = LoopFilesystem::obstacle(GetParam()))
+            GTEST_SKIP() << *obstacle;
+        disk_.emplace(GetParam(), 512);
+        use(disk_->path());
+    }
+    std::optional<LoopFilesystem> disk_;
+};
+
+TEST_P(LoopZoo, is_cloned_and_copied_with_its_inode_flags) {
+    make_zoo("zoo");
+    const bool is_btrfs = std::string(GetParam()) == "btrfs";
+    sh("printf a > zoo/append; printf i > zoo/immutable; ln zoo/immutable zoo/deep/immutable2; mkdir zoo/frozen; "
+       "printf f > zoo/frozen/f; printf n > zoo/nodump; chattr +a zoo/append; chattr +i zoo/immutable zoo/frozen; "
+       "chattr +d zoo/nodump");
+    if (is_btrfs)
+        sh("mkdir zoo/nocow; : > zoo/nocow/before; chattr -f +C zoo/nocow; head -c 9000 /dev/urandom > zoo/nocow/in; "
+           "mkdir zoo/compressed; chattr +c zoo/compressed; head -c 99000 /dev/zero > zoo/compressed/z; "
+           "printf z > zoo/zstd; btrfs property set zoo/zstd compression zstd");
+    for (const Data data : {Data::clone, Data::clone_or_copy, Data::copy}) {
+        if (data == Data::clone && std::string(GetParam()) == "ext4")
+            continue;
+        options.data = data;
+        options.sync = true;
+        host.remarks.clear();
+        EXPECT_EQ(copy("zoo", "copy").status, 0) << host.failed_operation << host.failed_object;
+        EXPECT_TRUE(host.remarks.empty()) << host.remarks[0].path << " " << host.remarks[0].detail;
+        expect_equal("zoo", "copy");
+        const Result again = update("zoo", "copy");
+        EXPECT_EQ(again.status, 0) << host.failed_operation << host.failed_object;
+        EXPECT_EQ(again.changed, 0u);
+        EXPECT_EQ(remove("copy").status, 0) << host.failed_operation << host.failed_object;
+    }
+    EXPECT_EQ(remove("zoo").status, 0);
+}
+INSTANTIATE_TEST_SUITE_P(, LoopZoo, testing::Values("btrfs", "xfs", "ext4"), [](const auto &row) { return row.param; });
+
+class Mounted : public EngineTest {
+protected:
+    void SetUp() override {
+        if (const auto obstacle = LoopFilesystem::obstacle("btrfs"))
+            GTEST_SKIP() << *obstacle;
+    }
+};
+
+TEST_F(Mounted, other_file_systems_and_subvolumes_are_remarked_and_left_out) {
+    const LoopFilesystem disk("btrfs", 256);
+    use(disk.path());
+    sh("mkdir -p s/mounted s/plain; : > s/bound; printf x > s/f; mount -t tmpfs none s/mounted; : > s/mounted/in; "
+       "mount --bind s/f s/bound; btrfs -q subvolume create s/sub; printf y > s/sub/f");
+    EXPECT_EQ(copy("s", "c").status, 0);
+    EXPECT_TRUE(host.has_remark(QFI_REMARK_SKIPPED, "mounted"));
+    EXPECT_TRUE(host.has_remark(QFI_REMARK_SKIPPED, "bound"));
+    EXPECT_TRUE(host.has_remark(QFI_REMARK_SKIPPED, "sub"));
+    EXPECT_EQ(output("ls c"), "f\nplain\n");
+    options.nested_volumes = true;
+    EXPECT_EQ(copy("s", "n").status, 0);
+    EXPECT_EQ(output("ls n n/sub"), "n:\nf\nplain\nsub\n\nn/sub:\nf\n");
+    EXPECT_EQ(remove("s").status, static_cast<int32_t>(QFI_FI_UNSAFE));
+    EXPECT_TRUE(host.failed_error == EXDEV || host.failed_error == EBUSY);
+    sh("test -f s/sub/f; test -f s/mounted/in; umount s/bound s/mounted");
+}
+
+TEST_F(Mounted, an_excluded_directory_is_left_out_and_left_alone) {
+    sh("mkdir -p s/store/x s/a t/gone/store; printf x > s/a/f; printf k > t/gone/store/keep");
+    struct stat stat {};
+    ASSERT_EQ(::stat((at + "/s/store").c_str(), &stat), 0);
+    qfi_excluded excluded[] = {{1, stat.st_ino, -1}, {stat.st_dev, 1, -1}, {stat.st_dev, stat.st_ino, -1}};
+    options.excluded = excluded;
+    options.excluded_count = 2;
+    EXPECT_EQ(copy("s", "all").status, 0);
+    EXPECT_EQ(output("ls all"), "a\nstore\n") << "half of the numbers is no match";
+    options.excluded_count = 3;
+    EXPECT_EQ(copy("s", "c").status, 0);
+    EXPECT_EQ(output("ls c"), "a\n");
+    ASSERT_EQ(::stat((at + "/t/gone/store").c_str(), &stat), 0);
+    excluded[2].inode = stat.st_ino;
+    EXPECT_EQ(update("c", "t").status, 0);
+    EXPECT_EQ(output("cat t/gone/store/keep t/a/f"), "kx");
+    EXPECT_TRUE(host.has_remark(QFI_REMARK_SKIPPED, "gone"));
+}
+
+} // namespace

@@ -1,0 +1,113 @@
+// Freezes and restores in real hosts on a disk that fails: each call below the test's folder, one after the other.
+#include <regex>
+
+#include "earlier_image.h"
+#include "traced_process.h"
+
+namespace images {
+namespace {
+
+class FreezeFaults : public EarlierImage {
+protected:
+    void SetUp() override {
+        if (const auto obstacle = traced::obstacle())
+            GTEST_SKIP() << *obstacle;
+        EarlierImage::SetUp();
+    }
+
+    // Calls on the store and the object; the rest of the host's world works.
+    bool counts(const traced::Call &call) const {
+        const std::string path = traced::meets_disk(call) ? call.path() : "";
+        return path.rfind(store.string() + "/", 0) == 0 || path.rfind(object.string(), 0) == 0;
+    }
+
+    // What the host was told, from the file that it left.
+    static void tell(const fs::path &place, int32_t status) {
+        write_file(place, std::to_string(status) + " " + last_error());
+    }
+    // A failure says which call of what failed, and that it was the disk.
+    static void expect_told(const std::string &operation, const std::string &told, const traced::Outcome &outcome) {
+        const std::string disk = "Input/output error", code = " \\(5\\)\n";
+        const std::regex call("(1039|1040) " + operation + ": [a-z0-9_]+ of /.+ failed: " + disk + code);
+        const std::regex provider("(1039|1040) " + operation + ": provider [a-z]+ failed on /.+: .+: " + disk + code);
+        const std::regex method("1026 " + operation + ": method [a-z]+ cannot freeze /.+: .+: " + disk + "\n");
+        const std::regex catalog("1037 " + operation + ": catalog of store /.+: .+\n");
+        const std::regex store("1028 " + operation + ": store /.+ cannot be used: .+\n");
+        const std::regex image("1032 " + operation + ": image [0-9TZ]+-[0-9a-f]+ is damaged: /.+: [a-z ]+\n");
+        bool is_proper = false;
+        for (const std::regex &form : {call, provider, method, catalog, store, image})
+            is_proper = is_proper || std::regex_match(told, form);
+        EXPECT_TRUE(is_proper) << told << "call " << outcome.call.number << " of " << outcome.path;
+    }
+
+    // Every `stride`-th call of a freeze fails.
+    void fail_each(int first, int stride) const {
+        int failures = 0;
+        for (int step = first;; step += stride) {
+            const traced::Outcome outcome =
+                traced::run({step, EIO, [&](const traced::Call &call) { return counts(call); }, false}, [&] {
+                    const Framework framework(top / "root");
+                    tell(top / "told", make("", "", traced::begin));
+                });
+            ASSERT_EQ(outcome.exit_code, 0) << "call " << outcome.call.number << " of " << outcome.path;
+            const std::string told = content_of(top / "told");
+            if (told != "0 ") {
+                ++failures;
+                expect_told("qzfi_make", told, outcome);
+            }
+            const bool was_made = told == "0 ";
+            const int code = in_child([&] {
+                const Framework framework(top / "root");
+                // What the host could not remove on its failing disk is removed now.
+                EXPECT_EQ(repair(), 0) << last_error();
+                EXPECT_EQ(expect_whole().size(), was_made ? 2u : 1u);
+                remove_others();
+            });
+            ASSERT_EQ(code, 0) << told << "step " << step << ": call " << outcome.call.number << " of " << outcome.path;
+            if (!outcome.was_reached)
+                break;
+        }
+        EXPECT_GE(failures, 5);
+    }
+};
+INSTANTIATE_TEST_SUITE_P(On, FreezeFaults, testing::Values("copy", "xfs"), name_of);
+
+TEST_P(FreezeFaults, are_told_with_call_and_place_and_leave_whole_images_only) {
+    fail_each(1, 6);
+}
+TEST_P(FreezeFaults, are_told_with_call_and_place_and_leave_whole_images_only_at_the_calls_between) {
+    fail_each(4, 6);
+}
+
+TEST_P(FreezeFaults, of_a_restore_are_told_and_leave_the_old_tree_or_the_new_one) {
+    keep(object, top / "new");
+    int failures = 0;
+    for (int step = 1;; step += 5) {
+        write_file(object / "sub" / "file", "changed");
+        write_file(object / "added", "old");
+        fs::remove_all(top / "old");
+        keep(object, top / "old");
+        const traced::Outcome outcome =
+            traced::run({step, EIO, [&](const traced::Call &call) { return counts(call); }, false}, [&] {
+                const Framework framework(top / "root");
+                const Tree tree = Tree::of_image(earlier, store);
+                traced::begin();
+                tell(top / "told", qfi_op_restore(tree.get(), nullptr, nullptr));
+            });
+        ASSERT_EQ(outcome.exit_code, 0);
+        const std::string told = content_of(top / "told");
+        const bool is_done = told == "0 ";
+        if (!is_done) {
+            ++failures;
+            expect_told("qzfi_restore", told, outcome);
+        }
+        EXPECT_EQ(differences(top / (is_done ? "new" : "old"), object), "")
+            << told << "call " << outcome.call.number << " of " << outcome.path;
+        if (!outcome.was_reached)
+            break;
+    }
+    EXPECT_GE(failures, 3);
+}
+
+} // namespace
+} // namespace images

@@ -1,0 +1,149 @@
+// File systems that fill up in the middle of a freeze or a restore, with a certain room left.
+#include <cerrno>
+#include <fcntl.h>
+#include <iterator>
+#include <regex>
+#include <set>
+#include <unistd.h>
+
+#include "earlier_image.h"
+
+namespace images {
+namespace {
+
+class Full : public testing::Test {
+protected:
+    void SetUp() override {
+        if (const auto obstacle = LoopFilesystem::obstacle("ext4"))
+            GTEST_SKIP() << *obstacle;
+        disk_ = std::make_unique<LoopFilesystem>("ext4", 600);
+        disk = disk_->path();
+        std::string pattern = testing::TempDir() + "/qzfi-full-XXXXXX";
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        top = fs::canonical(pattern);
+        framework_.emplace(top / "root");
+    }
+    void TearDown() override {
+        framework_.reset();
+        if (!top.empty())
+            fs::remove_all(top);
+    }
+
+    void make_object(const fs::path &object, bool with_data = true) const {
+        fs::create_directory(object);
+        for (int each = 0; each < 300; ++each)
+            write_file(object / ("file with a rather long name, for the manifest, " + std::to_string(each)),
+                       with_data && each % 10 == 0 ? std::string(8000, 'd') : "");
+    }
+    // Takes all room but so many bytes.
+    void leave(int64_t bytes) const {
+        const int file = open((disk / "filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        ASSERT_GE(file, 0);
+        int64_t size = 0;
+        for (int64_t piece = int64_t{1} << 28; piece >= 4096; piece /= 2)
+            while (fallocate(file, 0, size, piece) == 0)
+                size += piece;
+        EXPECT_EQ(errno, ENOSPC);
+        EXPECT_EQ(ftruncate(file, size - bytes), 0);
+        EXPECT_EQ(syncfs(file), 0);
+        close(file);
+    }
+    // The file system gives the room back with its next commit only.
+    void make_room() const {
+        fs::remove(disk / "filler");
+        run({"sync", "-f", disk.string()});
+    }
+    std::set<std::string> freeze_into_rooms(const fs::path &object, const std::string &post, int step) const;
+
+    std::unique_ptr<LoopFilesystem> disk_;
+    fs::path disk, top;
+    std::optional<Framework> framework_;
+};
+
+// Freezes with more and more room left after the post command's guard was set up, until it is enough; gives the names
+// of what met the end of the room, "data" for the object's own entries.
+std::set<std::string> Full::freeze_into_rooms(const fs::path &object, const std::string &post, int step) const {
+    const fs::path store = disk / "store", log = top / "log";
+    const std::string earlier = freeze({object}, store, "copy").image_id();
+    std::set<std::string> ends;
+    bool is_through = false;
+    for (int room = 0; !is_through && room < 4 << 20; room += step) {
+        const Tree tree({object});
+        EXPECT_EQ(qfi_op_config(tree.get(), "digest", 0, "1"), 0);
+        EXPECT_EQ(qfi_op_config(tree.get(), "post_command", 0, post.c_str()), 0);
+        EXPECT_EQ(qfi_op_select(tree.get(), nullptr, "copy", store.c_str()), 0) << last_error();
+        EXPECT_EQ(qfi_op_prepare(tree.get(), 0, nullptr, nullptr), 0) << last_error();
+        EXPECT_EQ(qfi_op_quiesce(tree.get()), 0) << last_error();
+        leave(room);
+        fs::remove(log);
+        const int32_t status = qfi_op_split(tree.get(), nullptr, nullptr);
+        const std::string text = last_error();
+        EXPECT_EQ(qfi_op_unquiesce(tree.get()), 0) << last_error();
+        EXPECT_EQ(post.empty() ? "post\n" : content_of(log), "post\n");
+        is_through = status == 0;
+        if (!is_through) {
+            EXPECT_EQ(status, QFI_FI_NO_SPACE) << text;
+            // A commit names the operation that began the image.
+            static const std::regex form("qzfi_(split|prepare): no space left on the file system of (/.+)\n");
+            std::smatch parts;
+            EXPECT_TRUE(std::regex_match(text, parts, form)) << text;
+            const std::string where = parts[2];
+            ends.insert(where.rfind(object.string(), 0) == 0 ? "data" : where.substr(where.rfind('/') + 1));
+            EXPECT_EQ(std::distance(fs::directory_iterator(store / "images"), {}), 1) << "nothing half-made";
+            const Tree old = Tree::of_image(earlier, store);
+            EXPECT_EQ(qfi_op_objctl(old.get(), QFI_OBJCTL_VERIFY, nullptr, nullptr), 0) << last_error();
+        }
+        make_room();
+    }
+    EXPECT_TRUE(is_through) << "with enough room it works again";
+    const Tree old = Tree::of_image(earlier, store);
+    EXPECT_EQ(differences(object, old.image_path()), "");
+    return ends;
+}
+
+TEST_F(Full, a_freeze_is_told_leaves_earlier_images_only_and_runs_the_post_command) {
+    make_object(top / "object");
+    const std::set<std::string> ends =
+        freeze_into_rooms(top / "object", "echo post >>" + (top / "log").string(), 96 << 10);
+    EXPECT_EQ(ends.count("data"), 1u);
+}
+
+TEST_F(Full, a_freeze_is_told_where_room_ended_behind_the_data) {
+    make_object(top / "object", false);
+    std::set<std::string> ends = freeze_into_rooms(top / "object", "", 4096);
+    ends.erase("data");
+    EXPECT_GE(ends.size(), 2u) << "id document, catalog and so on";
+    for (const std::string &end : ends)
+        printf("room ended at %s\n", end.c_str());
+}
+
+TEST_F(Full, a_restore_is_told_and_leaves_the_old_tree) {
+    const fs::path object = disk / "object", store = top / "store";
+    make_object(object);
+    const Tree tree = freeze({object}, store, "copy");
+    write_file(object / "added", "since");
+    keep(object, top / "old");
+    bool is_through = false;
+    int failures = 0;
+    for (int room = 0; !is_through && room < 4 << 20; room += 128 << 10) {
+        leave(room);
+        const int32_t status = qfi_op_restore(tree.get(), nullptr, nullptr);
+        const std::string text = last_error();
+        is_through = status == 0;
+        if (!is_through) {
+            ++failures;
+            EXPECT_EQ(status, QFI_FI_NO_SPACE) << text;
+            EXPECT_EQ(text.rfind("qzfi_restore: no space left on the file system of " + disk.string(), 0), 0u) << text;
+            EXPECT_EQ(differences(top / "old", object), "");
+            for (const fs::directory_entry &entry : fs::directory_iterator(disk))
+                EXPECT_NE(entry.path().filename().string().rfind(".qzfi", 0), 0u) << entry.path();
+        }
+        make_room();
+    }
+    EXPECT_TRUE(is_through);
+    EXPECT_GE(failures, 2);
+    EXPECT_EQ(differences(tree.image_path(), object), "");
+}
+
+} // namespace
+} // namespace images

@@ -1,0 +1,216 @@
+// Exporting images and importing them, also from folders that somebody tampered with.
+#include "images_support.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace images {
+namespace {
+
+class Move : public Images {
+protected:
+    void SetUp() override {
+        Images::SetUp();
+        exported = top / "exported";
+    }
+    // An exported image and the id that it has.
+    std::string export_one(const char *method = "copy") {
+        Tree tree = freeze({object}, store, method);
+        const std::string id = tree.image_id();
+        EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), 0) << last_error();
+        return id;
+    }
+    int32_t import(qfi_domain **tree = nullptr) {
+        return qfi_op_import_tree(exported.c_str(), store.c_str(), nullptr, tree);
+    }
+    void set_options(uint32_t verify, uint32_t keep_source) {
+        qfi_import_options options;
+        QFI_INIT(options);
+        options.verify = verify;
+        options.keep_source = keep_source;
+        EXPECT_EQ(qfi_op_set_import_options(&options, nullptr, 0, nullptr), 0);
+    }
+    void edit_document(const std::string &from, const std::string &to) {
+        std::string document = content_of(exported / "fiid.xml");
+        const std::size_t at = document.find(from);
+        ASSERT_NE(at, std::string::npos) << document;
+        write_file(exported / "fiid.xml", document.replace(at, from.size(), to));
+    }
+    void expect_nothing_imported() {
+        qfi_image_list *list = nullptr;
+        EXPECT_EQ(qfi_op_snapreplica_list(nullptr, store.c_str(), &list), 0);
+        EXPECT_EQ(list, nullptr);
+        qfi_op_free_snapreplica_list(list);
+    }
+    fs::path exported;
+};
+INSTANTIATE_TEST_SUITE_P(On, Move, testing::Values("copy", "ext4", "xfs", "btrfs"), name_of);
+
+TEST_P(Move, an_image_out_of_its_store_and_in_again) {
+    const std::string id = export_one(nullptr);
+    expect_nothing_imported();
+    EXPECT_TRUE(fs::exists(exported / id / "objects" / "0"));
+    int32_t imported = 2;
+    EXPECT_EQ(qfi_op_is_snap_imported(id.c_str(), &imported), 0);
+    EXPECT_EQ(imported, 0);
+    set_options(1, 0);
+    Tree tree;
+    ASSERT_EQ(import(&tree), 0) << last_error();
+    EXPECT_FALSE(fs::exists(exported));
+    EXPECT_EQ(tree.image_id(), id);
+    EXPECT_EQ(differences(object, tree.image_path()), "");
+    EXPECT_EQ(qfi_op_is_snap_imported(id.c_str(), &imported), 0);
+    EXPECT_EQ(imported, 1);
+    EXPECT_EQ(qfi_op_objctl(tree.get(), QFI_OBJCTL_VERIFY, nullptr, nullptr), 0) << last_error();
+    write_file(object / "plain", "changed");
+    ASSERT_EQ(qfi_op_restore(tree.get(), nullptr, nullptr), 0) << last_error();
+    EXPECT_EQ(content_of(object / "plain"), "plain content");
+}
+
+TEST_P(Move, an_image_to_another_file_system_and_back) {
+    if (const auto obstacle = LoopFilesystem::obstacle("ext4"))
+        GTEST_SKIP() << *obstacle;
+    const LoopFilesystem other("ext4", 64);
+    exported = fs::path(other.path()) / "exported";
+    const std::string id = export_one(nullptr);
+    expect_nothing_imported();
+    EXPECT_EQ(differences(object, exported / id / "objects" / "0"), "");
+    set_options(1, 1);
+    Tree tree;
+    ASSERT_EQ(import(&tree), 0) << last_error();
+    EXPECT_TRUE(fs::exists(exported / "fiid.xml"));
+    EXPECT_EQ(differences(object, tree.image_path()), "");
+    EXPECT_EQ(import(), QFI_FI_EXISTS);
+    EXPECT_EQ(last_error(), "qzfi_import_tree: " + (store / "images" / id).string() + " exists already\n");
+}
+
+TEST_P(Move, exports_the_document_that_it_gives) {
+    Tree tree = freeze({object}, store);
+    qfi_fiid *fiid = nullptr;
+    ASSERT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), &fiid), 0) << last_error();
+    EXPECT_EQ(content_of(exported / "fiid.xml"), std::string(fiid->document, fiid->length));
+    EXPECT_EQ(qfi_op_deport_tree(tree.get(), (top / "again").c_str(), nullptr), QFI_FI_WRONG_STATE);
+    int32_t results[1] = {0};
+    ASSERT_EQ(qfi_op_process_fiids(1, 0, &fiid, results, store.c_str()), 0);
+    EXPECT_EQ(results[0], QFI_FI_NO_SUCH_IMAGE);
+    ASSERT_EQ(qfi_op_import_tree(exported.c_str(), store.c_str(), fiid, nullptr), 0) << last_error();
+    ASSERT_EQ(qfi_op_process_fiids(1, 0, &fiid, results, store.c_str()), 0);
+    EXPECT_EQ(results[0], 0);
+    qfi_op_free_fiid(fiid);
+}
+
+TEST_P(Move, imports_only_what_is_expected) {
+    Tree other = freeze({object}, store, "copy");
+    qfi_fiid *fiid = nullptr;
+    ASSERT_EQ(qfi_op_get_fiid(other.get(), &fiid), 0);
+    export_one();
+    EXPECT_EQ(qfi_op_import_tree(exported.c_str(), store.c_str(), fiid, nullptr), QFI_FI_BAD_FIID);
+    EXPECT_EQ(last_error(), "qzfi_import_tree: not a valid id document: the images in " + exported.string() +
+                                " are not those that were expected\n");
+    qfi_op_free_fiid(fiid);
+}
+
+TEST_P(Move, exports_into_no_folder_that_is_there_and_not_into_a_store) {
+    Tree tree = freeze({object}, store);
+    fs::create_directory(exported);
+    write_file(exported / "mine", "keep me");
+    EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), QFI_FI_EXISTS);
+    EXPECT_EQ(qfi_op_deport_tree(tree.get(), (store / "images" / "new").c_str(), nullptr), QFI_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(tree.image_id().size(), 25u); // still there
+}
+
+TEST_P(Move, refuses_a_folder_without_a_document) {
+    export_one();
+    fs::remove(exported / "fiid.xml");
+    EXPECT_EQ(import(), QFI_FI_BAD_FIID);
+    EXPECT_EQ(last_error(), "qzfi_import_tree: not a valid id document: " + exported.string() + " holds no fiid.xml\n");
+    write_file(exported / "fiid.xml",
+               "<?xml version=\"1.0\"?><!DOCTYPE a [<!ENTITY b SYSTEM \"/etc/passwd\">]><a>&b;</a>");
+    EXPECT_EQ(import(), QFI_FI_BAD_FIID);
+    fs::remove(exported / "fiid.xml");
+    fs::create_symlink("/etc/passwd", exported / "fiid.xml");
+    EXPECT_EQ(import(), QFI_FI_UNSAFE);
+    expect_nothing_imported();
+}
+
+TEST_P(Move, refuses_ids_that_lead_elsewhere) {
+    const std::string id = export_one();
+    edit_document(id, "../../../etc");
+    EXPECT_EQ(import(), QFI_FI_BAD_FIID);
+    expect_nothing_imported();
+}
+
+TEST_P(Move, refuses_links_in_the_folder) {
+    const std::string id = export_one();
+    const fs::path objects = exported / id / "objects";
+    fs::rename(objects / "0", top / "aside");
+    fs::create_directory_symlink(top / "aside", objects / "0");
+    EXPECT_EQ(import(), QFI_FI_UNSAFE);
+    EXPECT_EQ(last_error(),
+              "qzfi_import_tree: " + (objects / "0").string() + " leaves its place: it is a symbolic link\n");
+    fs::remove(objects / "0");
+    fs::rename(top / "aside", objects / "0");
+    fs::rename(exported / id, top / "aside");
+    fs::create_directory_symlink(top / "aside", exported / id);
+    EXPECT_EQ(import(), QFI_FI_UNSAFE);
+    fs::remove(exported / id);
+    fs::rename(top / "aside", exported / id);
+    fs::remove(exported / id / "manifest.0");
+    fs::create_symlink("/etc/shadow", exported / id / "manifest.0");
+    EXPECT_EQ(import(), QFI_FI_UNSAFE);
+    expect_nothing_imported();
+}
+
+TEST_P(Move, refuses_a_folder_that_holds_more_or_less_than_its_document_says) {
+    const std::string id = export_one();
+    const fs::path objects = exported / id / "objects";
+    const std::string start = "qzfi_import_tree: image " + id + " is damaged: ";
+    fs::create_directory(objects / "1");
+    EXPECT_EQ(import(), QFI_FI_DAMAGED);
+    EXPECT_EQ(last_error(), start + objects.string() + ": it holds 2 objects, and the id document names 1\n");
+    fs::remove(objects / "1");
+    write_file(exported / id / "extra", "");
+    EXPECT_EQ(import(), QFI_FI_DAMAGED);
+    EXPECT_EQ(last_error(), start + (exported / id / "extra").string() + ": it does not belong there\n");
+    fs::remove(exported / id / "extra");
+    write_file(exported / "extra", "");
+    EXPECT_EQ(import(), QFI_FI_DAMAGED);
+    fs::remove(exported / "extra");
+    fs::rename(objects / "0", objects / "00");
+    EXPECT_EQ(import(), QFI_FI_DAMAGED);
+    fs::rename(objects / "00", objects / "0");
+    expect_nothing_imported();
+    EXPECT_EQ(import(), 0) << last_error();
+}
+
+TEST_P(Move, verifies_what_it_imports_when_told_to) {
+    const std::string id = export_one();
+    const auto time = fs::last_write_time(exported / id / "objects" / "0" / "plain");
+    write_file(exported / id / "objects" / "0" / "plain", "PLAIN CONTENT");
+    fs::last_write_time(exported / id / "objects" / "0" / "plain", time);
+    set_options(1, 0);
+    EXPECT_EQ(import(), QFI_FI_DAMAGED);
+    EXPECT_EQ(last_error(), "qzfi_import_tree: image " + id +
+                                " is damaged: " + (exported / id / "objects" / "0" / "plain").string() +
+                                ": it is not as its manifest says\n");
+    expect_nothing_imported();
+    set_options(0, 0);
+    EXPECT_EQ(import(), 0) << last_error();
+}
+
+TEST_P(Move, of_an_image_that_is_read_is_busy) {
+    Tree tree = freeze({object}, store, "copy");
+    const int lock = open((store / "images" / tree.image_id() / "lock").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(lock, 0);
+    ASSERT_EQ(flock(lock, LOCK_SH), 0);
+    EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), QFI_FI_BUSY);
+    EXPECT_EQ(last_error(), "qzfi_deport_tree: " + tree.image_id() + " is in use by another process\n");
+    EXPECT_FALSE(fs::exists(exported));
+    close(lock);
+    EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), 0) << last_error();
+}
+
+} // namespace
+} // namespace images

@@ -1,0 +1,327 @@
+// Restoring and resynchronising.
+#include "images_support.h"
+
+#include <qzfi_provider.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace images {
+namespace {
+
+using Restore = Images;
+INSTANTIATE_TEST_SUITE_P(On, Restore, testing::Values("copy", "ext4", "xfs", "btrfs"), name_of);
+
+int32_t restore(const Tree &tree, const char *to = nullptr, const char *only = nullptr) {
+    qfi_restore_options options;
+    QFI_INIT(options);
+    options.to = to;
+    options.only = only;
+    return qfi_op_restore(tree.get(), &options, nullptr);
+}
+
+void spoil(const fs::path &object) {
+    write_file(object / "plain", "changed since");
+    write_file(object / "sub" / "added", "new");
+    fs::remove(object / "absolute");
+    fs::remove_all(object / "sub" / "deeper");
+    fs::remove(object / "fifo");
+    fs::create_directory(object / "fifo");
+}
+
+// Nothing of a restore is left beside the object.
+void expect_clean(const fs::path &directory) {
+    for (const fs::directory_entry &entry : fs::directory_iterator(directory))
+        EXPECT_EQ(entry.path().filename().string().rfind(".qzfi", 0), std::string::npos) << entry.path();
+}
+
+TEST_P(Restore, brings_everything_back_exactly) {
+    keep(object, top / "kept");
+    const Tree tree = freeze({object}, store);
+    spoil(object);
+    ASSERT_EQ(restore(tree), 0) << last_error();
+    EXPECT_EQ(differences(top / "kept", object), "");
+    EXPECT_EQ(differences(object, top / "kept"), "");
+    expect_clean(top);
+}
+
+TEST_P(Restore, makes_an_object_that_is_gone) {
+    keep(object, top / "kept");
+    const Tree tree = freeze({object}, store);
+    fs::remove_all(object);
+    ASSERT_EQ(restore(tree), 0) << last_error();
+    EXPECT_EQ(differences(top / "kept", object), "");
+}
+
+TEST_P(Restore, counts_what_it_made) {
+    const Tree tree = freeze({object}, store);
+    qfi_report *report = nullptr;
+    ASSERT_EQ(qfi_op_restore(tree.get(), nullptr, &report), 0) << last_error();
+    const Report told(report);
+    EXPECT_GE(told.entries, 12u);
+    EXPECT_EQ(told.changed, told.entries);
+    EXPECT_EQ(told.count, 0u);
+}
+
+TEST_P(Restore, goes_into_a_new_directory_or_an_empty_one) {
+    const Tree tree = freeze({object}, store);
+    ASSERT_EQ(restore(tree, (top / "new").c_str()), 0) << last_error();
+    EXPECT_EQ(differences(object, top / "new"), "");
+    fs::create_directory(top / "empty");
+    ASSERT_EQ(restore(tree, (top / "empty").c_str()), 0) << last_error();
+    EXPECT_EQ(differences(object, top / "empty"), "");
+    expect_clean(top);
+}
+
+TEST_P(Restore, refuses_a_directory_with_something_in_it) {
+    const Tree tree = freeze({object}, store);
+    fs::create_directory(top / "full");
+    write_file(top / "full" / "mine", "keep me");
+    EXPECT_EQ(restore(tree, (top / "full").c_str()), QFI_FI_EXISTS);
+    EXPECT_EQ(last_error(), "qzfi_restore: " + (top / "full").string() + " exists already\n");
+    EXPECT_EQ(content_of(top / "full" / "mine"), "keep me");
+}
+
+TEST_P(Restore, gives_each_of_several_objects_a_directory) {
+    make_zoo(top / "second");
+    const Tree tree = freeze({object, top / "second"}, store);
+    ASSERT_EQ(restore(tree, (top / "new").c_str()), 0) << last_error();
+    EXPECT_EQ(differences(object, top / "new" / "object"), "");
+    EXPECT_EQ(differences(top / "second", top / "new" / "second"), "");
+}
+
+TEST_P(Restore, replaces_one_file_only) {
+    const Tree tree = freeze({object}, store);
+    spoil(object);
+    ASSERT_EQ(restore(tree, nullptr, "plain"), 0) << last_error();
+    EXPECT_EQ(content_of(object / "plain"), "plain content");
+    struct stat status {};
+    ASSERT_EQ(stat((object / "plain").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 04751u);
+    EXPECT_EQ(content_of(object / "sub" / "added"), "new");
+    expect_clean(object);
+}
+
+TEST_P(Restore, replaces_one_link_or_directory_only) {
+    const Tree tree = freeze({object}, store);
+    spoil(object);
+    ASSERT_EQ(restore(tree, nullptr, "absolute"), 0) << last_error();
+    EXPECT_EQ(fs::read_symlink(object / "absolute"), "/etc");
+    ASSERT_EQ(restore(tree, nullptr, "sub/deeper"), 0) << last_error();
+    EXPECT_EQ(content_of(object / "sub" / "deeper" / "other name"), "linked");
+    EXPECT_EQ(content_of(object / "sub" / "added"), "new");
+    EXPECT_EQ(content_of(object / "plain"), "changed since");
+}
+
+TEST_P(Restore, copies_one_file_to_a_new_directory) {
+    const Tree tree = freeze({object}, store);
+    ASSERT_EQ(restore(tree, (top / "new").c_str(), "sub/two names"), 0) << last_error();
+    EXPECT_EQ(content_of(top / "new" / "two names"), "linked");
+}
+
+TEST_P(Restore, refuses_what_the_image_does_not_hold) {
+    const Tree tree = freeze({object}, store);
+    EXPECT_EQ(restore(tree, nullptr, "no such"), QFI_FI_NO_SUCH_OBJECT);
+    EXPECT_EQ(last_error(), "qzfi_restore: " + tree.image_path() + "/no such: No such file or directory (2)\n");
+    for (const char *const path : {"", "..", "sub/../plain", "/plain", "sub//deeper", "./plain"})
+        EXPECT_EQ(restore(tree, nullptr, path), QFI_STATUS_INVALID_ARGUMENT) << path;
+}
+
+TEST_P(Restore, goes_once_where_its_paths_say) {
+    const Tree tree = freeze({object}, store);
+    const std::string other = top / "other";
+    const char *const paths[] = {other.c_str()};
+    ASSERT_EQ(qfi_op_set_restorepaths(tree.get(), paths, 1), 0);
+    write_file(object / "plain", "mine");
+    ASSERT_EQ(restore(tree), 0) << last_error();
+    EXPECT_EQ(content_of(other + "/plain"), "plain content");
+    EXPECT_EQ(content_of(object / "plain"), "mine");
+    ASSERT_EQ(restore(tree), 0) << last_error();
+    EXPECT_EQ(content_of(object / "plain"), "plain content");
+    EXPECT_EQ(qfi_op_set_restorepaths(tree.get(), paths, 2), QFI_STATUS_INVALID_ARGUMENT);
+}
+
+TEST_P(Restore, writes_through_no_link_above_the_object) {
+    fs::create_directories(top / "above");
+    make_zoo(top / "above" / "object");
+    const Tree tree = freeze({top / "above" / "object"}, store);
+    fs::rename(top / "above", top / "moved");
+    fs::create_directories(top / "victim" / "object");
+    write_file(top / "victim" / "object" / "mine", "keep me");
+    fs::create_directory_symlink(top / "victim", top / "above");
+    EXPECT_EQ(restore(tree), QFI_FI_UNSAFE);
+    EXPECT_EQ(last_error(), "qzfi_restore: " + (top / "above").string() +
+                                " leaves its place: " + (top / "above").string() + " is a symbolic link\n");
+    EXPECT_EQ(qfi_op_resync(tree.get(), nullptr, nullptr), QFI_FI_UNSAFE);
+    EXPECT_EQ(content_of(top / "victim" / "object" / "mine"), "keep me");
+    EXPECT_EQ(restore(tree, (top / "above" / "new").c_str()), QFI_FI_UNSAFE);
+    EXPECT_FALSE(fs::exists(top / "victim" / "new"));
+}
+
+TEST_P(Restore, replaces_no_link_in_the_objects_place) {
+    const Tree tree = freeze({object}, store);
+    fs::rename(object, top / "moved");
+    fs::create_directory(top / "victim");
+    write_file(top / "victim" / "mine", "keep me");
+    fs::create_directory_symlink(top / "victim", object);
+    EXPECT_EQ(restore(tree), QFI_FI_UNSAFE);
+    EXPECT_EQ(qfi_op_resync(tree.get(), nullptr, nullptr), QFI_FI_UNSAFE);
+    EXPECT_TRUE(fs::is_symlink(object));
+    EXPECT_EQ(content_of(top / "victim" / "mine"), "keep me");
+}
+
+TEST_P(Restore, replaces_a_link_below_the_object_without_following_it) {
+    const Tree tree = freeze({object}, store);
+    fs::create_directory(top / "victim");
+    write_file(top / "victim" / "two names", "keep me");
+    fs::remove_all(object / "sub");
+    fs::create_directory_symlink(top / "victim", object / "sub");
+    EXPECT_EQ(restore(tree, nullptr, "sub/two names"), QFI_FI_UNSAFE);
+    ASSERT_EQ(restore(tree), 0) << last_error();
+    EXPECT_FALSE(fs::is_symlink(object / "sub"));
+    EXPECT_EQ(content_of(top / "victim" / "two names"), "keep me");
+}
+
+TEST_P(Restore, of_an_object_with_the_store_in_it_is_refused) {
+    const Tree tree = freeze({object}, object / "store");
+    EXPECT_EQ(restore(tree), QFI_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(last_error(), "qzfi_restore: " + object.string() + " cannot be replaced: store " +
+                                (object / "store").string() +
+                                " lies in it; restore to another place, or resynchronise it\n");
+    write_file(object / "plain", "changed");
+    ASSERT_EQ(qfi_op_resync(tree.get(), nullptr, nullptr), 0) << last_error();
+    EXPECT_EQ(content_of(object / "plain"), "plain content");
+    EXPECT_TRUE(fs::exists(object / "store" / "catalog.db"));
+}
+
+TEST_P(Restore, goes_into_no_store_whatever_path_leads_there) {
+    const fs::path view = top / "view";
+    fs::create_directory(view);
+    const Tree tree = freeze({object}, store, "copy");
+    qfi_restore_options options;
+    QFI_INIT(options);
+    const std::string missing = (top / "root" / "arcvault" / "images").string();
+    const std::string inside = (store / "images" / "new").string();
+    for (const std::string &to : {inside, missing}) {
+        if (to == missing)
+            fs::remove_all(to);
+        options.to = to.c_str();
+        EXPECT_EQ(qfi_op_restore(tree.get(), &options, nullptr), QFI_STATUS_INVALID_ARGUMENT) << to;
+        EXPECT_EQ(last_error(), "qzfi_restore: invalid argument: nothing is restored into a store\n");
+    }
+    if (std::string(GetParam()) == "copy")
+        GTEST_SKIP() << "needs a private mount namespace";
+    ASSERT_EQ(mount(store.c_str(), view.c_str(), nullptr, MS_BIND, nullptr), 0);
+    const std::string aliased = (view / "images" / "new").string();
+    options.to = aliased.c_str();
+    EXPECT_EQ(qfi_op_restore(tree.get(), &options, nullptr), QFI_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(last_error(), "qzfi_restore: invalid argument: nothing is restored into a store\n");
+    umount2(view.c_str(), MNT_DETACH);
+}
+
+TEST_P(Restore, refuses_a_mount_point_which_a_resync_brings_up_to_date) {
+    if (std::string(GetParam()) == "copy")
+        GTEST_SKIP() << "needs a file system of its own";
+    const Tree tree = freeze({top}, top / ".qzfi");
+    EXPECT_EQ(restore(tree), QFI_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(last_error(), "qzfi_restore: " + top.string() +
+                                " cannot be replaced: it is a mount point; restore to another place, or "
+                                "resynchronise it\n");
+    write_file(object / "plain", "changed");
+    fs::remove(object / "absolute");
+    qfi_report *report = nullptr;
+    ASSERT_EQ(qfi_op_resync(tree.get(), nullptr, &report), 0) << last_error();
+    EXPECT_GE(Report(report).changed, 2u);
+    EXPECT_EQ(content_of(object / "plain"), "plain content");
+    EXPECT_TRUE(fs::exists(top / ".qzfi" / "catalog.db"));
+}
+
+TEST_P(Restore, refuses_an_object_with_a_mount_below_it) {
+    if (std::string(GetParam()) == "copy")
+        GTEST_SKIP() << "needs a private mount namespace";
+    const Tree tree = freeze({object}, store);
+    ASSERT_EQ(mount("none", (object / "empty").c_str(), "tmpfs", 0, nullptr), 0);
+    write_file(object / "empty" / "mine", "keep me");
+    EXPECT_EQ(restore(tree), QFI_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(content_of(object / "empty" / "mine"), "keep me");
+    ASSERT_EQ(umount((object / "empty").c_str()), 0);
+}
+
+TEST_P(Restore, refuses_subvolumes_in_its_way) {
+    if (std::string(GetParam()) != "btrfs")
+        GTEST_SKIP() << "only Btrfs has subvolumes";
+    const Tree tree = freeze({object}, store);
+    run({"btrfs", "subvolume", "create", object / "nested"});
+    write_file(object / "nested" / "mine", "keep me");
+    EXPECT_EQ(restore(tree), QFI_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(last_error(), "qzfi_restore: " + object.string() + " cannot be replaced: a subvolume is below it, at " +
+                                (object / "nested").string() + "; restore to another place, or resynchronise it\n");
+    EXPECT_EQ(content_of(object / "nested" / "mine"), "keep me");
+    run({"btrfs", "subvolume", "create", top / "volume"});
+    make_zoo(top / "volume");
+    const Tree volume = freeze({top / "volume"}, store);
+    EXPECT_EQ(restore(volume), QFI_STATUS_NOT_SUPPORTED);
+    ASSERT_EQ(restore(volume, (top / "copy of volume").c_str()), 0) << last_error();
+    EXPECT_EQ(differences(top / "volume", top / "copy of volume"), "");
+}
+
+TEST_P(Restore, resync_changes_only_what_differs) {
+    keep(object, top / "kept");
+    const Tree tree = freeze({object}, store);
+    struct stat before {
+    }, after{};
+    ASSERT_EQ(stat((object / "sparse").c_str(), &before), 0);
+    spoil(object);
+    qfi_report *report = nullptr;
+    ASSERT_EQ(qfi_op_resync(tree.get(), nullptr, &report), 0) << last_error();
+    const Report told(report);
+    EXPECT_GE(told.changed, 5u);
+    EXPECT_LT(told.changed, 12u);
+    EXPECT_EQ(differences(top / "kept", object), "");
+    ASSERT_EQ(stat((object / "sparse").c_str(), &after), 0);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+}
+
+TEST_P(Restore, dry_runs_tell_what_would_be_done_and_do_nothing) {
+    const Tree tree = freeze({object}, store);
+    spoil(object);
+    keep(object, top / "spoilt");
+    const std::string path = object;
+    const std::vector<Line> expected{
+        {QFI_REMARK_WARNING, path, "absolute", "would be made"},
+        {QFI_REMARK_WARNING, path, "fifo", "would be replaced"},
+        {QFI_REMARK_WARNING, path, "plain", "would be replaced"},
+        {QFI_REMARK_WARNING, path, "sub/added", "would be removed"},
+        {QFI_REMARK_WARNING, path, "sub/deeper", "would be made"},
+        {QFI_REMARK_WARNING, path, "sub/deeper/other name", "would be made"},
+    };
+    qfi_restore_options options;
+    QFI_INIT(options);
+    options.dry_run = 1;
+    for (const auto operation : {qfi_op_restore, qfi_op_resync}) {
+        qfi_report *report = nullptr;
+        ASSERT_EQ(operation(tree.get(), &options, &report), 0) << last_error();
+        const Report told(report);
+        EXPECT_EQ(told.lines, expected);
+        EXPECT_EQ(told.changed, expected.size());
+        EXPECT_EQ(differences(top / "spoilt", object), "");
+    }
+}
+
+TEST_P(Restore, of_an_image_that_was_removed_meanwhile_says_so) {
+    const Tree tree = freeze({object}, store);
+    const std::string id = tree.image_id();
+    ASSERT_EQ(in_child([&] {
+                  Tree again = Tree::of_image(id, store);
+                  EXPECT_EQ(qfi_op_detach(again.get(), nullptr, QFI_DETACH_REMOVE, nullptr), 0);
+                  *&again = nullptr;
+              }),
+              0);
+    write_file(object / "plain", "mine");
+    EXPECT_EQ(restore(tree), QFI_FI_NO_SUCH_IMAGE);
+    EXPECT_EQ(last_error(), "qzfi_restore: no known store has image " + id + "\n");
+    EXPECT_EQ(content_of(object / "plain"), "mine");
+}
+
+} // namespace
+} // namespace images

@@ -1,0 +1,236 @@
+// Where stores lie: what their paths may say, whose they are, and what is read where nothing can be written.
+#include <algorithm>
+#include <csignal>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <set>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "fi/fi_fiid.h"
+#include "store_support.h"
+
+using namespace qzfi::fi;
+using namespace store_support;
+
+namespace {
+
+constexpr const char *op = "qzfi_test";
+constexpr uid_t nobody = 65534;
+
+class PlacesTest : public testing::Test {
+protected:
+    // Empty when a tmpfs is mounted, for this process alone.
+    std::string mount_tmpfs(const std::string &at) {
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+            return "no mount namespace: " + error_text(errno);
+        std::filesystem::create_directories(at);
+        if (mount("tmpfs", at.c_str(), "tmpfs", 0, "size=8m,mode=0700") != 0)
+            return "no right to mount: " + error_text(errno);
+        mounted = at;
+        return "";
+    }
+    void remount(unsigned long flags) {
+        ASSERT_EQ(mount(nullptr, mounted.c_str(), nullptr, MS_REMOUNT | flags, nullptr), 0) << error_text(errno);
+    }
+    ~PlacesTest() override {
+        if (!mounted.empty())
+            umount2(mounted.c_str(), MNT_DETACH);
+    }
+    Folder folder;
+    std::string path = folder.path() + "/store";
+    std::string mounted;
+};
+
+// Runs a body in a child; its exit status, or minus the signal that ended it.
+template <class Body>
+int in_child(Body &&body) {
+    const pid_t child = fork();
+    if (child == 0) {
+        try {
+            body();
+        } catch (...) {
+            _exit(99);
+        }
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+mode_t mode_of(const std::string &path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+} // namespace
+
+TEST_F(PlacesTest, looking_for_a_store_where_none_is_leaves_nothing_there) {
+    std::filesystem::create_directories(path);
+    std::ofstream(path + "/letter") << "x";
+    EXPECT_EQ(status_of_call([&] { Store::open(path, false, op); }), QFI_FI_STORE);
+    EXPECT_EQ(last_error(),
+              "1028 MSG_QFI_E2011: %s: store %s cannot be used: %s\n|qzfi_test|" + path + "|it has no catalog");
+    EXPECT_EQ(names_in(path), std::vector<std::string>{"letter"});
+}
+
+TEST_F(PlacesTest, a_path_is_kept_in_the_form_that_id_documents_hold) {
+    const std::shared_ptr<Store> store = Store::open(folder.path() + "//./above//store/./", true, op);
+    EXPECT_EQ(store->path(), folder.path() + "/above/store");
+    const Fiid fiid{"20260101T000000Z-00000000", {{record_of(new_image_id()), store->path()}}};
+    EXPECT_EQ(read_fiid(write_fiid(fiid), op).images.at(0).store, store->path());
+    const std::string above = folder.path() + "/above/../store";
+    EXPECT_EQ(status_of_call([&] { Store::open(above, true, op); }), QFI_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(last_error(),
+              "3 MSG_QFI_E2003: %s: invalid argument: %s\n|qzfi_test|a store's path must be without \"..\"");
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST_F(PlacesTest, what_is_in_a_store_is_its_owners_alone_whatever_the_folder_is) {
+    std::filesystem::create_directories(path);
+    ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+    const mode_t mask = umask(0);
+    const std::shared_ptr<Store> store = Store::open(path, true, op);
+    const std::string id = make_image(*store);
+    umask(mask);
+    for (const char *const name : {"catalog.db", "catalog.db-wal", "catalog.db-shm", "lock", "reserve"})
+        EXPECT_EQ(mode_of(path + "/" + name), 0600u) << name;
+    EXPECT_EQ(mode_of(path + "/images"), 0700u);
+    EXPECT_EQ(mode_of(path + "/images/" + id), 0700u);
+    EXPECT_EQ(mode_of(path + "/images/" + id + "/fiid.xml"), 0600u);
+}
+
+TEST_F(PlacesTest, a_reserve_that_was_begun_only_is_filled_and_one_with_another_name_is_not) {
+    const std::string reserve = path + "/reserve";
+    const auto blocks = [](const std::string &file) {
+        struct stat status {};
+        return stat(file.c_str(), &status) == 0 ? status.st_blocks : -1;
+    };
+    Store::open(path, true, op);
+    ASSERT_EQ(truncate(reserve.c_str(), 0), 0);
+    ASSERT_EQ(blocks(reserve), 0);
+    Store::open(path, false, op);
+    EXPECT_GE(blocks(reserve) * 512, 64 * 1024);
+    const std::string other = folder.path() + "/other";
+    std::ofstream(other) << "mine";
+    std::filesystem::remove(reserve);
+    std::filesystem::create_hard_link(other, reserve);
+    Store::open(path, false, op);
+    EXPECT_EQ(std::filesystem::file_size(other), 4u);
+}
+
+TEST_F(PlacesTest, a_store_that_is_known_by_two_paths_is_listed_once) {
+    ASSERT_EQ(qzfi_set_install_root((folder.path() + "//root/").c_str()), 0);
+    EXPECT_EQ(default_store_path(), folder.path() + "/root/arcvault/images");
+    Store::open(path, true, op);
+    std::filesystem::create_directory_symlink(folder.path(), folder.path() + "/link");
+    remember_store(path);
+    remember_store(folder.path() + "/link//store");
+    remember_store(folder.path() + "/gone");
+    EXPECT_EQ(known_stores(), (std::vector<std::string>{default_store_path(), path, folder.path() + "/gone"}));
+    forget_store(folder.path() + "/link/store/", op);
+    forget_store(path + "/.", op);
+    EXPECT_EQ(known_stores(), (std::vector<std::string>{default_store_path(), folder.path() + "/gone"}));
+}
+
+TEST_F(PlacesTest, who_cannot_write_to_the_register_knows_stores_for_the_life_of_the_process) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs the right to become another user";
+    const std::string root = folder.path() + "/root";
+    ASSERT_EQ(qzfi_set_install_root(root.c_str()), 0);
+    ASSERT_EQ(chmod(folder.path().c_str(), 0755), 0);
+    ASSERT_EQ(in_child([&] { remember_store(path); }), 0);
+    for (const bool can_look : {false, true}) {
+        for (const char *const below : {"/arcvault/images", "/arcvault/images/images"})
+            ASSERT_EQ(chmod((root + below).c_str(), can_look ? 0755 : 0700), 0);
+        EXPECT_EQ(in_child([&] {
+                      ASSERT_EQ(setresuid(nobody, nobody, nobody), 0);
+                      remember_store("/own");
+                      const std::vector<std::string> stores = known_stores();
+                      EXPECT_EQ(stores, (std::vector<std::string>{default_store_path(), "/own"}));
+                      forget_store("/own", op);
+                      EXPECT_EQ(known_stores(), std::vector<std::string>{default_store_path()});
+                  }),
+                  0);
+    }
+    EXPECT_EQ(known_stores(), (std::vector<std::string>{default_store_path(), path}));
+}
+
+TEST_F(PlacesTest, forgetting_fails_where_the_register_cannot_be_written) {
+    const std::string root = folder.path() + "/root";
+    if (const std::string obstacle = mount_tmpfs(root); !obstacle.empty())
+        GTEST_SKIP() << obstacle;
+    ASSERT_EQ(qzfi_set_install_root(root.c_str()), 0);
+    // A crash leaves the log behind.
+    EXPECT_EQ(in_child([&] {
+                  const auto kept = Store::open(default_store_path(), true, op);
+                  remember_store(path);
+                  kill(getpid(), SIGKILL);
+              }),
+              -SIGKILL);
+    remount(MS_RDONLY);
+    EXPECT_EQ(known_stores(), (std::vector<std::string>{default_store_path(), path}));
+    EXPECT_EQ(status_of_call([&] { forget_store(path, op); }), QFI_FI_NO_RIGHT);
+    EXPECT_EQ(last_error(),
+              "1041 MSG_QFI_E2024: %s: no right to %s %s\n|qzfi_test|write to store|" + default_store_path());
+    EXPECT_EQ(known_stores(), (std::vector<std::string>{default_store_path(), path}));
+    remount(0);
+    forget_store(path, op);
+    EXPECT_EQ(known_stores(), std::vector<std::string>{default_store_path()});
+}
+
+TEST_F(PlacesTest, repairing_what_cannot_be_written_tells_of_damage_and_fails_for_debris_only) {
+    if (const std::string obstacle = mount_tmpfs(path); !obstacle.empty())
+        GTEST_SKIP() << obstacle;
+    const std::string id = make_image(*Store::open(path, true, op));
+    std::filesystem::remove_all(path + "/images/" + id);
+    remount(MS_RDONLY);
+    const Store::Repair repair = Store::open(path, false, op)->repair(op, remove_all);
+    EXPECT_EQ(repair.damaged, std::vector<std::string>{id});
+    EXPECT_EQ(repair.debris, 0u);
+    remount(0);
+    std::filesystem::create_directory(path + "/images/.new-20260101T000000Z-00000001");
+    remount(MS_RDONLY);
+    EXPECT_EQ(status_of_call([&] { Store::open(path, false, op)->repair(op, remove_all); }), QFI_FI_NO_RIGHT);
+}
+
+TEST_F(PlacesTest, who_cannot_write_reads_whole_catalogs_while_others_write) {
+    if (const std::string obstacle = mount_tmpfs(path); !obstacle.empty())
+        GTEST_SKIP() << obstacle;
+    Store::open(path, true, op);
+    const std::string view = folder.path() + "/view";
+    std::filesystem::create_directory(view);
+    ASSERT_EQ(mount(path.c_str(), view.c_str(), nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(mount(nullptr, view.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+    constexpr std::size_t image_count = 60;
+    const pid_t writer = fork();
+    if (writer == 0) {
+        try {
+            for (std::size_t made = 0; made < image_count; ++made)
+                make_image(*Store::open(path, true, op)); // closing writes the log back
+        } catch (...) {
+            _exit(99);
+        }
+        _exit(0);
+    }
+    std::set<std::string> seen;
+    while (seen.size() < image_count && !HasFailure()) {
+        std::vector<std::string> listed;
+        EXPECT_EQ(status_of_call([&] { listed = ids_of(*Store::open(view, false, op)); }), 0) << last_error();
+        const std::set<std::string> ids(listed.begin(), listed.end());
+        EXPECT_EQ(ids.size(), listed.size());
+        EXPECT_TRUE(std::includes(ids.begin(), ids.end(), seen.begin(), seen.end())) << "an image was lost to sight";
+        seen = ids;
+        int status = 0;
+        if (waitpid(writer, &status, WNOHANG) == writer) {
+            EXPECT_EQ(status, 0);
+            EXPECT_EQ(ids_of(*Store::open(view, false, op)).size(), image_count);
+            break;
+        }
+    }
+    umount2(view.c_str(), MNT_DETACH);
+}

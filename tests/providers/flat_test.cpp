@@ -1,0 +1,88 @@
+// The example provider, from the file that QZFI_FLAT_PLUGIN names; example.sh builds it.
+#include <cstdlib>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "provider_support.h"
+
+namespace {
+
+using namespace providers;
+
+class Flat : public testing::Test {
+protected:
+    void SetUp() override {
+        std::string scratch = (fs::temp_directory_path() / "qzfi-flat-XXXXXX");
+        ASSERT_NE(mkdtemp(scratch.data()), nullptr);
+        root = scratch;
+        fs::create_directory(root / "data");
+        fs::create_directory(root / "store");
+        write_file(root / "data/one", std::string(100000, 'x'));
+        write_file(root / "data/two", "");
+    }
+    void TearDown() override { fs::remove_all(root); }
+
+    fs::path root;
+    const Plugin flat{fs::path(std::getenv("QZFI_FLAT_PLUGIN")), 0};
+};
+
+TEST_F(Flat, the_table_is_one_that_the_library_takes) {
+    EXPECT_EQ(flat->size, sizeof(qfi_provider_ops));
+    EXPECT_EQ(flat->version, uint64_t{QFI_API_VERSION});
+    EXPECT_STREQ(flat->provider_id, "flat");
+    EXPECT_STREQ(flat->fim_id, "flat");
+    EXPECT_EQ(flat->hlevel, 10u);
+    EXPECT_EQ(flat->start, nullptr);
+    EXPECT_EQ(flat->resync, nullptr);
+}
+
+TEST_F(Flat, plain_files_are_copied_out_and_removed) {
+    const qfi_probe result = probe(flat, root / "data", root / "store");
+    EXPECT_EQ(result.combo_class, QFI_SERIAL_FS);
+    EXPECT_STREQ(result.reason, "");
+    EXPECT_EQ(result.cost_bytes, 100000u);
+    Job job(root / "data", root / "store", "image", QFI_JOB_MANIFEST | QFI_JOB_SYNC);
+    ASSERT_EQ(flat->split(&job), 0) << job.failed_operation << " " << job.failed_object;
+    EXPECT_EQ(listing(root / "store/image"), listing(root / "data"));
+    EXPECT_EQ(job.entries.size(), 3u);
+    struct stat original {
+    }, image{};
+    ASSERT_EQ(stat((root / "data/one").c_str(), &original), 0);
+    ASSERT_EQ(stat((root / "store/image/one").c_str(), &image), 0);
+    EXPECT_EQ(image.st_mode, original.st_mode);
+    EXPECT_EQ(image.st_mtim.tv_nsec, original.st_mtim.tv_nsec);
+    Job out(root / "store/image", root, "restored");
+    EXPECT_EQ(flat->copy_out(&out), 0);
+    EXPECT_EQ(listing(root / "restored"), listing(root / "data"));
+    EXPECT_EQ(flat->remove(&job), 0);
+    EXPECT_TRUE(fs::is_empty(root / "store"));
+    EXPECT_EQ(flat->remove(&job), 0) << "not there any more";
+}
+
+TEST_F(Flat, anything_else_is_refused_with_a_reason_and_leaves_nothing) {
+    fs::create_symlink("one", root / "data/link");
+    const qfi_probe result = probe(flat, root / "data", root / "store");
+    EXPECT_EQ(result.combo_class, QFI_CLASS_NOTSUP);
+    EXPECT_STREQ(result.reason, "it holds \"link\", which is no plain file");
+    Job job(root / "data", root / "store", "image");
+    EXPECT_EQ(flat->split(&job), QFI_FI_WRITE);
+    EXPECT_EQ(job.failed_operation, "opening a plain file");
+    EXPECT_EQ(job.failed_object, "link");
+    EXPECT_EQ(job.failed_error, ELOOP);
+    EXPECT_TRUE(fs::is_empty(root / "store"));
+}
+
+TEST_F(Flat, digests_are_not_offered) {
+    Job job(root / "data", root / "store", "image", QFI_JOB_DIGEST);
+    EXPECT_EQ(flat->split(&job), QFI_STATUS_NOT_SUPPORTED);
+    EXPECT_TRUE(fs::is_empty(root / "store"));
+}
+
+TEST_F(Flat, a_cancelled_split_leaves_nothing) {
+    Job job(root / "data", root / "store", "image");
+    job.cancel = true;
+    EXPECT_EQ(flat->split(&job), QFI_FI_CANCELLED);
+    EXPECT_TRUE(fs::is_empty(root / "store"));
+}
+
+} // namespace
