@@ -2,7 +2,6 @@
 //
 // Both run in one process, repetitions interleaved at random; the ratio is that of the medians of CPU time per call,
 // so that more threads than processors do not count against either.
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
@@ -14,6 +13,8 @@
 #include <benchmark/benchmark.h>
 
 #include <qzfi.h>
+
+#include "timing.h"
 
 namespace {
 
@@ -95,11 +96,6 @@ public:
         ConsoleReporter::ReportRuns(runs);
     }
 };
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
 
 template <class Operation>
 void add() {

@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <functional>
 #include <malloc.h>
 #include <mutex>
@@ -26,6 +25,8 @@
 #include <absl/strings/string_view.h>
 
 #include <qzfi.h>
+
+#include "timing.h"
 
 namespace {
 
@@ -117,13 +118,6 @@ double seconds_since(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-/// Of this thread, so that what else runs on the machine does not count.
-double processor_seconds() {
-    timespec now;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
-
 std::size_t allocated() {
     const struct mallinfo2 info = mallinfo2();
     return info.uordblks + info.hblkhd;
@@ -164,11 +158,6 @@ void run(Table &table, const Ids &ids, const Ids &lookups, Samples &samples) {
     samples.looking_up_by_many.push_back(seconds_since(start));
     table.clear();
     malloc_trim(0);
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
 }
 
 double least(const std::vector<double> &values) {

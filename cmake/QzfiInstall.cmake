@@ -5,7 +5,15 @@ include(CMakePackageConfigHelpers)
 install(TARGETS qzfi EXPORT qzfiTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(FILES ${PROJECT_SOURCE_DIR}/include/qzfi.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# A host finds these two below the root: libfi.so beside the library, and its provider plugins.
+if(QZFI_FI)
+  install(TARGETS fi LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  install(TARGETS provider_btrfs provider_reflink provider_copy
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/qzfi/plugins)
+endif()
+install(FILES ${PROJECT_SOURCE_DIR}/include/qzfi.h ${PROJECT_SOURCE_DIR}/include/qzfi_fi.h
+              ${PROJECT_SOURCE_DIR}/include/qzfi_provider.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/qzfi DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN "*.h" PATTERN "*.def")
 

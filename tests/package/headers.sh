@@ -7,7 +7,9 @@ shift
 warnings=(-Wall -Wextra -pedantic -Werror -fsyntax-only -I"$include")
 
 headers=$(cd "$include" && find . -name '*.h' -printf '%P\n' | sort)
-grep -qx 'qzfi.h' <<<"$headers" || fail "no qzfi.h below $include"
+for header in qzfi.h qzfi_fi.h qzfi_provider.h qzfi/fi_types.h; do
+  grep -qx "$header" <<<"$headers" || fail "no $header below $include"
+done
 scratch_directory
 checked=0
 for pair in "$@"; do

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# install.sh BUILD_DIR CMAKE CC SOURCE_INCLUDE_DIR: what is installed serves programs outside the tree, by pkg-config
-# and by CMake, also after the whole installation has moved.
+# install.sh BUILD_DIR CMAKE CC SOURCE_INCLUDE_DIR SOURCE_RESOURCES_DIR: what is installed is complete and serves
+# programs outside the tree, by pkg-config and by CMake, also after the whole installation has moved.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
-build=$1 cmake=$2 cc=$3 source_include=$4
+build=$1 cmake=$2 cc=$3 source_include=$4 source_resources=$5
 consumer=$(cd "$(dirname "${BASH_SOURCE[0]}")/consumer" && pwd)
 # The caller's own settings must not lend a hand.
 unset PKG_CONFIG_PATH PKG_CONFIG_LIBDIR CMAKE_PREFIX_PATH qzfi_DIR qzfi_ROOT LD_LIBRARY_PATH CPATH LIBRARY_PATH
@@ -17,9 +17,24 @@ for link in libqzfi.so libqzfi.so.7; do
   [[ -L $prefix/lib/$link ]] || fail "lib/$link is not a link"
 done
 [[ -f $prefix/lib/libqzfi.so.7.0.0 && ! -L $prefix/lib/libqzfi.so.7.0.0 ]] || fail "no lib/libqzfi.so.7.0.0"
+[[ -f $prefix/lib/libfi.so ]] || fail "no lib/libfi.so"
+compare "provider plugins" "the installation" \
+  "$(cd "$prefix/lib/qzfi/plugins" && find . -type f -printf '%P\n' | sort)" "the list" \
+  "$(printf 'qzfi_provider_%s.so\n' btrfs copy reflink)"
 compare "source and installed headers" "the source tree" \
   "$(cd "$source_include" && find . -type f | sort)" "the installation" "$(cd "$prefix/include" && find . -type f | sort)"
-traces=$(grep -rlF -e "$scratch" -e "$build" -e "$source_include" "$prefix" || true)
+# A source NAME.txt is installed as the bundle libfi/NAME.res, a catalog file as it is.
+compare "source and installed resources" "the source tree" \
+  "$(cd "$source_resources" && find . -type f ! -name '*.xsd' | sed -E 's,^\./([a-z]+)\.txt$,./libfi/\1.res,' | sort)" \
+  "the installation" "$(cd "$prefix/resources" && find . -type f | sort)"
+cmp "$source_resources/qfiid_schema.xsd" "$prefix/lib/qzfi/data/qfiid_schema.xsd" || fail "qfiid_schema.xsd"
+for catalog in ZELTqzfi.cat ja_JP.UTF-8/ZELTqzfi.cat zh_CN.UTF-8/ZELTqzfi.cat; do
+  cmp "$source_resources/$catalog" "$prefix/resources/$catalog" || fail "resources/$catalog"
+done
+for locale in root ja zh; do
+  cmp "$build/resources/libfi/$locale.res" "$prefix/resources/libfi/$locale.res" || fail "resources/libfi/$locale.res"
+done
+traces=$(grep -rlF -e "$scratch" -e "$build" -e "$source_include" -e "$source_resources" "$prefix" || true)
 [[ -z $traces ]] || fail "names a directory of the build or of the first prefix: $traces"
 
 run() { LD_LIBRARY_PATH=$prefix/lib "$1"; }

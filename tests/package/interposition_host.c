@@ -1,8 +1,8 @@
 /*
  * A host that has functions of its own under nearly every name of the library, and whose symbols come first in the
- * search order. The library must not notice.
+ * search order. The library must not notice, down to the catalogs that its messages come from.
  *
- * Its argument is the path of an API implementation library.
+ * Its argument is the path of an API implementation library; the message bundles are installed.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -22,7 +22,12 @@ static int report_count;
 static void on_report(qfi_handler *self, const char *text, const char *localized, uint32_t severity) {
     (void)self;
     CHECK(report_count < 8);
-    CHECK(localized == NULL);
+    if (severity == 4) {
+        CHECK(localized == NULL);
+    } else {
+        CHECK(localized != NULL && strncmp(localized, "fi: ", 4) == 0);
+        CHECK_TEXT(localized + 4, text);
+    }
     snprintf(reports[report_count], sizeof reports[0], "%s", text);
     severities[report_count++] = severity;
 }
@@ -86,7 +91,8 @@ int main(int argc, char **argv) {
     setenv("ICU_DATA", "/nonexistent", 1);
     CHECK(qzfiapi_set_init_env("/nonexistent/root", "interposition test") == QFI_STATUS_OK);
 
-    qfi_handler handler = {.error = on_report};
+    qfi_locale_request language = {.tag = "en_US"};
+    qfi_handler handler = {.error = on_report, .locale = &language};
     CHECK(qzfiapi_start(&handler, QFI_API_VERSION) == QFI_STATUS_OK);
     failed_binding_reaches_handler_and_list();
     bound_call_traces_the_tree(argv[1]);

@@ -1,0 +1,326 @@
+// Freezing and copying trees against cp and rsync, on XFS and Btrfs of its own on loop devices.
+//
+// Each tool runs as a program of its own, in alternating order; what counts is the best round. Before each run the last
+// copy is removed and all is synced, so all tools read from equally warm caches and none pays for another's writing.
+// Nobody syncs within the measured time unless --sync is given; then everybody does.
+//
+//     qzfi_clone_bench [--quick] [--sync] [--rounds=N] [--workers=N] [--only=TEXT] [--fs=xfs|btrfs] [--tree=PATH]
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
+#include <spawn.h>
+#include <string>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <time.h>
+#include <unistd.h>
+#include <vector>
+
+#include "providers/engine/engine.h"
+#include "support/loop_filesystem.h"
+
+using namespace qzfi::engine;
+
+namespace {
+
+struct Settings {
+    bool quick = false, sync = false;
+    int rounds = 3;
+    std::string workers = std::to_string(std::clamp(std::thread::hardware_concurrency(), 1u, 64u));
+    std::string only, filesystem, tree;
+};
+
+struct Cost {
+    double wall = 0, cpu = 0; // seconds
+    long peak = 0;            // KiB
+};
+
+[[noreturn]] void give_up(const std::string &what) {
+    perror(("qzfi_clone_bench: " + what).c_str());
+    exit(1);
+}
+
+double now() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+double seconds(const timeval &time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+}
+
+/// Runs a program to its end; a failure ends the benchmark, as it would be no measurement.
+Cost run(const std::vector<std::string> &command, const std::string &synced = "") {
+    std::vector<char *> arguments;
+    for (const std::string &word : command)
+        arguments.push_back(const_cast<char *>(word.c_str()));
+    arguments.push_back(nullptr);
+    const double start = now();
+    pid_t child = 0;
+    errno = posix_spawnp(&child, arguments[0], nullptr, nullptr, arguments.data(), environ);
+    if (errno != 0)
+        give_up(command[0]);
+    int status = 0;
+    rusage usage{};
+    if (wait4(child, &status, 0, &usage) != child || status != 0) {
+        fprintf(stderr, "qzfi_clone_bench: %s ended with status %d\n", command[0].c_str(), status);
+        exit(1);
+    }
+    if (!synced.empty()) {
+        const int fd = open(synced.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fd < 0 || syncfs(fd) != 0)
+            give_up("syncfs");
+        close(fd);
+    }
+    return {now() - start, seconds(usage.ru_utime) + seconds(usage.ru_stime), usage.ru_maxrss};
+}
+
+/// What a child of this program does: one call of the engine.
+int work(char **arguments) {
+    Options options;
+    options.data = strcmp(arguments[0], "clone") == 0 ? Data::clone : Data::copy;
+    options.workers = static_cast<uint32_t>(atoi(arguments[1]));
+    qfi_provider_host host{};
+    host.size = sizeof host;
+    host.fail = [](void *, const char *operation, const char *object, int32_t error) {
+        fprintf(stderr, "%s of %s: %s\n", operation, object, strerror(error));
+    };
+    const std::string parent = arguments[3];
+    const int target = open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (strcmp(arguments[0], "remove") == 0)
+        return remove_tree(target, arguments[4], options, host).status != 0;
+    const int source = open(arguments[2], O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    return copy_tree(source, target, arguments[4], options, host).status != 0;
+}
+
+struct Case {
+    std::string name;
+    std::function<void(const std::string &)> make; // fills an empty directory
+    bool copies;                                   // also without sharing data
+};
+
+void put_file(int directory, const char *name, std::size_t size) {
+    static const std::string data(1 << 20, 'q');
+    const int fd = openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    for (std::size_t left = size; fd >= 0 && left > 0;) {
+        const ssize_t put = write(fd, data.data(), std::min(left, data.size()));
+        if (put <= 0)
+            give_up("write");
+        left -= static_cast<std::size_t>(put);
+    }
+    if (fd < 0 || close(fd) != 0)
+        give_up(name);
+}
+
+int folder(int parent, const std::string &name) {
+    if (mkdirat(parent, name.c_str(), 0755) != 0 && errno != EEXIST)
+        give_up(name);
+    const int fd = openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        give_up(name);
+    return fd;
+}
+
+void make_files(const std::string &at, int folders, int files, std::size_t size) {
+    const int root = folder(AT_FDCWD, at);
+    for (int i = 0; i < folders; ++i) {
+        const int below = folder(root, "folder" + std::to_string(i));
+        for (int j = 0; j < files; ++j)
+            put_file(below, ("file" + std::to_string(j)).c_str(), size);
+        close(below);
+    }
+    close(root);
+}
+
+void make_chain(const std::string &at, int depth) {
+    int fd = folder(AT_FDCWD, at);
+    for (int i = 0; i < depth; ++i) {
+        put_file(fd, "file", 100);
+        const int next = folder(fd, "d");
+        close(fd);
+        fd = next;
+    }
+    close(fd);
+}
+
+void make_links(const std::string &at, int files, int links) {
+    const int root = folder(AT_FDCWD, at);
+    for (int i = 0; i < files; ++i) {
+        const std::string first = "file" + std::to_string(i);
+        put_file(root, first.c_str(), 4096);
+        for (int j = 1; j < links; ++j)
+            if (linkat(root, first.c_str(), root, (first + "." + std::to_string(j)).c_str(), 0) != 0)
+                give_up("linkat");
+    }
+    close(root);
+}
+
+std::vector<Case> cases_of(const Settings &settings) {
+    const int part = settings.quick ? 10 : 1;
+    const std::string tree = !settings.tree.empty() ? settings.tree
+                             : settings.quick       ? "/usr/include"
+                                                    : "/usr"; // about a tenth of it
+    return {
+        {std::to_string(50000 / part) + " files of 4 KiB in " + std::to_string(500 / part) + " folders",
+         [=](const std::string &at) { make_files(at, 500 / part, 100, 4096); }, true},
+        {std::to_string(100000 / part) + " files of 100 bytes in one folder",
+         [=](const std::string &at) { make_files(at, 1, 100000 / part, 100); }, true},
+        {"one file of " + std::to_string(4096 / part) + " MiB",
+         [=](const std::string &at) { make_files(at, 1, 1, (std::size_t{4096} << 20) / static_cast<unsigned>(part)); },
+         true},
+        {"a chain of " + std::to_string(1000 / part) + " folders",
+         [=](const std::string &at) { make_chain(at, 1000 / part); }, true},
+        {std::to_string(20000 / part) + " hard links to 100 files",
+         [=](const std::string &at) { make_links(at, 100, 200 / part); }, true},
+        {"the tree " + tree,
+         [=](const std::string &at) {
+             run({"cp", "-a", "--reflink=never", tree + "/.", at});
+         },
+         true},
+    };
+}
+
+struct Tool {
+    std::string name;
+    std::vector<std::string> command; // the source and the copy's path are added
+    Cost best{1e9, 1e9, 0};
+};
+
+class Bench {
+public:
+    Bench(const Settings &settings, const LoopFilesystem &disk, bool is_btrfs)
+        : settings_(settings), at_(disk.path()), is_btrfs_(is_btrfs) {}
+
+    void measure(const Case &one) {
+        const std::string source = at_ + "/source";
+        if (is_btrfs_)
+            run({"btrfs", "-q", "subvolume", "create", source});
+        else
+            mkdir(source.c_str(), 0755);
+        one.make(source);
+        printf("  %s\n", one.name.c_str());
+        compare("clone", {{"cp -a --reflink=always", {"cp", "-a", "--reflink=always"}}});
+        if (one.copies)
+            compare("copy",
+                    {{"cp -a --reflink=never", {"cp", "-a", "--reflink=never"}}, {"rsync -aHAX", {"rsync", "-aHAX"}}});
+        if (is_btrfs_)
+            measure_snapshot();
+        remove("source");
+        fflush(stdout);
+    }
+
+private:
+    void compare(const char *way, std::vector<Tool> tools) {
+        tools.insert(tools.begin(), Tool{std::string("engine, ") + way, {}});
+        for (int round = 0; round < settings_.rounds; ++round)
+            for (std::size_t i = 0; i < tools.size(); ++i)
+                measure_once(way, tools[(i + static_cast<std::size_t>(round)) % tools.size()]);
+        const Cost &engine = tools[0].best;
+        for (const Tool &tool : tools)
+            printf("    %-24s %8.3f s  %8.3f s cpu  %6.1f MiB peak   engine is %5.2f times as fast, %5.2f in cpu\n",
+                   tool.name.c_str(), tool.best.wall, tool.best.cpu, static_cast<double>(tool.best.peak) / 1024,
+                   tool.best.wall / engine.wall, tool.best.cpu / engine.cpu);
+    }
+
+    void measure_once(const char *way, Tool &tool) {
+        const std::string source = at_ + "/source", copy = at_ + "/copy";
+        std::vector<std::string> command = tool.command;
+        if (command.empty())
+            command = {"/proc/self/exe", "--work", way, settings_.workers, source, at_, "copy"};
+        else if (command[0] == "rsync")
+            command.insert(command.end(), {source + "/", copy});
+        else
+            command.insert(command.end(), {source, copy});
+        settle();
+        const Cost cost = run(command, settings_.sync ? at_ : "");
+        tool.best.wall = std::min(tool.best.wall, cost.wall);
+        tool.best.cpu = std::min(tool.best.cpu, cost.cpu);
+        tool.best.peak = std::max(tool.best.peak, cost.peak);
+        remove("copy");
+    }
+
+    void measure_snapshot() {
+        Cost best{1e9, 1e9, 0};
+        for (int round = 0; round < settings_.rounds; ++round) {
+            settle();
+            const Cost cost = run({"btrfs", "-q", "subvolume", "snapshot", "-r", at_ + "/source", at_ + "/snapshot"});
+            best.wall = std::min(best.wall, cost.wall);
+            run({"btrfs", "-q", "subvolume", "delete", at_ + "/snapshot"});
+        }
+        printf("    %-24s %8.3f s\n", "snapshot by btrfs", best.wall);
+    }
+
+    void remove(const char *name) {
+        if (is_btrfs_ && strcmp(name, "source") == 0)
+            run({"btrfs", "-q", "subvolume", "delete", "--commit-after", at_ + "/source"});
+        else
+            run({"/proc/self/exe", "--work", "remove", settings_.workers, at_, at_, name});
+    }
+
+    void settle() {
+        const int fd = open(at_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (fd < 0 || syncfs(fd) != 0)
+            give_up("syncfs");
+        close(fd);
+    }
+
+    const Settings &settings_;
+    const std::string at_;
+    const bool is_btrfs_;
+};
+
+Settings settings_of(int count, char **arguments) {
+    Settings settings;
+    for (int i = 1; i < count; ++i) {
+        const std::string word = arguments[i];
+        const auto value = [&](const char *name) {
+            return word.rfind(name, 0) == 0 ? word.substr(strlen(name)) : std::string();
+        };
+        settings.quick = settings.quick || word == "--quick";
+        settings.sync = settings.sync || word == "--sync";
+        if (const std::string rounds = value("--rounds="); !rounds.empty())
+            settings.rounds = std::max(1, atoi(rounds.c_str()));
+        if (const std::string workers = value("--workers="); !workers.empty())
+            settings.workers = workers;
+        if (const std::string only = value("--only="); !only.empty())
+            settings.only = only;
+        if (const std::string filesystem = value("--fs="); !filesystem.empty())
+            settings.filesystem = filesystem;
+        if (const std::string tree = value("--tree="); !tree.empty())
+            settings.tree = tree;
+    }
+    return settings;
+}
+
+} // namespace
+
+int main(int count, char **arguments) {
+    if (count == 7 && strcmp(arguments[1], "--work") == 0)
+        return work(arguments + 2);
+    const Settings settings = settings_of(count, arguments);
+    for (const std::string type : {"xfs", "btrfs"}) {
+        if (!settings.filesystem.empty() && settings.filesystem != type)
+            continue;
+        if (const auto obstacle = LoopFilesystem::obstacle(type)) {
+            printf("%s: skipped, nothing is measured: %s\n", type.c_str(), obstacle->c_str());
+            continue;
+        }
+        double load = 0;
+        getloadavg(&load, 1);
+        const LoopFilesystem disk(type, settings.quick ? 6000 : 30000);
+        printf("%s: %s workers, best of %d rounds, caches warm, %s, load of the machine before %.1f\n", type.c_str(),
+               settings.workers.c_str(), settings.rounds, settings.sync ? "sync included" : "no sync included", load);
+        Bench bench(settings, disk, type == "btrfs");
+        for (const Case &one : cases_of(settings))
+            if (one.name.find(settings.only) != std::string::npos)
+                bench.measure(one);
+    }
+    return 0;
+}
