@@ -82,7 +82,7 @@ TEST_F(Pacing, output_after_more_than_ten_seconds_is_collected) {
 TEST_F(Pacing, a_long_command_does_not_keep_the_host_busy) {
     const double before = cpu_seconds();
     expect_time(32, 45, "command -p sleep 30; exit 2", nothing(2));
-    EXPECT_LT(cpu_seconds() - before, 0.05);
+    EXPECT_LT(cpu_seconds() - before, 1); // of 32 that a busy wait would cost
 }
 
 TEST_F(Pacing, a_host_that_is_interrupted_all_the_time_waits_as_long) {
