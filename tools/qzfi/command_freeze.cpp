@@ -1,0 +1,123 @@
+// qzfi freeze: makes an image of directories, or a set of images when they lie on several file systems.
+#include <iostream>
+
+#include "tools/qzfi/commands.h"
+#include "tools/qzfi/json.h"
+#include "tools/qzfi/progress.h"
+#include "tools/qzfi/text.h"
+
+namespace qzfi::tool {
+
+namespace {
+
+struct Options {
+    std::vector<std::string> paths;
+    std::string method, store, label, pre_command, post_command;
+    uint32_t workers = 0;
+    bool digest = false, nested = false, json = false;
+};
+
+const char *or_null(const std::string &text) {
+    return text.empty() ? nullptr : text.c_str();
+}
+
+std::string joined(const std::vector<std::string> &paths) {
+    std::string text;
+    for (const std::string &path : paths)
+        text += (text.empty() ? "" : ", ") + path;
+    return text;
+}
+
+Tree tree_of(const std::vector<std::string> &paths) {
+    std::vector<qfi_object> objects;
+    for (const std::string &path : paths)
+        objects.push_back({path.c_str(), nullptr});
+    Tree tree;
+    check(qfi_op_gentree(objects.data(), static_cast<int32_t>(objects.size()), nullptr, Out(tree)),
+          "look at " + joined(paths));
+    return tree;
+}
+
+// Quiesce to unquiesce. After quiesce the post command runs whatever happens: when something throws here, with the
+// tree. Gives the failure of the post command, as then the images are there all the same.
+int32_t make_images(qfi_domain *tree, const Options &options, const std::string &what, Report &report) {
+    qfi_freeze_options freeze;
+    QFI_INIT(freeze);
+    freeze.workers = options.workers;
+    freeze.label = or_null(options.label);
+    freeze.pre_command = or_null(options.pre_command);
+    freeze.post_command = or_null(options.post_command);
+    freeze.digest = options.digest;
+    freeze.nested = options.nested;
+    check(qfi_op_select(tree, nullptr, or_null(options.method), or_null(options.store)), "choose a method for " + what);
+    check(qfi_op_prepare(tree, 0, &freeze, nullptr), "prepare the freeze of " + what);
+    check_interrupted();
+    const int32_t quiesced = qfi_op_quiesce(tree);
+    check_interrupted();
+    check(quiesced, "quiesce " + what);
+    check(qfi_op_split(tree, nullptr, Out(report)), "freeze " + what);
+    return qfi_op_unquiesce(tree);
+}
+
+std::string attribute(const qfi_domain *node, const char *name) {
+    Text text;
+    check(qfi_op_getattr(node, name, nullptr, Out(text)), std::string("ask for the ") + name);
+    return text ? text.get() : "";
+}
+
+int run(const Settings &settings, const Options &options) {
+    const std::string what = joined(options.paths);
+    const Session session(settings);
+    const Interruptible interruptible;
+    const Tree tree = tree_of(options.paths);
+    Report report;
+    int32_t post_command;
+    {
+        const ShownProgress progress(settings.quiet);
+        post_command = make_images(tree.get(), options, what, report);
+    }
+    if (report && !settings.quiet)
+        print_remarks(*report);
+    const std::string id = attribute(tree.get(), "image");
+    if (options.json) {
+        Json images = Json::array();
+        const ImageList list = find_images({id, options.store});
+        for (const qfi_image_list *node = list.get(); node != nullptr; node = node->next)
+            images.push_back(json_of(node->image));
+        print(Json{{"id", id}, {"images", std::move(images)}, {"report", report ? json_of(*report) : Json()}});
+    } else {
+        std::cout << id << std::endl;
+    }
+    if (post_command != QFI_STATUS_OK)
+        throw Failure("image " + id + " is there, but its post command failed: " + status_text(post_command),
+                      exit_post_command, take_errors());
+    return exit_done;
+}
+
+} // namespace
+
+void add_freeze(CommandLine &line) {
+    add_command<Options>(
+        line, "freeze", "Make an image of directories; its id is the last line of output", run,
+        [](CLI::App &command, Options &options) {
+            command.add_option("PATH", options.paths, "Directories; several are one set")->required();
+            command.add_option("--method", options.method, "btrfs, reflink, copy or another provider's; else the best")
+                ->type_name("NAME");
+            command.add_option("--store", options.store, "Where the image is kept; else the method's own place")
+                ->type_name("DIR");
+            command.add_option("--label", options.label, "A text for people")->type_name("TEXT");
+            command
+                .add_option("--pre", options.pre_command,
+                            "Run by the shell before the instant; failing, nothing is frozen")
+                ->type_name("CMD");
+            command.add_option("--post", options.post_command, "Run by the shell afterwards, whatever happened")
+                ->type_name("CMD");
+            command.add_option("--workers", options.workers, "Threads that copy; 2 unless given")
+                ->check(CLI::Range(1, 64));
+            command.add_flag("--digest", options.digest, "Keep a digest of every file, for verify and diff");
+            command.add_flag("--nested", options.nested, "Include nested subvolumes");
+            add_json(command, options.json);
+        });
+}
+
+} // namespace qzfi::tool

@@ -1,0 +1,68 @@
+// qzfi list: the images of the known stores, or of one.
+#include <iostream>
+
+#include "tools/qzfi/commands.h"
+#include "tools/qzfi/json.h"
+#include "tools/qzfi/table.h"
+#include "tools/qzfi/text.h"
+
+namespace qzfi::tool {
+
+namespace {
+
+struct Options {
+    std::string store;
+    bool json = false;
+};
+
+std::string objects_text(const qfi_image &image) {
+    std::string text;
+    for (uint32_t index = 0; index < image.object_count; ++index)
+        text += (index == 0 ? "" : ", ") + printable(image.objects[index]);
+    return text;
+}
+
+void print_table(const qfi_image_list *images) {
+    Table table({{"ID"},
+                 {"TIME"},
+                 {"METHOD"},
+                 {"CONSISTENCY"},
+                 {"SIZE", Align::right},
+                 {"LABEL", Align::left, true},
+                 {"OBJECTS", Align::left, true}});
+    for (; images != nullptr; images = images->next) {
+        const qfi_image &image = images->image;
+        const std::string consistency =
+            image.state == 1 ? consistency_name(image.consistency) : state_name(image.state);
+        table.add({image.image_id, time_text(image.time), image.fim_id, consistency,
+                   image.bytes == 0 ? "-" : size_text(image.bytes), printable(image.label), objects_text(image)});
+    }
+    table.print();
+}
+
+int run(const Settings &settings, const Options &options) {
+    const Session session(settings);
+    const ImageList images = all_images(options.store);
+    if (options.json) {
+        Json list = Json::array();
+        for (const qfi_image_list *node = images.get(); node != nullptr; node = node->next)
+            list.push_back(json_of(node->image));
+        print(Json{{"images", std::move(list)}});
+    } else if (images) {
+        print_table(images.get());
+    } else if (!settings.quiet) {
+        std::cerr << "no images\n";
+    }
+    return exit_done;
+}
+
+} // namespace
+
+void add_list(CommandLine &line) {
+    add_command<Options>(line, "list", "List images, the oldest first", run, [](CLI::App &command, Options &options) {
+        command.add_option("--store", options.store, "Only those of this store")->type_name("DIR");
+        add_json(command, options.json);
+    });
+}
+
+} // namespace qzfi::tool

@@ -1,0 +1,37 @@
+// Stored images, as the user names them.
+#pragma once
+
+#include <string>
+
+#include "tools/qzfi/tool.h"
+
+namespace qzfi::tool {
+
+/// Names an image on the command line: its id, or a beginning of it that no other image has, or "latest".
+struct ImageName {
+    std::string id;
+    std::string store; ///< searched instead of the known stores; empty for these
+};
+
+/// The images of `store`, or of all known stores; the oldest first.
+ImageList all_images(const std::string &store);
+
+/// The whole id that `name` stands for. Throws Failure when none or several fit.
+std::string whole_id(const ImageName &name);
+
+/// The images of that id; one, or those of a set.
+ImageList find_images(const ImageName &name);
+
+/// The image's tree, as it was frozen.
+Tree open_tree(const ImageName &name);
+
+const char *remark_name(uint32_t kind); ///< "torn", "vanished", "attribute", "skipped", "unreadable", "warning"
+
+/// Tells on standard error what a report holds, a line for each remark, unless there is nothing.
+void print_remarks(const qfi_report &report);
+
+/// Asks "QUESTION [y/N] " on the terminal; true for yes. Without a terminal, or with `assume_yes`, nothing is asked:
+/// then throws Failure with `exit_usage` unless `assume_yes`.
+bool confirm(const std::string &question, bool assume_yes);
+
+} // namespace qzfi::tool

@@ -1,0 +1,80 @@
+// qzfi: the command. It takes the command line apart, runs one subcommand and tells how it ended.
+#include <clocale>
+#include <cstdlib>
+#include <iostream>
+
+#include "tools/qzfi/commands.h"
+#include "tools/qzfi/text.h"
+
+namespace qzfi::tool {
+
+namespace {
+
+constexpr const char *default_root = "/usr/lumen";
+
+void declare(CommandLine &line) {
+    CLI::App &app = line.app;
+    app.name("qzfi");
+    app.description("Frozen images: point-in-time copies of directory trees");
+    app.footer("qzfi COMMAND --help tells more. Exit codes: 0 done, 1 failed, 2 wrong usage, 3 differs or damaged, "
+               "4 post command failed, 130 interrupted.");
+    app.set_version_flag("--version", "qzfi 7.0.0");
+    app.require_subcommand(1);
+    // Options of all commands may stand behind the subcommand too.
+    app.fallthrough();
+    app.get_formatter()->column_width(34);
+    const char *const root = std::getenv("QFI_ROOT");
+    line.settings.root = root != nullptr && *root != '\0' ? root : default_root;
+    app.add_option("--root", line.settings.root, "The installation root; else QFI_ROOT, else /usr/lumen")
+        ->type_name("DIR")
+        ->check(CLI::ExistingDirectory);
+    app.add_flag("-q,--quiet", line.settings.quiet, "No progress and no remarks on standard error");
+    app.add_flag("--trace", line.settings.trace, "Show trace lines on standard error; `qzfi log` chooses which");
+#define QZFI_COMMAND(name) add_##name(line);
+#include "tools/qzfi/commands.def"
+#undef QZFI_COMMAND
+}
+
+void tell(const Failure &failure) {
+    std::cout.flush();
+    std::cerr << "qzfi: " << printable(failure.what()) << '\n';
+    for (const std::string &cause : failure.causes())
+        std::cerr << "  " << printable(cause) << '\n';
+}
+
+int run(int argc, char **argv) {
+    CommandLine line;
+    declare(line);
+    try {
+        line.app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return line.app.exit(error) == 0 ? exit_done : exit_usage;
+    }
+    int code = exit_done;
+    try {
+        code = line.action();
+    } catch (const Failure &failure) {
+        tell(failure);
+        return failure.code();
+    }
+    // What did not get out was not said: a full disk must not look like success.
+    if (!std::cout.flush()) {
+        std::cerr << "qzfi: cannot write to standard output\n";
+        return code == exit_done ? exit_failed : code;
+    }
+    return code;
+}
+
+} // namespace
+
+} // namespace qzfi::tool
+
+int main(int argc, char **argv) {
+    std::setlocale(LC_ALL, "");
+    try {
+        return qzfi::tool::run(argc, argv);
+    } catch (const std::exception &error) {
+        std::cerr << "qzfi: " << error.what() << '\n';
+        return qzfi::tool::exit_failed;
+    }
+}

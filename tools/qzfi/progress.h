@@ -1,0 +1,36 @@
+// Progress of long operations on standard error, and the signals that end them.
+#pragma once
+
+#include <qzfi_fi.h>
+
+namespace qzfi::tool {
+
+/// What the framework's handler record carries. Shows progress only while a `ShownProgress` lives; cancels the running
+/// operation once a signal came while an `Interruptible` lives.
+qfi_progress_handler *progress_handler();
+
+/// While it lives, progress is shown: a bar with rate and time left on a terminal, else a line every ten seconds.
+/// Nothing when `quiet`. The bar is gone afterwards.
+class ShownProgress {
+public:
+    explicit ShownProgress(bool quiet);
+    ~ShownProgress();
+    ShownProgress(const ShownProgress &) = delete;
+    ShownProgress &operator=(const ShownProgress &) = delete;
+};
+
+/// While it lives, SIGINT, SIGTERM and SIGHUP do not end the process: the running operation is cancelled, which leaves
+/// nothing half-made, and `check_interrupted` throws. Further signals change nothing.
+class Interruptible {
+public:
+    Interruptible();
+    ~Interruptible();
+    Interruptible(const Interruptible &) = delete;
+    Interruptible &operator=(const Interruptible &) = delete;
+};
+
+bool interrupted();
+/// Throws Failure with `exit_interrupted` when a signal came.
+void check_interrupted();
+
+} // namespace qzfi::tool

@@ -1,0 +1,83 @@
+#include "tools/qzfi/tool.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "tools/qzfi/progress.h"
+
+namespace qzfi::tool {
+
+namespace {
+
+// The host's side of the framework. Static, as it must outlive the shutdown.
+void show_trace(qfi_handler *, const char *text, const char *, uint32_t) {
+    std::fprintf(stderr, "%s", text);
+    const std::size_t length = std::strlen(text);
+    if (length == 0 || text[length - 1] != '\n')
+        std::fputc('\n', stderr);
+}
+void say_nothing(qfi_handler *, const char *, const char *, uint32_t) {}
+qfi_handler host = {say_nothing, nullptr, nullptr, nullptr};
+
+std::string record_text(const qfi_error_info *error) {
+    char *text = nullptr;
+    if (qfi_op_get_locale_message(error, &text, nullptr) != QFI_STATUS_OK || text == nullptr) {
+        // Without the API implementation library there is nobody who formats; the strings themselves say enough.
+        std::string plain = error->message_id;
+        for (int32_t index = 0; index < error->count; ++index)
+            plain += std::string(index == 0 ? ": " : ", ") + (error->arguments[index] ? error->arguments[index] : "");
+        return plain;
+    }
+    std::string result = text;
+    qfi_op_del_locale_message(text);
+    while (!result.empty() && result.back() == '\n')
+        result.pop_back();
+    return result;
+}
+
+} // namespace
+
+Session::Session(const Settings &settings) {
+    host.error = settings.trace ? show_trace : say_nothing;
+    host.reserved1 = progress_handler();
+    int32_t status = qzfiapi_set_init_env(settings.root.c_str(), "qzfi");
+    if (status == QFI_STATUS_OK)
+        status = qzfiapi_start(&host, QFI_API_VERSION);
+    check(status, "start the framework below " + settings.root);
+}
+
+Session::~Session() {
+    qzfiapi_shutdown();
+    fi_del_all_errors();
+}
+
+std::vector<std::string> take_errors() {
+    std::vector<std::string> texts;
+    qfi_error_info *error = nullptr;
+    while (does_last_error_exist(&error) == 1 && error != nullptr) {
+        texts.push_back(record_text(error));
+        error = nullptr;
+    }
+    fi_del_all_errors();
+    return texts;
+}
+
+std::string status_text(int32_t status) {
+    const char *text = nullptr;
+    std::string result = "unknown status";
+    if (qzfiapi_errmsg(static_cast<uint32_t>(status), &text) == QFI_STATUS_OK && text != nullptr)
+        result = text;
+    while (!result.empty() && (result.back() == '\n' || result.back() == '.'))
+        result.pop_back();
+    return result + " (" + std::to_string(status) + ")";
+}
+
+void check(int32_t status, const std::string &action) {
+    if (status == QFI_STATUS_OK)
+        return;
+    std::vector<std::string> causes = take_errors();
+    const int code = status == QFI_FI_CANCELLED ? exit_interrupted : exit_failed;
+    throw Failure(action + ": " + status_text(status), code, std::move(causes));
+}
+
+} // namespace qzfi::tool
