@@ -67,6 +67,7 @@ qzfi_inner_library(qzfi_fi
   fi/fi_store_known.cpp
   fi/fi_store_pending.cpp
   fi/fi_store_sqlite.cpp
+  fi/fi_store_vfs.cpp
   fi/fi_tree.cpp
   fi/fi_trees.cpp
   fi/fi_unsupported.cpp

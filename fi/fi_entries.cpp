@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "fi/fi_fiid.h"
+#include "fi/fi_freeze.h"
 #include "fi/fi_queries.h"
 
 using namespace qzfi::fi;
@@ -79,7 +80,7 @@ void go_on(TreeLock &tree, const char *operation) {
 // Before the post command, for the images are there whatever becomes of it; and that is run whatever becomes of this.
 void give_document(TreeLock &tree, qfi_fiid *&out, const char *operation) {
     try {
-        out = give_fiid(fiid_document(*tree));
+        out = give_fiid(fiid_document(*tree, operation));
     } catch (...) {
         if (tree->state == QFI_TREE_SPLIT)
             unquiesce(*tree, operation);
@@ -161,6 +162,8 @@ int32_t qzfi_pre_prepare(void *node) {
         const std::string reasons = obstacles(*tree, able, operation);
         if (!reasons.empty())
             fail(message::no_method, QFI_FI_NO_METHOD, operation, {"the tree", reasons});
+        if (tree->state == QFI_TREE_SELECTED)
+            require_describable(*tree, operation);
     });
 }
 
@@ -260,7 +263,7 @@ int32_t qzfi_get_fiid(void *node, void *fiid) {
         auto **const out = result_at<qfi_fiid *>(fiid, operation, "fiid is null");
         TreeLock tree(node_at(node), operation, TreeLock::Purpose::look);
         tree.require_state(QFI_TREE_SPLIT, QFI_TREE_FROZEN);
-        *out = give_fiid(fiid_document(*tree));
+        *out = give_fiid(fiid_document(*tree, operation));
     });
 }
 

@@ -281,7 +281,7 @@ int32_t qzfi_fiid_synthesize(void *reference, void *result) {
             document.set_id = found.record.set_id;
             document.images.push_back({found.record, found.store->path()});
         }
-        *fiid = give_fiid(write_fiid(document));
+        *fiid = give_fiid(write_fiid(document, operation));
     });
 }
 

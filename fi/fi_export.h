@@ -9,9 +9,6 @@ namespace qzfi::fi {
 
 inline constexpr char export_document[] = "fiid.xml";
 
-/// Writes a new file, synced. Throws.
-void write_whole_file(int directory, const char *name, const std::string &path, const std::string &content,
-                      const char *operation);
 /// Copies a file of the same name, synced. Throws.
 void copy_plain_file(int from, int to, const char *name, const std::string &path, const char *operation);
 /// Makes and opens a directory of this user's alone. Throws.

@@ -14,7 +14,8 @@ namespace {
 
 constexpr const char *name_space = "urn:qzfi:fiid:1";
 constexpr std::size_t document_limit = std::size_t{16} * 1024 * 1024;
-constexpr std::size_t text_limit = 4096; // bytes of labels and such
+constexpr std::size_t text_limit = 4096;                  // bytes of names and such
+constexpr std::size_t label_limit = std::size_t{1} << 20; // as written; the parser takes ten times that of an attribute
 constexpr std::size_t object_limit = 65536;
 constexpr int depth_limit = 2; // an image's parts
 constexpr std::array<std::string_view, 4> consistencies{"none", "fuzzy", "per-file", "atomic"};
@@ -293,7 +294,7 @@ FiidImage read_image(Reader &reader) {
     FiidImage image;
     ImageRecord &record = image.record;
     record.id = reader.checked("id", is_id);
-    record.label = reader.text("label", document_limit);
+    record.label = reader.text("label", label_limit);
     record.fim_id = reader.checked("method", is_name);
     record.provider_id = reader.checked("provider", is_name);
     record.consistency = read_consistency(reader);
@@ -331,9 +332,45 @@ void check_bytes(std::string_view document, const char *operation) {
             fail_document(operation, "it holds a declaration");
 }
 
+[[noreturn]] void fail_limit(const char *operation, const std::string &cause) {
+    fail(message::invalid_argument, QFI_STATUS_INVALID_ARGUMENT, operation,
+         {"the id document could not be read again: " + cause});
+}
+
+void require_text(const char *what, std::string_view text, std::size_t limit, const char *operation) {
+    if (text.size() > limit)
+        fail_limit(operation, std::string(what) + " is " + std::to_string(text.size()) + " bytes long, and " +
+                                  std::to_string(limit) + " are the most");
+}
+
+void require_object(const ImageObject &object, const char *operation) {
+    require_text("an object's path", object.path, path_limit, operation);
+    require_text("an object's place in the image", object.subpath, path_limit, operation);
+    require_text("a file system's type", object.filesystem, text_limit, operation);
+    require_text("a file system's device", object.device, text_limit, operation);
+    require_text("a mount point", object.mount_point, path_limit, operation);
+}
+
+void require_image(const FiidImage &image, const char *operation) {
+    const ImageRecord &record = image.record;
+    require_text("the label", record.label, label_limit, operation);
+    require_text("the host's name", record.host, text_limit, operation);
+    require_text("the store's path", image.store, path_limit, operation);
+    for (const std::string &name : {record.fim_id, record.provider_id})
+        if (!is_name(name))
+            fail_limit(operation, "\"" + name + "\" is no name of a method or provider");
+    if (record.objects.size() > object_limit)
+        fail_limit(operation, "an image has " + std::to_string(record.objects.size()) + " objects, and " +
+                                  std::to_string(object_limit) + " are the most");
+    for (const ImageObject &object : record.objects)
+        require_object(object, operation);
+}
+
 } // namespace
 
-std::string write_fiid(const Fiid &fiid) {
+std::string write_fiid(const Fiid &fiid, const char *operation) {
+    for (const FiidImage &image : fiid.images)
+        require_image(image, operation);
     begin_xml();
     Writer writer;
     writer.begin();
@@ -344,7 +381,11 @@ std::string write_fiid(const Fiid &fiid) {
     for (const FiidImage &image : fiid.images)
         write_image(writer, image);
     writer.close();
-    return writer.end();
+    std::string document = writer.end();
+    if (document.size() > document_limit)
+        fail_limit(operation, "it is " + std::to_string(document.size()) + " bytes long, and " +
+                                  std::to_string(document_limit) + " are the most");
+    return document;
 }
 
 Fiid read_fiid(std::string_view document, const char *operation) {

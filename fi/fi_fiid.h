@@ -19,7 +19,8 @@ struct Fiid {
 };
 
 /// The document's text. Paths of any bytes are kept: what XML cannot hold is written as "\xHH", and "\" as "\\".
-std::string write_fiid(const Fiid &fiid);
+/// Throws Failure with QFI_STATUS_INVALID_ARGUMENT, and the limit, for what `read_fiid` would refuse as too long.
+std::string write_fiid(const Fiid &fiid, const char *operation);
 
 /// Reads a document; nothing in it is trusted: no entity is expanded, nothing is loaded, sizes are bounded, ids and
 /// paths are checked. Throws Failure with QFI_FI_BAD_FIID and the reason.

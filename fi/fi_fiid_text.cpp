@@ -8,8 +8,6 @@ namespace qzfi::fi {
 
 namespace {
 
-constexpr std::size_t path_limit = 4095;
-
 unsigned byte_at(std::string_view text, std::size_t at) {
     return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
 }

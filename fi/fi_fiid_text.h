@@ -18,7 +18,8 @@ bool parse_fiid_time(std::string_view text, int64_t &ns);
 
 bool parse_fiid_number(std::string_view text, uint64_t &number);
 
-/// Absolute, without empty names, "." and ".."; at most 4095 bytes.
+inline constexpr std::size_t path_limit = 4095;
+/// Absolute, without empty names, "." and ".."; not longer than the limit.
 bool is_canonical_path(std::string_view path);
 /// The same for a relative one, which may be empty.
 bool is_canonical_subpath(std::string_view path);

@@ -96,7 +96,40 @@ void discard_images(Tree &tree, const char *operation) noexcept {
     }
 }
 
+std::string host_name() {
+    char name[256] = "";
+    return gethostname(name, sizeof name - 1) == 0 ? name : "localhost";
+}
+
+// What is known of an image before it is made.
+void describe(const Tree &tree, const TreeFilesystem &filesystem, ImageRecord &record) {
+    record.set_id = tree.set_id;
+    record.label = tree.options.label;
+    record.fim_id = filesystem.provider->ops->fim_id;
+    record.provider_id = filesystem.provider->ops->provider_id;
+    record.host = host_name();
+    record.has_digests = tree.options.digest;
+}
+
 } // namespace
+
+// Of what the freeze is yet to find out, the longest that it can be stands in the document.
+void require_describable(const Tree &tree, const char *operation) {
+    Fiid longest;
+    longest.set_id = tree.set_id;
+    for (const TreeFilesystem &filesystem : tree.filesystems) {
+        ImageRecord record;
+        describe(tree, filesystem, record);
+        record.id = tree.set_id;
+        record.consistency = QFI_CONSISTENCY_PER_FILE;
+        record.duration_ns = record.entries = record.bytes = record.remarks = UINT64_MAX;
+        for (const TreeObject &object : filesystem.objects)
+            record.objects.push_back({object.path, object.path, filesystem.mount.type, filesystem.mount.source,
+                                      filesystem.mount.mount_point, 0, ""});
+        longest.images.push_back({std::move(record), filesystem.store_path});
+    }
+    write_fiid(longest, operation);
+}
 
 qfi_provider_job make_job(const Tree &tree, const TreeFilesystem &filesystem, std::size_t index,
                           const qfi_provider_host *host, const char *name) {
@@ -114,6 +147,7 @@ qfi_provider_job make_job(const Tree &tree, const TreeFilesystem &filesystem, st
 void prepare(Tree &tree, const char *operation) {
     try {
         tree.set_id = new_image_id();
+        require_describable(tree, operation);
         tree.has_fallen_back = false;
         tree.post_run.reset();
         for (TreeFilesystem &filesystem : tree.filesystems)
@@ -275,11 +309,6 @@ void split_object(Tree &tree, TreeFilesystem &filesystem, std::size_t index, Pro
                     ""};
 }
 
-std::string host_name() {
-    char name[256] = "";
-    return gethostname(name, sizeof name - 1) == 0 ? name : "localhost";
-}
-
 int64_t now_ns(clockid_t clock) {
     timespec now{};
     clock_gettime(clock, &now);
@@ -288,13 +317,8 @@ int64_t now_ns(clockid_t clock) {
 
 void split_filesystem(Tree &tree, TreeFilesystem &filesystem, Progress &progress, const char *operation) {
     ImageRecord &record = filesystem.record;
-    record.set_id = tree.set_id;
-    record.label = tree.options.label;
-    record.fim_id = filesystem.provider->ops->fim_id;
-    record.provider_id = filesystem.provider->ops->provider_id;
-    record.host = host_name();
+    describe(tree, filesystem, record);
     record.consistency = filesystem.consistency;
-    record.has_digests = tree.options.digest;
     record.time_ns = now_ns(CLOCK_REALTIME);
     const int64_t begin = now_ns(CLOCK_MONOTONIC);
     std::vector<JobHost::Remark> remarks;
@@ -310,14 +334,14 @@ void split_filesystem(Tree &tree, TreeFilesystem &filesystem, Progress &progress
 
 // All of the set or none, also when the process is killed in between: see fi_store.h. A failure withdraws those that
 // are visible first, so that what a killed withdrawal leaves is an incomplete set.
-void commit_all(Tree &tree) {
-    const std::string document = fiid_document(tree);
+void commit_all(Tree &tree, const char *operation) {
+    const std::string document = fiid_document(tree, operation);
     const bool is_several = tree.filesystems.size() > 1;
     try {
         for (TreeFilesystem &filesystem : tree.filesystems) {
             ImageRecord record = filesystem.record;
             record.state = is_several ? 0 : 1;
-            filesystem.image->commit(record, document);
+            filesystem.image->commit(record, document, operation);
         }
         if (is_several)
             for (TreeFilesystem &filesystem : tree.filesystems)
@@ -349,7 +373,7 @@ void split(Tree &tree, Progress &progress, const char *operation) {
             split_filesystem(tree, filesystem, progress, operation);
             check_cancelled(progress, operation);
         }
-        commit_all(tree);
+        commit_all(tree, operation);
         tree.state = QFI_TREE_SPLIT;
     } catch (...) {
         fall_back(tree, operation);
@@ -373,12 +397,12 @@ void unquiesce(Tree &tree, const char *operation) {
         fail(message::post_command_failed, QFI_FI_POST_COMMAND, operation, {command, result->how(), result->output});
 }
 
-std::string fiid_document(const Tree &tree) {
+std::string fiid_document(const Tree &tree, const char *operation) {
     Fiid fiid;
     fiid.set_id = tree.set_id;
     for (const TreeFilesystem &filesystem : tree.filesystems)
         fiid.images.push_back({filesystem.record, filesystem.store->path()});
-    return write_fiid(fiid);
+    return write_fiid(fiid, operation);
 }
 
 void abandon(Tree &tree, const char *operation) noexcept {

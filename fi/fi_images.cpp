@@ -54,18 +54,22 @@ HeldImage::~HeldImage() {
 }
 
 Descriptor HeldImage::object(std::size_t index) const {
-    const std::string &subpath = filesystem_.objects[index].image.subpath;
+    return open_frozen(filesystem_, directory_.get(), index, operation_);
+}
+
+Descriptor open_frozen(const TreeFilesystem &filesystem, int image, std::size_t index, const char *operation) {
+    const std::string &subpath = filesystem.objects[index].image.subpath;
     std::string path = std::string(objects_name) + "/" + NewImage::object_name(index);
     if (!subpath.empty())
         path += "/" + subpath;
-    Descriptor object(open_beneath(directory_.get(), path.c_str(), O_RDONLY | O_DIRECTORY));
+    Descriptor object(open_beneath(image, path.c_str(), O_RDONLY | O_DIRECTORY));
     if (object)
         return object;
     const int error = errno;
-    const std::string shown = filesystem_.store->image_path(record().id) + "/" + path;
+    const std::string &id = filesystem.record.id, shown = filesystem.store->image_path(id) + "/" + path;
     if (error == ENOENT || error == ENOTDIR || error == ELOOP || error == EXDEV)
-        fail(message::damaged, QFI_FI_DAMAGED, operation_, {record().id, shown, error_text(error)});
-    fail_call(operation_, "open", shown, error, true);
+        fail(message::damaged, QFI_FI_DAMAGED, operation, {id, shown, error_text(error)});
+    fail_call(operation, "open", shown, error, true);
 }
 
 std::string HeldImage::manifest_name(std::size_t index) {
@@ -293,24 +297,7 @@ void repair(const char *given, Findings &report, const char *operation) {
             if (given == nullptr && access(path.c_str(), F_OK) != 0)
                 continue; // the default store before its first image; one that is not mounted
             const std::shared_ptr<Store> store = Store::open(path, false, operation);
-            // Which provider made a half-made image is not known: a snapshot is every provider's to try.
-            const auto remove = [&](int directory, const char *name) {
-                for (const Provider &provider : providers()) {
-                    JobHost host(operation, path, nullptr);
-                    qfi_provider_job job{};
-                    job.size = sizeof job;
-                    job.host = host.record();
-                    job.object = path.c_str();
-                    job.source = -1;
-                    job.target = directory;
-                    job.name = name;
-                    job.workers = 1;
-                    if (provider.ops->remove != nullptr && provider.ops->remove(&job) == 0)
-                        return;
-                }
-                remove_plainly(directory, name, operation);
-            };
-            const Store::Repair repaired = store->repair(operation, remove);
+            const Store::Repair repaired = store->repair(operation);
             report.changed += repaired.debris;
             for (const std::string &id : repaired.damaged)
                 report.add({QFI_REMARK_WARNING, 0, store->path(), id, "the image's files are missing"});

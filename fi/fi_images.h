@@ -34,6 +34,9 @@ private:
     Descriptor directory_, lock_;
 };
 
+/// The root of an object's frozen tree, below the image's directory, without a link followed. Throws QFI_FI_DAMAGED.
+Descriptor open_frozen(const TreeFilesystem &filesystem, int image, std::size_t index, const char *operation);
+
 /// The provider of an image; throws QFI_FI_NO_SUCH_PROVIDER when it is not loaded.
 const Provider &provider_of(const TreeFilesystem &filesystem, const char *operation);
 

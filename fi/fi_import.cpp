@@ -50,20 +50,7 @@ std::string read_document(int folder, const std::string &folder_path, const char
         fail_call(operation, "open", path, errno, true);
     if (!S_ISREG(status.st_mode) || status.st_size > document_limit)
         fail(message::bad_fiid, QFI_FI_BAD_FIID, operation, {path + " is no file of at most 16 MiB"});
-    std::string text(static_cast<std::size_t>(status.st_size), '\0');
-    for (std::size_t done = 0; done < text.size();) {
-        const ssize_t count = read(file.get(), text.data() + done, text.size() - done);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            fail_call(operation, "read", path, errno, true);
-        if (count == 0) {
-            text.resize(done);
-            break;
-        }
-        done += static_cast<std::size_t>(count);
-    }
-    return text;
+    return read_file(file.get(), path, document_limit, operation);
 }
 
 std::set<std::string> ids_of(const Fiid &fiid) {
@@ -208,7 +195,7 @@ private:
         record.state = 1;
         for (ImageObject &object : record.objects)
             object.subpath.clear(); // copied without what is around it
-        image.commit(record, write_fiid({record.set_id, {{record, store.path()}}}));
+        image.commit(record, write_fiid({record.set_id, {{record, store.path()}}}, operation_), operation_);
     }
 
     // A record whose files are gone, as a deport that was cut short leaves it, makes way.
@@ -237,7 +224,8 @@ private:
         host.on_remark([&](const qfi_remark &remark) {
             if (remark.kind == QFI_REMARK_VANISHED || remark.kind == QFI_REMARK_UNREADABLE ||
                 remark.kind == QFI_REMARK_TORN)
-                lost = std::string(remark.path) + ": " + remark.detail;
+                lost = std::string(remark.path) + ": " + remark.detail +
+                       (remark.error != 0 ? ": " + error_text(remark.error) : "");
         });
         engine::Options options;
         options.data = engine::Data::clone_or_copy;

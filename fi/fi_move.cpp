@@ -18,22 +18,6 @@
 
 namespace qzfi::fi {
 
-void write_whole_file(int directory, const char *name, const std::string &path, const std::string &content,
-                      const char *operation) {
-    const Descriptor file(openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!file)
-        fail_call(operation, "open", path, errno, false);
-    for (std::size_t done = 0; done < content.size();) {
-        const ssize_t count = write(file.get(), content.data() + done, content.size() - done);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            fail_call(operation, "write", path, count < 0 ? errno : EIO, false);
-        done += static_cast<std::size_t>(count);
-    }
-    sync_file(file.get(), path, operation);
-}
-
 void copy_plain_file(int from, int to, const char *name, const std::string &path, const char *operation) {
     const Descriptor source(open_beneath(from, name, O_RDONLY | O_NOFOLLOW));
     if (!source)
@@ -50,14 +34,7 @@ void copy_plain_file(int from, int to, const char *name, const std::string &path
             fail_call(operation, "read", path, errno, true);
         if (count == 0)
             break;
-        for (ssize_t done = 0; done < count;) {
-            const ssize_t more = write(target.get(), buffer.data() + done, static_cast<std::size_t>(count - done));
-            if (more < 0 && errno == EINTR)
-                continue;
-            if (more <= 0)
-                fail_call(operation, "write", path, more < 0 ? errno : EIO, false);
-            done += more;
-        }
+        write_to(target.get(), {buffer.data(), static_cast<std::size_t>(count)}, path, operation);
     }
     sync_file(target.get(), path, operation);
 }
@@ -97,8 +74,9 @@ public:
         Fiid fiid{tree_->set_id, {}};
         for (const TreeFilesystem &filesystem : tree_->filesystems)
             fiid.images.push_back({exported(filesystem, folder.get()), place_.path});
-        std::string document = write_fiid(fiid);
-        write_whole_file(folder.get(), export_document, place_.path + "/" + export_document, document, operation_);
+        std::string document = write_fiid(fiid, operation_);
+        const std::string path = place_.path + "/" + export_document;
+        sync_file(write_file(folder.get(), export_document, path, document, operation_).get(), path, operation_);
         sync_file(folder.get(), place_.path, operation_);
         const std::vector<Claim> claims = claim_moved();
         workshop.put(over_empty);

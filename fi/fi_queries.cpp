@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "fi/fi_freeze.h"
+#include "fi/fi_images.h"
 
 namespace qzfi::fi {
 
@@ -245,10 +246,10 @@ std::string read_text(const NodePlace &place, std::string_view name, const char 
 std::string image_path(const NodePlace &place, const char *subpath, const char *operation) {
     require(place.filesystem != nullptr && place.object >= 0, operation, "the node is no object");
     require(place.filesystem->is_frozen, operation, "the node's image was removed");
-    std::string path = image_object_path(*place.filesystem, static_cast<std::size_t>(place.object));
-    const Descriptor image(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!image)
-        fail(message::damaged, QFI_FI_DAMAGED, operation, {place.filesystem->record.id, path, error_text(errno)});
+    const auto index = static_cast<std::size_t>(place.object);
+    std::string path = image_object_path(*place.filesystem, index);
+    const Descriptor directory = place.filesystem->store->open_image(place.filesystem->record.id, operation);
+    const Descriptor image = open_frozen(*place.filesystem, directory.get(), index, operation);
     if (subpath == nullptr || *subpath == '\0')
         return path;
     // A link at the end is shown as it is; one on the way would lead out of the image.

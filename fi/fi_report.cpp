@@ -2,7 +2,8 @@
 
 #include <charconv>
 #include <fcntl.h>
-#include <unistd.h>
+
+#include "fi/fi_store_folders.h"
 
 namespace qzfi::fi {
 
@@ -92,35 +93,14 @@ bool parse(std::string_view content, StoredReport &report) {
 void write_report(int directory, const std::vector<JobHost::Remark> &remarks, uint64_t count, const char *operation,
                   const std::string &image) {
     const std::string path = image + "/" + report_name;
-    const Descriptor file(openat(directory, report_name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!file)
-        fail_call(operation, "open", path, errno, false);
-    const std::string content = content_of(remarks, count);
-    for (std::size_t done = 0; done < content.size();) {
-        const ssize_t written = write(file.get(), content.data() + done, content.size() - done);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            fail_call(operation, "write", path, written < 0 ? errno : EIO, false);
-        done += static_cast<std::size_t>(written);
-    }
+    write_file(directory, report_name, path, content_of(remarks, count), operation);
 }
 
 StoredReport read_report(int directory, const char *operation, const std::string &image) {
     const Descriptor file(openat(directory, report_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file)
         fail(message::damaged, QFI_FI_DAMAGED, operation, {image, report_name, error_text(errno)});
-    std::string content;
-    for (char buffer[16384];;) {
-        const ssize_t count = read(file.get(), buffer, sizeof buffer);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            fail_call(operation, "read", image + "/" + report_name, errno, true);
-        if (count == 0)
-            break;
-        content.append(buffer, static_cast<std::size_t>(count));
-    }
+    const std::string content = read_file(file.get(), image + "/" + report_name, SIZE_MAX, operation);
     StoredReport report;
     if (!parse(content, report))
         fail(message::damaged, QFI_FI_DAMAGED, operation, {image, report_name, "it is no report"});

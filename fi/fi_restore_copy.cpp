@@ -36,9 +36,10 @@ std::string joined(const std::string &path, const std::string &below) {
     return below.empty() ? path : path + "/" + below;
 }
 
-[[noreturn]] void fail_incomplete(const HeldImage &image, const std::string &path, const std::string &detail,
+[[noreturn]] void fail_incomplete(const HeldImage &image, const std::string &path, const std::string &detail, int error,
                                   const char *operation) {
-    fail(message::damaged, QFI_FI_DAMAGED, operation, {image.record().id, path, detail});
+    const std::string cause = error != 0 ? ": " + error_text(error) : "";
+    fail(message::damaged, QFI_FI_DAMAGED, operation, {image.record().id, path, detail + cause});
 }
 
 bool is_loss(uint32_t kind) {
@@ -64,7 +65,7 @@ void copy_directory(const HeldImage &image, const std::string &shown, int source
     how.report->add(host);
     for (const JobHost::Remark &remark : host.remarks())
         if (is_loss(remark.kind))
-            fail_incomplete(image, joined(remark.object, remark.path), remark.detail, how.operation);
+            fail_incomplete(image, joined(remark.object, remark.path), remark.detail, remark.error, how.operation);
 }
 
 constexpr const char *holder = "entry";
@@ -73,11 +74,12 @@ constexpr const char *holder = "entry";
 void copy_entry(const HeldImage &image, const std::string &shown, int directory, const std::string &entry, int target,
                 const char *name, const CopyOut &how) {
     EngineHost host(how.operation, shown, how.progress);
-    std::string lost, lost_path;
+    std::string lost;
+    int lost_error = 0;
     host.on_remark([&](const qfi_remark &remark) {
         if (is_loss(remark.kind)) {
             lost = remark.detail;
-            lost_path = remark.path;
+            lost_error = remark.error;
         } else {
             how.report->add({remark.kind, remark.error, shown, "", remark.detail});
         }
@@ -90,14 +92,14 @@ void copy_entry(const HeldImage &image, const std::string &shown, int directory,
     const engine::Result result = run.result();
     host.check(result, false);
     if (!lost.empty())
-        fail_incomplete(image, shown, lost, how.operation);
+        fail_incomplete(image, shown, lost, lost_error, how.operation);
     const Descriptor made(open_beneath(target, holder, O_RDONLY | O_DIRECTORY));
     if (!made)
         fail_call(how.operation, "open", shown, errno, false);
     if (renameat(made.get(), entry.c_str(), target, name) != 0) {
         const int error = errno;
         if (error == ENOENT)
-            fail_incomplete(image, shown, "it cannot be copied", how.operation);
+            fail_incomplete(image, shown, "it cannot be copied", error, how.operation);
         fail_call(how.operation, "rename", shown, error, false);
     }
     if (unlinkat(target, holder, AT_REMOVEDIR) != 0)

@@ -144,12 +144,14 @@ std::shared_ptr<Store> Store::open(const std::string &given, bool create, const 
     std::shared_ptr<Store> store(new Store(std::move(state)));
     if (!store->state_->is_writable)
         return store;
-    // What cannot be removed now (a snapshot, which only its provider can) is for `repair` to tell of.
-    const RemoveTree plainly = [&](int objects, const char *name) { remove_plainly(objects, name, operation); };
+    // What cannot be removed now is for `repair` to tell of.
+    const RemoveTree remove_tree = [&](int objects, const char *name) {
+        remove_by_provider(objects, name, store->path(), operation);
+    };
     try {
         const Hush hush;
-        end_pending(*store->state_, plainly, operation);
-        remove_debris(*store->state_, plainly, operation);
+        end_pending(*store->state_, remove_tree, operation);
+        remove_debris(*store->state_, remove_tree, operation);
     } catch (const Failure &) {
     }
     return store;
@@ -256,7 +258,10 @@ void Store::remove_with(const std::string &id, const char *operation, const Remo
         remove_folder(*state_, std::move(*claim), id, remove_object, operation);
 }
 
-Store::Repair Store::repair(const char *operation, const std::function<void(int, const char *)> &remove_tree) {
+Store::Repair Store::repair(const char *operation) {
+    const RemoveTree remove_tree = [&](int objects, const char *name) {
+        remove_by_provider(objects, name, path(), operation);
+    };
     Repair repair;
     for (const ImageRecord &record : list(operation))
         if (record.state == 3)

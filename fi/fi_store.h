@@ -85,9 +85,9 @@ public:
     int directory() const noexcept;
     static std::string object_name(std::size_t index);
     /// Writes the id document, syncs everything, renames and records: when this returns, the image is there; when it
-    /// throws, it is not. Report and manifests were written by the caller.
+    /// throws, it is not. Report and manifests were written by the caller. What comes after is of this operation too.
     /// A record whose state is 0 stays out of sight, and the image this maker's, until it is settled or withdrawn.
-    void commit(const ImageRecord &record, const std::string &fiid);
+    void commit(const ImageRecord &record, const std::string &fiid, const char *operation);
     void settle();
     /// Takes a commit back: what was made can be removed again, and goes with this.
     void withdraw() noexcept;
@@ -102,10 +102,10 @@ private:
 /// An opened store. Thread-safe.
 class Store {
 public:
-    /// Opens the store, making it when `create`, with the folders above it. Removes debris of makers that are gone, as
-    /// far as it goes. Throws Failure (QFI_FI_STORE, QFI_FI_NO_RIGHT, QFI_FI_CATALOG, QFI_FI_NO_SPACE, QFI_FI_UNSAFE
-    /// for a link, or a folder that others could change). The catalog's version is checked. A store that cannot be
-    /// written can be listed and read.
+    /// Opens the store, making it when `create`, with the folders above it. Removes debris of makers that are gone,
+    /// each object through the provider that can, as far as it goes. Throws Failure (QFI_FI_STORE, QFI_FI_NO_RIGHT,
+    /// QFI_FI_CATALOG, QFI_FI_NO_SPACE, QFI_FI_UNSAFE for a link, or a folder that others could change). The catalog's
+    /// version is checked. A store that cannot be written can be listed and read.
     static std::shared_ptr<Store> open(const std::string &path, bool create, const char *operation);
 
     const std::string &path() const noexcept;
@@ -135,14 +135,14 @@ public:
     /// The path of an image's directory.
     std::string image_path(const std::string &id) const;
 
-    /// Removes half-made and half-removed images whose makers are gone, each object of them through
-    /// `remove_tree(directory of objects, name)`; gives their number, and the ids of recorded images whose folder is
-    /// missing. What cannot be removed is thrown at the end, after everything else was.
+    /// Removes half-made and half-removed images whose makers are gone, each object of them through the provider that
+    /// can; gives their number, and the ids of recorded images whose folder is missing. What cannot be removed is
+    /// thrown at the end, after everything else was.
     struct Repair {
         uint64_t debris = 0;
         std::vector<std::string> damaged;
     };
-    Repair repair(const char *operation, const std::function<void(int, const char *)> &remove_tree);
+    Repair repair(const char *operation);
     uint64_t debris_count();
     struct State; // inner
     const State &state() const noexcept { return *state_; }

@@ -513,6 +513,17 @@ void Catalog::settle(const std::string &id, const char *operation) {
     transaction.commit();
 }
 
+// A transaction that changes nothing but the header's count of changes.
+void Catalog::seal(const char *operation) {
+    const std::lock_guard lock(mutex_);
+    sparing([&] {
+        const CatalogPlace place{store_, operation};
+        Transaction transaction(connection_->database, place);
+        run_sql(connection_->database, "PRAGMA user_version = 1", place);
+        transaction.commit();
+    });
+}
+
 void Catalog::remember(const std::string &path, const char *operation) {
     const std::lock_guard lock(mutex_);
     const CatalogPlace place{store_, operation};

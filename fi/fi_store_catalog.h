@@ -36,6 +36,9 @@ public:
     bool has(const std::string &id, const char *operation);
     std::vector<std::string> pending(const char *operation);
     void settle(const std::string &id, const char *operation);
+    /// Makes sure that a record which is not there stays away. The log may hold one whose transaction failed at its
+    /// last sync, and a crash would bring it back: the next transaction takes its place.
+    void seal(const char *operation);
 
     void remember(const std::string &path, const char *operation);
     bool forget(const std::string &path, const char *operation);

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "fi/fi_providers.h"
 #include "providers/engine/engine.h"
 
 namespace qzfi::fi {
@@ -154,6 +155,61 @@ void remove_plainly(int directory, const char *name, const char *operation) {
               failure.error != 0 ? failure.error : EIO, false);
 }
 
+void remove_by_provider(int directory, const char *name, const std::string &store, const char *operation) {
+    for (const Provider &provider : providers()) {
+        if (provider.ops->remove == nullptr)
+            continue;
+        const Hush hush;
+        const JobHost host(operation, store, nullptr);
+        qfi_provider_job job{};
+        job.size = sizeof job;
+        job.host = host.record();
+        job.object = store.c_str();
+        job.source = -1;
+        job.target = directory;
+        job.name = name;
+        job.workers = 1;
+        if (provider.ops->remove(&job) == 0)
+            return;
+    }
+    remove_plainly(directory, name, operation);
+}
+
+void write_to(int fd, std::string_view content, const std::string &path, const char *operation) {
+    while (!content.empty()) {
+        const ssize_t count = write(fd, content.data(), content.size());
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            fail_call(operation, "write", path, count < 0 ? errno : EIO, false);
+        content.remove_prefix(static_cast<std::size_t>(count));
+    }
+}
+
+Descriptor write_file(int directory, const char *name, const std::string &path, std::string_view content,
+                      const char *operation) {
+    Descriptor file(openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file)
+        fail_call(operation, "open", path, errno, false);
+    write_to(file.get(), content, path, operation);
+    return file;
+}
+
+std::string read_file(int fd, const std::string &path, std::size_t limit, const char *operation) {
+    std::string content;
+    for (std::string buffer(65536, '\0'); content.size() <= limit;) {
+        const ssize_t count = read(fd, buffer.data(), buffer.size());
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            fail_call(operation, "read", path, errno, true);
+        if (count == 0)
+            break;
+        content.append(buffer, 0, static_cast<std::size_t>(count));
+    }
+    return content;
+}
+
 void sync_file(int fd, const std::string &path, const char *operation) {
     if (fsync(fd) != 0)
         fail_call(operation, "fsync", path, errno, false);
@@ -218,6 +274,8 @@ uint64_t remove_debris(const Store::State &store, const RemoveTree &remove_tree,
             std::optional<Claim> claim = claim_debris(store, name, read, operation);
             if (!claim)
                 return;
+            if (!read.is_half)
+                store.catalog->seal(operation);
             remove_folder(store, std::move(*claim), read.id, remove_tree, operation);
             ++removed;
         } catch (const Failure &) {

@@ -58,6 +58,10 @@ void remove_folder(const Store::State &store, Claim claim, const std::string &id
 /// Removes a tree as the tree engine does.
 void remove_plainly(int directory, const char *name, const char *operation);
 
+/// Removes what a maker that is gone left in a store: which provider made it is not known, and a snapshot can be
+/// removed by its own only, so each tries. What none removes is removed plainly.
+void remove_by_provider(int directory, const char *name, const std::string &store, const char *operation);
+
 /// Removes the debris of makers that are gone; all of it is tried before a failure is thrown. Gives their number.
 uint64_t remove_debris(const Store::State &store, const RemoveTree &remove_tree, const char *operation);
 uint64_t count_debris(const Store::State &store, const char *operation);
@@ -72,6 +76,13 @@ std::string normal_store_path(std::string_view path);
 
 /// The names in a directory, without "." and "..". Throws.
 std::vector<std::string> names_in(int directory, const std::string &path, const char *operation);
+/// Writes all of a text. Throws.
+void write_to(int fd, std::string_view content, const std::string &path, const char *operation);
+/// Makes a file that holds a text. Throws when there is one already.
+Descriptor write_file(int directory, const char *name, const std::string &path, std::string_view content,
+                      const char *operation);
+/// Reads a file to its end, or to somewhere beyond `limit`. Throws.
+std::string read_file(int fd, const std::string &path, std::size_t limit, const char *operation);
 /// Syncs a file or directory. Throws.
 void sync_file(int fd, const std::string &path, const char *operation);
 

@@ -59,6 +59,7 @@ struct NewImage::State {
     std::optional<Claim> claim;
     Descriptor objects;
     const char *operation = "";
+    bool may_be_recorded = false; // a crash could bring a record back whose transaction failed
     bool is_committed = false;
 
     std::string path(const std::string &name = "") const {
@@ -74,6 +75,8 @@ NewImage::State::~State() {
     try {
         const Hush hush;
         const char *const by = operation;
+        if (may_be_recorded)
+            store->catalog->seal(by);
         remove_folder(
             *store, std::move(*claim), id,
             [by](int directory, const char *name) { remove_plainly(directory, name, by); }, by);
@@ -157,21 +160,6 @@ NewImage Store::begin(const std::string &id, const char *operation) {
 
 namespace {
 
-void write_file(int directory, const char *name, const std::string &path, const std::string &content,
-                const char *operation) {
-    const Descriptor file(openat(directory, name, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!file)
-        fail_call(operation, "open", path, errno, false);
-    for (std::size_t done = 0; done < content.size();) {
-        const ssize_t count = write(file.get(), content.data() + done, content.size() - done);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            fail_call(operation, "write", path, count < 0 ? errno : EIO, false);
-        done += static_cast<std::size_t>(count);
-    }
-}
-
 // Manifests, report and id document.
 void sync_files(int directory, const std::string &path, const char *operation) {
     for (const std::string &name : names_in(directory, path, operation)) {
@@ -194,9 +182,9 @@ int rename_to_new(int directory, const char *from, const char *to) noexcept {
 
 } // namespace
 
-void NewImage::commit(const ImageRecord &record, const std::string &fiid) {
+void NewImage::commit(const ImageRecord &record, const std::string &fiid, const char *operation) {
     State &state = *state_;
-    const char *const operation = state.operation;
+    state.operation = operation;
     require(record.id == state.id, operation, "the record is of another image");
     const int directory = state.claim->directory.get();
     const int images = state.store->images.get();
@@ -210,6 +198,7 @@ void NewImage::commit(const ImageRecord &record, const std::string &fiid) {
         fail_call(operation, "rename", state.path(), errno, false);
     state.claim->name = state.id;
     sync_file(images, state.store->path + "/images", operation);
+    state.may_be_recorded = true;
     state.store->catalog->add(record, operation);
     state.is_committed = true;
     if (record.state != 0)
@@ -227,7 +216,7 @@ void NewImage::withdraw() noexcept {
     try {
         const Hush hush;
         state_->store->catalog->erase(state_->id, state_->operation);
-        state_->is_committed = false;
+        state_->is_committed = state_->may_be_recorded = false;
     } catch (...) {
         return;
     }

@@ -19,18 +19,7 @@ std::string read_document(int image, const std::string &path, const char *operat
     const Descriptor file(openat(image, "fiid.xml", O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file)
         fail_call(operation, "open", path, errno, true);
-    std::string document;
-    for (char buffer[65536]; document.size() < longest_document;) {
-        const ssize_t count = read(file.get(), buffer, sizeof buffer);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            fail_call(operation, "read", path, errno, true);
-        if (count == 0)
-            break;
-        document.append(buffer, static_cast<std::size_t>(count));
-    }
-    return document;
+    return read_file(file.get(), path, longest_document, operation);
 }
 
 // Another store, as it is at this moment: nothing there is locked, or settled in turn.

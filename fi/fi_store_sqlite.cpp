@@ -1,46 +1,17 @@
 #include "fi/fi_store_sqlite.h"
 
 #include <chrono>
-#include <cstring>
-#include <mutex>
 #include <thread>
+
+#include "fi/fi_store_vfs.h"
 
 namespace qzfi::fi {
 
 namespace {
 
-constexpr const char *vfs_name = "qzfi-fi";
 constexpr int busy_ms = 10'000;
 constexpr auto patience = std::chrono::seconds(60);
 constexpr auto pause = std::chrono::milliseconds(5);
-
-// SQLite would resolve the link "/proc/self/fd/N" and open the path that it finds, which may be another folder by then.
-// Kept as it stands, every file that it opens lies in the store that was opened.
-int keep_path(sqlite3_vfs *, const char *path, int size, char *out) {
-    const std::size_t length = std::strlen(path);
-    if (length + 1 > static_cast<std::size_t>(size))
-        return SQLITE_CANTOPEN;
-    std::memcpy(out, path, length + 1);
-    return SQLITE_OK;
-}
-
-bool register_vfs() {
-    static sqlite3_vfs vfs;
-    static std::mutex registering;
-    static bool is_registered = false;
-    const std::lock_guard lock(registering);
-    if (is_registered)
-        return true;
-    const sqlite3_vfs *const original = sqlite3_vfs_find("unix");
-    if (original == nullptr)
-        return false;
-    vfs = *original;
-    vfs.pNext = nullptr;
-    vfs.zName = vfs_name;
-    vfs.xFullPathname = keep_path;
-    is_registered = sqlite3_vfs_register(&vfs, 0) == SQLITE_OK;
-    return is_registered;
-}
 
 bool is_passing(int result) {
     const int primary = result & 0xff;
@@ -76,13 +47,14 @@ void fail_sqlite(sqlite3 *connection, int result, const CatalogPlace &place) {
 }
 
 sqlite3 *open_sqlite(const std::string &path, int flags, int &result, int &error) {
-    if (!register_vfs()) {
+    const char *const vfs = catalog_vfs();
+    if (vfs == nullptr) {
         result = SQLITE_ERROR;
         error = 0;
         return nullptr;
     }
     sqlite3 *connection = nullptr;
-    result = sqlite3_open_v2(path.c_str(), &connection, flags | SQLITE_OPEN_FULLMUTEX, vfs_name);
+    result = sqlite3_open_v2(path.c_str(), &connection, flags | SQLITE_OPEN_FULLMUTEX, vfs);
     error = connection != nullptr ? sqlite3_system_errno(connection) : 0;
     if (result != SQLITE_OK) {
         sqlite3_close(connection);

@@ -201,7 +201,7 @@ void prepare(Tree &tree, const char *operation);
 void quiesce(Tree &tree, const char *operation);
 void split(Tree &tree, Progress &progress, const char *operation);
 void unquiesce(Tree &tree, const char *operation);
-std::string fiid_document(const Tree &tree);
+std::string fiid_document(const Tree &tree, const char *operation);
 /// Undoes what prepare, quiesce and a failed split left: the half-made images go, the post command runs.
 void abandon(Tree &tree, const char *operation) noexcept;
 /// Removes the images of a frozen tree from their stores.

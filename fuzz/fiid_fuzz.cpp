@@ -27,8 +27,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
             if (!is_canonical_path(object.path) || !is_canonical_subpath(object.subpath))
                 std::abort();
     }
-    const std::string written = write_fiid(fiid);
-    if (write_fiid(read_fiid(written, "fuzz")) != written)
+    const std::string written = write_fiid(fiid, "fuzz");
+    if (write_fiid(read_fiid(written, "fuzz"), "fuzz") != written)
         std::abort();
     return 0;
 }

@@ -40,7 +40,7 @@ TEST_F(CatalogTest, any_bytes_and_any_numbers_come_back) {
     const std::string name("\x01\xff'\";--\\ \xc3", 10); // paths hold no NUL
     record.objects[0] = {"/a" + name, name, bytes, bytes, "/" + name, INT32_MIN, bytes};
     record.objects.push_back({"/b", "sub", "ext4", "dev", "/", 7, ""});
-    store->begin(record.id, op).commit(record, "");
+    store->begin(record.id, op).commit(record, "", op);
 
     const ImageRecord found = *store->find(record.id, op);
     EXPECT_EQ(found.label, bytes);
@@ -64,7 +64,7 @@ TEST_F(CatalogTest, the_oldest_image_comes_first) {
     for (const int64_t time : {30, 10, 20}) {
         ImageRecord record = record_of(new_image_id());
         record.time_ns = time;
-        store->begin(record.id, op).commit(record, "");
+        store->begin(record.id, op).commit(record, "", op);
     }
     std::vector<int64_t> times;
     for (const ImageRecord &record : store->list(op))
@@ -131,7 +131,7 @@ TEST_F(CatalogTest, a_record_that_could_not_be_read_again_is_not_written) {
     const std::shared_ptr<Store> store = Store::open(path, true, op);
     ImageRecord record = record_of(new_image_id());
     record.objects[0].subpath = "..";
-    EXPECT_EQ(status_of_call([&] { store->begin(record.id, op).commit(record, ""); }), QFI_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(status_of_call([&] { store->begin(record.id, op).commit(record, "", op); }), QFI_STATUS_INVALID_ARGUMENT);
     EXPECT_EQ(last_error(),
               "3 MSG_QFI_E2003: %s: invalid argument: %s\n|qzfi_test|the record holds a path that is none");
     EXPECT_TRUE(store->list(op).empty());

@@ -44,7 +44,7 @@ bool fits_schema(const std::string &document) {
 }
 
 std::string with(const std::string &from, const std::string &to) {
-    std::string document = write_fiid(example());
+    std::string document = write_fiid(example(), op);
     const std::size_t at = document.find(from);
     EXPECT_NE(at, std::string::npos) << from;
     return at == std::string::npos ? document : document.replace(at, from.size(), to);
@@ -57,7 +57,7 @@ int32_t read_status(const std::string &document) {
 } // namespace
 
 TEST(Fiid, a_document_is_these_bytes) {
-    EXPECT_EQ(write_fiid(example()),
+    EXPECT_EQ(write_fiid(example(), op),
               "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
               "<fiid xmlns=\"urn:qzfi:fiid:1\" version=\"1\" set=\"20260101T000000Z-00000000\">\n"
               "  <image id=\"20261121T041500Z-8f3a2c1d\" label=\"a label\" method=\"copy\" provider=\"copy\" "
@@ -83,7 +83,7 @@ TEST(Fiid, any_bytes_survive_a_round_trip_and_fit_the_schema) {
     record.entries = UINT64_MAX;
     fiid.images.push_back(example().images[0]);
     fiid.images[1].record.id = "20261121T041500Z-8f3a2c1e";
-    const std::string document = write_fiid(fiid);
+    const std::string document = write_fiid(fiid, op);
     EXPECT_TRUE(fits_schema(document));
 
     const Fiid found = read_fiid(document, op);
@@ -94,14 +94,14 @@ TEST(Fiid, any_bytes_survive_a_round_trip_and_fit_the_schema) {
     EXPECT_EQ(found.images[0].record.objects[0].subpath, all_bytes());
     EXPECT_EQ(found.images[0].record.time_ns, -1);
     EXPECT_EQ(found.images[0].store, fiid.images[0].store);
-    EXPECT_EQ(write_fiid(found), document);
+    EXPECT_EQ(write_fiid(found, op), document);
 }
 
 TEST(Fiid, the_command_line_validator_agrees) {
     if (std::system("command -v xmllint > /dev/null") != 0)
         GTEST_SKIP() << "xmllint is not installed";
     const Folder folder;
-    std::ofstream(folder.path() + "/good") << write_fiid(example());
+    std::ofstream(folder.path() + "/good") << write_fiid(example(), op);
     std::ofstream(folder.path() + "/bad") << with("per-file", "good");
     const std::string command = "xmllint --nonet --noout --schema " SCHEMA " " + folder.path();
     EXPECT_EQ(std::system((command + "/good 2> /dev/null").c_str()), 0);
@@ -163,7 +163,7 @@ TEST(Fiid, what_is_not_by_the_schema_is_refused) {
               QFI_FI_BAD_FIID);
     Fiid twice = example();
     twice.images.push_back(twice.images[0]);
-    EXPECT_EQ(read_status(write_fiid(twice)), QFI_FI_BAD_FIID);
+    EXPECT_EQ(read_status(write_fiid(twice, op)), QFI_FI_BAD_FIID);
 }
 
 TEST(Fiid, a_refusal_names_line_and_cause) {

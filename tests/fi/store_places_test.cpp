@@ -82,7 +82,7 @@ TEST_F(PlacesTest, a_path_is_kept_in_the_form_that_id_documents_hold) {
     const std::shared_ptr<Store> store = Store::open(folder.path() + "//./above//store/./", true, op);
     EXPECT_EQ(store->path(), folder.path() + "/above/store");
     const Fiid fiid{"20260101T000000Z-00000000", {{record_of(new_image_id()), store->path()}}};
-    EXPECT_EQ(read_fiid(write_fiid(fiid), op).images.at(0).store, store->path());
+    EXPECT_EQ(read_fiid(write_fiid(fiid, op), op).images.at(0).store, store->path());
     const std::string above = folder.path() + "/above/../store";
     EXPECT_EQ(status_of_call([&] { Store::open(above, true, op); }), QFI_STATUS_INVALID_ARGUMENT);
     EXPECT_EQ(last_error(),
@@ -189,13 +189,13 @@ TEST_F(PlacesTest, repairing_what_cannot_be_written_tells_of_damage_and_fails_fo
     const std::string id = make_image(*Store::open(path, true, op));
     std::filesystem::remove_all(path + "/images/" + id);
     remount(MS_RDONLY);
-    const Store::Repair repair = Store::open(path, false, op)->repair(op, remove_all);
+    const Store::Repair repair = Store::open(path, false, op)->repair(op);
     EXPECT_EQ(repair.damaged, std::vector<std::string>{id});
     EXPECT_EQ(repair.debris, 0u);
     remount(0);
     std::filesystem::create_directory(path + "/images/.new-20260101T000000Z-00000001");
     remount(MS_RDONLY);
-    EXPECT_EQ(status_of_call([&] { Store::open(path, false, op)->repair(op, remove_all); }), QFI_FI_NO_RIGHT);
+    EXPECT_EQ(status_of_call([&] { Store::open(path, false, op)->repair(op); }), QFI_FI_NO_RIGHT);
 }
 
 TEST_F(PlacesTest, who_cannot_write_reads_whole_catalogs_while_others_write) {

@@ -45,7 +45,7 @@ std::string make_image(Store &store) {
     const Descriptor file(openat(image.objects(), (object + "/data").c_str(), O_WRONLY | O_CREAT, 0644));
     if (!file || write(file.get(), "data", 4) != 4)
         throw Failure{status_of(errno, QFI_FI_WRITE)};
-    image.commit(record_of(id), "<fiid/>");
+    image.commit(record_of(id), "<fiid/>", "qzfi_split");
     return id;
 }
 

@@ -35,7 +35,7 @@ protected:
     // Every image that is listed is whole, and nothing else is there.
     void expect_consistent() {
         const std::shared_ptr<Store> store = open(false);
-        store->repair(op, remove_all);
+        store->repair(op);
         for (const ImageRecord &record : store->list(op)) {
             EXPECT_EQ(record.state, 1u);
             EXPECT_EQ(read(record.id), "data");
@@ -148,7 +148,7 @@ TEST_F(StoreTest, an_image_that_somebody_works_on_is_busy_and_is_no_debris) {
     const std::string id = make_image(*store);
     store->remove(id, op, [&](int directory, const char *name) {
         EXPECT_EQ(status_of_call([&] { other->remove(id, op, remove_all); }), QFI_FI_BUSY);
-        EXPECT_EQ(other->repair(op, remove_all).debris, 0u);
+        EXPECT_EQ(other->repair(op).debris, 0u);
         remove_all(directory, name);
     });
     EXPECT_TRUE(names_in(path + "/images").empty());
@@ -178,7 +178,7 @@ TEST_F(StoreTest, a_missing_folder_makes_an_image_damaged) {
     std::filesystem::remove_all(path + "/images/" + id);
     EXPECT_EQ(store->find(id, op)->state, 3u);
     EXPECT_EQ(store->list(op).at(0).state, 3u);
-    EXPECT_EQ(store->repair(op, remove_all).damaged, std::vector<std::string>{id});
+    EXPECT_EQ(store->repair(op).damaged, std::vector<std::string>{id});
     EXPECT_EQ(status_of_call([&] { store->open_image(id, op); }), QFI_FI_DAMAGED);
     store->remove(id, op, remove_all);
     EXPECT_TRUE(store->list(op).empty());
@@ -324,7 +324,7 @@ TEST_F(StoreTest, whatever_fails_in_listing_and_repairing_nothing_is_lost) {
                 const std::shared_ptr<Store> store = Store::open(at, false, op);
                 store->list(op);
                 store->find(id, op);
-                store->repair(op, remove_all);
+                store->repair(op);
                 store->debris_count();
                 return std::string();
             });
