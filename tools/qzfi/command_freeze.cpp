@@ -59,10 +59,15 @@ int32_t make_images(qfi_domain *tree, const Options &options, const std::string 
     return qfi_op_unquiesce(tree);
 }
 
-std::string attribute(const qfi_domain *node, const char *name) {
-    Text text;
-    check(qfi_op_getattr(node, name, nullptr, Out(text)), std::string("ask for the ") + name);
-    return text ? text.get() : "";
+// Of a tree over one file system its image; over several their set, which names them all.
+std::string id_of(const qfi_domain *tree) {
+    const qfi_domain *const filesystem = tree->fid_children;
+    Text image, set;
+    check(qfi_op_getattr(filesystem, "image", nullptr, Out(image)), "ask for the image's id");
+    if (filesystem->fid_siblings == nullptr)
+        return image.get();
+    check(qfi_op_getSnapshotSetId(image.get(), Out(set)), std::string("ask for the set of image ") + image.get());
+    return set.get();
 }
 
 int run(const Settings &settings, const Options &options) {
@@ -78,7 +83,7 @@ int run(const Settings &settings, const Options &options) {
     }
     if (report && !settings.quiet)
         print_remarks(*report);
-    const std::string id = attribute(tree.get(), "image");
+    const std::string id = id_of(tree.get());
     if (options.json) {
         Json images = Json::array();
         const ImageList list = find_images({id, options.store});
