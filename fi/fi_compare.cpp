@@ -83,6 +83,11 @@ ManifestReader walked(int directory, const std::string &object, const WalkOption
     ManifestWriter writer(scratch.directory(), Scratch::name, operation, object);
     EngineHost host(operation, object, options.progress);
     host.on_entry([&](const qfi_entry &entry) { return writer.add(entry); });
+    // Data that nobody can read must not pass for data that did not change.
+    host.on_remark([&](const qfi_remark &remark) {
+        if (remark.kind == QFI_REMARK_UNREADABLE && remark.error != EACCES && remark.error != EPERM)
+            fail_call(operation, "read", object + "/" + remark.path, remark.error, true);
+    });
     engine::Options walk;
     walk.workers = options.workers;
     walk.digest = options.digest;

@@ -135,7 +135,7 @@ public:
             return fail_read(job_, "openat2", "", errno);
         const auto found = btrfs::place_of(job_.source, root_.get(), image_.get());
         if (!found)
-            return fail_read(job_, "looking the object up in its snapshot", "", ENOENT);
+            return fail_read(job_, "looking the object up in its snapshot", "", errno);
         place = *found;
         if (const int32_t status = complete(place); status != QFI_STATUS_OK)
             return status;
@@ -236,6 +236,8 @@ private:
     /// Removes a store's directory from a snapshot of the subvolume that holds it.
     int32_t leave_out_store(const qfi_excluded &store, int live, int snapshot) {
         const auto place = btrfs::place_of(store.directory, live, snapshot);
+        if (!place && errno != ENOENT)
+            return fail_read(job_, "looking a store up in the snapshot", "", errno);
         if (!place || place->empty())
             return QFI_STATUS_OK;
         const auto [parent, name] = btrfs::split_path(*place);
@@ -409,33 +411,19 @@ int32_t copy_out(qfi_provider_job *job) {
     return provider::fenced(job, give_out);
 }
 
-int32_t resync(qfi_provider_job *job) {
-    return provider::fenced(
-        job, [](qfi_provider_job &one) { return provider::update_tree(one, engine::Data::clone_or_copy); });
-}
-
 int32_t remove_image(qfi_provider_job *job) {
     return provider::fenced(job, [](const qfi_provider_job &one) { return remove_any(one); });
 }
 
-const qfi_provider_ops operations = {
-    {}, // release
-    sizeof(qfi_provider_ops),
-    QFI_API_VERSION,
-    "btrfs",
-    "btrfs",
-    "Read-only snapshots of Btrfs subvolumes; all of a subvolume is of one moment",
-    300,
-    QFI_CONSISTENCY_ATOMIC,
-    QFI_TECHNOLOGY_SNAPSHOT,
-    nullptr, // start
-    nullptr, // stop
-    probe,
-    split,
-    copy_out,
-    resync,
-    remove_image,
-};
+const qfi_provider_ops operations = [] {
+    qfi_provider_ops all = provider::operations_of(
+        {"btrfs", "Read-only snapshots of Btrfs subvolumes; all of a subvolume is of one moment", 300,
+         QFI_CONSISTENCY_ATOMIC, QFI_TECHNOLOGY_SNAPSHOT},
+        probe, split);
+    all.copy_out = copy_out;
+    all.remove = remove_image;
+    return all;
+}();
 
 } // namespace
 

@@ -48,8 +48,12 @@ Descriptor step_up(const Descriptor &at, const struct stat &here) noexcept {
 std::optional<std::string> path_of(int fd) {
     char path[PATH_MAX];
     const ssize_t length = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof(path));
-    if (length <= 0 || length == static_cast<ssize_t>(sizeof(path)))
+    if (length < 0)
         return std::nullopt;
+    if (length == static_cast<ssize_t>(sizeof(path))) {
+        errno = ENAMETOOLONG;
+        return std::nullopt;
+    }
     return std::string(path, static_cast<std::size_t>(length));
 }
 
@@ -69,7 +73,10 @@ std::optional<std::string> place_by_path(int directory, int root) {
     const auto whole = path_of(directory), top = path_of(root);
     if (!whole || !top)
         return std::nullopt;
-    return below(*top == "/" ? "" : *top, *whole);
+    auto place = below(*top == "/" ? "" : *top, *whole);
+    if (!place)
+        errno = ENOENT;
+    return place;
 }
 
 bool has_capability(unsigned capability) noexcept {
@@ -204,12 +211,17 @@ std::optional<std::string> place_of(int directory, int root, int snapshot) {
     if (object.st_ino == BTRFS_FIRST_FREE_OBJECTID)
         return "";
     auto place = place_by_inode(object.st_ino, snapshot);
-    if (!place)
+    if (!place && errno == EPERM)
         place = place_by_path(directory, root);
     if (!place)
         return std::nullopt;
     const Descriptor there = provider::open_directory(snapshot, *place);
-    return identity(there.get(), found) && found.st_ino == object.st_ino ? place : std::nullopt;
+    if (!identity(there.get(), found))
+        return std::nullopt;
+    if (found.st_ino == object.st_ino)
+        return place;
+    errno = ENOENT;
+    return std::nullopt;
 }
 
 int nested_in(int root, std::vector<Subvolume> &list) {

@@ -31,8 +31,8 @@ bool is_snapshot_of(int snapshot, int root) noexcept;
 int set_read_only(int root, bool read_only) noexcept;
 int sync(int directory) noexcept;
 
-/// Where a directory of the live subvolume `root` lies in a snapshot of it: inodes keep their numbers. Nothing when it
-/// is not there.
+/// Where a directory of the live subvolume `root` lies in a snapshot of it: inodes keep their numbers. Nothing, and an
+/// errno, when it is not there (ENOENT) or cannot be looked up.
 std::optional<std::string> place_of(int directory, int root, int snapshot);
 
 struct Subvolume {

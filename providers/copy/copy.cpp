@@ -38,38 +38,10 @@ int32_t split(qfi_provider_job *job) {
                             [](const qfi_provider_job &one) { return provider::make_tree(one, engine::Data::copy); });
 }
 
-int32_t copy_out(qfi_provider_job *job) {
-    return provider::fenced(
-        job, [](const qfi_provider_job &one) { return provider::make_tree(one, engine::Data::clone_or_copy); });
-}
-
-int32_t resync(qfi_provider_job *job) {
-    return provider::fenced(
-        job, [](qfi_provider_job &one) { return provider::update_tree(one, engine::Data::clone_or_copy); });
-}
-
-int32_t remove_image(qfi_provider_job *job) {
-    return provider::fenced(job, [](const qfi_provider_job &one) { return provider::remove_tree(one); });
-}
-
-const qfi_provider_ops operations = {
-    {}, // release
-    sizeof(qfi_provider_ops),
-    QFI_API_VERSION,
-    "copy",
-    "copy",
-    "A full copy, on any file system; files that change meanwhile may be of different moments",
-    100,
-    QFI_CONSISTENCY_FUZZY,
-    QFI_TECHNOLOGY_COPY,
-    nullptr, // start
-    nullptr, // stop
-    probe,
-    split,
-    copy_out,
-    resync,
-    remove_image,
-};
+const qfi_provider_ops operations = provider::operations_of(
+    {"copy", "A full copy, on any file system; files that change meanwhile may be of different moments", 100,
+     QFI_CONSISTENCY_FUZZY, QFI_TECHNOLOGY_COPY},
+    probe, split);
 
 } // namespace
 

@@ -152,33 +152,10 @@ bool Copier::make_directory(Worker &worker, int parent, Directory *above, const 
     return child.target >= 0;
 }
 
-void Copier::remark_open(Worker &worker, Directory &directory, const char *name, int error) {
-    if (is_shortage(error))
-        return fail_source(worker, "openat2", &directory, name, error);
-    if (error == ENOENT)
-        return remark(worker, QFI_REMARK_VANISHED, &directory, name, "gone before it was read", error);
-    if (error == EXDEV)
-        return remark(worker, QFI_REMARK_SKIPPED, &directory, name, "another file system", 0);
-    remark(worker, QFI_REMARK_UNREADABLE, &directory, name, "cannot be opened", error);
-}
-
 bool Copier::enter(Worker &worker, Directory &parent, Directory &child) {
     const char *const name = child.name();
-    child.source = open_to_read(parent.source, name, O_DIRECTORY);
-    if (child.source < 0 && (errno == ENOTDIR || errno == ELOOP)) {
-        push_entry(parent, name, DT_UNKNOWN, 0);
+    if (!enter_source(worker, parent, child))
         return false;
-    }
-    if (child.source < 0 || stat_of(child.source, child.stat) != 0) {
-        remark_open(worker, parent, name, errno);
-        return false;
-    }
-    if (is_excluded(options, child.stat))
-        return false;
-    if (device_of(child.stat) != device_of(parent.stat) && !options.nested_volumes) {
-        remark(worker, QFI_REMARK_SKIPPED, &parent, name, "a nested subvolume", 0);
-        return false;
-    }
     if (is_same(child.stat, made_root_)) { // moved there meanwhile
         remark(worker, QFI_REMARK_SKIPPED, &parent, name, "the copy itself", 0);
         return false;
@@ -295,14 +272,14 @@ bool Copier::link(Worker &worker, Directory &directory, const char *name, const 
 Copier::Outcome Copier::special(Worker &worker, Directory &directory, const char *name, uint16_t &mode) {
     Stat stat;
     if (stat_of(directory.source, name, stat) != 0) {
-        remark_open(worker, directory, name, errno);
+        passed_over(worker, "statx", directory, name, errno);
         return Outcome::done;
     }
     mode = stat.stx_mode;
     if (S_ISREG(mode) || S_ISDIR(mode))
         return Outcome::other_type;
     if ((stat.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0) {
-        remark_open(worker, directory, name, EXDEV);
+        passed_over(worker, "statx", directory, name, EXDEV);
         return Outcome::done;
     }
     if (S_ISSOCK(mode)) {
@@ -317,7 +294,7 @@ Copier::Outcome Copier::special(Worker &worker, Directory &directory, const char
         if (size < 0 && errno == EINVAL)
             return Outcome::other_type;
         if (size < 0) {
-            remark_open(worker, directory, name, errno);
+            passed_over(worker, "readlinkat", directory, name, errno);
             return Outcome::done;
         }
         link_target[size] = '\0';

@@ -57,7 +57,6 @@ private:
     bool is_within(int directory, const Stat &outer) const;
     Directory *open_root(Worker &worker, int source, int target, const char *name);
     bool make_directory(Worker &worker, int parent, Directory *above, const char *name, Directory &child);
-    void remark_open(Worker &worker, Directory &directory, const char *name, int error);
 
     Outcome file(Worker &worker, Directory &directory, const char *name);
     bool create(Worker &worker, FileCopy &copy);

@@ -32,7 +32,7 @@ Copier::Outcome Copier::file(Worker &worker, Directory &directory, const char *n
     if (!copy.from && (errno == ELOOP || errno == ENXIO || errno == ENOTDIR))
         return Outcome::other_type;
     if (!copy.from || stat_of(copy.from.get(), copy.stat) != 0) {
-        remark_open(worker, directory, name, errno);
+        passed_over(worker, copy.from ? "statx" : "openat2", directory, name, errno);
         return Outcome::done;
     }
     if (!S_ISREG(copy.stat.stx_mode))

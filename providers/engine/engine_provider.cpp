@@ -293,17 +293,49 @@ int32_t make_tree(const qfi_provider_job &job, engine::Data data) {
     return status;
 }
 
-int32_t update_tree(qfi_provider_job &job, engine::Data data) {
-    const engine::Result result =
-        engine::bring_up_to_date(job.source, job.target, job.name, options_of(job, data), *job.host);
-    job.changed = result.changed;
-    return result.status;
-}
-
 int32_t remove_tree(const qfi_provider_job &job) {
     engine::Options options = options_of(job, engine::Data::copy);
     options.excluded_count = 0;
     return engine::remove_tree(job.target, job.name, options, *job.host).status;
+}
+
+namespace {
+
+int32_t copy_out(qfi_provider_job *job) {
+    return fenced(job, [](const qfi_provider_job &one) { return make_tree(one, engine::Data::clone_or_copy); });
+}
+
+int32_t resync(qfi_provider_job *job) {
+    return fenced(job, [](qfi_provider_job &one) {
+        const engine::Options options = options_of(one, engine::Data::clone_or_copy);
+        const auto result = engine::bring_up_to_date(one.source, one.target, one.name, options, *one.host);
+        one.changed = result.changed;
+        return result.status;
+    });
+}
+
+int32_t remove_image(qfi_provider_job *job) {
+    return fenced(job, [](const qfi_provider_job &one) { return remove_tree(one); });
+}
+
+} // namespace
+
+qfi_provider_ops operations_of(const Description &description, decltype(qfi_provider_ops::probe) probe,
+                               decltype(qfi_provider_ops::split) split) {
+    qfi_provider_ops operations{};
+    operations.size = sizeof operations;
+    operations.version = QFI_API_VERSION;
+    operations.provider_id = operations.fim_id = description.id;
+    operations.description = description.text;
+    operations.hlevel = description.level;
+    operations.consistency = description.consistency;
+    operations.technology = description.technology;
+    operations.probe = probe;
+    operations.split = split;
+    operations.copy_out = copy_out;
+    operations.resync = resync;
+    operations.remove = remove_image;
+    return operations;
 }
 
 } // namespace qzfi::provider

@@ -115,7 +115,19 @@ int taken(const qfi_provider_job &job) noexcept;
 
 /// The operations of a provider whose image is a tree of its own. A failed one leaves nothing half-made.
 int32_t make_tree(const qfi_provider_job &job, engine::Data data);
-int32_t update_tree(qfi_provider_job &job, engine::Data data);
 int32_t remove_tree(const qfi_provider_job &job);
+
+/// What one provider differs from another in, as far as its table tells it.
+struct Description {
+    const char *id; // of the provider and of its method
+    const char *text;
+    uint64_t level;
+    uint32_t consistency, technology;
+};
+
+/// The table of a provider whose image is a tree of its own. A restore may go to another file system, so its data is
+/// shared only where that works.
+qfi_provider_ops operations_of(const Description &description, decltype(qfi_provider_ops::probe) probe,
+                               decltype(qfi_provider_ops::split) split);
 
 } // namespace qzfi::provider

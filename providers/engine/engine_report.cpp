@@ -133,6 +133,21 @@ void Run::remark(Worker &worker, qfi_remark_kind kind, Directory *directory, con
     host.remark(host.context, &made);
 }
 
+void Run::missed(Worker &worker, const char *operation, Directory &directory, const char *name, const char *detail,
+                 int error) {
+    if (is_shortage(error))
+        return fail_source(worker, operation, &directory, name, error);
+    remark(worker, QFI_REMARK_UNREADABLE, &directory, name, detail, error);
+}
+
+void Run::passed_over(Worker &worker, const char *operation, Directory &directory, const char *name, int error) {
+    if (error == ENOENT)
+        return remark(worker, QFI_REMARK_VANISHED, &directory, name, "gone before it was read", error);
+    if (error == EXDEV)
+        return remark(worker, QFI_REMARK_SKIPPED, &directory, name, "another file system", 0);
+    missed(worker, operation, directory, name, "cannot be opened", error);
+}
+
 void Run::tell_entry(Worker &worker, Directory *directory, const char *name, const Stat &stat, const char *link_target,
                      const uint8_t *digest) {
     ++worker.entries;

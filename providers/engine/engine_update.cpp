@@ -199,7 +199,7 @@ void Copier::remove_extra(Worker &worker, Directory &directory) {
             if (stat_of(directory.source, name, stat) == 0)
                 continue;
             if (errno != ENOENT) {
-                remark_open(worker, directory, name, errno); // then it is no reason to remove what is there
+                passed_over(worker, "statx", directory, name, errno); // then it is no reason to remove what is there
                 continue;
             }
             if (remove_target(worker, directory, name))

@@ -22,10 +22,13 @@ protected:
     void entry(Worker &worker, Directory &directory, const char *name, uint8_t type, uint64_t inode) override;
     bool enter(Worker &worker, Directory &parent, Directory &child) override;
     void leave(Worker &worker, Directory &directory) override;
+    void missed(Worker &worker, const char *operation, Directory &directory, const char *name, const char *detail,
+                int error) override;
 
 private:
-    bool file(Worker &worker, Directory &directory, const char *name);
-    void remark_open(Worker &worker, Directory &directory, const char *name, int error);
+    bool file(Worker &worker, Directory &directory, const char *name, Stat &stat);
+    void without_digest(Worker &worker, const char *operation, Directory &directory, const char *name, const Stat &stat,
+                        int error);
 };
 
 void Walker::run(int source) {
@@ -39,34 +42,17 @@ void Walker::run(int source) {
     work(root);
 }
 
-void Walker::remark_open(Worker &worker, Directory &directory, const char *name, int error) {
-    if (is_shortage(error))
-        return fail_source(worker, "openat2", &directory, name, error);
-    if (error == ENOENT)
-        return remark(worker, QFI_REMARK_VANISHED, &directory, name, "gone before it was read", error);
-    if (error == EXDEV)
-        return remark(worker, QFI_REMARK_SKIPPED, &directory, name, "another file system", 0);
-    remark(worker, QFI_REMARK_UNREADABLE, &directory, name, "cannot be opened", error);
+/// A walk gives every entry or fails: whoever compares with what it gave must not take a disk's failure for a change.
+/// What this user may not read is no part of what can be compared.
+void Walker::missed(Worker &worker, const char *operation, Directory &directory, const char *name, const char *detail,
+                    int error) {
+    if (error != EACCES && error != EPERM)
+        return fail_source(worker, operation, &directory, name, error);
+    Run::missed(worker, operation, directory, name, detail, error);
 }
 
 bool Walker::enter(Worker &worker, Directory &parent, Directory &child) {
-    const char *const name = child.name();
-    child.source = open_to_read(parent.source, name, O_DIRECTORY);
-    if (child.source < 0 && (errno == ENOTDIR || errno == ELOOP)) {
-        push_entry(parent, name, DT_UNKNOWN, 0);
-        return false;
-    }
-    if (child.source < 0 || stat_of(child.source, child.stat) != 0) {
-        remark_open(worker, parent, name, errno);
-        return false;
-    }
-    if (is_excluded(options, child.stat))
-        return false;
-    if (device_of(child.stat) != device_of(parent.stat) && !options.nested_volumes) {
-        remark(worker, QFI_REMARK_SKIPPED, &parent, name, "a nested subvolume", 0);
-        return false;
-    }
-    return true;
+    return enter_source(worker, parent, child);
 }
 
 void Walker::leave(Worker &worker, Directory &directory) {
@@ -76,14 +62,14 @@ void Walker::leave(Worker &worker, Directory &directory) {
 void Walker::entry(Worker &worker, Directory &directory, const char *name, uint8_t, uint64_t) {
     Stat stat;
     if (stat_of(directory.source, name, stat) != 0)
-        return remark_open(worker, directory, name, errno);
+        return passed_over(worker, "statx", directory, name, errno);
     if (S_ISDIR(stat.stx_mode))
         return push_subdirectory(directory, name);
     if ((stat.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0)
-        return remark_open(worker, directory, name, EXDEV);
+        return passed_over(worker, "statx", directory, name, EXDEV);
     if (S_ISREG(stat.stx_mode)) {
         if (options.digest)
-            return void(file(worker, directory, name) || (push_entry(directory, name, DT_UNKNOWN, 0), true));
+            return void(file(worker, directory, name, stat) || (push_entry(directory, name, DT_UNKNOWN, 0), true));
         worker.bytes += stat.stx_size;
     }
     char link_target[PATH_MAX + 1];
@@ -91,33 +77,33 @@ void Walker::entry(Worker &worker, Directory &directory, const char *name, uint8
         return tell_entry(worker, &directory, name, stat, nullptr, nullptr);
     const ssize_t size = readlinkat(directory.source, name, link_target, PATH_MAX);
     if (size < 0)
-        return remark_open(worker, directory, name, errno);
+        return passed_over(worker, "readlinkat", directory, name, errno);
     link_target[size] = '\0';
     stat.stx_size = static_cast<uint64_t>(size);
     tell_entry(worker, &directory, name, stat, link_target, nullptr);
 }
 
-/// Reads a file for its digest. False when it is none any more.
-bool Walker::file(Worker &worker, Directory &directory, const char *name) {
+/// Reads a file for its digest; one that cannot be read is an entry without. False when it is none any more.
+bool Walker::file(Worker &worker, Directory &directory, const char *name, Stat &stat) {
     const Descriptor from(open_to_read(directory.source, name, 0));
     if (!from && (errno == ELOOP || errno == ENXIO || errno == ENOTDIR))
         return false;
-    Stat stat, now;
+    if (!from && (errno == ENOENT || errno == EXDEV)) {
+        passed_over(worker, "openat2", directory, name, errno);
+        return true;
+    }
     if (!from || stat_of(from.get(), stat) != 0) {
-        remark_open(worker, directory, name, errno);
+        without_digest(worker, from ? "statx" : "openat2", directory, name, stat, errno);
         return true;
     }
     if (!S_ISREG(stat.stx_mode))
         return false;
     uint8_t digest[16];
+    Stat now;
     for (int look = 1; !is_stopped(); ++look) {
         const Moved moved = digest_of(*this, worker, from.get(), stat, digest);
-        if (moved.operation != nullptr && is_shortage(moved.error)) {
-            fail_source(worker, moved.operation, &directory, name, moved.error);
-            return true;
-        }
         if (moved.operation != nullptr) {
-            remark(worker, QFI_REMARK_UNREADABLE, &directory, name, "cannot be read", moved.error);
+            without_digest(worker, moved.operation, directory, name, stat, moved.error);
             return true;
         }
         if (stat_of(from.get(), now) != 0 || (!moved.is_short && is_unchanged(stat, now)))
@@ -133,21 +119,25 @@ bool Walker::file(Worker &worker, Directory &directory, const char *name) {
     return true;
 }
 
-template <typename Work>
-Result guarded(Run &run, Work work) {
-    try {
-        work();
-    } catch (const std::bad_alloc &) {
-        run.stop(QFI_STATUS_NO_MEMORY);
-    }
-    return run.result();
+/// The tree is whole although its data cannot be read: that is no reason to fail what is frozen already.
+void Walker::without_digest(Worker &worker, const char *operation, Directory &directory, const char *name,
+                            const Stat &stat, int error) {
+    Run::missed(worker, operation, directory, name, "no digest: it cannot be read", error);
+    if (!is_stopped())
+        tell_entry(worker, &directory, name, stat, nullptr, nullptr);
 }
 
-Result copy(int source, int target, const char *name, const Options &options, const qfi_provider_host &host,
-            bool updates) {
+/// Makes a run and lets it work; memory that runs short is a status.
+template <typename Kind, typename... Given, typename Work>
+Result result_of(Work work, const Given &...given) {
     try {
-        Copier copier(options, host, updates);
-        return guarded(copier, [&] { copier.run(source, target, name); });
+        Kind run(given...);
+        try {
+            work(run);
+        } catch (const std::bad_alloc &) {
+            run.stop(QFI_STATUS_NO_MEMORY);
+        }
+        return run.result();
     } catch (const std::bad_alloc &) {
         return {QFI_STATUS_NO_MEMORY, 0, 0, 0, 0};
     }
@@ -156,21 +146,16 @@ Result copy(int source, int target, const char *name, const Options &options, co
 } // namespace
 
 Result copy_tree(int source, int target, const char *name, const Options &options, const qfi_provider_host &host) {
-    return copy(source, target, name, options, host, false);
+    return result_of<Copier>([&](Copier &copier) { copier.run(source, target, name); }, options, host, false);
 }
 
 Result bring_up_to_date(int source, int target, const char *name, const Options &options,
                         const qfi_provider_host &host) {
-    return copy(source, target, name, options, host, true);
+    return result_of<Copier>([&](Copier &copier) { copier.run(source, target, name); }, options, host, true);
 }
 
 Result walk_tree(int source, const Options &options, const qfi_provider_host &host) {
-    try {
-        Walker walker(options, host);
-        return guarded(walker, [&] { walker.run(source); });
-    } catch (const std::bad_alloc &) {
-        return {QFI_STATUS_NO_MEMORY, 0, 0, 0, 0};
-    }
+    return result_of<Walker>([&](Walker &walker) { walker.run(source); }, options, host);
 }
 
 } // namespace qzfi::engine

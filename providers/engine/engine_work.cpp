@@ -255,6 +255,25 @@ void Run::open_subdirectory(Worker &worker, Directory &parent, const char *name)
     done_in(worker, &parent);
 }
 
+bool Run::enter_source(Worker &worker, Directory &parent, Directory &child) {
+    const char *const name = child.name();
+    child.source = open_to_read(parent.source, name, O_DIRECTORY);
+    if (child.source < 0 && (errno == ENOTDIR || errno == ELOOP)) {
+        push_entry(parent, name, DT_UNKNOWN, 0);
+        return false;
+    }
+    if (child.source < 0 || stat_of(child.source, child.stat) != 0) {
+        passed_over(worker, child.source < 0 ? "openat2" : "statx", parent, name, errno);
+        return false;
+    }
+    if (is_excluded(options, child.stat))
+        return false;
+    if (device_of(child.stat) == device_of(parent.stat) || options.nested_volumes)
+        return true;
+    remark(worker, QFI_REMARK_SKIPPED, &parent, name, "a nested subvolume", 0);
+    return false;
+}
+
 /// Lists a directory that is acquired, until its end or, when it is long, one piece: the rest is work for whoever
 /// comes first. Ends what was pending for it.
 void Run::list(Worker &worker, Directory &directory) {
@@ -277,10 +296,8 @@ void Run::list(Worker &worker, Directory &directory) {
         const long size = syscall(SYS_getdents64, directory.source, records, listing_size);
         if (size == 0)
             return;
-        if (size < 0 && is_shortage(errno))
-            return fail_source(worker, "getdents64", &directory, nullptr, errno);
         if (size < 0)
-            return remark(worker, QFI_REMARK_UNREADABLE, &directory, nullptr, "the rest of the directory", errno);
+            return missed(worker, "getdents64", directory, nullptr, "the rest of the directory", errno);
 
         const auto end = static_cast<uint32_t>(size);
         uint32_t subdirectories = 0, last = 0, others = 0;

@@ -173,6 +173,14 @@ protected:
     virtual void leave(Worker &worker, Directory &directory) = 0;
     virtual void copy_range(Worker &, FileRange *) {}
     virtual void drop_range(FileRange *) noexcept {}
+    /// What is there and cannot be opened or listed: a remark, unless the process has run short.
+    virtual void missed(Worker &worker, const char *operation, Directory &directory, const char *name,
+                        const char *detail, int error);
+
+    /// Says why an entry of the source is passed over: what its opening, or a look at it, failed with.
+    void passed_over(Worker &worker, const char *operation, Directory &directory, const char *name, int error);
+    /// Opens a subdirectory of the source. False when it is none, or is not to be entered.
+    bool enter_source(Worker &worker, Directory &parent, Directory &child);
 
     void push_subdirectory(Directory &directory, const char *name);
     void push_entry(Directory &directory, const char *name, uint8_t type, uint64_t inode);

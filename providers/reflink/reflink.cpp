@@ -62,39 +62,10 @@ int32_t split(qfi_provider_job *job) {
     });
 }
 
-/// A restore may go to another file system.
-int32_t copy_out(qfi_provider_job *job) {
-    return provider::fenced(
-        job, [](const qfi_provider_job &one) { return provider::make_tree(one, engine::Data::clone_or_copy); });
-}
-
-int32_t resync(qfi_provider_job *job) {
-    return provider::fenced(
-        job, [](qfi_provider_job &one) { return provider::update_tree(one, engine::Data::clone_or_copy); });
-}
-
-int32_t remove_image(qfi_provider_job *job) {
-    return provider::fenced(job, [](const qfi_provider_job &one) { return provider::remove_tree(one); });
-}
-
-const qfi_provider_ops operations = {
-    {}, // release
-    sizeof(qfi_provider_ops),
-    QFI_API_VERSION,
-    "reflink",
-    "reflink",
-    "A tree of files that share their data with the originals; each file is of one moment",
-    200,
-    QFI_CONSISTENCY_PER_FILE,
-    QFI_TECHNOLOGY_CLONE,
-    nullptr, // start
-    nullptr, // stop
-    probe,
-    split,
-    copy_out,
-    resync,
-    remove_image,
-};
+const qfi_provider_ops operations = provider::operations_of(
+    {"reflink", "A tree of files that share their data with the originals; each file is of one moment", 200,
+     QFI_CONSISTENCY_PER_FILE, QFI_TECHNOLOGY_CLONE},
+    probe, split);
 
 } // namespace
 
