@@ -90,7 +90,7 @@ set_target_properties(qzfi_provider_probe PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${
 target_include_directories(qzfi_provider_probe PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
 target_link_libraries(qzfi_provider_probe PRIVATE qzfi_flags ${CMAKE_DL_LIBS})
 add_dependencies(fi qzfi_provider_probe)
-install(TARGETS qzfi_provider_probe RUNTIME DESTINATION ${CMAKE_INSTALL_LIBDIR}/qzfi)
+install(TARGETS qzfi_provider_probe RUNTIME DESTINATION ${CMAKE_INSTALL_LIBDIR}/qzfi COMPONENT providers)
 
 # qzfi_provider(NAME SOURCES...): the plugin qzfi_provider_NAME.so, in the build tree's plugin directory.
 set(QZFI_PROVIDER_MAP ${PROJECT_SOURCE_DIR}/cmake/provider.map)
@@ -112,4 +112,5 @@ qzfi_provider(reflink providers/reflink/reflink.cpp)
 qzfi_provider(copy providers/copy/copy.cpp)
 
 # The schema of id documents, at the place that qzfi_get_fiidschemapath gives.
-install(FILES ${PROJECT_SOURCE_DIR}/resources/qfiid_schema.xsd DESTINATION ${CMAKE_INSTALL_LIBDIR}/qzfi/data)
+install(FILES ${PROJECT_SOURCE_DIR}/resources/qfiid_schema.xsd
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/qzfi/data COMPONENT providers)

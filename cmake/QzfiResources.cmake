@@ -20,14 +20,14 @@ function(qzfi_add_bundle name locale source)
     VERBATIM)
   add_custom_target(qzfi_bundle_${name}_${locale} DEPENDS ${bundle})
   add_dependencies(qzfi_resources qzfi_bundle_${name}_${locale})
-  install(FILES ${bundle} DESTINATION resources/${name})
+  install(FILES ${bundle} DESTINATION resources/${name} COMPONENT library)
 endfunction()
 
 # qzfi_add_catalog(FILE): a catalog file, given relative to the sources of the resources.
 function(qzfi_add_catalog file)
   configure_file(${PROJECT_SOURCE_DIR}/resources/${file} ${QZFI_RESOURCES}/${file} COPYONLY)
   cmake_path(GET file PARENT_PATH directory)
-  install(FILES ${PROJECT_SOURCE_DIR}/resources/${file} DESTINATION resources/${directory})
+  install(FILES ${PROJECT_SOURCE_DIR}/resources/${file} DESTINATION resources/${directory} COMPONENT library)
 endfunction()
 
 foreach(locale IN ITEMS root ja zh)
