@@ -17,10 +17,6 @@ struct Options {
     bool digest = false, nested = false, json = false;
 };
 
-const char *or_null(const std::string &text) {
-    return text.empty() ? nullptr : text.c_str();
-}
-
 std::string joined(const std::vector<std::string> &paths) {
     std::string text;
     for (const std::string &path : paths)
@@ -57,17 +53,6 @@ int32_t make_images(qfi_domain *tree, const Options &options, const std::string 
     check(quiesced, "quiesce " + what);
     check(qfi_op_split(tree, nullptr, Out(report)), "freeze " + what);
     return qfi_op_unquiesce(tree);
-}
-
-// Of a tree over one file system its image; over several their set, which names them all.
-std::string id_of(const qfi_domain *tree) {
-    const qfi_domain *const filesystem = tree->fid_children;
-    Text image, set;
-    check(qfi_op_getattr(filesystem, "image", nullptr, Out(image)), "ask for the image's id");
-    if (filesystem->fid_siblings == nullptr)
-        return image.get();
-    check(qfi_op_getSnapshotSetId(image.get(), Out(set)), std::string("ask for the set of image ") + image.get());
-    return set.get();
 }
 
 int run(const Settings &settings, const Options &options) {

@@ -3,6 +3,8 @@
 #include <array>
 #include <cstring>
 #include <iostream>
+#include <set>
+#include <string_view>
 #include <unistd.h>
 
 #include "tools/qzfi/text.h"
@@ -11,55 +13,75 @@ namespace qzfi::tool {
 
 namespace {
 
-const char *null_if_empty(const std::string &text) {
-    return text.empty() ? nullptr : text.c_str();
-}
+// What is shorter is rather a slip than a beginning.
+constexpr std::size_t shortest_beginning = 4;
 
 } // namespace
 
 ImageList all_images(const std::string &store) {
     ImageList list;
-    check(qfi_op_snapreplica_list(nullptr, null_if_empty(store), Out(list)),
+    check(qfi_op_snapreplica_list(nullptr, or_null(store), Out(list)),
           store.empty() ? "list the images" : "list the images of store " + store);
     return list;
 }
 
 std::string whole_id(const ImageName &name) {
     const ImageList list = all_images(name.store);
-    std::string found, others;
+    // A set is looked for only where no image fits, as an image and its set begin alike.
+    std::set<std::string> images, sets;
     for (const qfi_image_list *node = list.get(); node != nullptr; node = node->next) {
         const qfi_image &image = node->image;
         if (name.id == image.image_id || name.id == image.set_id)
             return name.id;
-        if (name.id == "latest") {
-            found = image.set_id; // the newest is the last; with it come all that were made together
-        } else if (name.id.size() >= 4 && std::strncmp(image.image_id, name.id.c_str(), name.id.size()) == 0) {
-            others += found.empty() ? "" : ", " + found;
-            found = image.image_id;
-        }
+        if (name.id == "latest" && node->next == nullptr)
+            return image.set_id; // with the newest come all that were made together
+        if (name.id.size() < shortest_beginning)
+            continue;
+        if (std::string_view(image.image_id).starts_with(name.id))
+            images.insert(image.image_id);
+        if (std::string_view(image.set_id).starts_with(name.id))
+            sets.insert(image.set_id);
     }
-    if (!others.empty())
-        throw Failure("image " + name.id + ": several ids begin so: " + others.substr(2) + ", " + found);
-    // One that is not there is refused by the operation, whose words say where it was looked for.
-    return found.empty() ? name.id : found;
+    const std::set<std::string> &fitting = images.empty() ? sets : images;
+    if (fitting.size() > 1) {
+        std::string text = "image " + name.id + ": " + std::to_string(fitting.size()) + " ids begin so: ";
+        std::size_t shown = 0;
+        for (const std::string &id : fitting)
+            if (shown++ < 5)
+                text += (shown == 1 ? "" : ", ") + id;
+        throw Failure(text + (shown > 5 ? ", ..." : ""));
+    }
+    if (fitting.empty())
+        throw Failure("image " + name.id + ": " + status_text(QFI_FI_NO_SUCH_IMAGE) + " in " +
+                      (name.store.empty() ? "any known store" : "store " + name.store));
+    return *fitting.begin();
 }
 
 ImageList find_images(const ImageName &name) {
     const std::string id = whole_id(name);
     ImageList list;
-    check(qfi_op_snapreplica_list(id.c_str(), null_if_empty(name.store), Out(list)), "look for image " + id);
-    if (!list)
-        throw Failure("image " + id + ": " + status_text(QFI_FI_NO_SUCH_IMAGE) + " in " +
-                      (name.store.empty() ? "any known store" : "store " + name.store));
+    check(qfi_op_snapreplica_list(id.c_str(), or_null(name.store), Out(list)), "look for image " + id);
+    if (!list) // removed since its id was looked for
+        throw Failure("image " + id + ": " + status_text(QFI_FI_NO_SUCH_IMAGE));
     return list;
 }
 
 Tree open_tree(const ImageName &name) {
     const std::string id = whole_id(name);
     Tree tree;
-    check(qfi_op_reaccess_tree(nullptr, Out(tree), id.c_str(), null_if_empty(name.store), nullptr, 0),
+    check(qfi_op_reaccess_tree(nullptr, Out(tree), id.c_str(), or_null(name.store), nullptr, 0),
           "open image " + id);
     return tree;
+}
+
+std::string id_of(const qfi_domain *tree) {
+    const qfi_domain *const filesystem = tree->fid_children;
+    Text image, set;
+    check(qfi_op_getattr(filesystem, "image", nullptr, Out(image)), "ask for the image's id");
+    if (filesystem->fid_siblings == nullptr)
+        return image.get();
+    check(qfi_op_getSnapshotSetId(image.get(), Out(set)), std::string("ask for the set of image ") + image.get());
+    return set.get();
 }
 
 const char *remark_name(uint32_t kind) {

@@ -7,7 +7,7 @@
 
 namespace qzfi::tool {
 
-/// Names an image on the command line: its id, or a beginning of it that no other image has, or "latest".
+/// Names an image, or a set, on the command line: its id, or a beginning of it that no other has, or "latest".
 struct ImageName {
     std::string id;
     std::string store; ///< searched instead of the known stores; empty for these
@@ -24,6 +24,9 @@ ImageList find_images(const ImageName &name);
 
 /// The image's tree, as it was frozen.
 Tree open_tree(const ImageName &name);
+
+/// The id of a frozen tree's image; when it has several, that of their set, which names them all.
+std::string id_of(const qfi_domain *tree);
 
 const char *remark_name(uint32_t kind); ///< "torn", "vanished", "attribute", "skipped", "unreadable", "warning"
 

@@ -4,7 +4,6 @@
 #include <iostream>
 
 #include "tools/qzfi/commands.h"
-#include "tools/qzfi/text.h"
 
 namespace qzfi::tool {
 
@@ -33,13 +32,6 @@ void declare(CommandLine &line) {
 #define QZFI_COMMAND(name) add_##name(line);
 #include "tools/qzfi/commands.def"
 #undef QZFI_COMMAND
-}
-
-void tell(const Failure &failure) {
-    std::cout.flush();
-    std::cerr << "qzfi: " << printable(failure.what()) << '\n';
-    for (const std::string &cause : failure.causes())
-        std::cerr << "  " << printable(cause) << '\n';
 }
 
 int run(int argc, char **argv) {

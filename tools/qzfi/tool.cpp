@@ -2,8 +2,10 @@
 
 #include <cstdio>
 #include <cstring>
+#include <iostream>
 
 #include "tools/qzfi/progress.h"
+#include "tools/qzfi/text.h"
 
 namespace qzfi::tool {
 
@@ -78,6 +80,13 @@ void check(int32_t status, const std::string &action) {
     std::vector<std::string> causes = take_errors();
     const int code = status == QFI_FI_CANCELLED ? exit_interrupted : exit_failed;
     throw Failure(action + ": " + status_text(status), code, std::move(causes));
+}
+
+void tell(const Failure &failure) {
+    std::cout.flush();
+    std::cerr << "qzfi: " << printable(failure.what()) << '\n';
+    for (const std::string &cause : failure.causes())
+        std::cerr << "  " << printable(cause) << '\n';
 }
 
 } // namespace qzfi::tool

@@ -62,8 +62,16 @@ std::string status_text(int32_t status);
 /// `action` says what was tried with what, as in "freeze /data".
 void check(int32_t status, const std::string &action);
 
-/// Owners of what the operations hand out. They name the front end itself: its typed wrappers are another function in every
-/// file, which would make another type there.
+/// Tells a failure on standard error.
+void tell(const Failure &failure);
+
+/// An optional argument of an operation: null for an empty text.
+inline const char *or_null(const std::string &text) {
+    return text.empty() ? nullptr : text.c_str();
+}
+
+/// Owners of what the operations hand out. They name the front end itself: its typed wrappers are another function in
+/// every file, which would make another type there.
 template <auto release>
 struct Releaser {
     template <typename T>
