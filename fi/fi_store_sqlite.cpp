@@ -30,7 +30,9 @@ void distrust(sqlite3 *connection) {
 
 void fail_sqlite(sqlite3 *connection, int result, const CatalogPlace &place) {
     const int primary = result & 0xff;
-    const int error = connection != nullptr ? sqlite3_system_errno(connection) : 0;
+    int error = take_catalog_error();
+    if (error == 0 && connection != nullptr)
+        error = sqlite3_system_errno(connection);
     const bool names_errno = primary == SQLITE_IOERR || primary == SQLITE_CANTOPEN;
     if (primary == SQLITE_NOMEM || result == SQLITE_IOERR_NOMEM)
         fail(message::no_memory, QFI_STATUS_NO_MEMORY, place.operation, {});
@@ -69,6 +71,7 @@ sqlite3 *open_sqlite(const std::string &path, int flags, int &result, int &error
 Statement::Statement(sqlite3 *connection, const char *sql, CatalogPlace place)
     : connection_(connection), place_(place) {
     // Preparing reads the schema, and so may have to wait too.
+    take_catalog_error();
     const auto deadline = std::chrono::steady_clock::now() + patience;
     int result = sqlite3_prepare_v2(connection, sql, -1, &statement_, nullptr);
     while (is_passing(result) && std::chrono::steady_clock::now() < deadline) {
@@ -96,6 +99,7 @@ void Statement::bind(int index, int64_t number) {
 }
 
 bool Statement::step() {
+    take_catalog_error();
     const auto deadline = std::chrono::steady_clock::now() + patience;
     int result = sqlite3_step(statement_);
     // Not every wait goes through the busy handler. A statement that has given rows cannot be begun again.

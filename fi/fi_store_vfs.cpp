@@ -7,6 +7,7 @@
 #include <new>
 #include <sqlite3.h>
 #include <sys/mman.h>
+#include <utility>
 #include <vector>
 
 namespace qzfi::fi {
@@ -46,6 +47,36 @@ int back(const Region &region) noexcept {
     if (madvise(region.start, region.size, MADV_POPULATE_WRITE) == 0 || errno == EINVAL)
         return SQLITE_OK;
     return errno == EFAULT ? SQLITE_FULL : SQLITE_IOERR_SHMMAP;
+}
+
+thread_local int last_error = 0;
+
+// SQLite forgets the errno of most failures, and calls what cannot be read for EIO malformed.
+int noted(sqlite3_file *file, const sqlite3_io_methods &methods, int result) {
+    if (result == SQLITE_OK || result == SQLITE_IOERR_SHORT_READ)
+        return result;
+    methods.xFileControl(file, SQLITE_FCNTL_LAST_ERRNO, &last_error);
+    return result == SQLITE_IOERR_CORRUPTFS ? SQLITE_IOERR_READ : result;
+}
+
+int read_file(sqlite3_file *file, void *bytes, int size, sqlite3_int64 offset) {
+    const sqlite3_io_methods &own = *behind(file).methods;
+    return noted(file, own, own.xRead(file, bytes, size, offset));
+}
+
+int write_file(sqlite3_file *file, const void *bytes, int size, sqlite3_int64 offset) {
+    const sqlite3_io_methods &own = *behind(file).methods;
+    return noted(file, own, own.xWrite(file, bytes, size, offset));
+}
+
+int truncate_file(sqlite3_file *file, sqlite3_int64 size) {
+    const sqlite3_io_methods &own = *behind(file).methods;
+    return noted(file, own, own.xTruncate(file, size));
+}
+
+int sync_file(sqlite3_file *file, int flags) {
+    const sqlite3_io_methods &own = *behind(file).methods;
+    return noted(file, own, own.xSync(file, flags));
 }
 
 int map_index(sqlite3_file *file, int number, int size, int extend, void volatile **start) {
@@ -97,28 +128,42 @@ int close_file(sqlite3_file *file) {
     return methods->xClose(file);
 }
 
-// The methods of files that may have a wal-index. SQLite has several tables of them, by the kind of locking, of which
-// one is in use for all files of ours.
-sqlite3_io_methods wrapped;
-std::mutex wrapping;
+// SQLite's methods with ours among them. It has several tables of them, by the kind of locking, of which two are in use
+// for files of ours: with a wal-index for databases, and without for the rest.
+struct Wrapped {
+    std::mutex mutex;
+    sqlite3_io_methods methods{};
+};
+Wrapped with_index, without_index;
+
+const sqlite3_io_methods *wrap(const sqlite3_io_methods &own) {
+    const bool has_index = own.iVersion >= 2 && own.xShmMap != nullptr;
+    Wrapped &wrapped = has_index ? with_index : without_index;
+    const std::lock_guard lock(wrapped.mutex);
+    sqlite3_io_methods &methods = wrapped.methods;
+    if (methods.iVersion != 0)
+        return &methods;
+    methods = own;
+    methods.xClose = close_file;
+    methods.xRead = read_file;
+    methods.xWrite = write_file;
+    methods.xTruncate = truncate_file;
+    methods.xSync = sync_file;
+    if (has_index) {
+        methods.xShmMap = map_index;
+        methods.xShmLock = lock_index;
+        methods.xShmUnmap = unmap_index;
+    }
+    return &methods;
+}
 
 int open_file(sqlite3_vfs *, const char *path, sqlite3_file *file, int flags, int *given_flags) {
     const int result = original()->xOpen(original(), path, file, flags, given_flags);
-    const bool has_index = (flags & SQLITE_OPEN_MAIN_DB) != 0 && file->pMethods != nullptr &&
-                           file->pMethods->iVersion >= 2 && file->pMethods->xShmMap != nullptr;
-    if (result != SQLITE_OK || !has_index)
+    if (result != SQLITE_OK || file->pMethods == nullptr)
         return result;
-    const std::lock_guard lock(wrapping);
     Behind *const own = new (reinterpret_cast<char *>(file) + own_size()) Behind;
     own->methods = file->pMethods;
-    if (wrapped.iVersion == 0) {
-        wrapped = *file->pMethods;
-        wrapped.xClose = close_file;
-        wrapped.xShmMap = map_index;
-        wrapped.xShmLock = lock_index;
-        wrapped.xShmUnmap = unmap_index;
-    }
-    file->pMethods = &wrapped;
+    file->pMethods = wrap(*file->pMethods);
     return SQLITE_OK;
 }
 
@@ -133,6 +178,10 @@ int keep_path(sqlite3_vfs *, const char *path, int size, char *out) {
 }
 
 } // namespace
+
+int take_catalog_error() noexcept {
+    return std::exchange(last_error, 0);
+}
 
 const char *catalog_vfs() noexcept {
     static sqlite3_vfs vfs;

@@ -10,4 +10,7 @@ namespace qzfi::fi {
 /// so, where the process would be ended by SIGBUS.
 const char *catalog_vfs() noexcept;
 
+/// The errno of this thread's last failure to read or write a catalog since this was called; 0 for none.
+int take_catalog_error() noexcept;
+
 } // namespace qzfi::fi

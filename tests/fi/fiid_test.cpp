@@ -97,6 +97,59 @@ TEST(Fiid, any_bytes_survive_a_round_trip_and_fit_the_schema) {
     EXPECT_EQ(write_fiid(found, op), document);
 }
 
+TEST(Fiid, the_longest_that_is_written_is_read_again_and_what_is_longer_is_refused) {
+    struct Case {
+        std::string ImageObject::*of_object;
+        std::string ImageRecord::*of_image;
+        std::size_t most;
+        const char *what;
+    };
+    const Case cases[] = {
+        {&ImageObject::path, nullptr, 4095, "an object's path"},
+        {&ImageObject::subpath, nullptr, 4095, "an object's place in the image"},
+        {&ImageObject::mount_point, nullptr, 4095, "a mount point"},
+        {&ImageObject::filesystem, nullptr, 4096, "a file system's type"},
+        {&ImageObject::device, nullptr, 4096, "a file system's device"},
+        {nullptr, &ImageRecord::host, 4096, "the host's name"},
+        {nullptr, &ImageRecord::label, 1 << 20, "the label"},
+    };
+    for (const Case &one : cases) {
+        Fiid fiid = example();
+        ImageRecord &record = fiid.images[0].record;
+        std::string &text = one.of_object != nullptr ? record.objects[0].*one.of_object : record.*one.of_image;
+        const bool is_absolute = one.of_object == &ImageObject::path || one.of_object == &ImageObject::mount_point;
+        text = is_absolute ? "/" : "";
+        text.resize(one.most, '\x01');
+        const std::string document = write_fiid(fiid, op);
+        EXPECT_EQ(write_fiid(read_fiid(document, op), op), document) << one.what;
+        text += 'x';
+        EXPECT_EQ(status_of_call([&] { write_fiid(fiid, op); }), QFI_STATUS_INVALID_ARGUMENT);
+        EXPECT_EQ(last_error(),
+                  std::string("3 MSG_QFI_E2003: %s: invalid argument: %s\n|qzfi_test|the id document could not be read "
+                              "again: ") +
+                      one.what + " is " + std::to_string(one.most + 1) + " bytes long, and " +
+                      std::to_string(one.most) + " are the most");
+    }
+}
+
+TEST(Fiid, as_many_objects_are_written_as_are_read_again) {
+    Fiid fiid = example();
+    std::vector<ImageObject> &objects = fiid.images[0].record.objects;
+    objects.resize(65536, objects[0]);
+    EXPECT_EQ(read_fiid(write_fiid(fiid, op), op).images.at(0).record.objects.size(), 65536u);
+    objects.push_back(objects[0]);
+    EXPECT_EQ(status_of_call([&] { write_fiid(fiid, op); }), QFI_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(last_error(), "3 MSG_QFI_E2003: %s: invalid argument: %s\n|qzfi_test|the id document could not be read "
+                            "again: an image has 65537 objects, and 65536 are the most");
+    objects.resize(4000);
+    for (ImageObject &object : objects)
+        object.path = "/" + std::string(4000, 'p');
+    const std::size_t left = (16 << 20) - write_fiid(fiid, op).size();
+    objects.resize(4000 + left / 4000 + 1, objects[0]);
+    EXPECT_EQ(status_of_call([&] { write_fiid(fiid, op); }), QFI_STATUS_INVALID_ARGUMENT);
+    EXPECT_NE(last_error().find("again: it is "), std::string::npos);
+}
+
 TEST(Fiid, the_command_line_validator_agrees) {
     if (std::system("command -v xmllint > /dev/null") != 0)
         GTEST_SKIP() << "xmllint is not installed";

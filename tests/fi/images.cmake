@@ -13,7 +13,8 @@ qzfi_add_images_test(images_restore_test images_restore_test.cpp)
 qzfi_add_images_test(images_compare_test images_compare_test.cpp)
 qzfi_add_images_test(images_move_test images_move_test.cpp)
 qzfi_add_images_test(images_lists_test images_lists_test.cpp)
-qzfi_add_images_test(images_kill_test images_kill_test.cpp)
+qzfi_add_images_test(images_bounds_test images_bounds_test.cpp)
+qzfi_add_images_test(images_kill_test images_kill_test.cpp traced_process.cpp)
 
 # Hosts that are traced, crowded, or out of room.
 qzfi_add_images_test(freeze_kill_test freeze_kill_test.cpp traced_process.cpp)

@@ -1,65 +1,18 @@
 // Restores that are killed at each step that changes something: the object is the old one or the new one.
 #include "images_support.h"
 
-#include <algorithm>
-#include <array>
 #include <csignal>
 #include <qzfi_provider.h>
-#include <sys/ptrace.h>
-#include <sys/syscall.h>
-#include <sys/user.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "traced_process.h"
 
 namespace images {
 namespace {
 
 using Kill = Images;
 INSTANTIATE_TEST_SUITE_P(On, Kill, testing::Values("copy", "ext4", "xfs", "btrfs"), name_of);
-
-bool changes_something(unsigned long long call) {
-    constexpr std::array<unsigned long long, 14> calls{
-        SYS_mkdirat, SYS_renameat2, SYS_renameat, SYS_unlinkat, SYS_fsync,     SYS_syncfs,   SYS_flock,
-        SYS_linkat,  SYS_symlinkat, SYS_mknodat,  SYS_fchmod,   SYS_utimensat, SYS_fchmodat, SYS_fchown,
-    };
-    return std::find(calls.begin(), calls.end(), call) != calls.end();
-}
-
-// Runs a body in a child that is killed when its call number `step` that changes something begins, or, `after`, ends.
-// False when the child came to its end before.
-bool killed_at(int step, bool after, const std::function<void()> &body) {
-    const pid_t child = fork();
-    if (child == 0) {
-        ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-        raise(SIGSTOP);
-        body();
-        _exit(0);
-    }
-    int status = 0, seen = 0, signal = 0;
-    bool inside = false, is_wanted = false;
-    waitpid(child, &status, 0);
-    ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD);
-    for (;;) {
-        ptrace(PTRACE_SYSCALL, child, nullptr, signal);
-        waitpid(child, &status, 0);
-        if (WIFEXITED(status) || WIFSIGNALED(status))
-            return false;
-        signal = WSTOPSIG(status) == (SIGTRAP | 0x80) ? 0 : WSTOPSIG(status);
-        if (signal != 0)
-            continue;
-        inside = !inside;
-        if (inside) {
-            user_regs_struct registers{};
-            ptrace(PTRACE_GETREGS, child, nullptr, &registers);
-            is_wanted = changes_something(registers.orig_rax) && ++seen == step;
-        }
-        if (is_wanted && inside != after)
-            break;
-    }
-    kill(child, SIGKILL);
-    waitpid(child, &status, 0);
-    return true;
-}
 
 void restore_alone(const std::string &id, const fs::path &store) {
     const Tree tree = Tree::of_image(id, store);
@@ -81,14 +34,21 @@ TEST_P(Kill, of_a_restore_leaves_the_old_tree_or_the_new_one) {
     write_file(object / "added", "old");
     keep(object, top / "old");
     stop(); // a child that is killed has the framework to itself
+    if (const auto obstacle = traced::obstacle())
+        GTEST_SKIP() << *obstacle;
+    const auto counts = [&](const traced::Call &call) {
+        return traced::changes_something(call) && call.path().rfind(top.string() + "/", 0) == 0;
+    };
     int olds = 0, news = 0;
     bool was_killed = true;
     for (int step = 1; was_killed; ++step) {
-        const bool after = step % 2 == 0;
-        was_killed = killed_at(step, after, [&] {
+        const traced::Outcome outcome = traced::run({step, 0, counts, false, step % 2 == 0}, [&] {
             const Framework framework(top / "root");
+            traced::begin();
             restore_alone(id, store);
         });
+        was_killed = outcome.was_reached;
+        ASSERT_EQ(outcome.exit_code, was_killed ? -SIGKILL : 0) << "step " << step;
         const std::string from_old = differences(top / "old", object), from_new = differences(top / "new", object);
         const bool is_old = from_old.empty(), is_new = from_new.empty();
         ASSERT_TRUE(is_old != is_new) << "step " << step << "\n" << from_old << "or\n" << from_new;

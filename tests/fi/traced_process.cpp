@@ -161,7 +161,7 @@ private:
         if (ptrace(PTRACE_GET_SYSCALL_INFO, thread, sizeof info, &info) <= 0)
             return;
         if (info.op == PTRACE_SYSCALL_INFO_EXIT && failing_.erase(thread) != 0)
-            return set_register(thread, &user_regs_struct::rax, static_cast<uint64_t>(-plan_.error));
+            return end_step(thread);
         if (info.op != PTRACE_SYSCALL_INFO_ENTRY || outcome_.was_reached)
             return;
         Call call{thread, info.entry.nr, {}};
@@ -172,12 +172,20 @@ private:
         outcome_.was_reached = true;
         outcome_.call = call;
         outcome_.path = call.path();
-        if (plan_.error == 0) {
+        if (plan_.error == 0 && !plan_.after) {
             kill(process, SIGKILL);
             return;
         }
-        set_register(thread, &user_regs_struct::orig_rax, static_cast<uint64_t>(-1));
+        if (plan_.error != 0)
+            set_register(thread, &user_regs_struct::orig_rax, static_cast<uint64_t>(-1));
         failing_.insert(thread);
+    }
+
+    void end_step(pid_t thread) const {
+        if (plan_.error == 0)
+            kill(plan_.children ? process_of(thread) : child_, SIGKILL);
+        else
+            set_register(thread, &user_regs_struct::rax, static_cast<uint64_t>(-plan_.error));
     }
 
     template <class Register>

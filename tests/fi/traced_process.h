@@ -31,6 +31,7 @@ struct Plan {
     int error = 0;                            ///< the errno with which it fails; 0: the caller is killed
     std::function<bool(const Call &)> counts; ///< which calls count
     bool children = false;                    ///< calls of its child processes count, and only those
+    bool after = false;                       ///< the caller is killed when the call has ended, not before it begins
 };
 
 struct Outcome {

@@ -1,0 +1,85 @@
+// The bounds of images: of their folder, which no link leads out of, and of what an id document can hold.
+#include "images_support.h"
+
+namespace images {
+namespace {
+
+using Bounds = Images;
+INSTANTIATE_TEST_SUITE_P(On, Bounds, testing::Values("copy"), name_of);
+
+// What `access` says of an image's object; the path when it succeeds.
+std::string access_to(const Tree &tree, const char *subpath) {
+    char *path = nullptr;
+    const int32_t status = qfi_op_access(tree.get()->fid_children->fid_children, subpath, &path);
+    const std::string said = status == 0 ? path : std::to_string(status) + " " + last_error();
+    qfi_op_free_buffer(path);
+    return said;
+}
+
+TEST_P(Bounds, a_link_in_a_stored_image_leads_nowhere) {
+    const fs::path outside = top / "outside", aside = top / "aside";
+    fs::create_directories(outside / "0" / "sub");
+    write_file(outside / "0" / "sub" / "file", "of another");
+    write_file(object / "sub" / "file", "frozen");
+    const Tree tree = freeze({object}, store, "copy");
+    const fs::path image = store / "images" / tree.image_id(), objects = image / "objects";
+    ASSERT_EQ(access_to(tree, nullptr), (objects / "0").string());
+    ASSERT_EQ(access_to(tree, "sub/file"), (objects / "0" / "sub" / "file").string());
+    const std::string damaged =
+        "1032 qzfi_access: image " + tree.image_id() + " is damaged: " + (objects / "0").string() + ": ";
+
+    const auto with_link = [&](const fs::path &at, const fs::path &to, const auto &look) {
+        fs::rename(at, aside);
+        fs::create_directory_symlink(to, at);
+        look();
+        fs::remove(at);
+        fs::rename(aside, at);
+    };
+    const auto expect_damaged = [&] {
+        for (const char *const subpath : {static_cast<const char *>(nullptr), "", "sub", "sub/file"})
+            EXPECT_EQ(access_to(tree, subpath), damaged + "Too many levels of symbolic links (40)\n");
+    };
+    with_link(objects, outside, expect_damaged);
+    with_link(objects / "0", outside / "0", expect_damaged);
+    with_link(image, outside.parent_path() / "aside", [&] {
+        EXPECT_EQ(access_to(tree, nullptr), "1032 qzfi_access: image " + tree.image_id() +
+                                                " is damaged: " + image.string() + ": Not a directory (20)\n");
+    });
+    with_link(objects / "0" / "sub", outside / "0" / "sub", [&] {
+        EXPECT_EQ(access_to(tree, nullptr), (objects / "0").string());
+        EXPECT_EQ(access_to(tree, "sub"), (objects / "0" / "sub").string()) << "a link is shown as it is";
+        EXPECT_EQ(access_to(tree, "sub/file"), "1038 qzfi_access: " + (objects / "0" / "sub/file").string() +
+                                                   " leaves its place: Too many levels of symbolic links (40)\n");
+    });
+    EXPECT_EQ(access_to(tree, "sub/file"), (objects / "0" / "sub" / "file").string());
+}
+
+TEST_P(Bounds, what_an_id_document_could_not_hold_is_refused_before_anything_is_made) {
+    constexpr std::size_t most = std::size_t{1} << 20;
+    const Tree tree({object});
+    ASSERT_EQ(qfi_op_select(tree.get(), nullptr, "copy", store.c_str()), 0) << last_error();
+    ASSERT_EQ(qfi_op_config(tree.get(), "label", 0, std::string(most + 1, 'l').c_str()), 0);
+    const std::string cause = ": invalid argument: the id document could not be read again: the label is 1048577 bytes "
+                              "long, and 1048576 are the most\n";
+    EXPECT_EQ(qfi_op_pre_prepare(tree.get()), QFI_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(last_error(), "qzfi_pre_prepare" + cause);
+    EXPECT_EQ(qfi_op_prepare(tree.get(), 0, nullptr, nullptr), QFI_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(last_error(), "qzfi_prepare" + cause);
+    EXPECT_FALSE(fs::exists(store));
+
+    // Of these each becomes four in the document.
+    const std::string longest(most, '\x01');
+    ASSERT_EQ(qfi_op_config(tree.get(), "label", 0, longest.c_str()), 0);
+    qfi_fiid *fiid = nullptr;
+    ASSERT_EQ(qfi_op_make(tree.get(), nullptr, &fiid), 0) << last_error();
+    Tree again;
+    EXPECT_EQ(qfi_op_reaccess_tree(fiid, &again, nullptr, store.c_str(), nullptr, 0), 0) << last_error();
+    qfi_op_free_fiid(fiid);
+    qfi_image_list *list = nullptr;
+    ASSERT_EQ(qfi_op_query_tree_status(again.get(), nullptr, &list), 0) << last_error();
+    EXPECT_TRUE(list->image.label == longest);
+    qfi_op_free_valid_sec_list(list);
+}
+
+} // namespace
+} // namespace images
