@@ -21,6 +21,6 @@ compare() {
 
 scratch_directory() {
   scratch=$(mktemp -d)
-  trap 'rm -rf "$scratch"' EXIT
+  trap 'rm -rf --one-file-system "$scratch"' EXIT
 }
 export LC_ALL=C
