@@ -5,7 +5,9 @@
 #include <linux/fs.h>
 #include <string_view>
 #include <sys/ioctl.h>
+#include <sys/vfs.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 namespace qzfi::engine {
 namespace {
@@ -13,6 +15,7 @@ namespace {
 constexpr std::size_t usual_list = 1024;     // the kernel allocates as much as it is offered
 constexpr std::size_t longest_list = 65536;  // XATTR_LIST_MAX
 constexpr std::size_t longest_value = 65536; // XATTR_SIZE_MAX
+constexpr uint64_t much_room = uint64_t{8} << 20;
 constexpr uint32_t forbidding_flags = FS_IMMUTABLE_FL | FS_APPEND_FL;
 
 struct FlagName {
@@ -41,7 +44,7 @@ constexpr uint32_t all_kept_flags() {
 /// the name itself.
 class Extended {
 public:
-    explicit Extended(const Place &place) noexcept : descriptor_(place.descriptor) {
+    explicit Extended(const Place &place) noexcept : descriptor_(place.descriptor), directory_(place.directory) {
         if (descriptor_ < 0)
             snprintf(path_, sizeof path_, "/proc/self/fd/%d/%s", place.directory, place.name);
     }
@@ -57,9 +60,18 @@ public:
     int remove(const char *name) const noexcept {
         return descriptor_ >= 0 ? fremovexattr(descriptor_, name) : lremovexattr(path_, name);
     }
+    /// Ext4 and Btrfs say "no space" as well of an attribute that is too large for them, however much there is.
+    bool has_room() const noexcept {
+        const int error = errno;
+        struct statfs status {};
+        const bool is_known = (descriptor_ >= 0 ? fstatfs(descriptor_, &status) : fstatfs(directory_, &status)) == 0;
+        errno = error;
+        const uint64_t blocks = geteuid() == 0 ? status.f_bfree : status.f_bavail;
+        return is_known && blocks * static_cast<uint64_t>(status.f_bsize) >= much_room;
+    }
 
 private:
-    int descriptor_;
+    int descriptor_, directory_;
     char path_[32 + 256];
 };
 
@@ -88,7 +100,7 @@ bool has_name(const char *names, ssize_t size, const char *name) noexcept {
 }
 
 void remark_attribute(const Subject &subject, const char *detail, int error) {
-    if (error == EIO || error == EROFS)
+    if (error == EIO || error == EROFS || error == ENOSPC || error == EDQUOT)
         subject.run.fail_target(subject.worker, detail, subject.directory, subject.name, error);
     else
         subject.run.remark(subject.worker, QFI_REMARK_ATTRIBUTE, subject.directory, subject.name, detail, error);
@@ -112,8 +124,11 @@ void keep_one(const Subject &subject, const Extended &source, const Extended &ta
             memcmp(value, present, static_cast<std::size_t>(size)) == 0)
             return;
     }
-    if (target.set(name, value, static_cast<std::size_t>(size)) != 0)
-        remark_attribute(subject, name, errno);
+    if (target.set(name, value, static_cast<std::size_t>(size)) == 0)
+        return;
+    if (errno == ENOSPC && target.has_room())
+        return subject.run.remark(subject.worker, QFI_REMARK_ATTRIBUTE, subject.directory, subject.name, name, ENOSPC);
+    remark_attribute(subject, name, errno);
 }
 
 void keep_extended(const Subject &subject, const Place &from, const Place &to, bool is_exact) {

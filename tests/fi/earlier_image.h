@@ -83,13 +83,6 @@ protected:
         }
         return ids;
     }
-    static uint64_t remarks_of(const Tree &tree) {
-        qfi_image_list *list = nullptr;
-        EXPECT_EQ(qfi_op_query_tree_status(tree.get(), nullptr, &list), 0) << last_error();
-        const uint64_t remarks = list != nullptr ? list->image.remarks : 0;
-        qfi_op_free_valid_sec_list(list);
-        return remarks;
-    }
     int32_t repair() const { return qfi_op_objctl(nullptr, QFI_OBJCTL_REPAIR, store.c_str(), nullptr); }
     /// Removes all images but the earlier one, after which nothing else is left.
     void remove_others() const {

@@ -5,7 +5,10 @@
 #include <regex>
 #include <set>
 #include <sys/statvfs.h>
+#include <sys/xattr.h>
 #include <unistd.h>
+
+#include <qzfi_provider.h>
 
 #include "earlier_image.h"
 
@@ -85,7 +88,9 @@ std::set<std::string> Full::freeze_into_rooms(const fs::path &object, const std:
         EXPECT_EQ(qfi_op_unquiesce(tree.get()), 0) << last_error();
         EXPECT_EQ(post.empty() ? "post\n" : content_of(log), "post\n");
         is_through = status == 0;
-        if (!is_through) {
+        if (is_through) {
+            EXPECT_EQ(remarks_of(tree), 0u) << "whole";
+        } else {
             EXPECT_EQ(status, QFI_FI_NO_SPACE) << text;
             static const std::regex form("qzfi_split: no space left on the file system of (/.+)\n");
             std::smatch parts;
@@ -141,6 +146,35 @@ TEST_F(SmallBlocks, a_freeze_is_told_wherever_room_ended) {
     EXPECT_GE(ends.size(), 2u) << "id document, catalog and so on";
     for (const std::string &end : ends)
         printf("room ended at %s\n", end.c_str());
+}
+
+// Each in a block of its own, for no two are the same.
+TEST_F(SmallBlocks, a_freeze_is_told_where_room_ended_in_attributes) {
+    const fs::path object = top / "object";
+    fs::create_directory(object);
+    for (int each = 0; each < 200; ++each) {
+        const fs::path file = object / std::to_string(each);
+        const std::string value = std::to_string(each) + std::string(800, 'v');
+        write_file(file, "");
+        ASSERT_EQ(setxattr(file.c_str(), "user.some", value.data(), value.size(), 0), 0) << errno;
+    }
+    EXPECT_EQ(freeze_into_rooms(object, "", 9216).count("data"), 1u);
+}
+
+TEST_F(SmallBlocks, an_attribute_that_is_too_large_for_the_file_system_is_remarked) {
+    if (const auto obstacle = LoopFilesystem::obstacle("xfs"))
+        GTEST_SKIP() << *obstacle;
+    const LoopFilesystem large("xfs", 320);
+    const fs::path object = fs::path(large.path()) / "object";
+    fs::create_directory(object);
+    write_file(object / "file", "data");
+    const std::string value(20000, 'v');
+    ASSERT_EQ(setxattr((object / "file").c_str(), "user.some", value.data(), value.size(), 0), 0) << errno;
+    const Tree tree = freeze({object}, disk / "store", "copy");
+    EXPECT_EQ(remarks_of(tree), 1u);
+    qfi_report *report = nullptr;
+    ASSERT_EQ(qfi_op_objctl(tree.get(), QFI_OBJCTL_REPORT, nullptr, &report), 0) << last_error();
+    EXPECT_EQ(Report(report).lines, (std::vector<Line>{{QFI_REMARK_ATTRIBUTE, object, "file", "user.some"}}));
 }
 
 TEST_F(SmallBlocks, stores_are_opened_filled_listed_and_emptied_whatever_room_is_left) {

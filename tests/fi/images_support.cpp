@@ -153,6 +153,14 @@ std::string Tree::image_path() const {
     return path;
 }
 
+uint64_t remarks_of(const Tree &tree) {
+    qfi_image_list *list = nullptr;
+    EXPECT_EQ(qfi_op_query_tree_status(tree.get(), nullptr, &list), 0) << last_error();
+    const uint64_t remarks = list != nullptr ? list->image.remarks : 0;
+    qfi_op_free_valid_sec_list(list);
+    return remarks;
+}
+
 Tree freeze(const std::vector<std::string> &objects, const fs::path &store, const char *method, bool digest) {
     Tree tree(objects);
     qfi_freeze_options options;

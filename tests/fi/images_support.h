@@ -65,6 +65,9 @@ private:
     qfi_domain *tree_ = nullptr;
 };
 
+/// How many remarks its first image has.
+uint64_t remarks_of(const Tree &tree);
+
 /// Freezes objects; fails the test when that fails. `method` null: the best.
 Tree freeze(const std::vector<std::string> &objects, const fs::path &store, const char *method = nullptr,
             bool digest = true);
