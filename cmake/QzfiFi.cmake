@@ -81,8 +81,10 @@ set_target_properties(fi PROPERTIES LINK_DEPENDS ${QZFI_FI_MAP}
   C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden)
 target_compile_definitions(fi PRIVATE _GNU_SOURCE)
 target_link_libraries(fi PRIVATE qzfi_flags -Wl,--whole-archive qzfi_fi -Wl,--no-whole-archive qzfi)
+# It stays in memory when a host lets go of it: SQLite keeps hold of its file access, threads that end still run code
+# of it, and what it keeps for the life of the process would be lost with each unloading.
 target_link_options(fi PRIVATE
-  -Wl,--version-script=${QZFI_FI_MAP} -Wl,-Bsymbolic-functions -Wl,-z,relro,-z,now -Wl,--as-needed)
+  -Wl,--version-script=${QZFI_FI_MAP} -Wl,-Bsymbolic-functions -Wl,-z,relro,-z,now,-z,nodelete -Wl,--as-needed)
 
 # Tries plugins before libfi.so loads them.
 add_executable(qzfi_provider_probe fi/fi_provider_probe.cpp)
