@@ -60,7 +60,7 @@ void EngineHost::check(const engine::Result &result, bool reading) const {
     if (result.status == 0)
         return;
     if (result.status == QFI_FI_CANCELLED)
-        fi::fail(message::cancelled, QFI_FI_CANCELLED, operation_, {});
+        fi::fail(message::cancelled, QFI_FI_CANCELLED, operation_, {object_});
     if (result.status == QFI_STATUS_NO_MEMORY)
         throw std::bad_alloc();
     const std::string path = failed_object_.empty() ? object_ : object_ + "/" + failed_object_;

@@ -418,34 +418,20 @@ int32_t qzfi_update_snapshot_handle(void *image_id, void *reference) {
 
 namespace {
 
-// Two trees in the hands of one operation. Those who want two wait for each other, so that none waits for the other's
-// second.
+// Two frozen trees, the second of which may be null.
 class TwoTrees {
 public:
-    TwoTrees(void *first, void *second, const char *operation) {
-        if (second == nullptr) {
-            first_.emplace(static_cast<const qfi_domain *>(first), operation);
-            require_frozen(*first_);
-            return;
-        }
-        static std::mutex taking;
-        const std::lock_guard lock(taking);
-        first_.emplace(static_cast<const qfi_domain *>(first), operation);
-        require_frozen(*first_);
-        if (place_of(**first_, static_cast<const qfi_domain *>(second)).filesystem != nullptr ||
-            second == &(*first_)->root) {
-            is_same_ = true;
-            return;
-        }
-        second_.emplace(static_cast<const qfi_domain *>(second), operation);
-        require_frozen(*second_);
+    TwoTrees(void *first, void *second, const char *operation)
+        : pair_(static_cast<const qfi_domain *>(first), static_cast<const qfi_domain *>(second), operation) {
+        require_frozen(pair_.first());
+        if (pair_.second() != nullptr)
+            require_frozen(*pair_.second());
     }
-    TreeLock &first() { return *first_; }
-    Tree *second() { return is_same_ ? &**first_ : second_ ? &**second_ : nullptr; }
+    TreeLock &first() { return pair_.first(); }
+    Tree *second() { return pair_.second() != nullptr ? &**pair_.second() : nullptr; }
 
 private:
-    std::optional<TreeLock> first_, second_;
-    bool is_same_ = false;
+    TreePair pair_;
 };
 
 } // namespace

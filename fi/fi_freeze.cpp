@@ -357,9 +357,9 @@ void commit_all(Tree &tree, const char *operation) {
     }
 }
 
-void check_cancelled(Progress &progress, const char *operation) {
+void check_cancelled(const Tree &tree, Progress &progress, const char *operation) {
     if (progress.advance(0, 0) != 0)
-        fail(message::cancelled, QFI_FI_CANCELLED, operation, {});
+        fail(message::cancelled, QFI_FI_CANCELLED, operation, {tree.name});
 }
 
 } // namespace
@@ -368,10 +368,10 @@ void split(Tree &tree, Progress &progress, const char *operation) {
     tree.remarks.clear();
     tree.remark_count = 0;
     try {
-        check_cancelled(progress, operation);
+        check_cancelled(tree, progress, operation);
         for (TreeFilesystem &filesystem : tree.filesystems) {
             split_filesystem(tree, filesystem, progress, operation);
-            check_cancelled(progress, operation);
+            check_cancelled(tree, progress, operation);
         }
         commit_all(tree, operation);
         tree.state = QFI_TREE_SPLIT;

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <qzfi/context.h>
@@ -16,8 +17,23 @@ namespace {
 std::mutex context_mutex;
 bool has_context = false;
 
+// True when somebody ended it, and in a child that was forked off the host, whose commands are not the host's.
+bool is_context_gone() noexcept {
+    if (command_iop == nullptr)
+        return true;
+    siginfo_t end{};
+    const auto process = static_cast<id_t>(command_iop[QFI_CONTEXT_PID]);
+    if (waitid(P_PID, process, &end, WEXITED | WNOHANG | WNOWAIT) != 0)
+        return errno == ECHILD;
+    return end.si_pid != 0;
+}
+
 bool ensure_context() {
     const std::lock_guard lock(context_mutex);
+    if (has_context && is_context_gone()) {
+        qzfi_close_context();
+        has_context = false;
+    }
     if (!has_context)
         has_context = qzfi_create_context() == 0;
     return has_context;
@@ -149,9 +165,12 @@ struct PostGuard::State {
     std::string command;
     std::string folder;
     const char *operation = "";
+    const pid_t process = getpid();
     Descriptor in, out;
 
     ~State() {
+        if (process != getpid())
+            return;
         // What the guard has not taken with it yet; it holds what it needs.
         if (!in && !folder.empty())
             remove_folder();
@@ -230,8 +249,11 @@ PostGuard::PostGuard(const std::string &command, const char *operation) : state_
     state_->send("armed\n");
 }
 
-// The FIFO's end is the guard's sign.
-PostGuard::~PostGuard() = default;
+// The FIFO's end alone would not do: a child that was forked off may hold it too.
+PostGuard::~PostGuard() {
+    if (state_->in && state_->process == getpid())
+        state_->send("run\n");
+}
 
 const std::string &PostGuard::command() const noexcept {
     return state_->command;

@@ -130,7 +130,7 @@ void JobHost::check(int32_t status, const Provider &provider) const {
     if (status == QFI_STATUS_OK)
         return;
     if (status == QFI_FI_CANCELLED)
-        fail(message::cancelled, status, state.operation, {});
+        fail(message::cancelled, status, state.operation, {state.object});
     if (status == QFI_STATUS_NO_MEMORY)
         fail(message::no_memory, status, state.operation, {});
     const std::string path = state.failed_object.empty() ? state.object : state.object + "/" + state.failed_object;

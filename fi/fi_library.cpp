@@ -44,6 +44,7 @@ private:
 };
 
 thread_local int hushed = 0;
+thread_local int host_calls = 0;
 
 const char *in_words(int error) {
     const char *const text = strerrordesc_np(error);
@@ -61,11 +62,26 @@ void raise(const Message &message, int32_t status, const char *operation,
     for (const std::string_view argument : arguments)
         if (count < argument_limit)
             texts[count++].assign(argument);
-    qzfi_getmsg(message.id, message.severity, message.format, operation, texts[0].get(), texts[1].get(), texts[2].get(),
-                texts[3].get());
+    {
+        const HostCall call;
+        qzfi_getmsg(message.id, message.severity, message.format, operation, texts[0].get(), texts[1].get(),
+                    texts[2].get(), texts[3].get());
+    }
     // The format and the operation go first; all of them are counted, or the last would not be kept.
     fi_create_error_info(message.id, 0, nullptr, &status, nullptr, static_cast<int32_t>(count) + 2, message.format,
                          operation, texts[0].get(), texts[1].get(), texts[2].get(), texts[3].get());
+}
+
+HostCall::HostCall() noexcept {
+    ++host_calls;
+}
+
+HostCall::~HostCall() {
+    --host_calls;
+}
+
+bool HostCall::is_in_progress() noexcept {
+    return host_calls != 0;
 }
 
 Hush::Hush() noexcept {
@@ -205,6 +221,7 @@ struct Progress::State {
         progress.entries_total = entries_total.load(std::memory_order_relaxed);
         progress.bytes_done = bytes_done.load(std::memory_order_relaxed);
         progress.bytes_total = bytes_total.load(std::memory_order_relaxed);
+        const HostCall call;
         if (handler->progress(handler, &progress) != 0)
             is_cancelled.store(true, std::memory_order_relaxed);
     }

@@ -43,15 +43,15 @@ struct Message {
     X(no_method, "MSG_QFI_E2007", 2, "%s: no method can freeze %s: %s\n") \
     X(method_refused, "MSG_QFI_E2008", 2, "%s: method %s cannot freeze %s: %s\n") \
     X(no_such_method, "MSG_QFI_E2009", 2, "%s: no provider offers the method %s\n") \
-    X(wrong_state, "MSG_QFI_E2010", 2, "%s: the tree is %s; this needs one that is %s\n") \
+    X(wrong_state, "MSG_QFI_E2010", 2, "%s: the tree of %s is %s; this needs one that is %s\n") \
     X(store_unusable, "MSG_QFI_E2011", 3, "%s: store %s cannot be used: %s\n") \
     X(no_space, "MSG_QFI_E2012", 3, "%s: no space left on the file system of %s\n") \
     X(pre_command_failed, "MSG_QFI_E2013", 3, "%s: pre command \"%s\" failed with %s: %s\n") \
     X(post_command_failed, "MSG_QFI_E2014", 3, "%s: post command \"%s\" failed with %s: %s\n") \
     X(damaged, "MSG_QFI_E2015", 3, "%s: image %s is damaged: %s: %s\n") \
     X(bad_fiid, "MSG_QFI_E2016", 2, "%s: not a valid id document: %s\n") \
-    X(busy, "MSG_QFI_E2017", 2, "%s: %s is in use by another process\n") \
-    X(cancelled, "MSG_QFI_E2018", 2, "%s: cancelled\n") \
+    X(busy, "MSG_QFI_E2017", 2, "%s: %s is in use by another operation\n") \
+    X(cancelled, "MSG_QFI_E2018", 2, "%s: %s: cancelled\n") \
     X(already_exists, "MSG_QFI_E2019", 2, "%s: %s exists already\n") \
     X(catalog_failed, "MSG_QFI_E2020", 3, "%s: catalog of store %s: %s\n") \
     X(unsafe_path, "MSG_QFI_E2021", 3, "%s: %s leaves its place: %s\n") \
@@ -76,7 +76,7 @@ struct Message {
     X(QFI_FI_POST_COMMAND, "The post command failed") \
     X(QFI_FI_DAMAGED, "The image is damaged") \
     X(QFI_FI_BAD_FIID, "Not a valid id document") \
-    X(QFI_FI_BUSY, "In use by another process") \
+    X(QFI_FI_BUSY, "In use by another operation") \
     X(QFI_FI_CANCELLED, "Cancelled") \
     X(QFI_FI_EXISTS, "Exists already") \
     X(QFI_FI_CATALOG, "The store's catalog failed") \
@@ -231,6 +231,18 @@ inline const char *Block::text(std::string_view source) {
         std::memcpy(copy, source.data(), source.size());
     return copy;
 }
+
+/// While one lives, this thread is in a function of the host's that was called in the middle of an operation: for
+/// progress, or to tell of an error. What is called from there must wait for no tree: that operation may hold it, and
+/// does not go on before the function returns.
+class HostCall {
+public:
+    HostCall() noexcept;
+    ~HostCall();
+    HostCall(const HostCall &) = delete;
+    HostCall &operator=(const HostCall &) = delete;
+    static bool is_in_progress() noexcept;
+};
 
 /// Notes the host's handler record, in which Progress finds its progress handler: by the start entry, and null at
 /// shutdown, when no operation runs.

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
+#include <sys/types.h>
 #include <vector>
 
 #include "fi/fi_fiid.h"
@@ -66,9 +66,10 @@ struct Tree {
     Tree();
     ~Tree();
 
-    std::mutex mutex;                   // one operation at a time
-    std::atomic<std::thread::id> owner; // who holds it
-    bool is_detached = false;           // an operation that waited for the detaching one finds nothing any more
+    std::mutex mutex;         // one operation at a time
+    bool is_detached = false; // an operation that waited for the detaching one finds nothing any more
+    const pid_t process;      // that made it: a fork's copy of it is nobody's to work on
+    std::string name;         // for messages: its first object, and how many more; fixed once registered
     qfi_domain root{};
     std::deque<qfi_domain> nodes; // stable addresses, as those of the records that hang on nodes
     std::deque<qfi_resource> resources;
@@ -92,12 +93,16 @@ struct Tree {
 };
 
 /// A tree in the hands of an operation: found by the root node that the host gave, locked, its status kept. The node
-/// may be any of the tree's. Throws Failure with status 3 for a pointer that is no live tree's, and QFI_FI_BUSY in a
-/// thread that works on the tree already (a progress handler).
+/// may be any of the tree's. Throws Failure with status 3 for a pointer that is no live tree's of this process.
+///
+/// Who works on a tree already, or is called by somebody who may (HostCall), waits for no tree: QFI_FI_BUSY when it is
+/// not free at once. So nobody waits for a tree while he holds up another one, but for TreePair.
 class TreeLock {
 public:
     enum class Purpose { work, look }; // get_status tells of work only
     TreeLock(const qfi_domain *node, const char *operation, Purpose purpose = Purpose::work);
+    /// One that was found already; `may_wait` is `may_wait_for_trees`.
+    TreeLock(std::shared_ptr<Tree> tree, const char *operation, Purpose purpose, bool may_wait);
     ~TreeLock();
     TreeLock(const TreeLock &) = delete;
     TreeLock &operator=(const TreeLock &) = delete;
@@ -116,6 +121,21 @@ private:
     std::optional<Progress> progress_;
 };
 
+/// Two trees in the hands of one operation: one that it works on, one that it looks at. Everybody takes the same one
+/// of two first, so that none waits for the other's second.
+class TreePair {
+public:
+    /// `second` may be null, or of the same tree.
+    TreePair(const qfi_domain *first, const qfi_domain *second, const char *operation);
+    TreeLock &first() noexcept { return *first_; }
+    /// Null when there is none, the first when it is the same.
+    TreeLock *second() noexcept { return is_same_ ? &*first_ : second_ ? &*second_ : nullptr; }
+
+private:
+    std::optional<TreeLock> first_, second_;
+    bool is_same_ = false;
+};
+
 /// Tells get_status how the work ended that this thread's last TreeLock did; entries do, when all is said.
 void note_end(int32_t status) noexcept;
 /// The status record of a tree, without waiting for the operation on it.
@@ -131,6 +151,8 @@ std::string state_range(int32_t lowest, int32_t highest);
 qfi_domain *register_tree(std::shared_ptr<Tree> tree);
 void unregister_tree(const qfi_domain *root) noexcept;
 bool is_live(const qfi_domain *node);
+/// Those of this process: what a fork copied is left alone, for its images in the making, its commands and its catalogs
+/// are the other process's.
 std::vector<std::shared_ptr<Tree>> live_trees();
 
 /// Makes the nodes of a tree from its file systems and objects; with images, also the alternate nodes. A tree that is

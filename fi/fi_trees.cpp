@@ -3,7 +3,10 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <map>
+#include <unistd.h>
+#include <utility>
 
 namespace qzfi::fi {
 
@@ -63,31 +66,63 @@ void take_counts(Tree &tree) {
 
 } // namespace
 
+namespace {
+
+thread_local int held_trees = 0;
+
+bool may_wait_for_trees() noexcept {
+    return held_trees == 0 && !HostCall::is_in_progress();
+}
+
+} // namespace
+
 TreeLock::TreeLock(const qfi_domain *node, const char *operation, Purpose purpose)
-    : tree_(find_tree(node)), operation_(operation), purpose_(purpose) {
+    : TreeLock(find_tree(node), operation, purpose, may_wait_for_trees()) {}
+
+TreeLock::TreeLock(std::shared_ptr<Tree> tree, const char *operation, Purpose purpose, bool may_wait)
+    : tree_(std::move(tree)), operation_(operation), purpose_(purpose) {
     require(tree_ != nullptr, operation, no_tree);
-    if (tree_->owner.load(std::memory_order_relaxed) == std::this_thread::get_id())
-        fail(message::busy, QFI_FI_BUSY, operation, {"the tree"});
-    lock_ = std::unique_lock(tree_->mutex);
+    require(tree_->process == getpid(), operation, "this tree is of the process that forked this one");
+    lock_ = std::unique_lock(tree_->mutex, std::defer_lock);
+    if (may_wait)
+        lock_.lock();
+    else if (!lock_.try_lock())
+        fail(message::busy, QFI_FI_BUSY, operation, {"the tree of " + tree_->name});
     require(!tree_->is_detached, operation, no_tree);
-    tree_->owner.store(std::this_thread::get_id(), std::memory_order_relaxed);
     if (purpose_ == Purpose::work)
         begin_work(*tree_, operation_);
+    ++held_trees;
 }
 
 TreeLock::~TreeLock() {
+    --held_trees;
     if (purpose_ == Purpose::work) {
         last_work.tree = tree_;
         const std::lock_guard lock(tree_->status_mutex);
         last_work.number = tree_->operation_number;
     }
-    tree_->owner.store(std::thread::id(), std::memory_order_relaxed);
+}
+
+TreePair::TreePair(const qfi_domain *first, const qfi_domain *second, const char *operation) {
+    const bool may_wait = may_wait_for_trees();
+    std::shared_ptr<Tree> one = find_tree(first), other = second != nullptr ? find_tree(second) : nullptr;
+    is_same_ = second != nullptr && one == other;
+    const auto take_first = [&] { first_.emplace(std::move(one), operation, TreeLock::Purpose::work, may_wait); };
+    const auto take_second = [&] { second_.emplace(std::move(other), operation, TreeLock::Purpose::look, may_wait); };
+    const bool has_second = second != nullptr && !is_same_;
+    // Both are held on to from here: no other tree can take the address of one.
+    const bool is_second_first = has_second && std::less<>()(other.get(), one.get());
+    if (is_second_first)
+        take_second();
+    take_first();
+    if (has_second && !is_second_first)
+        take_second();
 }
 
 void TreeLock::require_state(int32_t lowest, int32_t highest) const {
     if (tree_->state < lowest || tree_->state > highest)
         fail(message::wrong_state, QFI_FI_WRONG_STATE, operation_,
-             {state_name(tree_->state), state_range(lowest, highest)});
+             {tree_->name, state_name(tree_->state), state_range(lowest, highest)});
 }
 
 Progress &TreeLock::progress() {
@@ -160,7 +195,27 @@ void register_nodes(const std::shared_ptr<Tree> &tree) {
 
 } // namespace
 
+namespace {
+
+std::string name_of(const Tree &tree) {
+    const std::string *first = nullptr;
+    std::size_t count = 0;
+    for (const TreeFilesystem &filesystem : tree.filesystems)
+        for (const TreeObject &object : filesystem.objects) {
+            if (first == nullptr)
+                first = &object.path;
+            ++count;
+        }
+    if (first == nullptr)
+        return "nothing";
+    return count == 1 ? *first : *first + " and " + std::to_string(count - 1) + " more";
+}
+
+} // namespace
+
 qfi_domain *register_tree(std::shared_ptr<Tree> tree) {
+    if (tree->name.empty())
+        tree->name = name_of(*tree);
     const std::lock_guard lock(live().mutex);
     qfi_domain *const root = &tree->root;
     try {
@@ -188,7 +243,7 @@ std::vector<std::shared_ptr<Tree>> live_trees() {
     std::vector<std::shared_ptr<Tree>> trees;
     const std::lock_guard lock(live().mutex);
     for (const auto &[node, tree] : live().nodes)
-        if (node == &tree->root)
+        if (node == &tree->root && tree->process == getpid())
             trees.push_back(tree);
     return trees;
 }
@@ -257,7 +312,7 @@ void register_again(const Tree &tree) {
 
 Tree::~Tree() = default;
 
-Tree::Tree() {
+Tree::Tree() : process(getpid()) {
     root.fid_nodetype = QFI_NODE_ROOT;
     root.fid_rootnode = &root;
     status.size = sizeof status;

@@ -30,7 +30,7 @@ enum qfi_fi_status {
     QFI_FI_POST_COMMAND = 1031,     /**< the post command failed; the images are there */
     QFI_FI_DAMAGED = 1032,          /**< an image is not what its manifest says */
     QFI_FI_BAD_FIID = 1033,         /**< an id document that is not valid */
-    QFI_FI_BUSY = 1034,             /**< another process works on the same image */
+    QFI_FI_BUSY = 1034,             /**< another operation, of whatever process, works on the same */
     QFI_FI_CANCELLED = 1035,        /**< the progress callback said so */
     QFI_FI_EXISTS = 1036,           /**< what would be made is there already */
     QFI_FI_CATALOG = 1037,          /**< the store's catalog could not be read or written */

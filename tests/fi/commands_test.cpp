@@ -186,7 +186,7 @@ TEST_F(Commands, cancelling_leaves_nothing_and_runs_the_post_command) {
     start();
     qfi_domain *const tree = selected(note("pre"), note("post"));
     EXPECT_EQ(qfi_op_make(tree, nullptr, nullptr), 1035);
-    EXPECT_EQ(last_error(), "qzfi_make: cancelled");
+    EXPECT_EQ(last_error(), "qzfi_make: " + object_ + ": cancelled");
     EXPECT_EQ(canceller.calls, 1);
     EXPECT_EQ(log(), "pre\npost\n");
     EXPECT_TRUE(images().empty());

@@ -10,6 +10,7 @@ function(qzfi_add_host_test name)
 endfunction()
 qzfi_add_host_test(fi_life_test life_test.cpp)
 qzfi_add_host_test(fi_commands_test commands_test.cpp)
+qzfi_add_host_test(fi_together_test together_test.cpp)
 
 qzfi_add_host_test(fi_filesystems_test filesystems_test.cpp)
 qzfi_add_host_test(fi_providers_test providers_test.cpp)

@@ -105,7 +105,7 @@ TEST_P(Kill, a_second_restore_of_the_same_object_is_told_that_it_is_busy) {
     {
         const Tree again = Tree::of_image(id, store);
         EXPECT_EQ(qfi_op_restore(again.get(), nullptr, nullptr), QFI_FI_BUSY);
-        EXPECT_EQ(last_error(), "qzfi_restore: " + object.string() + " is in use by another process\n");
+        EXPECT_EQ(last_error(), "qzfi_restore: " + object.string() + " is in use by another operation\n");
         // Nor can the image be removed while it is read.
         EXPECT_EQ(qfi_op_detach(again.get(), nullptr, QFI_DETACH_REMOVE, nullptr), QFI_FI_BUSY);
     }

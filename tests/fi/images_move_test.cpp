@@ -206,7 +206,7 @@ TEST_P(Move, of_an_image_that_is_read_is_busy) {
     ASSERT_GE(lock, 0);
     ASSERT_EQ(flock(lock, LOCK_SH), 0);
     EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), QFI_FI_BUSY);
-    EXPECT_EQ(last_error(), "qzfi_deport_tree: " + tree.image_id() + " is in use by another process\n");
+    EXPECT_EQ(last_error(), "qzfi_deport_tree: " + tree.image_id() + " is in use by another operation\n");
     EXPECT_FALSE(fs::exists(exported));
     close(lock);
     EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), 0) << last_error();

@@ -25,9 +25,9 @@ TEST(Raise, a_record_holds_the_format_and_every_argument) {
 }
 
 TEST(Raise, a_message_without_arguments_holds_format_and_operation) {
-    raise(message::cancelled, QFI_FI_CANCELLED, "qzfi_split", {});
+    raise(message::no_memory, QFI_STATUS_NO_MEMORY, "qzfi_split", {});
 
-    EXPECT_EQ(last_error(), "1035 MSG_QFI_E2018: %s: cancelled\n|qzfi_split");
+    EXPECT_EQ(last_error(), "5 MSG_QFI_E2001: %s: out of memory\n|qzfi_split");
 }
 
 TEST(Raise, an_argument_is_cut_and_told_when_its_copy_finds_no_memory) {
@@ -37,7 +37,7 @@ TEST(Raise, an_argument_is_cut_and_told_when_its_copy_finds_no_memory) {
         raise(message::busy, QFI_FI_BUSY, "qzfi_split", {argument});
         trial.disarm();
         const std::string told = last_error();
-        const std::string cut = "1034 MSG_QFI_E2017: %s: %s is in use by another process\n|qzfi_split|";
+        const std::string cut = "1034 MSG_QFI_E2017: %s: %s is in use by another operation\n|qzfi_split|";
         if (trial.nth() == 1) {
             EXPECT_EQ(told, cut + argument.substr(0, 255));
         }
@@ -51,7 +51,7 @@ TEST(Hush, a_hushed_failure_is_thrown_and_not_recorded) {
     fi_del_all_errors();
     EXPECT_EQ(status_of_call([] {
                   const Hush hush;
-                  fail(message::cancelled, QFI_FI_CANCELLED, "qzfi_split", {});
+                  fail(message::cancelled, QFI_FI_CANCELLED, "qzfi_split", {"/x"});
               }),
               QFI_FI_CANCELLED);
     EXPECT_EQ(last_error(), "none");

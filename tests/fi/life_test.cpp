@@ -200,7 +200,7 @@ TEST_F(Life, each_step_is_refused_in_every_state_that_is_not_its_own) {
             const bool is_allowed = state >= step.lowest && state <= step.highest;
             EXPECT_EQ(step.call(tree), is_allowed ? 0 : 1027) << step.name << " when " << names[state];
             if (!is_allowed) {
-                EXPECT_EQ(last_error(), std::string(step.name) + ": the tree is " + names[state] +
+                EXPECT_EQ(last_error(), std::string(step.name) + ": the tree of " + object_ + " is " + names[state] +
                                             "; this needs one that is " + step.wanted);
             }
             EXPECT_EQ(qfi_op_detach(tree, nullptr, QFI_DETACH_REMOVE, nullptr), 0) << last_error();
