@@ -2,6 +2,7 @@
 #include <dlfcn.h>
 #include <filesystem>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 #include "host.h"
@@ -59,6 +60,18 @@ TEST_F(Life, a_tree_has_a_node_for_each_file_system_and_below_it_its_objects) {
     EXPECT_STREQ(qzfi_pn(first->fid_siblings->objid), other.c_str());
     EXPECT_EQ(first->fid_siblings->fid_siblings, nullptr) << "the same object twice is one";
     EXPECT_EQ(qfi_op_detach(tree, nullptr, 0, nullptr), 0);
+}
+
+TEST_F(Life, what_SQLite_was_given_is_still_there_after_the_shutdown_for_a_host_that_uses_SQLite_too) {
+    void *const sqlite = dlopen("libsqlite3.so.0", RTLD_NOW);
+    ASSERT_NE(sqlite, nullptr) << dlerror();
+    const auto find_vfs = reinterpret_cast<void *(*)(const char *)>(dlsym(sqlite, "sqlite3_vfs_find"));
+    ASSERT_NE(find_vfs, nullptr);
+    // On a thread of its own: as long as a thread lives for which a library keeps data, the library stays anyway.
+    std::thread([&] { EXPECT_EQ(qfi_op_detach(tree_in(QFI_TREE_FROZEN), nullptr, 0, nullptr), 0); }).join();
+    stop();
+    EXPECT_EQ(find_vfs("no name, so that all names are looked at"), nullptr);
+    dlclose(sqlite);
 }
 
 TEST_F(Life, an_object_can_be_given_by_its_id) {
