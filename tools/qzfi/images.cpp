@@ -69,8 +69,7 @@ ImageList find_images(const ImageName &name) {
 Tree open_tree(const ImageName &name) {
     const std::string id = whole_id(name);
     Tree tree;
-    check(qfi_op_reaccess_tree(nullptr, Out(tree), id.c_str(), or_null(name.store), nullptr, 0),
-          "open image " + id);
+    check(qfi_op_reaccess_tree(nullptr, Out(tree), id.c_str(), or_null(name.store), nullptr, 0), "open image " + id);
     return tree;
 }
 
@@ -89,17 +88,19 @@ const char *remark_name(uint32_t kind) {
     return kind < names.size() ? names[kind] : names[0];
 }
 
+std::string remark_text(const qfi_report_item &item) {
+    std::string text = std::string(remark_name(item.kind)) + ": " + item.object;
+    if (*item.path != '\0')
+        text += (text.ends_with('/') ? "" : "/") + std::string(item.path);
+    text += std::string(": ") + item.detail;
+    if (item.error != 0)
+        text += std::string(": ") + std::strerror(item.error);
+    return printable(text);
+}
+
 void print_remarks(const qfi_report &report) {
-    for (uint64_t index = 0; index < report.shown; ++index) {
-        const qfi_report_item &item = report.items[index];
-        std::string line = std::string(remark_name(item.kind)) + ": " + item.object;
-        if (*item.path != '\0')
-            line += std::string("/") + item.path;
-        line += std::string(": ") + item.detail;
-        if (item.error != 0)
-            line += std::string(": ") + std::strerror(item.error);
-        std::cerr << printable(line) << '\n';
-    }
+    for (uint64_t index = 0; index < report.shown; ++index)
+        std::cerr << remark_text(report.items[index]) << '\n';
     if (report.count > report.shown)
         std::cerr << grouped(report.count - report.shown) << " more remarks\n";
 }

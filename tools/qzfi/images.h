@@ -30,6 +30,9 @@ std::string id_of(const qfi_domain *tree);
 
 const char *remark_name(uint32_t kind); ///< "torn", "vanished", "attribute", "skipped", "unreadable", "warning"
 
+/// A remark as a line, safe on a terminal: "torn: /data/log: changed while it was copied".
+std::string remark_text(const qfi_report_item &item);
+
 /// Tells on standard error what a report holds, a line for each remark, unless there is nothing.
 void print_remarks(const qfi_report &report);
 

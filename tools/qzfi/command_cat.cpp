@@ -1,0 +1,118 @@
+// qzfi cat: a file's bytes from an image.
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "tools/qzfi/commands.h"
+#include "tools/qzfi/places.h"
+
+namespace qzfi::tool {
+
+namespace {
+
+struct Options {
+    ImageName image;
+    PlaceName place;
+};
+
+class File {
+public:
+    explicit File(int descriptor) : descriptor_(descriptor) {}
+    ~File() {
+        if (descriptor_ >= 0)
+            close(descriptor_);
+    }
+    File(const File &) = delete;
+    File &operator=(const File &) = delete;
+    int get() const { return descriptor_; }
+
+private:
+    int descriptor_;
+};
+
+[[noreturn]] void fail(const std::string &action, int error) {
+    throw Failure(action + ": " + std::strerror(error));
+}
+
+// Links are followed where they stay below the object: one to elsewhere would show what is not of the image's time.
+int open_below(int object, const std::string &path) {
+    open_how how = {};
+    how.flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY; // a pipe would let wait for its writer
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+    for (;;) {
+        const long descriptor = syscall(SYS_openat2, object, path.c_str(), &how, sizeof how);
+        // EAGAIN: something was renamed on the way.
+        if (descriptor >= 0 || (errno != EINTR && errno != EAGAIN))
+            return static_cast<int>(descriptor);
+    }
+}
+
+void write_all(const char *data, std::size_t length) {
+    while (length > 0) {
+        const ssize_t written = write(STDOUT_FILENO, data, length);
+        if (written < 0 && errno != EINTR)
+            fail("write to standard output", errno);
+        if (written > 0) {
+            data += written;
+            length -= static_cast<std::size_t>(written);
+        }
+    }
+}
+
+void copy(int file, const std::string &shown) {
+    std::string buffer(256 * 1024, '\0');
+    for (;;) {
+        const ssize_t count = read(file, buffer.data(), buffer.size());
+        if (count == 0)
+            return;
+        if (count > 0)
+            write_all(buffer.data(), static_cast<std::size_t>(count));
+        else if (errno != EINTR)
+            fail("read " + shown, errno);
+    }
+}
+
+int run(const Settings &settings, const Options &options) {
+    const Session session(settings);
+    const Tree tree = open_tree(options.image);
+    const Place place = find_place(tree.get(), options.place);
+    Text path;
+    check(qfi_op_access(place.object, nullptr, Out(path)), "find " + node_text(place.object, "path") + " in the image");
+    const std::string shown = std::string(path.get()) + (place.below.empty() ? "" : "/" + place.below);
+    const File object(open(path.get(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (object.get() < 0)
+        fail(std::string("open ") + path.get(), errno);
+    const File file(open_below(object.get(), place.below.empty() ? "." : place.below));
+    if (file.get() < 0) {
+        if (errno == EXDEV)
+            throw Failure("open " + shown + ": it leads out of the image");
+        fail("open " + shown, errno);
+    }
+    struct stat status = {};
+    if (fstat(file.get(), &status) != 0)
+        fail("look at " + shown, errno);
+    if (S_ISDIR(status.st_mode))
+        fail("read " + shown, EISDIR);
+    if (!S_ISREG(status.st_mode))
+        throw Failure("read " + shown + ": it is no file");
+    std::signal(SIGPIPE, SIG_IGN); // told as any other failure to write
+    copy(file.get(), shown);
+    return exit_done;
+}
+
+} // namespace
+
+void add_cat(CommandLine &line) {
+    add_command<Options>(line, "cat", "Print a file from an image", run, [](CLI::App &command, Options &options) {
+        add_image(command, options.image);
+        command.add_option("FILE", options.place.file, "Below the object, or the original's path")->required();
+        add_object(command, options.place.object);
+    });
+}
+
+} // namespace qzfi::tool
