@@ -130,9 +130,11 @@ static inline int32_t qfi_op_isvalid_tree(const qfi_domain *tree, int32_t *valid
 
 /* Lists. Each enumeration gives null for an empty list; each list has its release. */
 
+/** Lists the providers. */
 static inline int32_t qfi_op_enumerate_providers(qfi_provider_list **list) {
     return qzfiapi_enumerate_providers((void *)list);
 }
+/** Releases a list of providers. */
 static inline int32_t qfi_op_free_providers_list(qfi_provider_list *list) {
     return qzfiapi_free_providers_list(list);
 }
@@ -142,9 +144,11 @@ static inline int32_t qfi_op_enumerate_provider_nodes(const char *provider_id, c
                                                       int32_t flags, qfi_node_list **list) {
     return qzfiapi_enumerate_provider_nodes((void *)provider_id, (void *)uid, reserved, flags, (void *)list);
 }
+/** Lists the nodes of every provider. */
 static inline int32_t qfi_op_enumerate_nodes(const char *uid, void *reserved, int32_t flags, qfi_node_list **list) {
     return qzfiapi_enumerate_nodes((void *)uid, reserved, flags, (void *)list);
 }
+/** Releases a list of nodes. */
 static inline int32_t qfi_op_free_node_list(qfi_node_list *list) {
     return qzfiapi_free_node_list(list);
 }
@@ -152,9 +156,11 @@ static inline int32_t qfi_op_free_node_list(qfi_node_list *list) {
 static inline int32_t qfi_op_enumerate_provider_group_nodes(const char *provider_id, qfi_group_node_list **list) {
     return qzfiapi_enumerate_provider_group_nodes((void *)provider_id, (void *)list);
 }
+/** Lists the group nodes of every provider. */
 static inline int32_t qfi_op_enumerate_group_nodes(qfi_group_node_list **list) {
     return qzfiapi_enumerate_group_nodes((void *)list);
 }
+/** Releases a list of group nodes. */
 static inline int32_t qfi_op_free_group_node_list(qfi_group_node_list *list) {
     return qzfiapi_free_group_node_list(list);
 }
@@ -162,12 +168,15 @@ static inline int32_t qfi_op_free_group_node_list(qfi_group_node_list *list) {
 static inline int32_t qfi_op_enumerate_provider_associations(const char *provider_id, qfi_assoc_list **list) {
     return qzfiapi_enumerate_provider_associations((void *)provider_id, (void *)list);
 }
+/** Lists the associations of every provider's nodes. */
 static inline int32_t qfi_op_enumerate_associations(qfi_assoc_list **list) {
     return qzfiapi_enumerate_associations((void *)list);
 }
+/** Releases a list of associations. */
 static inline int32_t qfi_op_free_assoc_list(qfi_assoc_list *list) {
     return qzfiapi_free_assoc_list(list);
 }
+/** Tells whether an association of nodes is valid. */
 static inline int32_t qfi_op_isvalid_node_association(const qfi_assoc *association, int32_t *valid) {
     return qzfiapi_isvalid_node_association((void *)association, valid);
 }
@@ -183,12 +192,15 @@ static inline int32_t qfi_op_enumerate_trees(qfi_domain_tree_list_t **list) {
 static inline int32_t qfi_op_free_tree_list(qfi_domain_tree_list_t *list) {
     return qzfiapi_free_tree_list(list);
 }
+/** Lists the frozen-image methods of one provider. */
 static inline int32_t qfi_op_enumerate_provider_fims(const char *provider_id, qfi_fim_list **list) {
     return qzfiapi_enumerate_provider_fims((void *)provider_id, (void *)list);
 }
+/** Lists the frozen-image methods of every provider. */
 static inline int32_t qfi_op_enumerate_fims(qfi_fim_list **list) {
     return qzfiapi_enumerate_fims((void *)list);
 }
+/** Releases a list of frozen-image methods. */
 static inline int32_t qfi_op_free_fim_list(qfi_fim_list *list) {
     return qzfiapi_free_fim_list(list);
 }
@@ -196,6 +208,7 @@ static inline int32_t qfi_op_free_fim_list(qfi_fim_list *list) {
 static inline int32_t qfi_op_enumerate_enclosures(void *reserved1, void *reserved2, qfi_enclosure_list **list) {
     return qzfiapi_enumerate_enclosures(reserved1, reserved2, (void *)list);
 }
+/** Releases a list of enclosures. */
 static inline int32_t qfi_op_free_enclosures(qfi_enclosure_list *list) {
     return qzfiapi_free_enclosures(list);
 }
@@ -203,9 +216,11 @@ static inline int32_t qfi_op_free_enclosures(qfi_enclosure_list *list) {
 static inline int32_t qfi_op_enumerate_host_nodes(void *reserved1, void *reserved2, qfi_host_list **list) {
     return qzfiapi_enumerate_host_nodes(reserved1, reserved2, (void *)list);
 }
+/** Releases a list of hosts. */
 static inline int32_t qfi_op_free_host_nodes(qfi_host_list *list) {
     return qzfiapi_free_host_nodes(list);
 }
+/** Releases combinations of methods. */
 static inline int32_t qfi_op_free_combos(qfi_qs_combo *combos) {
     return qzfiapi_free_combos(combos);
 }
@@ -223,6 +238,7 @@ static inline int32_t qfi_op_process_fiids(int32_t count, int32_t flags, const q
                                            const char *store) {
     return qzfiapi_process_fiids(count, flags, (void *)fiids, results, (void *)store);
 }
+/** Releases an id document. */
 static inline int32_t qfi_op_free_fiid(qfi_fiid *fiid) {
     return qzfiapi_free_fiid(fiid);
 }
@@ -247,6 +263,7 @@ static inline int32_t qfi_op_get_status(const qfi_domain *tree, qfi_operation_st
 static inline int32_t qfi_op_query_valid_secondaries(const char *path, void *reserved, qfi_image_list **list) {
     return qzfiapi_query_valid_secondaries((void *)path, reserved, (void *)list);
 }
+/** Releases a list of images. */
 static inline int32_t qfi_op_free_valid_sec_list(qfi_image_list *list) {
     return qzfiapi_free_valid_sec_list(list, 0);
 }
@@ -258,6 +275,7 @@ static inline int32_t qfi_op_query_tree_status(const qfi_domain *tree, int32_t *
 static inline int32_t qfi_op_query_res_status(const char *path, void *reserved, qfi_store_status **list) {
     return qzfiapi_query_res_status((void *)path, reserved, (void *)list);
 }
+/** Releases a list of stores. */
 static inline int32_t qfi_op_free_res_status_list(qfi_store_status *list) {
     return qzfiapi_free_res_status_list(list);
 }
@@ -266,6 +284,7 @@ static inline int32_t qfi_op_free_res_status_list(qfi_store_status *list) {
 static inline int32_t qfi_op_snapreplica_list(const char *set_id, const char *store, qfi_image_list **list) {
     return qzfiapi_snapreplica_list((void *)set_id, (void *)store, (void *)list);
 }
+/** Releases a list of images. */
 static inline int32_t qfi_op_free_snapreplica_list(qfi_image_list *list) {
     return qzfiapi_free_snapreplica_list(list);
 }
@@ -353,6 +372,7 @@ static inline int32_t qfi_op_del_last_error(qfi_error_info **error) {
 static inline int32_t qfi_op_get_locale_message(const qfi_error_info *error, char **english, char **localized) {
     return qzfiapi_get_locale_message((void *)error, (void *)english, (void *)localized, 0);
 }
+/** Releases the text of a message. */
 static inline int32_t qfi_op_del_locale_message(char *text) {
     return qzfiapi_del_locale_message(text);
 }
@@ -360,9 +380,11 @@ static inline int32_t qfi_op_del_locale_message(char *text) {
 static inline int32_t qfi_op_alloc_buffer(uint64_t size, void **buffer) {
     return qzfiapi_alloc_buffer((void *)(uintptr_t)size, (void *)buffer);
 }
+/** Releases a block of memory. */
 static inline int32_t qfi_op_free_buffer(void *buffer) {
     return qzfiapi_free_buffer(buffer);
 }
+/** Releases a report. */
 static inline int32_t qfi_op_free_report(qfi_report *report) {
     return qzfiapi_free_buffer(report);
 }
@@ -377,24 +399,31 @@ static inline int32_t qfi_op_set_credentials(void *reserved, int32_t number1, in
 
 /* Operations on devices. File systems have no means for them: status 4, whatever the arguments. */
 
+/** Brings objects online. */
 static inline int32_t qfi_op_online(const qfi_domain *node) {
     return qzfiapi_online((void *)node, 0, 0, 0);
 }
+/** Takes objects offline. */
 static inline int32_t qfi_op_offline(const qfi_domain *node) {
     return qzfiapi_offline((void *)node, 0, 0, 0, 0);
 }
+/** Formats an object. */
 static inline int32_t qfi_op_format(const qfi_domain *node) {
     return qzfiapi_format((void *)node, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
 }
+/** Takes over a resource that another host deported. */
 static inline int32_t qfi_op_import_resource(const qfi_domain *node) {
     return qzfiapi_import_resource((void *)node, 0, 0, 0, 0, 0, 0);
 }
+/** Gives up this host's hold of a resource. */
 static inline int32_t qfi_op_deport_resource(const qfi_domain *node) {
     return qzfiapi_deport_resource((void *)node, 0, 0, 0, 0, 0, 0, 0);
 }
+/** Brings a resource online. */
 static inline int32_t qfi_op_online_resource(const qfi_domain *node) {
     return qzfiapi_online_resource((void *)node, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
 }
+/** Takes a resource offline. */
 static inline int32_t qfi_op_offline_resource(const qfi_domain *node) {
     return qzfiapi_offline_resource((void *)node, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
 }

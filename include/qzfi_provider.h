@@ -19,9 +19,11 @@
 
 QZFI_BEGIN_DECLS
 
-/** File name prefix of provider plugins, the plugin directory below the root, and the variable that overrides it. */
+/** File name prefix of provider plugins. */
 #define QFI_PROVIDER_PREFIX "qzfi_provider_"
+/** Their directory below the root. */
 #define QFI_PROVIDER_SUBDIR "/lib/qzfi/plugins/"
+/** The variable that names another directory. */
 #define QFI_PROVIDER_ENV "QFI_DIR"
 /** Name of the exported entry: `const qfi_provider_ops *qfi_provider_entry(void)`. */
 #define QFI_PROVIDER_ENTRY "qfi_provider_entry"
@@ -42,7 +44,8 @@ typedef struct qfi_entry {
     const char *path;      /**< below the object, without a leading "/"; "" is the object itself; any bytes but NUL */
     uint32_t type;         /**< a `qfi_entry_type` */
     uint32_t mode;         /**< permission bits */
-    uint32_t uid, gid;     /**< owner */
+    uint32_t uid;          /**< owner */
+    uint32_t gid;          /**< owning group */
     uint64_t size;         /**< bytes of a file, length of a link's target, else 0 */
     int64_t mtime_ns;      /**< nanoseconds since 1 January 1970 */
     uint64_t device;       /**< of device nodes, else 0 */
@@ -93,8 +96,9 @@ enum qfi_job_flags {
 
 /** A directory that is left out. */
 typedef struct qfi_excluded {
-    uint64_t device, inode; /**< its numbers, as fstat gives them */
-    int directory;          /**< it itself, open for nothing more than to be looked up (O_PATH) */
+    uint64_t device; /**< its file system, as fstat gives it */
+    uint64_t inode;  /**< its number there */
+    int directory;   /**< it itself, open for nothing more than to be looked up (O_PATH) */
 } qfi_excluded;
 
 /** One object to be frozen, copied out or compared. Descriptors stay the caller's. */

@@ -97,13 +97,13 @@ typedef struct qfi_combo_info {
 
 /** Options of a tree. */
 typedef struct qfi_tree_options {
-    uint32_t size;
+    uint32_t size;  /**< set by `QFI_INIT` */
     uint32_t flags; /**< 0 */
 } qfi_tree_options;
 
 /** Options of the freezing of a tree. */
 typedef struct qfi_freeze_options {
-    uint32_t size;
+    uint32_t size;            /**< set by `QFI_INIT` */
     uint32_t workers;         /**< threads that copy; 0 for 2 */
     const char *fim_id;       /**< the method; null: the best; read by `qfi_op_make` only */
     const char *store;        /**< the store; null: the method's default; read by `qfi_op_make` only */
@@ -132,54 +132,54 @@ typedef struct qfi_report_item {
 
 /** What an operation has to say. One block of memory, released by `qfi_op_free_report`. */
 typedef struct qfi_report {
-    uint64_t entries; /**< files, directories and so on that were seen */
-    uint64_t bytes;   /**< their data */
-    uint64_t changed; /**< entries that were made, changed or removed */
-    uint64_t shown;   /**< number of `items` */
-    uint64_t count;   /**< number of remarks, those not shown included; at most 10,000 are shown */
-    const qfi_report_item *items;
+    uint64_t entries;             /**< files, directories and so on that were seen */
+    uint64_t bytes;               /**< their data */
+    uint64_t changed;             /**< entries that were made, changed or removed */
+    uint64_t shown;               /**< number of `items` */
+    uint64_t count;               /**< number of remarks, those not shown included; at most 10,000 are shown */
+    const qfi_report_item *items; /**< the remarks shown */
 } qfi_report;
 
 /** Names an image and where it is. */
 typedef struct qfi_image_ref {
-    uint32_t size;
-    char image_id[48];
-    char store[4096];
+    uint32_t size;     /**< set by `QFI_INIT` */
+    char image_id[48]; /**< the image */
+    char store[4096];  /**< the store's path */
 } qfi_image_ref;
 
 /** One stored image. */
 typedef struct qfi_image {
-    const char *image_id;
-    const char *set_id; /**< of all images that were made together */
-    const char *label;  /**< or "" */
-    const char *fim_id;
-    const char *provider_id;
-    const char *store;    /**< the store's path */
-    const char *host;     /**< name of the host that made it */
-    uint32_t consistency; /**< a `qfi_consistency` */
-    uint32_t state;       /**< 1 complete; 2 being removed; 3 damaged: its files are missing */
-    qfi_time_t time;      /**< of the instant */
-    uint64_t duration_ns; /**< of the split */
-    uint64_t entries;     /**< 0: not counted */
-    uint64_t bytes;       /**< of file data; 0: not counted */
-    uint64_t remarks;     /**< in its report */
-    uint32_t has_digests; /**< 1: its manifest holds digests */
-    uint32_t backed_up;   /**< 0 never; 1 a backup succeeded; 2 the last one failed */
-    uint32_t object_count;
+    const char *image_id;       /**< its id */
+    const char *set_id;         /**< of all images that were made together */
+    const char *label;          /**< or "" */
+    const char *fim_id;         /**< the method that made it */
+    const char *provider_id;    /**< whose method that is */
+    const char *store;          /**< the store's path */
+    const char *host;           /**< name of the host that made it */
+    uint32_t consistency;       /**< a `qfi_consistency` */
+    uint32_t state;             /**< 1 complete; 2 being removed; 3 damaged: its files are missing */
+    qfi_time_t time;            /**< of the instant */
+    uint64_t duration_ns;       /**< of the split */
+    uint64_t entries;           /**< 0: not counted */
+    uint64_t bytes;             /**< of file data; 0: not counted */
+    uint64_t remarks;           /**< in its report */
+    uint32_t has_digests;       /**< 1: its manifest holds digests */
+    uint32_t backed_up;         /**< 0 never; 1 a backup succeeded; 2 the last one failed */
+    uint32_t object_count;      /**< number of `objects` and of `paths` */
     const char *const *objects; /**< paths of the originals */
     const char *const *paths;   /**< paths of their frozen images */
 } qfi_image;
 
 /** A list of images; each node is one block of memory. */
 typedef struct qfi_image_list {
-    qfi_image image;
-    struct qfi_image_list *next;
+    qfi_image image;             /**< the image */
+    struct qfi_image_list *next; /**< the next node, or null */
 } qfi_image_list;
 
 /** A component request: which objects' information goes where. */
 typedef struct qfi_component_request {
-    uint32_t size;
-    const qfi_domain *tree;
+    uint32_t size;                    /**< set by `QFI_INIT` */
+    const qfi_domain *tree;           /**< the tree asked about */
     struct qfi_component_info *infos; /**< as many as `qfi_op_get_component_info` is told */
 } qfi_component_request;
 
@@ -193,7 +193,7 @@ typedef struct qfi_component_info {
 
 /** How to restore or to resynchronise. */
 typedef struct qfi_restore_options {
-    uint32_t size;
+    uint32_t size;    /**< set by `QFI_INIT` */
     uint32_t workers; /**< 0 for 2 */
     const char *to;   /**< restore into this new directory instead of the original places; or null */
     const char *only; /**< only what lies at this path below the one object; or null */
@@ -203,24 +203,26 @@ typedef struct qfi_restore_options {
 
 /** What an operation on a tree does, or did. */
 typedef struct qfi_operation_status {
-    uint32_t size;
-    int32_t running;       /**< 1 while one runs */
-    int32_t status;        /**< of the last one */
-    int32_t caller_status; /**< as `qfi_op_set_op_status` noted */
-    char operation[32];
-    uint64_t entries_done, entries_total;
-    uint64_t bytes_done, bytes_total;
+    uint32_t size;          /**< set by `QFI_INIT` */
+    int32_t running;        /**< 1 while one runs */
+    int32_t status;         /**< of the last one */
+    int32_t caller_status;  /**< as `qfi_op_set_op_status` noted */
+    char operation[32];     /**< its name, as in `qfi_progress` */
+    uint64_t entries_done;  /**< so far */
+    uint64_t entries_total; /**< 0: not known */
+    uint64_t bytes_done;    /**< so far */
+    uint64_t bytes_total;   /**< 0: not known */
 } qfi_operation_status;
 
 /** A store. */
 typedef struct qfi_store_status {
-    char *path;
-    uint32_t state;     /**< 0 in use; else an own status: why it cannot be used */
-    uint64_t images;    /**< complete ones */
-    uint64_t debris;    /**< half-made images left by a crash; the next freeze or `repair` removes them */
-    uint64_t capacity;  /**< bytes of its file system */
-    uint64_t available; /**< bytes free for this user */
-    struct qfi_store_status *next;
+    char *path;                    /**< the store's */
+    uint32_t state;                /**< 0 in use; else an own status: why it cannot be used */
+    uint64_t images;               /**< complete ones */
+    uint64_t debris;               /**< half-made images left by a crash; the next freeze or `repair` removes them */
+    uint64_t capacity;             /**< bytes of its file system */
+    uint64_t available;            /**< bytes free for this user */
+    struct qfi_store_status *next; /**< the next store, or null */
 } qfi_store_status;
 
 /** What became of an entry between two trees. */
@@ -233,28 +235,31 @@ typedef enum qfi_change {
     QFI_CHANGE_NONE = 6       /**< in a backup set without base: everything */
 } qfi_change;
 
+/** One difference. */
 typedef struct qfi_diff_entry {
-    uint32_t change; /**< a `qfi_change` */
-    uint32_t type;   /**< a `qfi_entry_type` of <qzfi_provider.h>; the new one */
-    uint64_t old_size, new_size;
-    const char *object;
-    const char *path; /**< below the object */
+    uint32_t change;    /**< a `qfi_change` */
+    uint32_t type;      /**< a `qfi_entry_type` of <qzfi_provider.h>; the new one */
+    uint64_t old_size;  /**< bytes before */
+    uint64_t new_size;  /**< bytes now */
+    const char *object; /**< the object's path */
+    const char *path;   /**< below the object */
 } qfi_diff_entry;
 
 /** Differences, ordered by object, then bytewise by path. One block of memory. */
 typedef struct qfi_diff {
-    uint64_t count;
-    const qfi_diff_entry *entries;
+    uint64_t count;                /**< number of `entries` */
+    const qfi_diff_entry *entries; /**< the differences */
 } qfi_diff;
 
+/** How to compare. */
 typedef struct qfi_diff_options {
-    uint32_t size;
+    uint32_t size;   /**< set by `QFI_INIT` */
     uint32_t digest; /**< not 0: compares data where sizes and times agree */
 } qfi_diff_options;
 
 /** How imports behave. */
 typedef struct qfi_import_options {
-    uint32_t size;
+    uint32_t size;        /**< set by `QFI_INIT` */
     uint32_t verify;      /**< not 0: digests are checked while importing, where the manifest has them */
     uint32_t keep_source; /**< not 0: the exported folder stays */
 } qfi_import_options;
@@ -274,19 +279,22 @@ enum qfi_detach_flags {
 
 /** How far an operation is. */
 typedef struct qfi_progress {
-    const char *operation;                /**< "split", "restore", "resync", "verify", "diff", "remove" */
-    const char *object;                   /**< the object's path */
-    uint64_t entries_done, entries_total; /**< total 0: not known */
-    uint64_t bytes_done, bytes_total;     /**< total 0: not known */
+    const char *operation;  /**< "split", "restore", "resync", "verify", "diff", "remove" */
+    const char *object;     /**< the object's path */
+    uint64_t entries_done;  /**< so far */
+    uint64_t entries_total; /**< 0: not known */
+    uint64_t bytes_done;    /**< so far */
+    uint64_t bytes_total;   /**< 0: not known */
 } qfi_progress;
 
+/** See the record below. */
+typedef struct qfi_progress_handler qfi_progress_handler;
 /**
  * Receives progress. A host that wants it lets `reserved1` of its handler record point at one before `qzfiapi_start`;
  * it must outlive the matching shutdown. Called from any thread, about ten times a second and at the end.
  */
-typedef struct qfi_progress_handler qfi_progress_handler;
 struct qfi_progress_handler {
-    uint32_t size;
+    uint32_t size; /**< set by `QFI_INIT` */
     /** Returns not 0 to cancel the operation, which then gives 1035 and leaves nothing half-made. */
     int32_t (*progress)(qfi_progress_handler *self, const qfi_progress *progress);
 };

@@ -18,6 +18,7 @@ typedef struct qfi_locale_request {
     void *reserved;  /**< must be null */
 } qfi_locale_request;
 
+/** See the record below. */
 typedef struct qfi_handler qfi_handler;
 
 /** What a host gives to `qzfiapi_start`. The host keeps ownership; it must outlive the matching shutdown. */

@@ -8,6 +8,7 @@
 
 QZFI_BEGIN_DECLS
 
+/** See the record below. */
 typedef struct qfi_plugin qfi_plugin;
 
 /** The loader's part of a plugin descriptor. */

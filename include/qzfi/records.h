@@ -316,7 +316,9 @@ QZFI_API uint32_t qzfi_build_fim_node(qfi_fim *record, const char *fim_id, const
 /** Builds a list node of it. */
 QZFI_API qfi_fim_list *qzfi_build_fim_list_node(const char *fim_id, const qfi_fim *properties,
                                                 const char *config_params, const char *provider_id);
+/** Releases what the record owns. */
 QZFI_API uint32_t qzfi_free_fim_node(qfi_fim *record);
+/** Releases the list node and what its record owns. */
 QZFI_API uint32_t qzfi_free_fim_list_node(qfi_fim_list *node);
 
 /*
@@ -334,7 +336,9 @@ QZFI_API qfi_enclosure_list *qzfi_build_enclosure_list_node(const char *enclosur
                                                             const char *vendor, const char *product,
                                                             const char *provider_id, uint64_t capacity,
                                                             uint64_t available, uint32_t state);
+/** Releases what the record owns. */
 QZFI_API uint32_t qzfi_free_enclosure_node(qfi_enclosure *record);
+/** Releases the list node and what its record owns. */
 QZFI_API uint32_t qzfi_free_enclosure_list_node(qfi_enclosure_list *node);
 
 /*
@@ -384,6 +388,7 @@ QZFI_API qfi_group_node_list *qzfi_build_group_nodelist_node(const qfi_nodeid *s
                                                              uint64_t value);
 /** Frees all members, however many there are; they are zero-filled first. */
 QZFI_API uint32_t qzfi_free_group_node(qfi_group_node *record);
+/** Releases the list node and what its record owns. */
 QZFI_API uint32_t qzfi_free_group_nodelist_node(qfi_group_node_list *node);
 
 /**
@@ -395,7 +400,9 @@ QZFI_API uint32_t qzfi_build_node(qfi_node *record, const qfi_nodeid *source, co
 /** Builds a list node of it; without properties they are 0. */
 QZFI_API qfi_node_list *qzfi_build_nodelist_node(const qfi_nodeid *source, const qfi_node_props *properties,
                                                  const char *provider_id);
+/** Releases what the record owns. */
 QZFI_API uint32_t qzfi_free_node(qfi_node *record);
+/** Releases the list node and what its record owns. */
 QZFI_API uint32_t qzfi_free_nodelist_node(qfi_node_list *node);
 
 /**
@@ -410,7 +417,9 @@ QZFI_API uint32_t qzfi_build_assoc_node(qfi_assoc *record, const qfi_nodeid *fir
 QZFI_API qfi_assoc_list *qzfi_build_assoc_list_node(const qfi_nodeid *first, const qfi_nodeid *second,
                                                     const qfi_node_props *properties, const char *provider_id,
                                                     const char *fim_id, uint64_t last_op_ts, uint32_t assoc_state);
+/** Releases what the record owns. */
 QZFI_API uint32_t qzfi_free_assoc_node(qfi_assoc *record);
+/** Releases the list node and what its record owns. */
 QZFI_API uint32_t qzfi_free_assoc_list_node(qfi_assoc_list *node);
 
 /*
@@ -426,6 +435,7 @@ QZFI_API uint32_t qzfi_free_assoc_list_node(qfi_assoc_list *node);
  */
 QZFI_API qfi_provider_list *qzfi_build_providerlist_node(const char *provider_id, uint64_t hlevel, uint64_t type,
                                                          const uint16_t *four, char *const *texts);
+/** Releases the list node and what its record owns. */
 QZFI_API uint32_t qzfi_free_providerlist_node(qfi_provider_list *node);
 
 /**
