@@ -37,6 +37,17 @@ done
 traces=$(grep -rlF -e "$scratch" -e "$build" -e "$source_include" -e "$source_resources" "$prefix" || true)
 [[ -z $traces ]] || fail "names a directory of the build or of the first prefix: $traces"
 
+# The installation is a root: its command works in it, wherever it lies, and finds libfi.so, providers and schema there.
+if [[ -e $build/lib/libfi.so ]]; then
+  mkdir "$scratch/data"
+  echo content >"$scratch/data/file"
+  (unset QFI_ROOT QFI_API_LIB QFI_DIR
+    id=$("$prefix/bin/qzfi" --root "$prefix" freeze --method copy "$scratch/data" 2>"$scratch/errors") ||
+      { cat "$scratch/errors" >&2; fail "the installed command"; }
+    diff -r "$scratch/data" "$prefix/arcvault/images/images/$id/objects/0" || fail "the image differs"
+    [[ $("$prefix/bin/qzfi" --root "$prefix" list) == *"$id"* ]] || fail "the installed command does not list $id")
+fi
+
 run() { LD_LIBRARY_PATH=$prefix/lib "$1"; }
 
 # pkg-config
@@ -63,4 +74,4 @@ if "$cmake" -S . -B build8 -G Ninja -DCMAKE_C_COMPILER="$cc" -DCMAKE_PREFIX_PATH
   fail "version 8 was found"
 fi
 grep -qF 'version: 7.0.0' configure8.log || fail "version 8 was refused for another reason: $(cat configure8.log)"
-echo "installed, moved, used by pkg-config and by CMake"
+echo "installed, moved, used by its command, by pkg-config and by CMake"
