@@ -43,6 +43,7 @@ qzfi_inner_library(qzfi_fi
   fi/fi_fiid_text.cpp
   fi/fi_freeze.cpp
   fi/fi_guard.cpp
+  fi/fi_guard_folder.cpp
   fi/fi_images.cpp
   fi/fi_left_out.cpp
   fi/fi_import.cpp

@@ -8,6 +8,7 @@
 #include <qzfi/context.h>
 
 #include "fi/fi_guard.h"
+#include "fi/fi_guard_folder.h"
 #include "fi/fi_tree.h"
 
 namespace qzfi::fi {
@@ -177,7 +178,7 @@ struct PostGuard::State {
     }
     void remove_folder() const noexcept {
         const Descriptor directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        for (const char *const name : {"in", "out", "text", "lock"})
+        for (const char *const name : guard_folder_names)
             unlinkat(directory.get(), name, 0);
         rmdir(folder.c_str());
     }
@@ -190,7 +191,8 @@ struct PostGuard::State {
     void make_folder() {
         const char *const wanted = secure_getenv("TMPDIR");
         const std::string base = wanted != nullptr && wanted[0] == '/' ? wanted : "/tmp";
-        std::string made = base + "/qzfi-guard-XXXXXX";
+        remove_left_guard_folders(base);
+        std::string made = base + "/" + guard_folder_prefix + "XXXXXX";
         if (mkdtemp(made.data()) == nullptr)
             give_up("mkdtemp in " + base + ": " + error_text(errno));
         folder = made;
