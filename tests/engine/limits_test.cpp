@@ -10,6 +10,7 @@
 #include <qzfi_fi.h>
 
 #include "support/loop_filesystem.h"
+#include "support/sanitized.h"
 
 using namespace qzfi::engine;
 
@@ -138,10 +139,12 @@ TEST_F(Limits, one_folder_of_many_files_is_shared_by_all_workers_and_whole) {
 }
 
 TEST_F(Limits, a_large_file_is_copied_in_ranges_with_its_holes) {
-    sh("mkdir s; head -c 90000000 /dev/urandom > s/f; truncate -s 200000000 s/f; touch -d 2001-01-01 s/f");
+    const long data = is_sanitized ? 40'000'000 : 90'000'000; // several ranges
+    sh("mkdir s; head -c " + std::to_string(data) +
+       " /dev/urandom > s/f; truncate -s 200000000 s/f; touch -d 2001-01-01 s/f");
     EXPECT_EQ(copy("s", "c").status, 0);
     expect_equal("s", "c");
-    EXPECT_LT(std::stol(output("stat -c %b c/f")), 91000000 / 512);
+    EXPECT_LT(std::stol(output("stat -c %b c/f")), (data + 1'000'000) / 512);
     TestHost cancels;
     cancels.cancel_at = 2;
     EXPECT_EQ(copy_tree(Folder(at + "/s").fd, Folder(at).fd, "d", options, cancels.record).status,
