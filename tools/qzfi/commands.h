@@ -52,8 +52,8 @@ inline void add_yes(CLI::App &command, bool &yes) {
 }
 
 /// The argument ID and the option --store.
-inline void add_image(CLI::App &command, ImageName &image) {
-    command.add_option("ID", image.id, "An image's id, a unique beginning of it, or \"latest\"")->required();
+inline void add_image(CLI::App &command, ImageName &image, bool is_required = true) {
+    command.add_option("ID", image.id, "An image's id, a unique beginning of it, or \"latest\"")->required(is_required);
     command.add_option("--store", image.store, "Look in this store instead of the known ones")->type_name("DIR");
 }
 

@@ -1,0 +1,129 @@
+// qzfi diff: what changed from an image to the originals as they are, or to another image.
+#include <array>
+#include <filesystem>
+#include <iostream>
+
+#include "tools/qzfi/commands.h"
+#include "tools/qzfi/json.h"
+#include "tools/qzfi/places.h"
+#include "tools/qzfi/progress.h"
+#include "tools/qzfi/text.h"
+
+namespace qzfi::tool {
+
+namespace {
+
+struct Options {
+    ImageName image;
+    std::string other;
+    bool digest = false, exit_code = false, json = false;
+};
+
+// What the image is compared with: another one, or, `to` null, the originals, from `within` on.
+struct Other {
+    Tree to;
+    std::string id, within;
+};
+
+// A path in the image's originals, as the image names them. It may be gone: that is a difference.
+std::string original_path(const qfi_domain *from, const std::string &given) {
+    std::error_code error;
+    std::string path = std::filesystem::weakly_canonical(given, error).string();
+    if (error)
+        throw Failure("look at " + given + ": " + error.message());
+    if (path.size() > 1 && path.back() == '/')
+        path.pop_back();
+    for (const qfi_domain *const object : object_nodes(from)) {
+        const std::string original = node_text(object, "path");
+        if (lies_within(path, original) || lies_within(original, path))
+            return path;
+    }
+    throw Failure(path + " is not in the image, which is of " + objects_text(from) +
+                      ": compare it with the files below `qzfi path`, or freeze it and compare the images",
+                  exit_usage);
+}
+
+Other other_of(const qfi_domain *from, const Options &options) {
+    Other other;
+    if (options.other.find('/') != std::string::npos || options.other == "." || options.other == "..") {
+        other.within = original_path(from, options.other);
+    } else if (!options.other.empty()) {
+        other.id = whole_id({options.other, options.image.store});
+        other.to = open_tree({other.id, options.image.store});
+    }
+    return other;
+}
+
+std::string whole_path(const qfi_diff_entry &entry) {
+    std::string path = entry.object;
+    if (*entry.path != '\0')
+        path += (path == "/" ? "" : "/") + std::string(entry.path);
+    return path;
+}
+
+char letter(uint32_t change) {
+    constexpr std::array letters = {'?', 'A', 'R', 'C', 'T', 'M'};
+    return change < letters.size() ? letters.at(change) : '?';
+}
+
+Json json_of(const qfi_diff_entry &entry) {
+    return {{"change", change_name(entry.change)}, {"type", entry_type_name(entry.type)},
+            {"object", json_text(entry.object)},   {"path", json_text(entry.path)},
+            {"old_size", entry.old_size},          {"new_size", entry.new_size}};
+}
+
+int run(const Settings &settings, const Options &options) {
+    const Session session(settings);
+    const std::string id = whole_id(options.image);
+    const Tree from = open_tree({id, options.image.store});
+    const Other other = other_of(from.get(), options);
+    Diff diff;
+    {
+        const Interruptible interruptible;
+        const ShownProgress progress(settings.quiet);
+        qfi_diff_options how;
+        QFI_INIT(how);
+        how.digest = options.digest;
+        check(qfi_op_get_snapdiff(from.get(), other.to.get(), &how, Out(diff)),
+              "compare image " + id + " with " + (other.to ? "image " + other.id : "its originals"));
+    }
+    Json entries = Json::array();
+    uint64_t count = 0;
+    for (uint64_t index = 0; index < diff->count; ++index) {
+        const qfi_diff_entry &entry = diff->entries[index];
+        const std::string path = whole_path(entry);
+        if (!other.within.empty() && !lies_within(path, other.within))
+            continue;
+        ++count;
+        if (options.json)
+            entries.push_back(json_of(entry));
+        else
+            std::cout << letter(entry.change) << ' ' << printable(path) << '\n';
+    }
+    if (options.json)
+        print(Json{{"from", id},
+                   {"to", other.to ? Json(other.id) : Json()},
+                   {"within", other.within.empty() ? Json() : Json(json_text(other.within))},
+                   {"count", count},
+                   {"entries", std::move(entries)}});
+    return options.exit_code && count > 0 ? exit_differs : exit_done;
+}
+
+} // namespace
+
+void add_diff(CommandLine &line) {
+    add_command<Options>(
+        line, "diff", "List what changed since an image was made", run, [](CLI::App &command, Options &options) {
+            command.footer("Letters: A added, R removed, C content, T another type, M owner or mode.");
+            add_image(command, options.image);
+            command
+                .add_option("OTHER", options.other,
+                            "Another image's id, or a path at or below the original; else the originals")
+                ->type_name("ID|PATH");
+            command.add_flag("--digest", options.digest, "Compare data where sizes and times agree");
+            command.add_flag("--exit-code", options.exit_code, "End with 3 when there are differences");
+            add_json(command, options.json);
+        });
+}
+
+} // namespace qzfi::tool

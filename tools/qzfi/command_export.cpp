@@ -1,0 +1,45 @@
+// qzfi export: moves an image out of its store into a folder of its own, from where another store can take it over.
+#include <filesystem>
+#include <iostream>
+
+#include "tools/qzfi/commands.h"
+#include "tools/qzfi/progress.h"
+
+namespace qzfi::tool {
+
+namespace {
+
+struct Options {
+    ImageName image;
+    std::string to;
+};
+
+int run(const Settings &settings, const Options &options) {
+    const Session session(settings);
+    const Interruptible interruptible;
+    const ImageName name{whole_id(options.image), options.image.store};
+    const Tree tree = open_tree(name);
+    const std::string folder = std::filesystem::absolute(options.to.empty() ? name.id : options.to).string();
+    {
+        const ShownProgress progress(settings.quiet);
+        check(qfi_op_deport_tree(tree.get(), folder.c_str(), nullptr), "export image " + name.id + " to " + folder);
+    }
+    std::cout << folder << '\n';
+    return exit_done;
+}
+
+} // namespace
+
+void add_export(CommandLine &line) {
+    add_command<Options>(line, "export", "Move an image out of its store into a folder, which is printed", run,
+                         [](CLI::App &command, Options &options) {
+                             command.footer("The image leaves its store; `qzfi import` takes the folder into a store, "
+                                            "also on another host.");
+                             add_image(command, options.image);
+                             command
+                                 .add_option("--to", options.to, "The new folder; else one named as the image, here")
+                                 ->type_name("DIR");
+                         });
+}
+
+} // namespace qzfi::tool

@@ -1,0 +1,68 @@
+// qzfi import: takes an exported image over into a store.
+#include <filesystem>
+#include <iostream>
+
+#include "tools/qzfi/commands.h"
+#include "tools/qzfi/progress.h"
+
+namespace qzfi::tool {
+
+namespace {
+
+struct Options {
+    std::string path, store;
+    bool verify = false, keep_source = false;
+};
+
+constexpr const char *document_name = "fiid.xml";
+
+// The folder, also when its id document was named.
+std::string folder_of(const std::string &given) {
+    const std::filesystem::path path = std::filesystem::absolute(given);
+    std::error_code error;
+    if (std::filesystem::is_directory(path, error))
+        return path.string();
+    if (path.filename() == document_name && std::filesystem::exists(path, error))
+        return path.parent_path().string();
+    if (std::filesystem::exists(path, error))
+        throw Failure("import " + given + ": neither an exported folder nor the " + document_name + " in one",
+                      exit_usage);
+    throw Failure("import " + given + ": " + (error ? error.message() : "No such file or directory"));
+}
+
+int run(const Settings &settings, const Options &options) {
+    const std::string folder = folder_of(options.path);
+    const Session session(settings);
+    const Interruptible interruptible;
+    qfi_import_options how;
+    QFI_INIT(how);
+    how.verify = options.verify;
+    how.keep_source = options.keep_source;
+    check(qfi_op_set_import_options(&how, nullptr, 0, nullptr), "set how to import");
+    Tree tree;
+    {
+        const ShownProgress progress(settings.quiet);
+        check(qfi_op_import_tree(folder.c_str(), or_null(options.store), nullptr, Out(tree)), "import " + folder);
+    }
+    std::cout << id_of(tree.get()) << '\n';
+    // What could not be removed of the folder is no failure of the library's.
+    std::error_code error;
+    if (!options.keep_source && std::filesystem::exists(folder, error) && !settings.quiet)
+        std::cerr << "the image is imported, but its folder could not be removed: " << folder << '\n';
+    return exit_done;
+}
+
+} // namespace
+
+void add_import(CommandLine &line) {
+    add_command<Options>(
+        line, "import", "Take an exported image over into a store; its id is printed", run,
+        [](CLI::App &command, Options &options) {
+            command.add_option("PATH", options.path, "The exported folder, or the fiid.xml in it")->required();
+            command.add_option("--store", options.store, "The store; else the default one")->type_name("DIR");
+            command.add_flag("--verify", options.verify, "Compare with the manifests; when it differs, nothing comes");
+            command.add_flag("--keep-source", options.keep_source, "Leave the folder where it is");
+        });
+}
+
+} // namespace qzfi::tool

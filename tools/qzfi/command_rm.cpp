@@ -1,0 +1,78 @@
+// qzfi rm: removes images.
+#include <algorithm>
+#include <iostream>
+
+#include "tools/qzfi/commands.h"
+#include "tools/qzfi/progress.h"
+#include "tools/qzfi/removing.h"
+#include "tools/qzfi/text.h"
+
+namespace qzfi::tool {
+
+namespace {
+
+struct Options {
+    std::vector<std::string> ids;
+    std::string store;
+    bool yes = false;
+};
+
+// The whole ids, each once. All are found before anything is removed.
+std::vector<std::string> whole_ids(const Options &options) {
+    std::vector<std::string> ids;
+    for (const std::string &given : options.ids) {
+        const std::string id = whole_id({given, options.store});
+        if (std::find(ids.begin(), ids.end(), id) == ids.end())
+            ids.push_back(id);
+    }
+    return ids;
+}
+
+std::string question(const std::vector<std::string> &ids, const std::string &store) {
+    if (ids.size() > 1)
+        return "Remove " + std::to_string(ids.size()) + " images?";
+    const ImageList images = find_images({ids.front(), store});
+    std::string objects;
+    for (const qfi_image_list *node = images.get(); node != nullptr; node = node->next)
+        for (uint32_t index = 0; index < node->image.object_count; ++index)
+            objects += (objects.empty() ? "" : ", ") + printable(node->image.objects[index]);
+    return "Remove image " + ids.front() + " of " + time_text(images->image.time) + ", " + objects + "?";
+}
+
+int run(const Settings &settings, const Options &options) {
+    const Session session(settings);
+    const std::vector<std::string> ids = whole_ids(options);
+    if (!confirm(question(ids, options.store), options.yes))
+        throw Failure("nothing was removed");
+    const Interruptible interruptible;
+    int code = exit_done;
+    for (const std::string &id : ids) {
+        check_interrupted();
+        try {
+            const ShownProgress progress(settings.quiet);
+            remove_image({id, options.store});
+        } catch (const Failure &failure) {
+            if (failure.code() == exit_interrupted)
+                throw;
+            tell(failure); // the others go all the same
+            code = failure.code();
+            continue;
+        }
+        if (!settings.quiet)
+            std::cout << "removed " << id << std::endl;
+    }
+    return code;
+}
+
+} // namespace
+
+void add_rm(CommandLine &line) {
+    add_command<Options>(line, "rm", "Remove images", run, [](CLI::App &command, Options &options) {
+        command.add_option("ID", options.ids, "Ids of images or sets, unique beginnings of them, or \"latest\"")
+            ->required();
+        command.add_option("--store", options.store, "Look in this store instead of the known ones")->type_name("DIR");
+        add_yes(command, options.yes);
+    });
+}
+
+} // namespace qzfi::tool

@@ -1,0 +1,120 @@
+// qzfi verify: compares images with their manifests.
+#include <iostream>
+
+#include "tools/qzfi/commands.h"
+#include "tools/qzfi/json.h"
+#include "tools/qzfi/progress.h"
+#include "tools/qzfi/table.h"
+#include "tools/qzfi/text.h"
+
+namespace qzfi::tool {
+
+namespace {
+
+struct Options {
+    ImageName image;
+    bool all = false, json = false;
+};
+
+enum class Verdict { sound, damaged, failed };
+
+struct Verified {
+    std::string id;
+    Verdict verdict = Verdict::sound;
+    Report report; // null when the image could not be looked at
+    std::vector<std::string> causes;
+};
+
+Verified verify(const qfi_image &image) {
+    Verified result;
+    result.id = image.image_id;
+    Tree tree;
+    int32_t status = qfi_op_reaccess_tree(nullptr, Out(tree), image.image_id, image.store, nullptr, 0);
+    if (status == QFI_STATUS_OK)
+        status = qfi_op_objctl(tree.get(), QFI_OBJCTL_VERIFY, nullptr, Out(result.report));
+    if (status == QFI_FI_CANCELLED)
+        check(status, "verify image " + result.id);
+    if (status != QFI_STATUS_OK) {
+        result.verdict = status == QFI_FI_DAMAGED ? Verdict::damaged : Verdict::failed;
+        result.causes = take_errors();
+        result.causes.insert(result.causes.begin(), status_text(status));
+    }
+    return result;
+}
+
+void print_verified(const Verified &one) {
+    const qfi_report *const report = one.report.get();
+    if (one.verdict == Verdict::sound)
+        std::cout << one.id << "  sound, " << grouped(report->entries) << " entries, " << size_text(report->bytes)
+                  << '\n';
+    else
+        std::cout << one.id << "  " << red(one.verdict == Verdict::damaged ? "damaged" : "not verified") << '\n';
+    const bool tells_entries = report != nullptr && report->count > 0;
+    if (!tells_entries)
+        for (const std::string &cause : one.causes)
+            std::cout << "  " << printable(cause) << '\n';
+    for (uint64_t index = 0; tells_entries && index < report->shown; ++index) {
+        const qfi_report_item &item = report->items[index];
+        std::string path = item.object;
+        if (*item.path != '\0')
+            path += (path == "/" ? "" : "/") + std::string(item.path);
+        std::cout << "  " << printable(path + ": " + item.detail) << '\n';
+    }
+    if (tells_entries && report->count > report->shown)
+        std::cout << "  and " << grouped(report->count - report->shown) << " more\n";
+    std::cout.flush(); // the next image may take long
+}
+
+Json json_of_verified(const Verified &one) {
+    Json causes = Json::array();
+    for (const std::string &cause : one.causes)
+        causes.push_back(json_text(cause));
+    return {{"id", one.id},
+            {"verdict", one.verdict == Verdict::sound     ? "sound"
+                        : one.verdict == Verdict::damaged ? "damaged"
+                                                          : "failed"},
+            {"causes", std::move(causes)},
+            {"report", one.report ? json_of(*one.report) : Json()}};
+}
+
+int run(const Settings &settings, const Options &options) {
+    if (options.all == !options.image.id.empty())
+        throw Failure("verify: name an image, or say --all", exit_usage);
+    const Session session(settings);
+    const Interruptible interruptible;
+    const ImageList images = options.all ? all_images(options.image.store) : find_images(options.image);
+    Json list = Json::array();
+    bool is_damaged = false, has_failed = false;
+    for (const qfi_image_list *node = images.get(); node != nullptr; node = node->next) {
+        check_interrupted();
+        Verified one;
+        {
+            const ShownProgress progress(settings.quiet);
+            one = verify(node->image);
+        }
+        is_damaged = is_damaged || one.verdict == Verdict::damaged;
+        has_failed = has_failed || one.verdict == Verdict::failed;
+        if (options.json)
+            list.push_back(json_of_verified(one));
+        else
+            print_verified(one);
+    }
+    if (options.json)
+        print(Json{{"images", std::move(list)}});
+    return is_damaged ? exit_differs : has_failed ? exit_failed : exit_done;
+}
+
+} // namespace
+
+void add_verify(CommandLine &line) {
+    add_command<Options>(line, "verify", "Compare images with their manifests", run,
+                         [](CLI::App &command, Options &options) {
+                             command.footer("Data is compared where the image was made with --digest, otherwise only "
+                                            "what each entry is. Exit code 3 when an image is damaged.");
+                             add_image(command, options.image, false);
+                             command.add_flag("--all", options.all, "Verify every image");
+                             add_json(command, options.json);
+                         });
+}
+
+} // namespace qzfi::tool

@@ -1,0 +1,105 @@
+#include "tools/qzfi/restoring.h"
+
+#include <filesystem>
+#include <iostream>
+
+#include "tools/qzfi/json.h"
+#include "tools/qzfi/places.h"
+#include "tools/qzfi/progress.h"
+#include "tools/qzfi/text.h"
+
+namespace qzfi::tool {
+
+namespace {
+
+struct Kind {
+    const char *name;
+    int32_t (*operation)(qfi_domain *, const qfi_restore_options *, qfi_report **);
+};
+constexpr Kind restoring = {"restore", qfi_op_restore}, resyncing = {"resync", qfi_op_resync};
+
+// What would be changed, one line each: a dry run's report says nothing else.
+void print_plan(const qfi_report &report) {
+    for (uint64_t index = 0; index < report.shown; ++index) {
+        const qfi_report_item &item = report.items[index];
+        std::string path = item.object;
+        if (*item.path != '\0')
+            path += (path == "/" ? "" : "/") + std::string(item.path);
+        std::cout << printable(path + ": " + item.detail) << '\n';
+    }
+    if (report.count > report.shown)
+        std::cout << "and " << grouped(report.count - report.shown) << " more\n";
+    if (report.count == 0)
+        std::cout << "nothing would be changed\n";
+}
+
+std::string question(const Kind &kind, const std::string &what, const ImageName &name) {
+    const ImageList images = find_images(name);
+    const std::string image = "image " + name.id + " of " + time_text(images->image.time);
+    if (kind.operation == qfi_op_restore)
+        return "Replace " + printable(what) + " by " + image + "? What was changed there since is lost.";
+    return "Make " + printable(what) + " equal to " + image + "? What was changed there since is lost.";
+}
+
+int run(const Settings &settings, const RestoreOptions &options, const Kind &kind) {
+    const Session session(settings);
+    const ImageName name{whole_id(options.image), options.image.store};
+    const Tree tree = open_tree(name);
+    const std::string only = options.only.empty() ? "" : below_the_object(tree.get(), options.only);
+    const std::string to = options.to.empty() ? "" : std::filesystem::absolute(options.to).string();
+    const std::string what =
+        objects_text(tree.get()) + (only.empty() ? "" : "/" + only); // with a part there is only one object
+    if (!options.dry_run && to.empty() && !confirm(question(kind, what, name), options.yes))
+        throw Failure("nothing was changed");
+    qfi_restore_options how;
+    QFI_INIT(how);
+    how.workers = options.workers;
+    how.to = or_null(to);
+    how.only = or_null(only);
+    how.digest = options.digest;
+    how.dry_run = options.dry_run;
+    Report report;
+    {
+        const Interruptible interruptible;
+        const ShownProgress progress(settings.quiet);
+        check(kind.operation(tree.get(), &how, Out(report)),
+              std::string(kind.name) + " " + what + (to.empty() ? "" : " to " + to) + " from image " + name.id);
+    }
+    if (options.json) {
+        print(Json{{"id", name.id},
+                   {"to", to.empty() ? Json() : Json(json_text(to))},
+                   {"only", only.empty() ? Json() : Json(json_text(only))},
+                   {"dry_run", options.dry_run},
+                   {"report", json_of(*report)}});
+    } else if (options.dry_run) {
+        print_plan(*report);
+    } else if (!settings.quiet) {
+        std::cout << printable(to.empty() ? what : to) << ": " << grouped(report->changed) << " entries changed\n";
+    }
+    if (!options.json && !options.dry_run && !settings.quiet)
+        print_remarks(*report);
+    return exit_done;
+}
+
+} // namespace
+
+int run_restore(const Settings &settings, const RestoreOptions &options) {
+    return run(settings, options, restoring);
+}
+
+int run_resync(const Settings &settings, const RestoreOptions &options) {
+    return run(settings, options, resyncing);
+}
+
+void add_restoring(CLI::App &command, RestoreOptions &options) {
+    add_image(command, options.image);
+    command.add_option("--only", options.only, "Only what lies there: below the object, or the original's path")
+        ->type_name("SUB");
+    command.add_flag("--dry-run", options.dry_run, "Only list what would be changed");
+    command.add_flag("--digest", options.digest, "Compare data too where sizes and times agree");
+    command.add_option("--workers", options.workers, "Threads that copy; 2 unless given")->check(CLI::Range(1, 64));
+    add_yes(command, options.yes);
+    add_json(command, options.json);
+}
+
+} // namespace qzfi::tool
