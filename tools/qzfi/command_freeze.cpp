@@ -4,7 +4,7 @@
 #include "tools/qzfi/commands.h"
 #include "tools/qzfi/json.h"
 #include "tools/qzfi/progress.h"
-#include "tools/qzfi/text.h"
+#include "tools/qzfi/trees.h"
 
 namespace qzfi::tool {
 
@@ -16,23 +16,6 @@ struct Options {
     uint32_t workers = 0;
     bool digest = false, nested = false, json = false;
 };
-
-std::string joined(const std::vector<std::string> &paths) {
-    std::string text;
-    for (const std::string &path : paths)
-        text += (text.empty() ? "" : ", ") + path;
-    return text;
-}
-
-Tree tree_of(const std::vector<std::string> &paths) {
-    std::vector<qfi_object> objects;
-    for (const std::string &path : paths)
-        objects.push_back({path.c_str(), nullptr});
-    Tree tree;
-    check(qfi_op_gentree(objects.data(), static_cast<int32_t>(objects.size()), nullptr, Out(tree)),
-          "look at " + joined(paths));
-    return tree;
-}
 
 // Quiesce to unquiesce. After quiesce the post command runs whatever happens: when something throws here, with the
 // tree. Gives the failure of the post command, as then the images are there all the same.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -18,7 +19,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-volatile std::sig_atomic_t signal_came = 0;
+// Read by the threads that work.
+std::atomic<int> signal_came = 0;
+static_assert(std::atomic<int>::is_always_lock_free);
 
 void note_signal(int) {
     signal_came = 1;

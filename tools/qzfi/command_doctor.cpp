@@ -1,0 +1,74 @@
+// qzfi doctor: looks at the installation and says what is wrong with it, and what to do.
+#include <iostream>
+
+#include "tools/qzfi/commands.h"
+#include "tools/qzfi/doctor.h"
+#include "tools/qzfi/json.h"
+#include "tools/qzfi/table.h"
+#include "tools/qzfi/text.h"
+
+namespace qzfi::tool {
+
+namespace {
+
+struct Options {
+    bool json = false;
+};
+
+const char *name_of(Health health) {
+    return health == Health::ok ? "ok" : health == Health::warning ? "warning" : "failure";
+}
+
+void print_text(const Findings &findings) {
+    std::size_t width = 0;
+    for (const Finding &finding : findings)
+        width = std::max(width, finding.check.size());
+    for (const Finding &finding : findings) {
+        const std::string name = name_of(finding.health);
+        const std::string padded = name + std::string(7 - name.size(), ' ');
+        std::cout << (finding.health == Health::ok ? padded : red(padded)) << "  " << finding.check
+                  << std::string(width - finding.check.size(), ' ') << "  " << printable(finding.object) << ": "
+                  << printable(finding.text) << '\n';
+        if (!finding.hint.empty())
+            std::cout << std::string(7 + 2 + width + 2, ' ') << "-> " << printable(finding.hint) << '\n';
+    }
+}
+
+Json json_of(const Findings &findings, bool is_well) {
+    Json list = Json::array();
+    for (const Finding &finding : findings)
+        list.push_back({{"check", finding.check},
+                        {"object", json_text(finding.object)},
+                        {"health", name_of(finding.health)},
+                        {"text", json_text(finding.text)},
+                        {"hint", json_text(finding.hint)}});
+    return {{"healthy", is_well}, {"checks", std::move(list)}};
+}
+
+int run(const Settings &settings, const Options &options) {
+    Findings findings;
+    for (const auto check :
+         {check_root, check_library, check_entries, check_probe, check_framework, check_messages, check_log})
+        check(settings, findings);
+    std::size_t failures = 0, warnings = 0;
+    for (const Finding &finding : findings) {
+        failures += finding.health == Health::failure ? 1 : 0;
+        warnings += finding.health == Health::warning ? 1 : 0;
+    }
+    if (options.json) {
+        print(json_of(findings, failures == 0));
+    } else {
+        print_text(findings);
+        std::cout << grouped(failures) << " failures, " << grouped(warnings) << " warnings\n";
+    }
+    return failures == 0 ? exit_done : exit_failed;
+}
+
+} // namespace
+
+void add_doctor(CommandLine &line) {
+    add_command<Options>(line, "doctor", "Check the installation, and say what to do about what is wrong", run,
+                         [](CLI::App &command, Options &options) { add_json(command, options.json); });
+}
+
+} // namespace qzfi::tool

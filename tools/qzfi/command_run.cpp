@@ -1,0 +1,140 @@
+// qzfi run: a command in the context process, as pre and post commands run.
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <poll.h>
+#include <unistd.h>
+
+#include "tools/qzfi/commands.h"
+
+namespace qzfi::tool {
+
+namespace {
+
+struct Options {
+    std::vector<std::string> words;
+};
+
+std::string quoted(const std::string &word) {
+    std::string text = "'";
+    for (const char letter : word)
+        text += letter == '\'' ? std::string("'\\''") : std::string(1, letter);
+    return text + "'";
+}
+
+// One word is a text for the shell; several are a command and its arguments.
+std::string shell_text(const std::vector<std::string> &words) {
+    if (words.size() == 1)
+        return words[0];
+    std::string text;
+    for (const std::string &word : words)
+        text += (text.empty() ? "" : " ") + quoted(word);
+    return text;
+}
+
+class Context {
+public:
+    Context() {
+        const auto status = static_cast<int32_t>(qzfi_create_context());
+        // Only a failed handshake leaves a reference.
+        if (status != QFI_STATUS_OK && reference_count_context > 0)
+            qzfi_close_context();
+        check(status, "start the context process");
+    }
+    ~Context() { qzfi_close_context(); }
+    Context(const Context &) = delete;
+    Context &operator=(const Context &) = delete;
+};
+
+[[noreturn]] void fail(const std::string &action) {
+    throw Failure(action + ": " + std::strerror(errno));
+}
+
+void write_all(int target, const char *data, std::size_t size) {
+    while (size > 0) {
+        const ssize_t written = write(target, data, size);
+        if (written < 0 && errno != EINTR)
+            fail(target == STDOUT_FILENO ? "write to standard output" : "write to standard error");
+        const std::size_t done = written > 0 ? static_cast<std::size_t>(written) : 0;
+        data += done;
+        size -= done;
+    }
+}
+
+// Hands on what one read gives; false at the pipe's end.
+bool hand_on(int source, int target) {
+    std::array<char, 65536> buffer;
+    const ssize_t count = read(source, buffer.data(), buffer.size());
+    if (count < 0 && errno != EINTR)
+        fail("read the command's output");
+    if (count > 0)
+        write_all(target, buffer.data(), static_cast<std::size_t>(count));
+    return count != 0;
+}
+
+int32_t read_exit_code(int source) {
+    int32_t code = 0;
+    ssize_t count = -1;
+    do
+        count = read(source, &code, sizeof code);
+    while (count < 0 && errno == EINTR);
+    if (count != static_cast<ssize_t>(sizeof code))
+        throw Failure("the context process ended before the command did");
+    return code;
+}
+
+// Output as it comes, until the exit code is there and the pipes hold nothing more. Not to the pipes' end: the context
+// process holds them open, and so may what the command left running.
+int32_t hand_on_all(const int32_t *record) {
+    std::array<pollfd, 3> sources{{{record[QFI_CONTEXT_OUTPUT_READ], POLLIN, 0},
+                                   {record[QFI_CONTEXT_ERROR_READ], POLLIN, 0},
+                                   {record[QFI_CONTEXT_STATUS_READ], POLLIN, 0}}};
+    int32_t code = 0;
+    bool has_code = false;
+    for (;;) {
+        const int ready = poll(sources.data(), sources.size(), has_code ? 0 : -1);
+        if (ready < 0 && errno != EINTR)
+            fail("wait for the command");
+        if (ready == 0)
+            return code;
+        for (std::size_t index = 0; ready > 0 && index < 2; ++index)
+            if (sources[index].revents != 0 && !hand_on(sources[index].fd, index == 0 ? STDOUT_FILENO : STDERR_FILENO))
+                sources[index].fd = -1;
+        if (ready > 0 && sources[2].revents != 0) {
+            code = read_exit_code(sources[2].fd);
+            has_code = true;
+            sources[2].fd = -1; // and once more around for what was printed last
+        }
+    }
+}
+
+int run(const Settings &settings, const Options &options) {
+    const Session session(settings);
+    const Context context;
+    void *handle = nullptr;
+    check(static_cast<int32_t>(qzfi_get_iop(&handle)), "find the context process");
+    const std::string text = shell_text(options.words);
+    check(static_cast<int32_t>(qzfi_sendcmd(handle, text.c_str(), QFI_LOCK_KEEP)),
+          "send the command to the context process");
+    const int32_t code = hand_on_all(static_cast<const int32_t *>(handle));
+    check(static_cast<int32_t>(qzfi_unlock_iop(handle)), "let go of the context process");
+    if (code < 0)
+        throw Failure("the command was ended by a signal", exit_failed, take_errors());
+    return code;
+}
+
+} // namespace
+
+void add_run(CommandLine &line) {
+    add_command<Options>(
+        line, "run", "Run a command as pre and post commands run, in the context process", run,
+        [](CLI::App &command, Options &options) {
+            command.footer(
+                "Write \"--\" before the command. One word is a text for /bin/bash; several are a command and "
+                "its arguments. It starts\nafter two seconds, has no terminal to read from, and its exit "
+                "code becomes that of qzfi.");
+            command.add_option("COMMAND", options.words, "The command, with its arguments")->required();
+        });
+}
+
+} // namespace qzfi::tool

@@ -1,0 +1,22 @@
+#include "tools/qzfi/trees.h"
+
+namespace qzfi::tool {
+
+std::string joined(const std::vector<std::string> &words) {
+    std::string text;
+    for (const std::string &word : words)
+        text += (text.empty() ? "" : ", ") + word;
+    return text;
+}
+
+Tree tree_of(const std::vector<std::string> &paths) {
+    std::vector<qfi_object> objects;
+    for (const std::string &path : paths)
+        objects.push_back({path.c_str(), nullptr});
+    Tree tree;
+    check(qfi_op_gentree(objects.data(), static_cast<int32_t>(objects.size()), nullptr, Out(tree)),
+          "look at " + joined(paths));
+    return tree;
+}
+
+} // namespace qzfi::tool
