@@ -241,6 +241,12 @@ void verify_object(const HeldImage &image, std::size_t index, const WalkOptions 
 
 void verify(TreeLock &tree, Findings &report, const char *operation) {
     std::string first, damaged;
+    uint64_t entries = 0, bytes = 0;
+    for (const TreeFilesystem &filesystem : tree->filesystems) {
+        entries += filesystem.record.entries;
+        bytes += filesystem.record.has_digests ? filesystem.record.bytes : 0;
+    }
+    tree.progress().totals(entries, bytes);
     for (TreeFilesystem &filesystem : tree->filesystems) {
         const HeldImage image(filesystem, operation);
         WalkOptions options;

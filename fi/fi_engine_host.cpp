@@ -4,6 +4,8 @@ namespace qzfi::fi {
 
 EngineHost::EngineHost(const char *operation, std::string object, Progress *progress)
     : operation_(operation), object_(std::move(object)), progress_(progress) {
+    if (progress_ != nullptr)
+        before_ = progress_->counts();
     record_.size = sizeof record_;
     record_.context = this;
     record_.entry = &EngineHost::entry;
@@ -18,6 +20,7 @@ int32_t EngineHost::entry(void *context, const qfi_entry *entry) noexcept {
     if (!host.entry_ || host.thrown_)
         return 0;
     try {
+        const Keep keep(host.failure_);
         return host.entry_(*entry);
     } catch (...) {
         host.thrown_ = std::current_exception();
@@ -31,6 +34,7 @@ void EngineHost::remark(void *context, const qfi_remark *remark) noexcept {
     if (!host.remark_ || host.thrown_)
         return;
     try {
+        const Keep keep(host.failure_);
         host.remark_(*remark);
     } catch (...) {
         host.thrown_ = std::current_exception();
@@ -39,7 +43,9 @@ void EngineHost::remark(void *context, const qfi_remark *remark) noexcept {
 
 int32_t EngineHost::progress(void *context, uint64_t entries, uint64_t bytes) noexcept {
     auto &host = *static_cast<EngineHost *>(context);
-    return host.progress_ == nullptr ? 0 : host.progress_->set(entries, bytes);
+    if (host.progress_ == nullptr)
+        return 0;
+    return host.progress_->set(host.before_.entries_done + entries, host.before_.bytes_done + bytes);
 }
 
 void EngineHost::fail(void *context, const char *operation, const char *object, int error) noexcept {
@@ -55,8 +61,10 @@ void EngineHost::fail(void *context, const char *operation, const char *object, 
 }
 
 void EngineHost::check(const engine::Result &result, bool reading) const {
-    if (thrown_)
+    if (thrown_) {
+        failure_.raise_here();
         std::rethrow_exception(thrown_);
+    }
     if (result.status == 0)
         return;
     if (result.status == QFI_FI_CANCELLED)

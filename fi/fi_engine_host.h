@@ -18,8 +18,8 @@ public:
     EngineHost(const EngineHost &) = delete;
     EngineHost &operator=(const EngineHost &) = delete;
     const qfi_provider_host &record() const noexcept { return record_; }
-    /// Called from the engine's threads, one at a time. What they throw ends the call and is thrown by `check`; so does
-    /// a status of `on_entry` that is not 0.
+    /// Called from the engine's threads, one at a time. What they throw ends the call and is told and thrown by
+    /// `check`, in the thread that calls that; so does a status of `on_entry` that is not 0.
     void on_entry(std::function<int32_t(const qfi_entry &)> take) { entry_ = std::move(take); }
     void on_remark(std::function<void(const qfi_remark &)> take) { remark_ = std::move(take); }
     /// Throws Failure unless the call succeeded; `reading` says on which side it failed.
@@ -34,11 +34,13 @@ private:
     const char *operation_;
     std::string object_;
     Progress *progress_;
+    Progress::Counts before_{}; // what was done before this call: it counts its own
     qfi_provider_host record_{};
     std::function<int32_t(const qfi_entry &)> entry_;
     std::function<void(const qfi_remark &)> remark_;
     std::mutex mutex_;
     std::exception_ptr thrown_;
+    KeptFailure failure_;
     std::string failed_call_, failed_object_;
     int failed_error_ = 0;
 };

@@ -64,8 +64,10 @@ void start_freeze(TreeLock &tree, const qfi_freeze_options *options, const char 
     note_options(*tree, options, operation);
     const char *const fim_id = options != nullptr ? options->fim_id : nullptr;
     const char *const store = options != nullptr ? options->store : nullptr;
-    if (tree->state < QFI_TREE_SELECTED || fim_id != nullptr || store != nullptr)
+    if (fim_id != nullptr || store != nullptr)
         select_best(*tree, fim_id, store, operation);
+    else if (tree->state < QFI_TREE_SELECTED)
+        select_missing(*tree, operation);
 }
 
 void go_on(TreeLock &tree, const char *operation) {
@@ -88,8 +90,7 @@ void give_document(TreeLock &tree, qfi_fiid *&out, const char *operation) {
     }
 }
 
-void let_go(TreeLock &tree, const char *operation) {
-    abandon(*tree, operation);
+void let_go(TreeLock &tree) {
     tree->is_detached = true;
     unregister_tree(&tree->root);
 }
@@ -281,9 +282,11 @@ int32_t qzfi_detach(void *node, void *reserved, int32_t flags, void *report) {
         // First, as it may fail: then the tree stays.
         std::unique_ptr<qfi_report, void (*)(void *)> given(out != nullptr ? give_report({}, 0, 0, 0, 0) : nullptr,
                                                             std::free);
-        if ((flags & QFI_DETACH_REMOVE) != 0)
+        // The application goes on before its image is removed, which may take long.
+        abandon(*tree, operation);
+        if ((flags & QFI_DETACH_REMOVE) != 0 && tree->state != QFI_TREE_REMOVED)
             remove_images(*tree, operation);
-        let_go(tree, operation);
+        let_go(tree);
         if (out != nullptr)
             *out = given.release();
     });

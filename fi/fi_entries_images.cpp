@@ -1,4 +1,5 @@
 // Entries of the operations on images, lists and stores.
+#include <algorithm>
 #include <map>
 #include <mutex>
 
@@ -63,19 +64,19 @@ int32_t qzfi_free_providers_list(void *list) {
     return free_entry<qfi_provider_list>("qzfi_free_providers_list", list);
 }
 
-int32_t qzfi_enumerate_provider_nodes(void *provider_id, void *uid, void *, int32_t flags, void *result) {
+int32_t qzfi_enumerate_provider_nodes(void *provider_id, void *uid, void *reserved, int32_t flags, void *result) {
     constexpr const char *operation = "qzfi_enumerate_provider_nodes";
     return list_entry<qfi_node_list>(operation, result, [&] {
-        require(flags == 0, operation, "the flags are not 0");
+        require_unused(reserved == nullptr && flags == 0, operation);
         require(provider_id != nullptr, operation, "the provider's id is null");
         return list_nodes(text_of(provider_id), text_of(uid), operation);
     });
 }
 
-int32_t qzfi_enumerate_nodes(void *uid, void *, int32_t flags, void *result) {
+int32_t qzfi_enumerate_nodes(void *uid, void *reserved, int32_t flags, void *result) {
     constexpr const char *operation = "qzfi_enumerate_nodes";
     return list_entry<qfi_node_list>(operation, result, [&] {
-        require(flags == 0, operation, "the flags are not 0");
+        require_unused(reserved == nullptr && flags == 0, operation);
         return list_nodes(nullptr, text_of(uid), operation);
     });
 }
@@ -152,17 +153,24 @@ int32_t qzfi_free_fim_list(void *list) {
     return free_entry<qfi_fim_list>("qzfi_free_fim_list", list);
 }
 
-int32_t qzfi_enumerate_enclosures(void *, void *, void *result) {
+int32_t qzfi_enumerate_enclosures(void *reserved1, void *reserved2, void *result) {
     constexpr const char *operation = "qzfi_enumerate_enclosures";
-    return list_entry<qfi_enclosure_list>(operation, result, [] { return list_enclosures(operation); });
+    return list_entry<qfi_enclosure_list>(operation, result, [&] {
+        require_unused(reserved1 == nullptr && reserved2 == nullptr, operation);
+        return list_enclosures(operation);
+    });
 }
 
 int32_t qzfi_free_enclosures(void *list) {
     return free_entry<qfi_enclosure_list>("qzfi_free_enclosures", list);
 }
 
-int32_t qzfi_enumerate_host_nodes(void *, void *, void *result) {
-    return list_entry<qfi_host_list>("qzfi_enumerate_host_nodes", result, [] { return list_hosts(); });
+int32_t qzfi_enumerate_host_nodes(void *reserved1, void *reserved2, void *result) {
+    constexpr const char *operation = "qzfi_enumerate_host_nodes";
+    return list_entry<qfi_host_list>(operation, result, [&] {
+        require_unused(reserved1 == nullptr && reserved2 == nullptr, operation);
+        return list_hosts();
+    });
 }
 
 int32_t qzfi_free_host_nodes(void *list) {
@@ -260,7 +268,7 @@ int32_t fiid_status(const qfi_fiid *fiid, const char *store, const char *operati
 int32_t qzfi_process_fiids(int32_t count, int32_t flags, void *fiids, void *result, void *store) {
     constexpr const char *operation = "qzfi_process_fiids";
     return traced_entry(operation, [&] {
-        require(flags == 0, operation, "the flags are not 0");
+        require_unused(flags == 0, operation);
         require(count >= 0, operation, "the count is negative");
         require(count == 0 || (fiids != nullptr && result != nullptr), operation, "an array is null");
         for (int32_t index = 0; index < count; ++index)
@@ -289,9 +297,15 @@ namespace {
 
 using Change = void (*)(TreeLock &, const qfi_restore_options &, Findings &, const char *);
 
-int32_t change_originals(const char *operation, Change change, void *tree_node, void *given, void *result) {
+bool are_null(std::initializer_list<const void *> arguments) {
+    return std::all_of(arguments.begin(), arguments.end(), [](const void *argument) { return argument == nullptr; });
+}
+
+int32_t change_originals(const char *operation, Change change, void *tree_node, void *given, void *result,
+                         bool is_unused) {
     return traced_entry(operation, [&] {
         qfi_report **const out = result_or_null<qfi_report *>(result);
+        require_unused(is_unused, operation);
         qfi_restore_options options;
         QFI_INIT(options);
         if (const auto *const wanted =
@@ -305,17 +319,22 @@ int32_t change_originals(const char *operation, Change change, void *tree_node, 
 
 } // namespace
 
-int32_t qzfi_restore(void *tree, void *options, void *report, void *, void *, void *, void *, void *, void *, void *) {
-    return change_originals("qzfi_restore", restore, tree, options, report);
+int32_t qzfi_restore(void *tree, void *options, void *report, void *reserved1, void *reserved2, void *reserved3,
+                     void *reserved4, void *reserved5, void *reserved6, void *reserved7) {
+    const bool is_unused = are_null({reserved1, reserved2, reserved3, reserved4, reserved5, reserved6, reserved7});
+    return change_originals("qzfi_restore", restore, tree, options, report, is_unused);
 }
 
-int32_t qzfi_resync(void *tree, void *options, void *report, void *, void *, void *, void *, void *) {
-    return change_originals("qzfi_resync", resync, tree, options, report);
+int32_t qzfi_resync(void *tree, void *options, void *report, void *reserved1, void *reserved2, void *reserved3,
+                    void *reserved4, void *reserved5) {
+    const bool is_unused = are_null({reserved1, reserved2, reserved3, reserved4, reserved5});
+    return change_originals("qzfi_resync", resync, tree, options, report, is_unused);
 }
 
-int32_t qzfi_query_valid_secondaries(void *path, void *, void *result) {
+int32_t qzfi_query_valid_secondaries(void *path, void *reserved, void *result) {
     constexpr const char *operation = "qzfi_query_valid_secondaries";
     return list_entry<qfi_image_list>(operation, result, [&] {
+        require_unused(reserved == nullptr, operation);
         require(path != nullptr, operation, "the path is null");
         return give_images(images_for(canonical_text(text_of(path), operation), operation));
     });
@@ -346,9 +365,12 @@ int32_t qzfi_query_tree_status(void *node, void *state, void *result) {
     });
 }
 
-int32_t qzfi_query_res_status(void *path, void *, void *result) {
+int32_t qzfi_query_res_status(void *path, void *reserved, void *result) {
     constexpr const char *operation = "qzfi_query_res_status";
-    return list_entry<qfi_store_status>(operation, result, [&] { return store_states(text_of(path), operation); });
+    return list_entry<qfi_store_status>(operation, result, [&] {
+        require_unused(reserved == nullptr, operation);
+        return store_states(text_of(path), operation);
+    });
 }
 
 int32_t qzfi_free_res_status_list(void *list) {
@@ -452,11 +474,11 @@ int32_t qzfi_get_snapdiff(void *from, void *to, void *given, void *result) {
     });
 }
 
-int32_t qzfi_get_backupset(void *node, int32_t flags, void *base, int32_t, void *result) {
+int32_t qzfi_get_backupset(void *node, int32_t flags, void *base, int32_t reserved, void *result) {
     constexpr const char *operation = "qzfi_get_backupset";
     return traced_entry(operation, [&] {
         qfi_diff **const files = result_at<qfi_diff *>(result, operation, "the result is null");
-        require(flags == 0, operation, "the flags are not 0");
+        require_unused(flags == 0 && reserved == 0, operation);
         TwoTrees trees(node, base, operation);
         WalkOptions walk;
         walk.workers = trees.first()->options.workers;
@@ -489,10 +511,11 @@ void control_store(const std::string &command, const char *store, qfi_report **o
 
 } // namespace
 
-int32_t qzfi_objctl(void *tree, void *command, void *store, void *result, void *) {
+int32_t qzfi_objctl(void *tree, void *command, void *store, void *result, void *reserved) {
     constexpr const char *operation = "qzfi_objctl";
     return traced_entry(operation, [&] {
         qfi_report **const out = result_or_null<qfi_report *>(result);
+        require_unused(reserved == nullptr, operation);
         require(command != nullptr, operation, "the command is null");
         if (tree != nullptr)
             control_tree(tree, text_of(command), out, operation);
@@ -513,10 +536,10 @@ qfi_import_options present_import_options() {
 
 } // namespace
 
-int32_t qzfi_set_import_options(void *given, void *, int32_t flags, void *) {
+int32_t qzfi_set_import_options(void *given, void *reserved1, int32_t flags, void *reserved2) {
     constexpr const char *operation = "qzfi_set_import_options";
     return traced_entry(operation, [&] {
-        require(flags == 0, operation, "the flags are not 0");
+        require_unused(reserved1 == nullptr && flags == 0 && reserved2 == nullptr, operation);
         const auto *const options =
             sized_or_null<qfi_import_options>(given, operation, "the options are of another size");
         const std::lock_guard lock(import_mutex);
@@ -542,10 +565,11 @@ int32_t qzfi_set_restorepaths(void *node, void *given, int32_t count) {
     });
 }
 
-int32_t qzfi_process_backups(void *node, void *, void *, int32_t backed_up, void *result) {
+int32_t qzfi_process_backups(void *node, void *, void *reserved, int32_t backed_up, void *result) {
     constexpr const char *operation = "qzfi_process_backups";
     return traced_entry(operation, [&] {
         qfi_report **const out = result_or_null<qfi_report *>(result);
+        require_unused(reserved == nullptr, operation);
         TreeLock tree(static_cast<const qfi_domain *>(node), operation);
         require_frozen(tree);
         reported(out, [&](Findings &report) {

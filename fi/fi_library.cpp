@@ -45,6 +45,7 @@ private:
 
 thread_local int hushed = 0;
 thread_local int host_calls = 0;
+thread_local KeptFailure *keeper = nullptr;
 
 const char *in_words(int error) {
     const char *const text = strerrordesc_np(error);
@@ -57,6 +58,8 @@ void raise(const Message &message, int32_t status, const char *operation,
            std::initializer_list<std::string_view> arguments) noexcept {
     if (hushed != 0)
         return;
+    if (keeper != nullptr)
+        return keeper->keep(message, status, operation, arguments);
     std::array<ArgumentText, argument_limit> texts;
     std::size_t count = 0;
     for (const std::string_view argument : arguments)
@@ -70,6 +73,47 @@ void raise(const Message &message, int32_t status, const char *operation,
     // The format and the operation go first; all of them are counted, or the last would not be kept.
     fi_create_error_info(message.id, 0, nullptr, &status, nullptr, static_cast<int32_t>(count) + 2, message.format,
                          operation, texts[0].get(), texts[1].get(), texts[2].get(), texts[3].get());
+}
+
+void KeptFailure::keep(const Message &message, int32_t status, const char *operation,
+                       std::initializer_list<std::string_view> arguments) noexcept {
+    if (message_ != nullptr)
+        return;
+    message_ = &message;
+    status_ = status;
+    operation_ = operation;
+    try {
+        for (const std::string_view argument : arguments)
+            if (count_ < argument_limit)
+                arguments_[count_++] = argument;
+    } catch (const std::bad_alloc &) {
+        return; // told without what is missing
+    }
+}
+
+void KeptFailure::raise_here() const noexcept {
+    if (message_ == nullptr)
+        return;
+    switch (count_) {
+    case 0:
+        return raise(*message_, status_, operation_, {});
+    case 1:
+        return raise(*message_, status_, operation_, {arguments_[0]});
+    case 2:
+        return raise(*message_, status_, operation_, {arguments_[0], arguments_[1]});
+    case 3:
+        return raise(*message_, status_, operation_, {arguments_[0], arguments_[1], arguments_[2]});
+    default:
+        return raise(*message_, status_, operation_, {arguments_[0], arguments_[1], arguments_[2], arguments_[3]});
+    }
+}
+
+Keep::Keep(KeptFailure &failure) noexcept : outer_(keeper) {
+    keeper = &failure;
+}
+
+Keep::~Keep() {
+    keeper = outer_;
 }
 
 HostCall::HostCall() noexcept {

@@ -232,6 +232,36 @@ inline const char *Block::text(std::string_view source) {
     return copy;
 }
 
+/// A failure that happened in another thread than the one whose host has to be told.
+class KeptFailure {
+public:
+    /// Raises it, if there is one.
+    void raise_here() const noexcept;
+
+private:
+    friend class Keep;
+    friend void raise(const Message &, int32_t, const char *, std::initializer_list<std::string_view>) noexcept;
+    void keep(const Message &message, int32_t status, const char *operation,
+              std::initializer_list<std::string_view> arguments) noexcept;
+    const Message *message_ = nullptr;
+    int32_t status_ = 0;
+    const char *operation_ = "";
+    std::string arguments_[4];
+    std::size_t count_ = 0;
+};
+
+/// While one lives, the first thing that fails in its thread is kept, not told.
+class Keep {
+public:
+    explicit Keep(KeptFailure &failure) noexcept;
+    ~Keep();
+    Keep(const Keep &) = delete;
+    Keep &operator=(const Keep &) = delete;
+
+private:
+    KeptFailure *outer_;
+};
+
 /// While one lives, this thread is in a function of the host's that was called in the middle of an operation: for
 /// progress, or to tell of an error. What is called from there must wait for no tree: that operation may hold it, and
 /// does not go on before the function returns.

@@ -8,6 +8,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include "fi/fi_errors.h"
 #include "fi/fi_freeze.h"
 #include "fi/fi_images.h"
 
@@ -136,7 +137,8 @@ std::string obstacles(const Tree &tree, int32_t &able, const char *operation) {
             const Hush hush;
             reason = obstacle(tree, filesystem, operation);
         } catch (const Failure &failure) {
-            reason = "status " + std::to_string(failure.status);
+            const char *const text = status_text(static_cast<uint32_t>(failure.status));
+            reason = text != nullptr ? text : "status " + std::to_string(failure.status);
         }
         if (reason.empty())
             ++able;
@@ -269,7 +271,6 @@ bool is_there(const TreeFilesystem &filesystem, const TreeObject &object) {
 
 bool has_image(const TreeFilesystem &filesystem) {
     constexpr const char *operation = "qzfi_isvalid_tree";
-    const Hush hush;
     const std::optional<ImageRecord> record = filesystem.store->find(filesystem.record.id, operation);
     return record && record->state == 1;
 }

@@ -314,6 +314,13 @@ void select_best(Tree &tree, const char *fim_id, const char *store, const char *
     note_selected(tree);
 }
 
+void select_missing(Tree &tree, const char *operation) {
+    for (TreeFilesystem &filesystem : tree.filesystems)
+        if (filesystem.provider == nullptr)
+            select_preferred_or_best(tree, filesystem, nullptr, operation);
+    note_selected(tree);
+}
+
 void note_selected(Tree &tree) noexcept {
     for (const TreeFilesystem &filesystem : tree.filesystems)
         if (filesystem.provider == nullptr)

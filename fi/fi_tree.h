@@ -215,6 +215,8 @@ void prefer_method(const char *fim_id);
 /// fails leaves nothing behind: after a failed quiesce or split the images in the making are gone, the post command was
 /// run, and the tree is to be prepared again.
 void select_best(Tree &tree, const char *fim_id, const char *store, const char *operation);
+/// The best for those file systems for which none was chosen.
+void select_missing(Tree &tree, const char *operation);
 void select(Tree &tree, TreeFilesystem &filesystem, const Provider &provider, const char *store, const char *operation);
 /// The tree is selected once each of its file systems is.
 void note_selected(Tree &tree) noexcept;

@@ -146,6 +146,15 @@ TEST_F(Commands, unquiesce_without_a_split_runs_the_post_command_and_unmakes_the
     qfi_op_detach(tree, nullptr, 0, nullptr);
 }
 
+TEST_F(Commands, a_split_tree_whose_image_is_removed_lets_the_application_go_on_first) {
+    qfi_domain *const tree = prepared("", "ls " + copy_store() + "/images | wc -l >>" + path("log"));
+    ASSERT_EQ(qfi_op_quiesce(tree), 0);
+    ASSERT_EQ(qfi_op_split(tree, nullptr, nullptr), 0) << last_error();
+    EXPECT_EQ(qfi_op_detach(tree, nullptr, QFI_DETACH_REMOVE, nullptr), 0) << last_error();
+    EXPECT_EQ(log(), "1\n") << "the image was there still";
+    EXPECT_TRUE(images().empty());
+}
+
 TEST_F(Commands, the_post_command_runs_when_the_tree_is_let_go_of_or_the_library_is_shut_down) {
     qfi_domain *const tree = prepared("", note("detached"));
     ASSERT_EQ(qfi_op_quiesce(tree), 0);

@@ -41,6 +41,24 @@ protected:
     }
 };
 
+TEST_F(Filesystems, one_for_which_a_method_was_chosen_keeps_it_and_the_others_get_their_best) {
+    LoopFilesystem btrfs("btrfs", 256), xfs("xfs", 320);
+    qfi_domain *const tree = tree_of({fill(btrfs.path() + "/a"), fill(xfs.path() + "/b")});
+    qfi_qs_combo *combos = nullptr;
+    ASSERT_EQ(qfi_op_analyze(tree, nullptr, &combos, 0), 0) << last_error();
+    for (const qfi_qs_combo *combo = combos; combo != nullptr; combo = combo->qsc_next) {
+        const auto *const info = static_cast<const qfi_combo_info *>(combo->qsc_libpriv);
+        if (info->node == tree->fid_children && std::string(info->fim_id) == "copy") {
+            ASSERT_EQ(qfi_op_select(tree, combo, nullptr, nullptr), 0) << last_error();
+        }
+    }
+    qfi_op_free_combos(combos);
+    ASSERT_EQ(qfi_op_make(tree, nullptr, nullptr), 0) << last_error();
+    EXPECT_EQ(text(tree->fid_children, "method"), "copy");
+    EXPECT_EQ(text(tree->fid_children->fid_siblings, "method"), "reflink");
+    ASSERT_EQ(qfi_op_detach(tree, nullptr, QFI_DETACH_REMOVE, nullptr), 0) << last_error();
+}
+
 TEST_F(Filesystems, of_three_kinds_are_frozen_in_one_set_each_by_its_best_method) {
     LoopFilesystem btrfs("btrfs", 256), xfs("xfs", 320), ext4("ext4", 64);
     qfi_domain *tree = tree_of({fill(btrfs.path() + "/a"), fill(xfs.path() + "/b"), fill(ext4.path() + "/c")});

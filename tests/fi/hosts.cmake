@@ -9,6 +9,7 @@ function(qzfi_add_host_test name)
   gtest_discover_tests(${name} TEST_PREFIX ${name}. DISCOVERY_TIMEOUT 60)
 endfunction()
 qzfi_add_host_test(fi_life_test life_test.cpp)
+target_link_libraries(fi_life_test PRIVATE SQLite::SQLite3)
 qzfi_add_host_test(fi_commands_test commands_test.cpp)
 qzfi_add_host_test(fi_together_test together_test.cpp)
 

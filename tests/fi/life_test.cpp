@@ -1,6 +1,7 @@
 // The life of a tree, with the method "copy" on an ordinary folder.
 #include <dlfcn.h>
 #include <filesystem>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -140,6 +141,72 @@ TEST_F(Life, arguments_are_checked_and_named) {
     EXPECT_EQ(qfi_op_detach(tree, nullptr, 0, nullptr), 0);
     EXPECT_EQ(qfi_op_detach(tree, nullptr, 0, nullptr), 3) << "the tree is gone";
     EXPECT_EQ(last_error(), "qzfi_detach: invalid argument: this is no tree of this library, or one that was detached");
+}
+
+TEST_F(Life, what_is_reserved_is_refused_unless_it_is_zero) {
+    qfi_domain *const tree = tree_in(QFI_TREE_FROZEN);
+    int32_t something = 0;
+    void *const reserved = &something, *result = nullptr;
+    const auto refused = [&](int32_t status) {
+        EXPECT_EQ(status, QFI_STATUS_INVALID_ARGUMENT);
+        EXPECT_NE(last_error().find("a reserved argument is not zero"), std::string::npos);
+        EXPECT_EQ(result, nullptr);
+    };
+    void *const out = &result;
+    refused(qfi_op_enumerate_nodes(nullptr, reserved, 0, static_cast<qfi_node_list **>(out)));
+    refused(qfi_op_enumerate_provider_nodes("copy", nullptr, reserved, 0, static_cast<qfi_node_list **>(out)));
+    refused(qfi_op_enumerate_enclosures(nullptr, reserved, static_cast<qfi_enclosure_list **>(out)));
+    refused(qfi_op_enumerate_host_nodes(reserved, nullptr, static_cast<qfi_host_list **>(out)));
+    refused(qfi_op_query_valid_secondaries("/", reserved, static_cast<qfi_image_list **>(out)));
+    refused(qfi_op_query_res_status(nullptr, reserved, static_cast<qfi_store_status **>(out)));
+    refused(qfi_op_get_backupset(tree, 0, nullptr, 1, static_cast<qfi_diff **>(out)));
+    refused(qfi_op_process_backups(tree, nullptr, reserved, 1, nullptr));
+    refused(qfi_op_set_import_options(nullptr, nullptr, 0, reserved));
+    refused(qzfiapi_restore(tree, nullptr, out, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, reserved));
+    refused(qzfiapi_resync(tree, nullptr, out, reserved, nullptr, nullptr, nullptr, nullptr));
+    char report[] = QFI_OBJCTL_REPORT;
+    refused(qzfiapi_objctl(tree, report, nullptr, out, reserved));
+    EXPECT_EQ(qfi_op_detach(tree, nullptr, QFI_DETACH_REMOVE, nullptr), 0);
+}
+
+TEST_F(Life, what_stands_in_the_way_is_told_in_words) {
+    qfi_domain *const tree = tree_in(QFI_TREE_SELECTED);
+    std::filesystem::remove_all(object_);
+    EXPECT_EQ(qfi_op_pre_prepare(tree), 1026);
+    EXPECT_NE(last_error().find(": No such directory"), std::string::npos);
+    qfi_op_detach(tree, nullptr, 0, nullptr);
+}
+
+TEST_F(Life, of_a_catalog_that_cannot_be_read_the_cause_is_told) {
+    qfi_domain *const tree = tree_in(QFI_TREE_FROZEN);
+    sqlite3 *catalog = nullptr;
+    ASSERT_EQ(sqlite3_open((copy_store() + "/catalog.db").c_str(), &catalog), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(catalog, "drop table image", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(catalog);
+    int32_t valid = 1;
+    EXPECT_EQ(qfi_op_isvalid_tree(tree, &valid), 1037);
+    EXPECT_EQ(valid, 0);
+    EXPECT_NE(last_error().find("qzfi_isvalid_tree: catalog of store " + copy_store()), std::string::npos);
+    qfi_op_detach(tree, nullptr, 0, nullptr);
+}
+
+TEST_F(Life, verifying_counts_the_entries_of_all_objects) {
+    qfi_domain *const tree = tree_of({object_, make_object("other")});
+    auto options = sized_record<qfi_freeze_options>();
+    options.fim_id = "copy";
+    ASSERT_EQ(qfi_op_make(tree, &options, nullptr), 0) << last_error();
+    qfi_image_list *image = nullptr;
+    ASSERT_EQ(qfi_op_query_tree_status(tree, nullptr, &image), 0);
+    qfi_report *report = nullptr;
+    ASSERT_EQ(qfi_op_objctl(tree, QFI_OBJCTL_VERIFY, nullptr, &report), 0) << last_error();
+    EXPECT_EQ(report->entries, image->image.entries);
+    auto status = sized_record<qfi_operation_status>();
+    ASSERT_EQ(qfi_op_get_status(tree, &status), 0);
+    EXPECT_EQ(status.entries_total, image->image.entries);
+    EXPECT_EQ(status.entries_done, image->image.entries);
+    qfi_op_free_report(report);
+    qfi_op_free_valid_sec_list(image);
+    EXPECT_EQ(qfi_op_detach(tree, nullptr, QFI_DETACH_REMOVE, nullptr), 0);
 }
 
 TEST_F(Life, options_are_set_by_name_and_checked) {

@@ -1,0 +1,44 @@
+// What the engine's threads find out is told in the thread whose host has to be told.
+#include <thread>
+
+#include "fi/fi_engine_host.h"
+#include "store_support.h"
+
+namespace {
+
+using namespace qzfi::fi;
+using store_support::last_error;
+using store_support::status_of_call;
+
+constexpr const char *operation = "qzfi_get_snapdiff";
+
+TEST(EngineHost, a_failure_of_a_worker_is_recorded_for_the_thread_that_checks) {
+    EngineHost host(operation, "/object", nullptr);
+    host.on_remark([](const qfi_remark &remark) { fail_call(operation, "read", remark.path, EIO, true); });
+    host.on_entry([](const qfi_entry &) -> int32_t { fail_call(operation, "write", "later", EIO, false); });
+    std::thread worker([&] {
+        qfi_remark remark{};
+        remark.path = "torn";
+        host.record().remark(host.record().context, &remark);
+        qfi_entry entry{};
+        host.record().entry(host.record().context, &entry);
+        EXPECT_EQ(last_error(), "none");
+    });
+    worker.join();
+    EXPECT_EQ(status_of_call([&] { host.check({}, true); }), QFI_FI_READ);
+    EXPECT_EQ(last_error(), "1039 MSG_QFI_E2022: %s: %s of %s failed: %s\n|qzfi_get_snapdiff|read|torn|Input/output "
+                            "error (5)");
+}
+
+TEST(EngineHost, the_counts_of_several_calls_add_up) {
+    Progress progress(operation, "/object");
+    for (int call = 1; call <= 3; ++call) {
+        EngineHost host(operation, "/object", &progress);
+        EXPECT_EQ(host.record().progress(host.record().context, 10, 100), 0);
+        EXPECT_EQ(host.record().progress(host.record().context, 20, 200), 0);
+        EXPECT_EQ(progress.counts().entries_done, static_cast<uint64_t>(20 * call));
+        EXPECT_EQ(progress.counts().bytes_done, static_cast<uint64_t>(200 * call));
+    }
+}
+
+} // namespace
