@@ -174,8 +174,11 @@ bool Copier::enter(Worker &worker, Directory &parent, Directory &child) {
 void Copier::leave(Worker &worker, Directory &directory) {
     const Place from{directory.source}, to{directory.target};
     Stat latest; // what came in or went while it was read moved its times
-    if (stat_of(directory.source, latest) == 0)
+    if (stat_of(directory.source, latest) == 0) {
+        if (!is_same_time(latest.stx_mtime, directory.stat.stx_mtime))
+            remark(worker, QFI_REMARK_WARNING, &directory, nullptr, "entries came or went while it was read", 0);
         directory.stat = latest;
+    }
     Known known{made_uid_, made_gid_, private_directory, directory.target_existed};
     if (updates_) {
         Stat now;

@@ -30,6 +30,10 @@ protected:
     ~Hostile() override { test_hook = nullptr; }
 };
 
+void sh_at_place(const std::string &command) {
+    EXPECT_EQ(std::system(("cd " + place + " && " + command).c_str()), 0);
+}
+
 void append(const std::string &path) {
     const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
     EXPECT_EQ(::write(fd, "more", 4), 4);
@@ -84,6 +88,17 @@ TEST_F(Hostile, a_file_that_vanishes_after_it_was_listed_is_remarked) {
     EXPECT_EQ(output("ls c"), "g\n");
 }
 
+TEST_F(Hostile, a_directory_that_changes_while_it_is_read_is_remarked) {
+    sh("mkdir -p s/still s/d; printf x > s/d/f; touch -d '1 hour ago' s/d");
+    test_hook = [](Point point, const char *name) {
+        if (point == Point::listed && std::string_view(name) == "d")
+            sh_at_place("printf new > s/d/late");
+    };
+    EXPECT_EQ(copy("s", "c").status, 0);
+    EXPECT_TRUE(host.has_remark(QFI_REMARK_WARNING, "d"));
+    EXPECT_EQ(host.remarks.size(), 1u);
+}
+
 struct Swap {
     const char *name, *command;
 };
@@ -99,7 +114,8 @@ TEST_P(Swapped, entries_are_copied_as_what_they_became) {
         }
     };
     EXPECT_EQ(copy("s", "c").status, 0);
-    EXPECT_TRUE(host.remarks.empty());
+    EXPECT_TRUE(host.has_remark(QFI_REMARK_WARNING, ""));
+    EXPECT_EQ(host.remarks.size(), 1u) << "of the directory, which changed";
     expect_equal("s", "c");
 }
 INSTANTIATE_TEST_SUITE_P(, Swapped,
