@@ -1,6 +1,7 @@
 // Copying a tree: its directories, hard links and the entries that are no files.
 #include "providers/engine/engine_copy.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <dirent.h>
@@ -33,7 +34,9 @@ uint32_t read_umask() {
 } // namespace
 
 Copier::Copier(const Options &given, const qfi_provider_host &to, bool updates)
-    : Run(given, to), updates_(updates), links_(directories, given.digest), umask_(read_umask()) {}
+    : Run(given, to), updates_(updates), links_(directories, given.digest), umask_(read_umask()),
+      most_waiting_(std::clamp<std::size_t>(eighth_of_descriptors() / std::max(given.workers, 1u) / 2, 1, 32)),
+      waiting_(std::max(given.workers, 1u)) {}
 
 Copier::~Copier() {
     for (LateFlags &late : late_)

@@ -47,6 +47,7 @@ protected:
     void entry(Worker &worker, Directory &directory, const char *name, uint8_t type, uint64_t inode) override;
     bool enter(Worker &worker, Directory &parent, Directory &child) override;
     void leave(Worker &worker, Directory &directory) override;
+    void end_entries(Worker &worker) override;
     void copy_range(Worker &worker, FileRange *range) override;
     void drop_range(FileRange *range) noexcept override;
 
@@ -60,9 +61,11 @@ private:
 
     Outcome file(Worker &worker, Directory &directory, const char *name);
     bool create(Worker &worker, FileCopy &copy);
+    bool may_wait(const FileCopy &copy) const noexcept;
     Outcome copy_opened(Worker &worker, FileCopy &copy);
     bool share(Worker &worker, FileCopy &copy);
     void move(Worker &worker, FileCopy &copy, bool was_torn);
+    bool take_data(Worker &worker, FileCopy &copy, bool was_torn);
     void finish(Worker &worker, FileCopy &copy);
     void give_up(Worker &worker, FileCopy &copy);
     void settle(Worker &worker, FileCopy &copy, bool is_made, uint64_t target_inode);
@@ -95,7 +98,9 @@ private:
     Stat made_root_{};
     uint32_t made_uid_ = 0, made_gid_ = 0; // of what this process makes in the target
     uint32_t umask_ = 0;
-    bool lists_inodes_ = false; // a listing's inodes are those of the files
+    std::size_t most_waiting_;                   // files of a worker
+    std::vector<std::vector<FileCopy>> waiting_; // by worker; all of one directory
+    bool lists_inodes_ = false;                  // a listing's inodes are those of the files
 
     struct LateFlags {
         Directory *directory; // referenced

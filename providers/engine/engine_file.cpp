@@ -54,6 +54,16 @@ Copier::Outcome Copier::file(Worker &worker, Directory &directory, const char *n
         }
     }
     try {
+        copy.flags = flags_of(copy.from.get());
+        const int extended = has_extended(worker, Place{copy.from.get()});
+        copy.with_extended = extended != 0; // also when it cannot be told: keeping them will remark it
+        if (may_wait(copy)) {
+            std::vector<FileCopy> &waiting = waiting_[worker.index];
+            waiting.push_back(std::move(copy));
+            if (waiting.size() >= most_waiting_)
+                end_entries(worker);
+            return Outcome::done;
+        }
         return copy_opened(worker, copy);
     } catch (const std::bad_alloc &) {
         stop(QFI_STATUS_NO_MEMORY);
@@ -62,10 +72,35 @@ Copier::Outcome Copier::file(Worker &worker, Directory &directory, const char *n
     }
 }
 
+/// Files wait to be copied several at a time where nothing waits for them: no other name, no other worker.
+bool Copier::may_wait(const FileCopy &copy) const noexcept {
+    return !updates_ && copy.stat.stx_nlink <= 1 && copy.stat.stx_size < least_to_share;
+}
+
+/// Copies the files that wait, all of them step by step: the kernel is faster at what it just did, and two workers at
+/// different steps hinder each other less.
+void Copier::end_entries(Worker &worker) {
+    std::vector<FileCopy> &waiting = waiting_[worker.index];
+    const auto each = [&](auto step) {
+        for (FileCopy &copy : waiting) {
+            if (copy.from && !is_stopped() && !step(copy))
+                copy.from.reset();
+        }
+    };
+    each([&](FileCopy &copy) { return create(worker, copy); });
+    each([&](FileCopy &copy) {
+        reached(Point::created, copy.name);
+        keep_early_flags(copy.to.get(), copy.flags);
+        return take_data(worker, copy, false);
+    });
+    each([&](FileCopy &copy) {
+        finish(worker, copy);
+        return true;
+    });
+    waiting.clear();
+}
+
 Copier::Outcome Copier::copy_opened(Worker &worker, FileCopy &copy) {
-    copy.flags = flags_of(copy.from.get());
-    const int extended = has_extended(worker, Place{copy.from.get()});
-    copy.with_extended = extended != 0; // also when it cannot be told: keeping them will remark it
     bool is_done = false;
     if (updates_ && is_file_up_to_date(worker, copy, is_done))
         return Outcome::done;
@@ -85,15 +120,14 @@ bool Copier::create(Worker &worker, FileCopy &copy) {
     // Of another owner: no rights for a group that is not the file's. With a list of rights the group's may be less
     // than the mode says, and what is brought up to date is not hidden by a private directory above it.
     const mode_t mode = copy.stat.stx_mode & (is_ours && !(updates_ && copy.with_extended) ? 0777 : 0700);
-    const int flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    copy.to = Descriptor(openat(copy.directory->target, copy.made_as, flags, mode));
+    copy.to = Descriptor(create_file(copy.directory->target, copy.made_as, mode));
     if (!copy.to && errno == EEXIST) {
         remark(worker, QFI_REMARK_WARNING, copy.directory, copy.name,
                "listed twice, or differs in case only: the first is kept", EEXIST);
         return false;
     }
     if (!copy.to) {
-        fail_target(worker, "openat", copy.directory, copy.name, errno);
+        fail_target(worker, "openat2", copy.directory, copy.name, errno);
         return false;
     }
     copy.known = {made_uid_, made_gid_, mode & ~umask_, false};
@@ -105,20 +139,28 @@ bool Copier::create(Worker &worker, FileCopy &copy) {
     return true;
 }
 
-/// Takes the data over, again while the file changes meanwhile, and ends the copy.
 void Copier::move(Worker &worker, FileCopy &copy, bool was_torn) {
+    if (take_data(worker, copy, was_torn))
+        finish(worker, copy);
+}
+
+/// Takes the data over, again while the file changes meanwhile. False when there is no copy.
+bool Copier::take_data(Worker &worker, FileCopy &copy, bool was_torn) {
     bool is_torn = was_torn;
     for (int reads = was_torn ? 1 : 0; reads < most_reads; ++reads) {
         if (is_torn && ftruncate(copy.to.get(), 0) != 0) {
             fail_target(worker, "ftruncate", copy.directory, copy.name, errno);
-            return give_up(worker, copy);
+            give_up(worker, copy);
+            return false;
         }
         const Moved moved = move_data(*this, worker, means_, copy.from.get(), copy.to.get(), copy.stat,
                                       options.digest ? &copy.digest : nullptr);
         copy.has_digest = options.digest;
         reached(Point::read_once, copy.name);
-        if (!moved_well(worker, copy, moved))
-            return give_up(worker, copy);
+        if (!moved_well(worker, copy, moved)) {
+            give_up(worker, copy);
+            return false;
+        }
         Stat now;
         if (stat_of(copy.from.get(), now) != 0) {
             is_torn = false;
@@ -142,7 +184,7 @@ void Copier::move(Worker &worker, FileCopy &copy, bool was_torn) {
             copy.stat.stx_size = made.stx_size;
         remark(worker, QFI_REMARK_TORN, copy.directory, copy.name, "it changes whenever it is read", 0);
     }
-    finish(worker, copy);
+    return true;
 }
 
 bool Copier::moved_well(Worker &worker, FileCopy &copy, const Moved &moved) {

@@ -15,12 +15,9 @@ namespace {
 constexpr uint32_t most_workers = 64;
 constexpr uint32_t least_to_share = 8; // entries
 
-/// How many directories may be open: an eighth of the descriptors, as each may need two and others need some.
+/// How many directories may be open: each may need two descriptors, and others need some.
 std::size_t open_limit() {
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return 16;
-    return std::clamp<std::size_t>(limit.rlim_cur / 8, 4, 256);
+    return std::clamp<std::size_t>(eighth_of_descriptors(), 4, 256);
 }
 
 const Dirent *record_at(const char *records, uint32_t position) {
@@ -45,6 +42,11 @@ void put_record(char *at, const char *name, uint8_t type, uint64_t inode) {
 }
 
 } // namespace
+
+std::size_t eighth_of_descriptors() noexcept {
+    rlimit limit{};
+    return getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur / 8 : 0;
+}
 
 Item *Item::make(Kind kind, Directory &directory, const char *records, uint32_t size) {
     Bytes memory = allocate(sizeof(Item) + size);
@@ -178,6 +180,7 @@ void Run::loop(Worker &worker) {
 void Run::start_threads(Worker *workers, uint32_t count) {
     for (uint32_t i = 0; i < count; ++i) {
         workers[i].run = this;
+        workers[i].index = i + 1;
         // One that does not start is done without: the work is the same.
         workers[i].has_thread = pthread_create(&workers[i].thread, nullptr, thread_main, &workers[i]) == 0;
     }
@@ -342,6 +345,7 @@ void Run::entries(Worker &worker, Directory &directory, char *records, uint32_t 
             entry(worker, directory, record->name, record->type, record->inode);
         progress(worker, 1);
     }
+    end_entries(worker);
 }
 
 /// Gives the second half of a piece of listing to a thread that waits.

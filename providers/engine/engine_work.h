@@ -101,6 +101,7 @@ struct Referenced {
 /// What one thread works with.
 struct Worker {
     Run *run = nullptr;
+    uint32_t index = 0;  // among the run's, from 0
     Bytes listing;       // listing_size
     Bytes data;          // data_size, made at the first use
     Bytes names, values; // of extended attributes
@@ -167,6 +168,8 @@ protected:
 
     /// Handles an entry that is no directory as far as is known. A directory is handed to `push_subdirectory`.
     virtual void entry(Worker &worker, Directory &directory, const char *name, uint8_t type, uint64_t inode) = 0;
+    /// Called when a piece of a listing was handled, whose directory is acquired still.
+    virtual void end_entries(Worker &) {}
     /// Opens a subdirectory: `child` gets its descriptors. False when there is nothing to do in it.
     virtual bool enter(Worker &worker, Directory &parent, Directory &child) = 0;
     /// Called when nothing below is pending; the directory is acquired.
@@ -221,6 +224,9 @@ private:
     std::atomic<int32_t> status_{0};
     std::atomic<uint64_t> entries_{0}, bytes_{0}, changed_{0}, remarks_{0};
 };
+
+/// The eighth part of the descriptors that this process may have; 0 when that is not known.
+std::size_t eighth_of_descriptors() noexcept;
 
 int32_t status_of_target(int error) noexcept;
 int32_t status_of_source(int error) noexcept;
