@@ -25,22 +25,41 @@ struct Other {
     std::string id, within;
 };
 
-// A path in the image's originals, as the image names them. It may be gone: that is a difference.
-std::string original_path(const qfi_domain *from, const std::string &given) {
-    std::error_code error;
-    std::string path = std::filesystem::weakly_canonical(given, error).string();
-    if (error)
-        throw Failure("look at " + given + ": " + error.message());
-    if (path.size() > 1 && path.back() == '/')
-        path.pop_back();
+bool touches(const qfi_domain *from, const std::string &path) {
     for (const qfi_domain *const object : object_nodes(from)) {
         const std::string original = node_text(object, "path");
         if (lies_within(path, original) || lies_within(original, path))
-            return path;
+            return true;
     }
-    throw Failure(path + " is not in the image, which is of " + objects_text(from) +
-                      ": compare it with the files below `qzfi path`, or freeze it and compare the images",
-                  exit_usage);
+    return false;
+}
+
+std::string resolved(const std::filesystem::path &given) {
+    std::error_code error;
+    std::string path = std::filesystem::weakly_canonical(given, error).string();
+    if (error)
+        throw Failure("look at " + given.string() + ": " + error.message());
+    if (path.size() > 1 && path.back() == '/')
+        path.pop_back();
+    return path;
+}
+
+// A path in the image's originals, as the image names them. It may be gone: that is a difference. A link at its end is
+// meant itself when it lies in the image, else what it leads to.
+std::string original_path(const qfi_domain *from, const std::string &given) {
+    const std::filesystem::path path = std::filesystem::absolute(given);
+    const std::string name = path.filename().string();
+    if (!name.empty() && name != "." && name != "..") {
+        const std::string above = resolved(path.parent_path());
+        if (const std::string itself = (above == "/" ? "" : above) + "/" + name; touches(from, itself))
+            return itself;
+    }
+    const std::string target = resolved(path);
+    if (!touches(from, target))
+        throw Failure(target + " is not in the image, which is of " + objects_text(from) +
+                          ": compare it with the files below `qzfi path`, or freeze it and compare the images",
+                      exit_usage);
+    return target;
 }
 
 Other other_of(const qfi_domain *from, const Options &options) {

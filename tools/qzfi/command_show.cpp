@@ -51,7 +51,7 @@ void print_image(const qfi_image &image) {
     facts.add("Method", image.fim_id + (provider == image.fim_id ? "" : " of provider " + provider));
     facts.add("Consistency", consistency_name(image.consistency));
     if (image.entries != 0)
-        facts.add("Holds", grouped(image.entries) + " entries, " + size_text(image.bytes) + " of data");
+        facts.add("Holds", counted(image.entries, "entry", "entries") + ", " + size_text(image.bytes) + " of data");
     facts.add("Digests", image.has_digests != 0 ? "yes" : "no");
     facts.add("Backup", image.backed_up < backups.size() ? backups.at(image.backed_up) : "unknown");
     facts.add("Host", printable(image.host));
@@ -81,7 +81,7 @@ void print_report(const qfi_report &report) {
     for (uint32_t kind = 0; kind < counts.size(); ++kind)
         if (counts.at(kind) != 0)
             kinds += (kinds.empty() ? "" : ", ") + grouped(counts.at(kind)) + " " + remark_name(kind);
-    std::cout << bold(grouped(report.count) + (report.count == 1 ? " remark: " : " remarks: ") + kinds) << '\n';
+    std::cout << bold(counted(report.count, "remark", "remarks") + ": " + kinds) << '\n';
     for (uint64_t index = 0; index < report.shown; ++index)
         std::cout << "  " << remark_text(report.items[index]) << '\n';
     if (report.count > report.shown)

@@ -45,8 +45,8 @@ Verified verify(const qfi_image &image) {
 void print_verified(const Verified &one) {
     const qfi_report *const report = one.report.get();
     if (one.verdict == Verdict::sound)
-        std::cout << one.id << "  sound, " << grouped(report->entries) << " entries, " << size_text(report->bytes)
-                  << '\n';
+        std::cout << one.id << "  sound, " << counted(report->entries, "entry", "entries") << ", "
+                  << size_text(report->bytes) << '\n';
     else
         std::cout << one.id << "  " << red(one.verdict == Verdict::damaged ? "damaged" : "not verified") << '\n';
     const bool tells_entries = report != nullptr && report->count > 0;

@@ -74,7 +74,8 @@ int run(const Settings &settings, const RestoreOptions &options, const Kind &kin
     } else if (options.dry_run) {
         print_plan(*report);
     } else if (!settings.quiet) {
-        std::cout << printable(to.empty() ? what : to) << ": " << grouped(report->changed) << " entries changed\n";
+        std::cout << printable(to.empty() ? what : to) << ": " << counted(report->changed, "entry", "entries")
+                  << " changed\n";
     }
     if (!options.json && !options.dry_run && !settings.quiet)
         print_remarks(*report);

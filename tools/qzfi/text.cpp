@@ -42,7 +42,7 @@ constexpr uint64_t epoch_distance = 2208988800;
 
 std::string formatted_time(const qfi_time_t &time, const char *format,
                            std::tm *(*broken_down)(const std::time_t *, std::tm *)) {
-    const auto seconds = static_cast<std::time_t>(time.qzfi_sec - epoch_distance);
+    const auto seconds = static_cast<std::time_t>(unix_seconds(time));
     std::tm parts = {};
     std::array<char, 64> buffer;
     if (broken_down(&seconds, &parts) == nullptr)
@@ -62,6 +62,10 @@ std::string grouped(uint64_t number) {
     for (std::size_t place = digits.size(); place > 3;)
         digits.insert(place -= 3, ",");
     return digits;
+}
+
+std::string counted(uint64_t number, const char *one, const char *several) {
+    return grouped(number) + " " + (number == 1 ? one : several);
 }
 
 std::string size_text(uint64_t bytes) {
@@ -100,6 +104,10 @@ std::string time_text(const qfi_time_t &time) {
 
 std::string time_json(const qfi_time_t &time) {
     return formatted_time(time, "%Y-%m-%dT%H:%M:%S", gmtime_r) + formatted(".%09uZ", time.qzfi_nsec);
+}
+
+int64_t unix_seconds(const qfi_time_t &time) {
+    return static_cast<int64_t>(time.qzfi_sec - epoch_distance);
 }
 
 const char *consistency_name(uint32_t consistency) {

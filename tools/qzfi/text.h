@@ -9,11 +9,14 @@
 
 namespace qzfi::tool {
 
-std::string grouped(uint64_t number);          ///< "1,234,567"
+std::string grouped(uint64_t number); ///< "1,234,567"
+/// "1 entry", "2 entries".
+std::string counted(uint64_t number, const char *one, const char *several);
 std::string size_text(uint64_t bytes);         ///< "512 B", "1.5 KiB", "12 GiB"
 std::string duration_text(uint64_t nanos);     ///< "12 ms", "1.3 s", "2:05 min"
 std::string clock_text(double seconds);        ///< "0:12", "1:02:03"
 std::string time_text(const qfi_time_t &time); ///< local, to the second: "2026-11-21 04:15:00"
+int64_t unix_seconds(const qfi_time_t &time);  ///< since 1970
 std::string time_json(const qfi_time_t &time); ///< UTC, exact: "2026-11-21T04:15:00.123456789Z"
 
 const char *consistency_name(uint32_t consistency); ///< "atomic", "per-file", "fuzzy", "none"

@@ -1,0 +1,362 @@
+// qzfi prune: removes the images that a policy does not keep, and further ones where space is short.
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <fcntl.h>
+#include <filesystem>
+#include <iostream>
+#include <linux/magic.h>
+#include <set>
+#include <sys/vfs.h>
+#include <thread>
+#include <unistd.h>
+
+#include "tools/qzfi/commands.h"
+#include "tools/qzfi/json.h"
+#include "tools/qzfi/progress.h"
+#include "tools/qzfi/prune_policy.h"
+#include "tools/qzfi/removing.h"
+#include "tools/qzfi/stores.h"
+#include "tools/qzfi/table.h"
+#include "tools/qzfi/text.h"
+
+namespace qzfi::tool {
+
+namespace {
+
+struct Options {
+    PrunePolicy policy;
+    std::optional<double> keep_free;
+    std::string store, object;
+    bool dry_run = false, yes = false, json = false;
+};
+
+// What is kept or goes as one: an image, or the images of a set that were found.
+struct Unit {
+    qfi_time_t time = {};
+    std::set<std::string> objects, stores;
+    uint32_t state = 1; // of the worst of its images
+    bool is_removed = false, was_for_space = false;
+};
+
+struct Plan {
+    std::vector<Unit> units; // as long as both others
+    std::vector<PruneCandidate> candidates;
+    std::vector<PruneDecision> decisions;
+};
+
+struct StoreGoal {
+    std::string path;
+    double free_percent = 0;
+    bool is_reached = false;
+};
+
+void add_to(Unit &unit, const qfi_image &image) {
+    unit.objects.insert(image.objects, image.objects + image.object_count);
+    unit.stores.insert(image.store);
+    unit.state = std::max(unit.state, image.state);
+}
+
+std::string group_of(const Unit &unit) {
+    std::string group;
+    for (const std::set<std::string> *const paths : {&unit.objects, &unit.stores}) {
+        for (const std::string &path : *paths)
+            group += path + '\0';
+        group += '\0';
+    }
+    return group;
+}
+
+Plan plan_of(const qfi_image_list *images, const Options &options) {
+    Plan plan;
+    std::vector<std::string> sets;
+    for (; images != nullptr; images = images->next) {
+        const qfi_image &image = images->image;
+        const auto place = std::find(sets.begin(), sets.end(), image.set_id) - sets.begin();
+        const auto index = static_cast<std::size_t>(place);
+        if (index == sets.size()) {
+            sets.emplace_back(image.set_id);
+            plan.candidates.push_back({image.image_id, "", unix_seconds(image.time), image.time.qzfi_nsec, true});
+            plan.units.emplace_back().time = image.time;
+        } else {
+            plan.candidates[index].id = image.set_id;
+        }
+        add_to(plan.units[index], image);
+    }
+    for (std::size_t index = plan.units.size(); index-- > 0;) {
+        const Unit &unit = plan.units[index];
+        plan.candidates[index].group = group_of(unit);
+        plan.candidates[index].is_complete = unit.state == 1;
+        if (options.object.empty() || unit.objects.count(options.object) > 0)
+            continue;
+        plan.units.erase(plan.units.begin() + static_cast<std::ptrdiff_t>(index));
+        plan.candidates.erase(plan.candidates.begin() + static_cast<std::ptrdiff_t>(index));
+    }
+    plan.decisions = decide(plan.candidates, options.policy);
+    return plan;
+}
+
+double free_percent(const Store &store) {
+    if (store.status != QFI_STATUS_OK)
+        throw Failure("look at store " + store.path + ": " + store.why);
+    return store.capacity == 0 ? 0 : 100.0 * static_cast<double>(store.available) / static_cast<double>(store.capacity);
+}
+
+// Btrfs frees a removed snapshot later: what it holds is no reason to remove the next one.
+bool frees_later(const std::string &path) {
+    struct statfs status = {};
+    return statfs(path.c_str(), &status) == 0 && status.f_type == BTRFS_SUPER_MAGIC;
+}
+
+void sync_filesystem(const std::string &path) {
+    const int directory = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory < 0)
+        return; // then only the wait is left
+    (void)syncfs(directory);
+    close(directory);
+}
+
+// Looks until enough is free, or nothing has been freed for two seconds where that takes its time.
+void look_at(StoreGoal &goal, double wanted) {
+    const bool may_grow = frees_later(goal.path);
+    int patience = 20;
+    for (;;) {
+        const double present = free_percent(find_stores(goal.path).at(0));
+        patience = present > goal.free_percent ? 20 : patience - 1;
+        goal.free_percent = present;
+        goal.is_reached = present >= wanted;
+        if (goal.is_reached || !may_grow || patience <= 0)
+            return;
+        sync_filesystem(goal.path);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        check_interrupted();
+    }
+}
+
+std::vector<StoreGoal> goals_of(const Plan &plan, const Options &options) {
+    std::set<std::string> paths;
+    if (options.keep_free)
+        for (const Unit &unit : plan.units)
+            paths.insert(unit.stores.begin(), unit.stores.end());
+    std::vector<StoreGoal> goals;
+    for (const std::string &path : paths) {
+        const double present = free_percent(find_stores(path).at(0));
+        goals.push_back({path, present, present >= *options.keep_free});
+    }
+    return goals;
+}
+
+// Where an image may have to go for space, should the removal of others not suffice.
+bool may_go(const Unit &unit, const std::vector<StoreGoal> &goals) {
+    return std::any_of(goals.begin(), goals.end(),
+                       [&](const StoreGoal &goal) { return !goal.is_reached && unit.stores.count(goal.path) > 0; });
+}
+
+std::string reason_text(const PruneDecision &decision, const Unit &unit, bool has_rule, bool is_spare) {
+    if (decision.action == PruneAction::leave)
+        return std::string(state_name(unit.state)) + ", see qzfi rm";
+    if (decision.action == PruneAction::remove)
+        return "no rule keeps it";
+    std::string text;
+    for (const std::string &reason : decision.reasons)
+        text += (text.empty() ? "" : ", ") + reason;
+    if (!has_rule)
+        text = "only space matters";
+    return text + (is_spare ? "; unless space is short" : "");
+}
+
+const char *action_name(PruneAction action) {
+    return action == PruneAction::keep ? "keep" : action == PruneAction::remove ? "remove" : "leave";
+}
+
+std::string words(const std::set<std::string> &texts) {
+    std::string result;
+    for (const std::string &text : texts)
+        result += (result.empty() ? "" : ", ") + printable(text);
+    return result;
+}
+
+void print_plan(const Plan &plan, const std::vector<std::size_t> &spares, bool has_rule) {
+    Table table({{"ID"}, {"TIME"}, {"ACTION"}, {"REASON", Align::left, true}, {"OBJECTS", Align::left, true}});
+    for (std::size_t index = 0; index < plan.units.size(); ++index) {
+        const Unit &unit = plan.units[index];
+        const PruneDecision &decision = plan.decisions[index];
+        const bool is_spare = std::find(spares.begin(), spares.end(), index) != spares.end();
+        table.add({plan.candidates[index].id, time_text(unit.time), action_name(decision.action),
+                   reason_text(decision, unit, has_rule, is_spare), words(unit.objects)});
+    }
+    table.print();
+}
+
+Json json_of(const Plan &plan, const std::vector<StoreGoal> &goals, const Options &options) {
+    const auto texts = [](const auto &range) {
+        Json list = Json::array();
+        for (const std::string &text : range)
+            list.push_back(json_text(text));
+        return list;
+    };
+    Json images = Json::array(), stores = Json::array();
+    for (std::size_t index = 0; index < plan.units.size(); ++index) {
+        const Unit &unit = plan.units[index];
+        images.push_back({{"id", plan.candidates[index].id},
+                          {"time", time_json(unit.time)},
+                          {"state", state_name(unit.state)},
+                          {"objects", texts(unit.objects)},
+                          {"stores", texts(unit.stores)},
+                          {"action", action_name(plan.decisions[index].action)},
+                          {"reasons", texts(plan.decisions[index].reasons)},
+                          {"removed", unit.is_removed},
+                          {"for_space", unit.was_for_space}});
+    }
+    for (const StoreGoal &goal : goals)
+        stores.push_back({{"path", json_text(goal.path)},
+                          {"wanted_percent", *options.keep_free},
+                          {"free_percent", goal.free_percent},
+                          {"reached", goal.is_reached}});
+    return {{"dry_run", options.dry_run}, {"images", std::move(images)}, {"stores", std::move(stores)}};
+}
+
+// False when it could not be removed, which is told.
+bool remove(Plan &plan, std::size_t index, const Settings &settings, const Options &options, int &code) {
+    check_interrupted();
+    const std::string &id = plan.candidates[index].id;
+    try {
+        const ShownProgress progress(settings.quiet);
+        remove_image({id, options.store});
+    } catch (const Failure &failure) {
+        if (failure.code() == exit_interrupted)
+            throw;
+        tell(failure);
+        code = failure.code();
+        return false;
+    }
+    plan.units[index].is_removed = true;
+    if (!options.json && !settings.quiet)
+        std::cout << "removed " << id << std::endl;
+    return true;
+}
+
+void make_space(Plan &plan, StoreGoal &goal, const Settings &settings, const Options &options, int &code) {
+    look_at(goal, *options.keep_free);
+    for (const std::size_t index : spare(plan.candidates, plan.decisions)) {
+        if (goal.is_reached)
+            return;
+        Unit &unit = plan.units[index];
+        if (unit.is_removed || unit.stores.count(goal.path) == 0 || !remove(plan, index, settings, options, code))
+            continue;
+        unit.was_for_space = true;
+        look_at(goal, *options.keep_free);
+    }
+}
+
+std::string percent_text(double percent) {
+    const auto tenths = static_cast<uint64_t>(std::floor(percent * 10)); // never more than there is
+    return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + "%";
+}
+
+std::string question(uint64_t count, std::size_t spare_count, const Options &options) {
+    std::string text = "Remove " + counted(count, "image", "images");
+    if (spare_count > 0)
+        text += ", and as many as needed of the oldest of " + std::to_string(spare_count) + " more, until " +
+                percent_text(*options.keep_free) + " are free";
+    return text + "?";
+}
+
+std::vector<std::size_t> spares_of(const Plan &plan, const std::vector<StoreGoal> &goals) {
+    std::vector<std::size_t> spares = spare(plan.candidates, plan.decisions);
+    std::erase_if(spares, [&](std::size_t index) { return !may_go(plan.units[index], goals); });
+    return spares;
+}
+
+void require_options(const Options &options) {
+    if (!options.policy.has_rule() && !options.keep_free)
+        throw Failure("prune: say what to keep, by --keep-last, --keep-daily, --keep-weekly, --keep-monthly or "
+                      "--keep-free",
+                      exit_usage);
+}
+
+// What was not reached, though nothing more could go.
+int tell_goals(const std::vector<StoreGoal> &goals, const Options &options) {
+    int code = exit_done;
+    for (const StoreGoal &goal : goals) {
+        if (goal.is_reached)
+            continue;
+        tell(Failure("store " + goal.path + ": " + percent_text(goal.free_percent) + " are free, and " +
+                     percent_text(*options.keep_free) +
+                     " were wanted; what is left is the newest image of each object, or could not be removed"));
+        code = exit_failed;
+    }
+    return code;
+}
+
+int run(const Settings &settings, const Options &given) {
+    require_options(given);
+    Options options = given;
+    if (!options.object.empty()) {
+        std::error_code error; // it may be gone
+        options.object = std::filesystem::weakly_canonical(given.object, error).string();
+    }
+    const Session session(settings);
+    Plan plan = plan_of(all_images(options.store).get(), options);
+    std::vector<StoreGoal> goals = goals_of(plan, options);
+    const std::vector<std::size_t> spares = spares_of(plan, goals);
+    if (!options.json && !plan.units.empty())
+        print_plan(plan, spares, options.policy.has_rule());
+    else if (!options.json && !settings.quiet)
+        std::cerr << "no images\n";
+    const auto count =
+        static_cast<uint64_t>(std::count_if(plan.decisions.begin(), plan.decisions.end(), [](const auto &decision) {
+            return decision.action == PruneAction::remove;
+        }));
+    int code = exit_done;
+    if (!options.dry_run) {
+        if (count + spares.size() > 0 && !confirm(question(count, spares.size(), options), options.yes))
+            throw Failure("nothing was removed");
+        const Interruptible interruptible;
+        for (std::size_t index = 0; index < plan.units.size(); ++index)
+            if (plan.decisions[index].action == PruneAction::remove)
+                remove(plan, index, settings, options, code);
+        for (StoreGoal &goal : goals)
+            make_space(plan, goal, settings, options, code);
+        code = std::max(code, tell_goals(goals, options));
+    } else if (!settings.quiet) {
+        for (const StoreGoal &goal : goals)
+            if (!goal.is_reached)
+                std::cerr << "store " << printable(goal.path) << ": " << percent_text(goal.free_percent)
+                          << " are free now; what a removal frees cannot be told beforehand\n";
+    }
+    if (options.json)
+        print(json_of(plan, goals, options));
+    return code;
+}
+
+} // namespace
+
+void add_prune(CommandLine &line) {
+    add_command<Options>(
+        line, "prune", "Remove the images that no rule keeps", run, [](CLI::App &command, Options &options) {
+            command.footer(
+                "The rules count within the images of the same objects in the same store; what one of them keeps "
+                "stays. Days, ISO weeks and months are those of the local time zone. With --keep-free the oldest of "
+                "what the rules keep go too, until enough is free, but never the newest image of its objects. Damaged "
+                "images neither count nor go.");
+            command.add_option("--keep-last", options.policy.last, "Keep the newest N")->type_name("N");
+            command.add_option("--keep-daily", options.policy.daily, "Keep the newest of each of N days")
+                ->type_name("N");
+            command.add_option("--keep-weekly", options.policy.weekly, "Keep the newest of each of N weeks")
+                ->type_name("N");
+            command.add_option("--keep-monthly", options.policy.monthly, "Keep the newest of each of N months")
+                ->type_name("N");
+            command
+                .add_option("--keep-free", options.keep_free, "Keep so many percent of the store's file system free")
+                ->type_name("PCT")
+                ->check(CLI::Range(0.0, 100.0));
+            command.add_option("--store", options.store, "Only images of this store")->type_name("DIR");
+            command.add_option("--object", options.object, "Only images of this directory")->type_name("PATH");
+            command.add_flag("--dry-run", options.dry_run, "Only list what would be removed, and why the rest stays");
+            add_yes(command, options.yes);
+            add_json(command, options.json);
+        });
+}
+
+} // namespace qzfi::tool
