@@ -112,15 +112,24 @@ ManifestReader entries_of(const HeldImage &image, std::size_t index, const WalkO
     return walked(directory.get(), object, plain, operation);
 }
 
-void compare_with_original(const HeldImage &image, std::size_t index, const WalkOptions &options,
-                           const TakeDifference &take, const char *operation) {
+namespace {
+
+void compare_with_path(const HeldImage &image, std::size_t index, const std::string &path, const WalkOptions &options,
+                       const TakeDifference &take, const char *operation) {
     const std::string &object = image.filesystem().objects[index].path;
     ManifestReader from = entries_of(image, index, options, operation);
-    const Descriptor original = open_original(object, operation);
-    if (!original)
+    const Descriptor present = open_original(path, operation);
+    if (!present)
         return take_all(from, QFI_CHANGE_REMOVED, object, take);
-    ManifestReader to = walked(original.get(), object, options, operation);
+    ManifestReader to = walked(present.get(), path, options, operation);
     compare(from, to, object, take);
+}
+
+} // namespace
+
+void compare_with_original(const HeldImage &image, std::size_t index, const WalkOptions &options,
+                           const TakeDifference &take, const char *operation) {
+    compare_with_path(image, index, image.filesystem().objects[index].path, options, take, operation);
 }
 
 namespace {
@@ -135,6 +144,15 @@ std::map<std::string, ObjectRef> by_path(Tree &tree) {
 
 void take_one_side(const ObjectRef &one, uint32_t change, const WalkOptions &options, const TakeDifference &take,
                    const char *operation) {
+    const std::string &path = one.object().path;
+    if (!one.filesystem->is_frozen) {
+        WalkOptions live = options;
+        const LeftOut left_out(*one.filesystem, path);
+        live.exclude = &left_out;
+        const Descriptor directory = open_without_links(path, O_RDONLY | O_DIRECTORY, operation);
+        ManifestReader entries = walked(directory.get(), path, live, operation);
+        return take_all(entries, change, path, take);
+    }
     const HeldImage image(*one.filesystem, operation);
     ManifestReader entries = entries_of(image, one.index, options, operation);
     take_all(entries, change, one.object().path, take);
@@ -146,11 +164,14 @@ std::vector<Difference> compare_trees(Tree &from, Tree *to, const WalkOptions &o
     std::vector<Difference> differences;
     const TakeDifference take = [&](Difference &&one) { differences.push_back(std::move(one)); };
     const std::map<std::string, ObjectRef> olds = by_path(from);
-    const std::map<std::string, ObjectRef> presents = to != nullptr ? by_path(*to) : olds;
+    std::map<std::string, ObjectRef> presents = to != nullptr ? by_path(*to) : olds;
+    if (olds.size() == 1 && presents.size() == 1)
+        presents = {{olds.begin()->first, presents.begin()->second}};
     std::map<std::string, ObjectRef> all = olds;
     all.insert(presents.begin(), presents.end());
     for (const auto &[path, any] : all) {
-        const auto old = olds.find(path), present = presents.find(path);
+        const auto old = olds.find(path);
+        const auto present = presents.find(path);
         if (present == presents.end()) {
             take_one_side(old->second, QFI_CHANGE_REMOVED, options, take, operation);
             continue;
@@ -160,11 +181,12 @@ std::vector<Difference> compare_trees(Tree &from, Tree *to, const WalkOptions &o
             continue;
         }
         const HeldImage image(*old->second.filesystem, operation);
-        if (to == nullptr) {
+        if (to == nullptr || !present->second.filesystem->is_frozen) {
             WalkOptions original = options;
-            const LeftOut left_out(*old->second.filesystem, path);
+            const std::string &now = present->second.object().path;
+            const LeftOut left_out(*old->second.filesystem, now);
             original.exclude = &left_out;
-            compare_with_original(image, old->second.index, original, take, operation);
+            compare_with_path(image, old->second.index, now, original, take, operation);
             continue;
         }
         const HeldImage later(*present->second.filesystem, operation);

@@ -34,7 +34,8 @@ using TakeDifference = std::function<void(Difference &&)>;
 /// From an object's image to the original as it is; an original that is gone is removed altogether.
 void compare_with_original(const HeldImage &image, std::size_t index, const WalkOptions &options,
                            const TakeDifference &take, const char *operation);
-/// From the images of one tree to those of another, or, null, to the originals.
+/// From the images of one tree to those of another, or, null, to the originals. Objects of a tree that is not frozen
+/// are looked at as they are. Object by object, of the same path; where both trees have one only, those.
 std::vector<Difference> compare_trees(Tree &from, Tree *to, const WalkOptions &options, const char *operation);
 /// Every entry of a tree's images, as QFI_CHANGE_NONE.
 std::vector<Difference> all_entries(Tree &tree, const WalkOptions &options, const char *operation);

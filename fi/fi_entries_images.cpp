@@ -440,14 +440,14 @@ int32_t qzfi_update_snapshot_handle(void *image_id, void *reference) {
 
 namespace {
 
-// Two frozen trees, the second of which may be null.
+// A frozen tree and another one, which may be null; only of some operations may it be one that was not frozen yet.
 class TwoTrees {
 public:
-    TwoTrees(void *first, void *second, const char *operation)
+    TwoTrees(void *first, void *second, int32_t lowest, const char *operation)
         : pair_(static_cast<const qfi_domain *>(first), static_cast<const qfi_domain *>(second), operation) {
         require_frozen(pair_.first());
         if (pair_.second() != nullptr)
-            require_frozen(*pair_.second());
+            pair_.second()->require_state(lowest, QFI_TREE_FROZEN);
     }
     TreeLock &first() { return pair_.first(); }
     Tree *second() { return pair_.second() != nullptr ? &**pair_.second() : nullptr; }
@@ -464,7 +464,7 @@ int32_t qzfi_get_snapdiff(void *from, void *to, void *given, void *result) {
         qfi_diff **const diff = result_at<qfi_diff *>(result, operation, "the result is null");
         const auto *const options =
             sized_or_null<qfi_diff_options>(given, operation, "the options are of another size");
-        TwoTrees trees(from, to, operation);
+        TwoTrees trees(from, to, QFI_TREE_NEW, operation);
         WalkOptions walk;
         walk.workers = trees.first()->options.workers;
         walk.digest = options != nullptr && options->digest != 0;
@@ -479,7 +479,7 @@ int32_t qzfi_get_backupset(void *node, int32_t flags, void *base, int32_t reserv
     return traced_entry(operation, [&] {
         qfi_diff **const files = result_at<qfi_diff *>(result, operation, "the result is null");
         require_unused(flags == 0 && reserved == 0, operation);
-        TwoTrees trees(node, base, operation);
+        TwoTrees trees(node, base, QFI_TREE_FROZEN, operation);
         WalkOptions walk;
         walk.workers = trees.first()->options.workers;
         walk.progress = &trees.first().progress();
@@ -504,9 +504,14 @@ void control_tree(void *node, const std::string &command, qfi_report **out, cons
 void control_store(const std::string &command, const char *store, qfi_report **out, const char *operation) {
     if (command == QFI_OBJCTL_REPAIR)
         return reported(out, [&](Findings &report) { repair(store, report, operation); });
-    require(command == QFI_OBJCTL_FORGET, operation, "the commands for a store are \"repair\" and \"forget\"");
+    const bool remembers = command == QFI_OBJCTL_REMEMBER;
+    require(remembers || command == QFI_OBJCTL_FORGET, operation,
+            R"(the commands for a store are "repair", "remember" and "forget")");
     require(store != nullptr, operation, "the store is null");
-    forget_store(store, operation);
+    if (remembers)
+        remember_store(Store::open(store, false, operation)->path());
+    else
+        forget_store(store, operation);
 }
 
 } // namespace

@@ -23,7 +23,8 @@ LeftOut::LeftOut(const TreeFilesystem &filesystem, const std::string &object) {
         paths.insert(path);
     paths.insert((mount_point == "/" ? "" : mount_point) + "/" + store_folder_name);
     std::erase_if(paths, [&](const std::string &path) { return !lies_at_or_below(path, object); });
-    paths.insert(filesystem.store->path());
+    if (filesystem.store) // none before a tree is prepared
+        paths.insert(filesystem.store->path());
     for (const std::string &path : paths)
         add(path);
 }

@@ -23,6 +23,7 @@ struct Plan {
     std::vector<std::string> stores;
     std::string to, only;
     CopyOut how;
+    bool may_go_elsewhere = false; // objects have places to be restored to; a resynchronisation looks at none
 };
 
 std::string base_name(const std::string &path) {
@@ -35,7 +36,7 @@ std::string joined(const std::string &path, const std::string &below) {
 }
 
 Plan plan_of(TreeLock &tree, const qfi_restore_options &options, Findings &report, const char *operation) {
-    Plan plan{operation, objects_of(*tree), stores_of(*tree), {}, {}, {}};
+    Plan plan{operation, objects_of(*tree), stores_of(*tree), {}, {}, {}, false};
     require(options.workers <= most_workers, operation, "at most 64 workers");
     const uint32_t workers = options.workers != 0 ? options.workers : 2;
     plan.how = {operation, workers, &tree.progress(), &report};
@@ -178,9 +179,42 @@ void report_changes(const Plan &plan, const ObjectRef &one, bool digest, Finding
         plan.operation);
 }
 
+// What a restore to a new place would make there, all of it.
+void report_made(const Plan &plan, const std::vector<ObjectRef> &objects, const std::string &to, Findings &report) {
+    const Place place = open_place(to, plan.operation);
+    refuse_in_store(place, plan);
+    refuse_existing(place, plan.operation);
+    for (const ObjectRef &one : objects) {
+        const HeldImage image(*one.filesystem, plan.operation);
+        const bool is_folder = is_directory(image, one.index, plan.only, plan.operation);
+        const bool is_whole = objects.size() == 1 && is_folder;
+        const std::string made = is_whole ? to : to + "/" + base_name(joined(one.object().path, plan.only));
+        WalkOptions options;
+        options.workers = plan.how.workers;
+        options.progress = plan.how.progress;
+        ManifestReader entries = entries_of(image, one.index, options, plan.operation);
+        ManifestEntry entry;
+        while (entries.next(entry)) {
+            if (!lies_at_or_below(entry.path, plan.only))
+                continue;
+            const std::size_t above = plan.only.empty() ? 0 : std::min(plan.only.size() + 1, entry.path.size());
+            ++report.changed;
+            report.add({QFI_REMARK_WARNING, 0, made, entry.path.substr(above), "would be made"});
+        }
+    }
+}
+
 void report_all_changes(const Plan &plan, bool digest, Findings &report) {
-    for (const ObjectRef &one : plan.objects)
-        report_changes(plan, one, digest, report);
+    if (!plan.to.empty())
+        report_made(plan, plan.objects, plan.to, report);
+    for (const ObjectRef &one : plan.objects) {
+        if (!plan.to.empty())
+            break;
+        if (one.object().restore_to.empty() || !plan.may_go_elsewhere)
+            report_changes(plan, one, digest, report);
+        else
+            report_made(plan, {one}, one.object().restore_to, report);
+    }
     report.entries = plan.how.progress->counts().entries_done;
     report.bytes = plan.how.progress->counts().bytes_done;
 }
@@ -188,7 +222,8 @@ void report_all_changes(const Plan &plan, bool digest, Findings &report) {
 } // namespace
 
 void restore(TreeLock &tree, const qfi_restore_options &options, Findings &report, const char *operation) {
-    const Plan plan = plan_of(tree, options, report, operation);
+    Plan plan = plan_of(tree, options, report, operation);
+    plan.may_go_elsewhere = true;
     if (plan.to.empty())
         refuse_in_place(plan);
     else if (plan.objects.size() > 1)

@@ -7,7 +7,9 @@
  *   thread has an error record that names operation, object and cause (`qfi_op_get_last_error`).
  * - An operation that the provider in charge, or a file system, has no means for returns 4, with such a record.
  * - Texts and records that are given out are copies; each type says which operation releases it.
- * - Thread-safe; calls on the same tree wait for each other. A tree is used and released by the same process.
+ * - Thread-safe; calls on the same tree wait for each other. One that is made from within a progress or error handler
+ *   waits for no tree, its own operation's included: what is not free is busy (1034).
+ * - A tree is used and released by the process that made it: to a forked child it is an invalid argument.
  * - Ids of images are texts such as "20261121T041500Z-8f3a2c1d"; object ids (`qfi_objid_t`) are interned paths.
  */
 #ifndef QZFI_FI_H
@@ -300,8 +302,9 @@ static inline int32_t qfi_op_getSnapshotSetId(const char *image_id, char **set_i
 static inline int32_t qfi_op_update_snapshot_handle(const char *image_id, qfi_image_ref *image) {
     return qzfiapi_update_snapshot_handle((void *)image_id, image);
 }
-/** The differences from an image to another, or, `to` null, to the originals as they are. Released by
- * `qfi_op_free_buffer`. `options` may be null. */
+/** The differences from the images of a tree to those of another one, or, when that was not frozen, to its objects as
+ * they are, or, `to` null, to the originals as they are. Objects of the same path are compared; where both trees have
+ * one only, those. Released by `qfi_op_free_buffer`. `options` may be null. */
 static inline int32_t qfi_op_get_snapdiff(const qfi_domain *from, const qfi_domain *to, const qfi_diff_options *options,
                                           qfi_diff **diff) {
     return qzfiapi_get_snapdiff((void *)from, (void *)to, (void *)options, (void *)diff);

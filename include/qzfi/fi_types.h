@@ -198,7 +198,7 @@ typedef struct qfi_restore_options {
     const char *to;   /**< restore into this new directory instead of the original places; or null */
     const char *only; /**< only what lies at this path below the one object; or null */
     uint32_t digest;  /**< resync: not 0 compares file data too, not only size and times */
-    uint32_t dry_run; /**< not 0: only the report; nothing is changed */
+    uint32_t dry_run; /**< not 0: only the report; nothing is changed: of a new place, all that would be made there */
 } qfi_restore_options;
 
 /** What an operation on a tree does, or did. */
@@ -275,12 +275,14 @@ enum qfi_detach_flags {
                                     */
 #define QFI_OBJCTL_REPAIR "repair" /**< store, or null for all known ones: removes debris, reports what is damaged */
 #define QFI_OBJCTL_REPORT "report" /**< tree: gives the report that was made with the images */
+/** store: becomes a known one, such as after it moved; it must be there */
+#define QFI_OBJCTL_REMEMBER "remember"
 #define QFI_OBJCTL_FORGET "forget" /**< store: no longer a known one; its images stay where they are */
 
 /** How far an operation is. */
 typedef struct qfi_progress {
-    const char *operation;  /**< "split", "restore", "resync", "verify", "diff", "remove" */
-    const char *object;     /**< the object's path */
+    const char *operation;  /**< as in `qfi_operation_status`: "make", "split", "restore", "objctl"... */
+    const char *object;     /**< the path of the tree's first object, or of what is imported */
     uint64_t entries_done;  /**< so far */
     uint64_t entries_total; /**< 0: not known */
     uint64_t bytes_done;    /**< so far */
@@ -292,6 +294,10 @@ typedef struct qfi_progress_handler qfi_progress_handler;
 /**
  * Receives progress. A host that wants it lets `reserved1` of its handler record point at one before `qzfiapi_start`;
  * it must outlive the matching shutdown. Called from any thread, about ten times a second and at the end.
+ *
+ * It may call operations. They wait for no tree: one that an operation works on, such as the one that called the
+ * handler, is busy (1034); but `qfi_op_get_status` tells of it. What another thread does with such a tree comes after
+ * the handler's return: a handler that waits for that thread waits for ever. The same holds for the error handler.
  */
 struct qfi_progress_handler {
     uint32_t size; /**< set by `QFI_INIT` */

@@ -76,6 +76,23 @@ TEST_P(Compare, an_image_with_the_originals) {
     EXPECT_EQ(diff_of(tree, nullptr, true), changed);
 }
 
+TEST_P(Compare, an_image_with_a_tree_that_is_not_frozen) {
+    const Tree tree = freeze({object}, store);
+    keep(object, top / "elsewhere");
+    const Tree elsewhere({top / "elsewhere"});
+    EXPECT_EQ(diff_of(tree, &elsewhere), std::vector<Change>{});
+    change(top / "elsewhere");
+    EXPECT_EQ(diff_of(tree, &elsewhere), changed);
+    const Tree both({object, top / "elsewhere"});
+    std::vector<Change> added = diff_of(tree, &both);
+    EXPECT_GE(added.size(), 12u) << "of several, those of the same path are compared";
+    for (const Change &one : added)
+        EXPECT_EQ(one.change, static_cast<uint32_t>(QFI_CHANGE_ADDED)) << one;
+    qfi_diff *diff = nullptr;
+    EXPECT_EQ(qfi_op_get_snapdiff(elsewhere.get(), tree.get(), nullptr, &diff), QFI_FI_WRONG_STATE);
+    EXPECT_EQ(qfi_op_get_backupset(tree.get(), 0, elsewhere.get(), 0, &diff), QFI_FI_WRONG_STATE);
+}
+
 TEST_P(Compare, data_where_sizes_and_times_agree_when_asked_to) {
     for (const bool digest : {true, false}) {
         const Tree tree = freeze({object}, store, nullptr, digest);

@@ -416,7 +416,23 @@ TEST_P(Lists, a_store_that_is_forgotten_keeps_its_images) {
     EXPECT_EQ(imported, 0);
     EXPECT_TRUE(fs::exists(tree.image_path()));
     EXPECT_EQ(qfi_op_objctl(nullptr, "dance", store.c_str(), nullptr), QFI_STATUS_INVALID_ARGUMENT);
-    EXPECT_EQ(last_error(), "qzfi_objctl: invalid argument: the commands for a store are \"repair\" and \"forget\"\n");
+    EXPECT_EQ(last_error(),
+              "qzfi_objctl: invalid argument: the commands for a store are \"repair\", \"remember\" and \"forget\"\n");
+}
+
+TEST_P(Lists, a_store_that_moved_is_remembered_when_told_to) {
+    const Tree tree = freeze({object}, store);
+    const std::string id = tree.image_id(), moved = top / "moved";
+    fs::rename(store, moved);
+    int32_t is_there = -1;
+    ASSERT_EQ(qfi_op_is_snap_imported(id.c_str(), &is_there), 0) << last_error();
+    EXPECT_EQ(is_there, 0);
+    ASSERT_EQ(qfi_op_objctl(nullptr, QFI_OBJCTL_REMEMBER, moved.c_str(), nullptr), 0) << last_error();
+    ASSERT_EQ(qfi_op_is_snap_imported(id.c_str(), &is_there), 0) << last_error();
+    EXPECT_EQ(is_there, 1);
+    EXPECT_EQ(qfi_op_objctl(nullptr, QFI_OBJCTL_REMEMBER, object.c_str(), nullptr), QFI_FI_STORE) << "it is none";
+    EXPECT_EQ(qfi_op_objctl(nullptr, QFI_OBJCTL_REMEMBER, nullptr, nullptr), QFI_STATUS_INVALID_ARGUMENT);
+    fs::rename(moved, store);
 }
 
 TEST_P(Lists, the_stored_report_is_given_again) {

@@ -308,6 +308,38 @@ TEST_P(Restore, dry_runs_tell_what_would_be_done_and_do_nothing) {
     }
 }
 
+TEST_P(Restore, dry_runs_to_a_new_place_tell_what_would_be_made_there) {
+    const Tree tree = freeze({object}, store);
+    const std::string to = top / "new";
+    qfi_restore_options options;
+    QFI_INIT(options);
+    options.dry_run = 1;
+    options.to = to.c_str();
+    const auto told_of = [&](const char *only) {
+        options.only = only;
+        qfi_report *report = nullptr;
+        EXPECT_EQ(qfi_op_restore(tree.get(), &options, &report), 0) << last_error();
+        return Report(report);
+    };
+    const Report all = told_of(nullptr);
+    EXPECT_GE(all.changed, 12u);
+    EXPECT_EQ(all.changed, all.lines.size());
+    EXPECT_EQ(all.lines[0], (Line{QFI_REMARK_WARNING, to, "", "would be made"}));
+    EXPECT_EQ(told_of("plain").lines, (std::vector<Line>{{QFI_REMARK_WARNING, to + "/plain", "", "would be made"}}));
+    const std::vector<Line> deeper = told_of("sub/deeper").lines;
+    ASSERT_GE(deeper.size(), 2u);
+    EXPECT_EQ(deeper[0], (Line{QFI_REMARK_WARNING, to, "", "would be made"}));
+    EXPECT_EQ(deeper[1].path, "other name");
+    EXPECT_FALSE(fs::exists(to));
+    const char *const paths[] = {to.c_str()};
+    ASSERT_EQ(qfi_op_set_restorepaths(tree.get(), paths, 1), 0);
+    options.to = nullptr;
+    EXPECT_EQ(told_of(nullptr).lines, all.lines);
+    write_file(to, "in the way");
+    options.to = to.c_str();
+    EXPECT_EQ(qfi_op_restore(tree.get(), &options, nullptr), QFI_FI_EXISTS);
+}
+
 TEST_P(Restore, of_an_image_that_was_removed_meanwhile_says_so) {
     const Tree tree = freeze({object}, store);
     const std::string id = tree.image_id();
