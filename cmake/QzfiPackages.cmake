@@ -57,7 +57,8 @@ function(qzfi_package_link component target directory name)
   set(root ${CPACK_PACKAGING_INSTALL_PREFIX})
   cmake_path(ABSOLUTE_PATH directory BASE_DIRECTORY ${root} NORMALIZE OUTPUT_VARIABLE place)
   cmake_path(RELATIVE_PATH root BASE_DIRECTORY ${place})
-  set(links ${package_files}/links/${component})
+  string(MAKE_C_IDENTIFIER ${place} links)
+  set(links ${package_files}/links/${links})
   file(MAKE_DIRECTORY ${links})
   file(CREATE_LINK ${root}/${target} ${links}/${name} SYMBOLIC)
   install(FILES ${links}/${name} DESTINATION ${directory} COMPONENT ${component}_system EXCLUDE_FROM_ALL)
@@ -87,6 +88,11 @@ configure_file(${package_sources}/shlibs.in ${package_files}/shlibs @ONLY)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA ${package_files}/shlibs ${package_sources}/triggers)
 
 qzfi_package_link(command ${CMAKE_INSTALL_BINDIR}/qzfi ${system}/bin qzfi)
+qzfi_package_link(command ${CMAKE_INSTALL_DATADIR}/bash-completion/completions/qzfi
+  ${system}/share/bash-completion/completions qzfi)
+qzfi_package_link(command ${CMAKE_INSTALL_DATADIR}/zsh/site-functions/_qzfi ${system}/share/zsh/vendor-completions _qzfi)
+qzfi_package_link(command ${CMAKE_INSTALL_DATADIR}/man/man1/qzfi.1 ${system}/share/man/man1 qzfi.1)
+qzfi_package_link(development ${CMAKE_INSTALL_DATADIR}/man/man3/libqzfi.3 ${system}/share/man/man3 libqzfi.3)
 
 # The root's own ones find the prefix from where they lie, and so cannot be linked to.
 configure_file(${package_sources}/qzfi.pc.in ${package_files}/qzfi.pc @ONLY)

@@ -28,12 +28,22 @@ qzfi list | grep -qF "$id" || fail "qzfi list does not show $id"
 
 # What the system finds of it without being told where.
 ldconfig -p | grep -qF 'libqzfi.so.7 ' || fail "the loader does not know libqzfi.so.7"
-if command -v pkg-config cc >/dev/null; then
+if command -v man >/dev/null; then
+  [[ $(man -w qzfi) == /usr/* && $(man -w 3 libqzfi) == /usr/* ]] || fail "man does not find the pages"
+fi
+if [[ -e /usr/share/bash-completion/bash_completion ]]; then
+  bash -c 'source /usr/share/bash-completion/bash_completion; _completion_loader qzfi; complete -p qzfi' >"$work/log" 2>&1 ||
+    { cat "$work/log"; fail "bash does not find the completion"; }
+fi
+if command -v zsh >/dev/null; then
+  zsh -fc 'autoload -Uz compinit; compinit -D; [[ -n ${_comps[qzfi]} ]]' || fail "zsh does not find the completion"
+fi
+if command -v pkg-config >/dev/null && command -v cc >/dev/null; then
   read -r -a flags <<<"$(pkg-config --cflags --libs qzfi)"
   cc -std=c11 -Wall -Wextra -Werror "$work/consumer/app.c" -o "$work/app" "${flags[@]}" || fail "a build by pkg-config"
   [[ $("$work/app") == "Insufficient Memory" ]] || fail "the program built by pkg-config"
 fi
-if command -v cmake ninja >/dev/null; then
+if command -v cmake >/dev/null && command -v ninja >/dev/null; then
   cmake -G Ninja -S "$work/consumer" -B "$work/build" >"$work/cmake.log" 2>&1 && ninja -C "$work/build" >>"$work/cmake.log" ||
     { cat "$work/cmake.log"; fail "a build by CMake"; }
   [[ $("$work/build/app") == "Insufficient Memory" ]] || fail "the program built by CMake"
