@@ -88,24 +88,17 @@ public:
             require_sound_image(image.record);
     }
 
-    void take_over(const std::shared_ptr<Store> &store) {
-        std::vector<const ImageRecord *> taken;
-        try {
-            for (const FiidImage &image : fiid_.images) {
-                take_image(*store, image.record);
-                taken.push_back(&image.record);
-            }
-        } catch (...) {
-            // All or none.
-            for (const ImageRecord *const record : taken) {
-                try {
-                    remove_image(*store, *record, operation_);
-                } catch (const Failure &) {
-                    continue; // told already; it is a whole image that stays
-                }
-            }
-            throw;
+    // As a freeze does: all of the set appear or none, also when this process dies meanwhile.
+    void take_over(Store &store) const {
+        std::vector<NewImage> images;
+        Fiid document{fiid_.set_id, {}};
+        for (const FiidImage &image : fiid_.images) {
+            images.push_back(copied(store, image.record));
+            document.images.push_back({image.record, store.path()});
+            for (ImageObject &object : document.images.back().record.objects)
+                object.subpath.clear(); // copied without what is around it
         }
+        commit_all(images, document);
     }
 
     // The images are in the store, so what cannot be removed is told, but no failure.
@@ -180,7 +173,25 @@ private:
         return object;
     }
 
-    void take_image(Store &store, const ImageRecord &exported) const {
+    void commit_all(std::vector<NewImage> &images, const Fiid &document) const {
+        const std::string text = write_fiid(document, operation_);
+        try {
+            for (std::size_t index = 0; index < images.size(); ++index) {
+                ImageRecord record = document.images[index].record;
+                record.state = images.size() > 1 ? 0 : 1;
+                images[index].commit(record, text, operation_);
+            }
+            if (images.size() > 1)
+                for (NewImage &image : images)
+                    image.settle();
+        } catch (...) {
+            for (NewImage &image : images)
+                image.withdraw();
+            throw;
+        }
+    }
+
+    NewImage copied(Store &store, const ImageRecord &exported) const {
         refuse_present(store, exported.id);
         NewImage image = store.begin(exported.id, operation_);
         const Descriptor directory = open_image(exported);
@@ -191,11 +202,7 @@ private:
                 verify_object(exported, index, image);
         }
         copy_if_there(directory.get(), image.directory(), report_name, exported);
-        ImageRecord record = exported;
-        record.state = 1;
-        for (ImageObject &object : record.objects)
-            object.subpath.clear(); // copied without what is around it
-        image.commit(record, write_fiid({record.set_id, {{record, store.path()}}}, operation_), operation_);
+        return image;
     }
 
     // A record whose files are gone, as a deport that was cut short leaves it, makes way.
@@ -299,7 +306,7 @@ std::shared_ptr<Tree> import_images(const char *directory, const char *store_pat
     incoming.require_sound();
     const std::shared_ptr<Store> store =
         Store::open(store_path != nullptr ? store_path : default_store_path(), true, operation);
-    incoming.take_over(store);
+    incoming.take_over(*store);
     remember_store(store->path());
     std::shared_ptr<Tree> tree = tree_of_image(incoming.fiid().set_id, store->path().c_str(), operation);
     incoming.remove_source();

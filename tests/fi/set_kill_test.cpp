@@ -75,10 +75,69 @@ protected:
         _exit(testing::Test::HasFailure() ? 1 : one.empty() ? 10 : 11);
     }
 
+    fs::path exported() const { return fs::path(disks_[1]->path()) / "exported"; }
+    fs::path imported() const { return fs::path(disks_[1]->path()) / "imported"; }
+
+    void export_both() const {
+        const Framework framework(root_);
+        const Tree tree({object(0), object(1)});
+        EXPECT_EQ(qfi_op_make(tree.get(), nullptr, nullptr), 0) << last_error();
+        EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported().c_str(), nullptr), 0) << last_error();
+    }
+
+    void import_both() const {
+        const Framework framework(root_);
+        qfi_import_options options;
+        QFI_INIT(options);
+        options.keep_source = 1;
+        qfi_op_set_import_options(&options, nullptr, 0, nullptr);
+        traced::begin();
+        _exit(qfi_op_import_tree(exported().c_str(), imported().c_str(), nullptr, nullptr) == 0 ? 0 : 1);
+    }
+
+    // Exit code 10: nothing of the import is there; 12: both images; they are removed again.
+    void look_at_import() const {
+        const Framework framework(root_);
+        int images = 0;
+        std::string set;
+        qfi_image_list *list = nullptr;
+        if (fs::exists(imported() / "catalog.db") && qfi_op_snapreplica_list(nullptr, imported().c_str(), &list) == 0)
+            for (const qfi_image_list *one = list; one != nullptr; one = one->next, ++images)
+                set = one->image.set_id;
+        qfi_op_free_snapreplica_list(list);
+        if (images != 0) {
+            EXPECT_EQ(qfi_op_detach(Tree::of_image(set, imported()).release(), nullptr, QFI_DETACH_REMOVE, nullptr), 0)
+                << last_error();
+        }
+        if (fs::exists(imported() / "catalog.db") &&
+            qfi_op_objctl(nullptr, QFI_OBJCTL_REPAIR, imported().c_str(), nullptr) == 0) {
+            EXPECT_TRUE(fs::is_empty(imported() / "images"));
+        }
+        _exit(testing::Test::HasFailure() ? 1 : 10 + images);
+    }
+
 private:
     std::unique_ptr<LoopFilesystem> disks_[2];
     fs::path root_;
 };
+
+TEST_F(SetKill, of_an_import_leaves_both_images_or_none) {
+    ASSERT_EQ(in_child([&] { export_both(); }), 0);
+    int nones = 0, alls = 0;
+    constexpr int stride = is_sanitized ? 3 : 1;
+    for (int step = 1;; step += stride) {
+        const traced::Outcome outcome =
+            traced::run({step, 0, traced::changes_something, false}, [&] { import_both(); });
+        const int seen = in_child([&] { look_at_import(); });
+        ASSERT_TRUE(seen == 10 || seen == 12)
+            << seen << ", step " << step << ": call " << outcome.call.number << " of " << outcome.path;
+        (seen == 10 ? nones : alls) += 1;
+        if (!outcome.was_reached)
+            break;
+    }
+    EXPECT_GE(nones, 20);
+    EXPECT_GE(alls, is_sanitized ? 1 : 2);
+}
 
 TEST_F(SetKill, before_any_change_leaves_both_images_or_none) {
     int nones = 0, alls = 0;
