@@ -7,9 +7,20 @@
 
 namespace {
 
-constexpr int flaw_crash_entry = 1, flaw_crash_start = 2, flaw_exit_start = 3, flaw_refuse_start = 4, flaw_small = 5,
-              flaw_newer = 6, flaw_no_table = 7, flaw_no_name = 8, flaw_taken = 9, flaw_none = 10, flaw_crash_stop = 11,
-              flaw_hang_start = 12;
+enum Flaw {
+    flaw_crash_entry = 1,
+    flaw_crash_start,
+    flaw_exit_start,
+    flaw_refuse_start,
+    flaw_small,
+    flaw_newer,
+    flaw_no_table,
+    flaw_no_name,
+    flaw_taken,
+    flaw_none,
+    flaw_crash_stop,
+    flaw_hang_start
+};
 constexpr int flaw = FLAW;
 
 // As the system sees it, whatever a sanitizer would make of it.
