@@ -78,6 +78,8 @@ Directory *Copier::open_root(Worker &worker, int source, int target, const char 
         lists_inodes_ = filesystem.f_type == BTRFS_SUPER_MAGIC || filesystem.f_type == XFS_SUPER_MAGIC ||
                         filesystem.f_type == EXT4_SUPER_MAGIC || filesystem.f_type == TMPFS_MAGIC;
     }
+    // Btrfs lets one thread at a time write a file, and those that wait only cost.
+    shares_files_ = fstatfs(target, &filesystem) != 0 || filesystem.f_type != BTRFS_SUPER_MAGIC;
     bool is_there = false;
     if (lies_apart(worker, root, target, name) && updates_ &&
         !open_existing(worker, target, root, name, *root, is_there))
@@ -262,6 +264,7 @@ bool Copier::link(Worker &worker, Directory &directory, const char *name, const 
             remark(worker, QFI_REMARK_WARNING, &directory, name,
                    "listed twice, or differs in case only: the first is kept", EEXIST);
         changed();
+        worker.note(true);
         links_.linked(device_of(stat), stat.stx_ino);
         tell_entry(worker, &directory, name, stat, nullptr, to.has_digest ? to.digest : nullptr);
         return true;

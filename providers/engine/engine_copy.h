@@ -101,6 +101,7 @@ private:
     std::size_t most_waiting_;                   // files of a worker
     std::vector<std::vector<FileCopy>> waiting_; // by worker; all of one directory
     bool lists_inodes_ = false;                  // a listing's inodes are those of the files
+    bool shares_files_ = true;                   // several threads write one file faster than one
 
     struct LateFlags {
         Directory *directory; // referenced

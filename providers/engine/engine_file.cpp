@@ -14,6 +14,7 @@ namespace {
 
 constexpr int most_reads = 3;
 constexpr uint64_t least_to_share = uint64_t{64} << 20;
+constexpr uint64_t least_to_divide = uint64_t{1} << 20; // data that is worth two workers in one directory
 constexpr uint64_t shared_piece = uint64_t{16} << 20;
 constexpr uint32_t forbidding_flags = FS_IMMUTABLE_FL | FS_APPEND_FL;
 
@@ -53,6 +54,8 @@ Copier::Outcome Copier::file(Worker &worker, Directory &directory, const char *n
                 return Outcome::done;
         }
     }
+    const bool is_cloned = options.data != Data::copy && means_.clones && !options.digest;
+    worker.note(is_cloned || copy.stat.stx_size < least_to_divide);
     try {
         copy.flags = flags_of(copy.from.get());
         const int extended = has_extended(worker, Place{copy.from.get()});
@@ -267,7 +270,7 @@ void Copier::resume(Worker &worker, Links::Waiting *waiting, uint8_t type) {
 /// Cuts a large file into ranges for all threads. A digest needs the data in order: then one thread copies it.
 bool Copier::share(Worker &worker, FileCopy &copy) {
     const uint64_t size = copy.stat.stx_size;
-    if (size < least_to_share || options.workers < 2 || options.digest)
+    if (size < least_to_share || options.workers < 2 || options.digest || !shares_files_)
         return false;
     if (options.data != Data::copy)
         return false; // a clone is one call

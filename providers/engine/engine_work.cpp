@@ -13,7 +13,8 @@ namespace qzfi::engine {
 namespace {
 
 constexpr uint32_t most_workers = 64;
-constexpr uint32_t least_to_share = 8; // entries
+constexpr uint32_t least_to_share = 8;   // entries
+constexpr uint32_t worth_sharing = 2048; // bytes of a listing, some 64 entries
 
 /// How many directories may be open: each may need two descriptors, and others need some.
 std::size_t open_limit() {
@@ -80,11 +81,15 @@ Result Run::result() const noexcept {
 
 void Run::push(Item *item, bool wake) {
     item->directory->pending.fetch_add(1, std::memory_order_relaxed);
-    const std::lock_guard lock(mutex_);
-    item->below = top_;
-    top_ = item;
-    if (wake && idle_.load(std::memory_order_relaxed) > 0)
-        waiting_.notify_one();
+    {
+        const std::lock_guard lock(mutex_);
+        item->below = top_;
+        top_ = item;
+        if (wake && idle_.load(std::memory_order_relaxed) > 0)
+            waiting_.notify_one();
+    }
+    if (wake)
+        want_help();
 }
 
 void Run::push_subdirectory(Directory &directory, const char *name) {
@@ -177,21 +182,26 @@ void Run::loop(Worker &worker) {
     flush(worker);
 }
 
-void Run::start_threads(Worker *workers, uint32_t count) {
-    for (uint32_t i = 0; i < count; ++i) {
-        workers[i].run = this;
-        workers[i].index = i + 1;
-        // One that does not start is done without: the work is the same.
-        workers[i].has_thread = pthread_create(&workers[i].thread, nullptr, thread_main, &workers[i]) == 0;
-    }
+/// Starts one more thread, if none waits: a tree that is soon done needs no other.
+void Run::want_help() {
+    if (idle_.load(std::memory_order_relaxed) > 0 || started_.load(std::memory_order_relaxed) >= other_count_)
+        return;
+    const uint32_t next = started_.fetch_add(1, std::memory_order_relaxed);
+    if (next >= other_count_)
+        return;
+    Worker &worker = others_[next];
+    worker.run = this;
+    worker.index = next + 1;
+    // One that does not start is done without: the work is the same.
+    worker.has_thread = pthread_create(&worker.thread, nullptr, thread_main, &worker) == 0;
 }
 
 void Run::work(Directory *root) {
-    const uint32_t others = std::clamp(options.workers, 1u, most_workers) - 1;
     Worker workers[most_workers];
+    others_ = workers;
+    other_count_ = std::clamp(options.workers, 1u, most_workers) - 1;
     directories.acquire(*root); // for good: the others are found again from it
-    active_ = 1;                // so that the threads wait for the first listing
-    start_threads(workers, others);
+    active_ = 1;                // so that threads wait for the first listing
     try {
         list(main_, *root);
     } catch (const std::bad_alloc &) {
@@ -199,7 +209,8 @@ void Run::work(Directory *root) {
     }
     finished_one();
     loop(main_);
-    for (uint32_t i = 0; i < others; ++i) {
+    // In this order: whoever started a thread has ended before it is looked for.
+    for (uint32_t i = 0; i < other_count_; ++i) {
         if (workers[i].has_thread)
             pthread_join(workers[i].thread, nullptr);
     }
@@ -312,7 +323,7 @@ void Run::list(Worker &worker, Directory &directory) {
             last = at;
         }
         directory.listing_position = record_at(records, last)->offset;
-        const bool is_long = end > listing_size / 2;
+        const bool is_long = end > listing_size / 2 && !worker.is_naming();
         if (is_long)
             push(Item::make(Item::Kind::listing, directory, nullptr, 0), true);
         if (subdirectories != 0) {
@@ -328,6 +339,8 @@ void Run::list(Worker &worker, Directory &directory) {
             }
             push(item, others != 0 || is_long || count > 1); // a single one is for this thread
         }
+        if (end > worth_sharing && !worker.is_naming())
+            want_help();
         reached(Point::listed, directory.name());
         entries(worker, directory, records, 0, end);
         if (is_long)
@@ -337,7 +350,7 @@ void Run::list(Worker &worker, Directory &directory) {
 
 void Run::entries(Worker &worker, Directory &directory, char *records, uint32_t position, uint32_t end) {
     while (position < end && !is_stopped()) {
-        if (idle_.load(std::memory_order_relaxed) > 0)
+        if (idle_.load(std::memory_order_relaxed) > 0 && !worker.is_naming())
             shares(directory, records, position, end);
         const Dirent *const record = record_at(records, position);
         position += record->length;

@@ -110,9 +110,13 @@ struct Worker {
     uint64_t path_serial = 0;
     uint64_t entries = 0, bytes = 0; // not yet added to the run's
     uint32_t since_progress = 0;
+    uint32_t brief = 0; // entries of late that were little more than a name to make, at most 64
     bool has_thread = false;
     pthread_t thread{};
 
+    /// Names in one directory are made one after the other, whoever makes them: a second thread would only wait.
+    bool is_naming() const noexcept { return brief >= 8; }
+    void note(bool is_brief) noexcept { brief = is_brief ? (brief < 64 ? brief + 1 : 64) : brief / 2; }
     char *buffer(); // throws
 };
 
@@ -210,12 +214,15 @@ private:
     void entries(Worker &worker, Directory &directory, char *records, uint32_t position, uint32_t end);
     bool shares(Directory &directory, char *records, uint32_t position, uint32_t &end);
     void drop(Item *item);
-    void start_threads(Worker *workers, uint32_t count);
+    void want_help();
 
     void tell_progress();
 
     Run *counted_ = this;
     Worker main_;
+    Worker *others_ = nullptr; // while there is work
+    uint32_t other_count_ = 0;
+    std::atomic<uint32_t> started_{0}; // of them; each by one before it
     std::mutex mutex_;
     std::condition_variable waiting_;
     Item *top_ = nullptr;

@@ -130,7 +130,7 @@ TEST_F(Limits, many_folders_on_every_level_of_a_chain_are_found_again) {
     expect_equal("s", "c");
 }
 
-TEST_F(Limits, one_folder_of_many_files_is_shared_by_all_workers_and_whole) {
+TEST_F(Limits, one_folder_of_many_files_is_whole_with_many_workers) {
     constexpr uint64_t files = is_sanitized ? 5000 : 20000;
     sh("mkdir s; cd s; seq " + std::to_string(files) + " | xargs touch");
     options.workers = 8;
