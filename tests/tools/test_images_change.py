@@ -1,0 +1,79 @@
+"""qzfi restore, resync, rm, prune, export and import: what changes originals, images and stores."""
+import unittest
+
+import support
+from support import Terminal, ToolTest, tool_command
+
+
+class Restore(ToolTest):
+    def change(self):
+        (self.data / "file").write_text("changed\n")
+        (self.data / "new").write_text("new")
+
+    def test_nothing_is_replaced_without_a_terminal_or_yes(self):
+        identity = self.freeze()
+        self.change()
+        for command in ("restore", "resync", "rm"):
+            self.assertIn("say --yes", self.fail_with(2, command, identity, "--store", self.store))
+        self.assertEqual((self.data / "file").read_text(), "changed\n")
+        self.assertEqual(self.listed(), [identity])
+
+    def test_the_answer_on_the_terminal_counts(self):
+        identity = self.freeze()
+        self.change()
+        for answer, code, content in (("n\n", 1, "changed\n"), ("y\n", 0, "content\n")):
+            with Terminal(tool_command("restore", identity, "--store", self.store)) as terminal:
+                terminal.read_until(r"\[y/N\] ")
+                terminal.send(answer)
+                self.assertEqual(terminal.finish().code, code)
+            self.assertEqual((self.data / "file").read_text(), content)
+        self.assertFalse((self.data / "new").exists())
+
+    def test_in_place_elsewhere_and_in_part(self):
+        identity = self.freeze()
+        self.change()
+        plan = self.succeed("restore", identity, "--store", self.store, "--dry-run")
+        self.assertIn(f"{self.data}/file: would be replaced\n", plan)
+        self.assertIn(f"{self.data}/new: would be removed\n", plan)
+        self.json("restore", identity, "--store", self.store, "--to", self.folder / "elsewhere")
+        self.assertEqual((self.folder / "elsewhere/file").read_text(), "content\n")
+        self.assertIn("(1036)", self.fail_with(1, "restore", identity, "--store", self.store, "--to",
+                                               self.folder / "elsewhere"))
+        self.json("resync", identity, "--store", self.store, "--only", "file", "--yes")
+        self.assertEqual((self.data / "file").read_text(), "content\n")
+        self.assertTrue((self.data / "new").exists())
+        self.succeed("resync", identity, "--store", self.store, "--yes")
+        self.assertFalse((self.data / "new").exists())
+
+
+class Remove(ToolTest):
+    def test_images_go_and_wrong_ids_remove_nothing(self):
+        first, second = self.freeze(), self.freeze()
+        self.fail_with(1, "rm", first, "20000101T000000Z-00000000", "--store", self.store, "--yes")
+        self.assertEqual(self.listed(), [first, second])
+        self.assertEqual(self.succeed("rm", first, first, "--store", self.store, "--yes"), f"removed {first}\n")
+        self.assertEqual(self.listed(), [second])
+
+    def test_pruning_keeps_what_the_rules_say(self):
+        ids = [self.freeze() for _ in range(3)]
+        self.fail_with(2, "prune", "--store", self.store, "--yes")
+        document = self.json("prune", "--keep-last", "1", "--store", self.store, "--dry-run")
+        self.assertEqual([one["action"] for one in document["images"]], ["remove", "remove", "keep"])
+        self.assertEqual(self.listed(), ids)
+        document = self.json("prune", "--keep-last", "1", "--store", self.store, "--yes")
+        self.assertEqual([one["removed"] for one in document["images"]], [True, True, False])
+        self.assertEqual(self.listed(), ids[2:])
+
+    def test_an_image_goes_out_and_comes_back(self):
+        identity = self.freeze()
+        folder = self.folder / "out"
+        self.assertEqual(self.succeed("export", identity, "--store", self.store, "--to", folder), f"{folder}\n")
+        self.assertEqual(self.listed(), [])
+        self.assertEqual(self.succeed("import", folder / "fiid.xml", "--store", self.store, "--verify"),
+                         f"{identity}\n")
+        self.assertEqual(self.listed(), [identity])
+        self.assertFalse(folder.exists())
+
+
+if __name__ == "__main__":
+    support.main()
