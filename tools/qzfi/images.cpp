@@ -16,6 +16,13 @@ namespace {
 // What is shorter is rather a slip than a beginning.
 constexpr std::size_t shortest_beginning = 4;
 
+bool is_alone(const qfi_image_list *list, const qfi_image &image) {
+    int count = 0;
+    for (const qfi_image_list *node = list; node != nullptr; node = node->next)
+        count += std::strcmp(node->image.set_id, image.set_id) == 0;
+    return count == 1;
+}
+
 } // namespace
 
 ImageList all_images(const std::string &store) {
@@ -34,7 +41,7 @@ std::string whole_id(const ImageName &name) {
         if (name.id == image.image_id || name.id == image.set_id)
             return name.id;
         if (name.id == "latest" && node->next == nullptr)
-            return image.set_id; // with the newest come all that were made together
+            return is_alone(list.get(), image) ? image.image_id : image.set_id; // with it all that were made together
         if (name.id.size() < shortest_beginning)
             continue;
         if (std::string_view(image.image_id).starts_with(name.id))
