@@ -255,14 +255,11 @@ private:
 };
 
 void take_remarks(Tree &tree, TreeFilesystem &filesystem, const JobHost &host, std::vector<JobHost::Remark> &of_image) {
-    constexpr std::size_t most_remarks = 10000;
+    if (host.has_torn())
+        filesystem.record.consistency = QFI_CONSISTENCY_FUZZY;
     for (const JobHost::Remark &remark : host.remarks()) {
-        if (remark.kind == QFI_REMARK_TORN)
-            filesystem.record.consistency = QFI_CONSISTENCY_FUZZY;
-        if (of_image.size() < most_remarks)
-            of_image.push_back(remark);
-        if (tree.remarks.size() < most_remarks)
-            tree.remarks.push_back(remark);
+        keep_remark(of_image, remark);
+        keep_remark(tree.remarks, remark);
     }
     tree.remark_count += host.remark_count();
     filesystem.record.remarks += host.remark_count();

@@ -15,7 +15,6 @@ namespace qzfi::fi {
 
 namespace {
 
-constexpr std::size_t kept_remarks = 10'000;
 constexpr int directory_flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW;
 
 Descriptor share_lock(const FoundImage &image, int directory, const char *operation) {
@@ -90,14 +89,12 @@ const Provider &provider_of(const TreeFilesystem &filesystem, const char *operat
 
 void Findings::add(JobHost::Remark remark) {
     ++remark_count;
-    if (remarks.size() < kept_remarks)
-        remarks.push_back(std::move(remark));
+    keep_remark(remarks, std::move(remark));
 }
 
 void Findings::add(const JobHost &host) {
     for (const JobHost::Remark &remark : host.remarks())
-        if (remarks.size() < kept_remarks)
-            remarks.push_back(remark);
+        keep_remark(remarks, remark);
     remark_count += host.remark_count();
     entries += host.entries();
     bytes += host.bytes();
@@ -282,8 +279,7 @@ void stored_report(const Tree &tree, Findings &report, const char *operation) {
         StoredReport stored = read_report(image.directory(), operation, filesystem.record.id);
         report.remark_count += stored.count;
         for (JobHost::Remark &remark : stored.remarks)
-            if (report.remarks.size() < kept_remarks)
-                report.remarks.push_back(std::move(remark));
+            keep_remark(report.remarks, std::move(remark));
         report.entries += filesystem.record.entries;
         report.bytes += filesystem.record.bytes;
     }

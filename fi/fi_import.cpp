@@ -229,8 +229,7 @@ private:
         EngineHost host(operation_, path, &progress);
         std::string lost;
         host.on_remark([&](const qfi_remark &remark) {
-            if (remark.kind == QFI_REMARK_VANISHED || remark.kind == QFI_REMARK_UNREADABLE ||
-                remark.kind == QFI_REMARK_TORN)
+            if (is_loss(remark.kind))
                 lost = std::string(remark.path) + ": " + remark.detail +
                        (remark.error != 0 ? ": " + error_text(remark.error) : "");
         });

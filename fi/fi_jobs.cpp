@@ -26,6 +26,7 @@ struct JobHost::State {
     mutable std::mutex mutex;
     std::vector<Remark> remarks;
     uint64_t remark_count = 0;
+    bool has_torn = false;
     bool was_told = false;
     std::string failed_call, failed_object;
     int32_t error = 0;
@@ -69,9 +70,10 @@ JobHost::JobHost(const char *operation, std::string object, Progress *progress) 
         guarded([&] {
             const std::lock_guard lock(state.mutex);
             ++state.remark_count;
-            if (state.remarks.size() < most_remarks && remark != nullptr)
-                state.remarks.push_back({remark->kind, remark->error, state.object, text_or_empty(remark->path),
-                                         text_or_empty(remark->detail)});
+            state.has_torn = state.has_torn || (remark != nullptr && remark->kind == QFI_REMARK_TORN);
+            if (remark != nullptr)
+                keep_remark(state.remarks, {remark->kind, remark->error, state.object, text_or_empty(remark->path),
+                                            text_or_empty(remark->detail)});
             return 0;
         });
     };
@@ -125,6 +127,11 @@ uint64_t JobHost::remark_count() const noexcept {
     return state_->remark_count;
 }
 
+bool JobHost::has_torn() const noexcept {
+    const std::lock_guard lock(state_->mutex);
+    return state_->has_torn;
+}
+
 void JobHost::check(int32_t status, const Provider &provider) const {
     const State &state = *state_;
     if (status == QFI_STATUS_OK)
@@ -140,6 +147,20 @@ void JobHost::check(int32_t status, const Provider &provider) const {
     if (state.was_told && state.error != 0)
         cause += ": " + error_text(state.error);
     fail(message::provider_failed, status, state.operation, {provider.ops->provider_id, path, cause});
+}
+
+bool is_loss(uint32_t remark_kind) noexcept {
+    return remark_kind == QFI_REMARK_TORN || remark_kind == QFI_REMARK_VANISHED || remark_kind == QFI_REMARK_UNREADABLE;
+}
+
+void keep_remark(std::vector<JobHost::Remark> &kept, JobHost::Remark remark) {
+    if (kept.size() < most_remarks)
+        return kept.push_back(std::move(remark));
+    if (!is_loss(remark.kind))
+        return;
+    const auto place = std::find_if(kept.begin(), kept.end(), [](const auto &one) { return !is_loss(one.kind); });
+    if (place != kept.end())
+        *place = std::move(remark);
 }
 
 qfi_report *give_report(const std::vector<JobHost::Remark> &remarks, uint64_t remark_count, uint64_t entries,

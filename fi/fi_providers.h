@@ -48,7 +48,7 @@ public:
     void on_entry(std::function<int32_t(const qfi_entry &)> take);
     uint64_t entries() const noexcept;
     uint64_t bytes() const noexcept;
-    /// The remarks so far, at most 10,000 of them kept, all counted.
+    /// The remarks so far, all counted, and as many kept as `keep_remark` does.
     struct Remark {
         uint32_t kind;
         int32_t error;
@@ -56,6 +56,8 @@ public:
     };
     const std::vector<Remark> &remarks() const noexcept;
     uint64_t remark_count() const noexcept;
+    /// Whether a file was torn, also when the remark was not kept.
+    bool has_torn() const noexcept;
     /// Throws Failure for a status that is not 0: with the operation, the object and errno that the provider named.
     void check(int32_t status, const Provider &provider) const;
 
@@ -63,6 +65,12 @@ private:
     struct State;
     std::unique_ptr<State> state_;
 };
+
+/// Whether a remark says that an image, or a copy of one, does not hold an entry as it was.
+bool is_loss(uint32_t remark_kind) noexcept;
+/// Keeps a remark among at most 10,000: when there are as many already, a loss takes the place of one that is none, for
+/// what becomes of an original depends on it.
+void keep_remark(std::vector<JobHost::Remark> &kept, JobHost::Remark remark);
 
 /// A `qfi_report` of remarks, one block.
 qfi_report *give_report(const std::vector<JobHost::Remark> &remarks, uint64_t remark_count, uint64_t entries,

@@ -42,10 +42,6 @@ std::string joined(const std::string &path, const std::string &below) {
     fail(message::damaged, QFI_FI_DAMAGED, operation, {image.record().id, path, detail + cause});
 }
 
-bool is_loss(uint32_t kind) {
-    return kind == QFI_REMARK_TORN || kind == QFI_REMARK_VANISHED || kind == QFI_REMARK_UNREADABLE;
-}
-
 void copy_directory(const HeldImage &image, const std::string &shown, int source, int target, const char *name,
                     const CopyOut &how) {
     const Provider &provider = provider_of(image.filesystem(), how.operation);

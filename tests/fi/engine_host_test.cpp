@@ -1,7 +1,9 @@
 // What the engine's threads find out is told in the thread whose host has to be told.
+#include <map>
 #include <thread>
 
 #include "fi/fi_engine_host.h"
+#include "fi/fi_providers.h"
 #include "store_support.h"
 
 namespace {
@@ -39,6 +41,30 @@ TEST(EngineHost, the_counts_of_several_calls_add_up) {
         EXPECT_EQ(progress.counts().entries_done, static_cast<uint64_t>(20 * call));
         EXPECT_EQ(progress.counts().bytes_done, static_cast<uint64_t>(200 * call));
     }
+}
+
+// A restore goes by them before it removes what was there.
+TEST(JobHost, losses_are_kept_behind_any_number_of_other_remarks) {
+    const JobHost host(operation, "/object", nullptr);
+    const auto say = [&](uint32_t kind, const char *path) {
+        const qfi_remark remark{kind, path, "detail", EIO};
+        host.record()->remark(host.record()->context, &remark);
+    };
+    for (int count = 0; count < 12'000; ++count)
+        say(QFI_REMARK_ATTRIBUTE, "minor");
+    say(QFI_REMARK_UNREADABLE, "lost");
+    say(QFI_REMARK_VANISHED, "gone");
+    EXPECT_FALSE(host.has_torn());
+    for (int count = 0; count < 10'000; ++count)
+        say(QFI_REMARK_UNREADABLE, "lost too");
+    say(QFI_REMARK_TORN, "torn");
+    EXPECT_EQ(host.remarks().size(), 10'000u);
+    EXPECT_EQ(host.remark_count(), 22'003u);
+    std::map<std::string, int> kept;
+    for (const JobHost::Remark &remark : host.remarks())
+        ++kept[remark.path];
+    EXPECT_EQ(kept, (std::map<std::string, int>{{"lost", 1}, {"gone", 1}, {"lost too", 9'998}}));
+    EXPECT_TRUE(host.has_torn());
 }
 
 } // namespace
