@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 #include "fi/fi_store_folders.h"
 
@@ -150,8 +151,8 @@ std::shared_ptr<Store> Store::open(const std::string &given, bool create, const 
     };
     try {
         const Hush hush;
-        end_pending(*store->state_, remove_tree, operation);
-        remove_debris(*store->state_, remove_tree, operation);
+        store->state_->removed_debris += end_pending(*store->state_, remove_tree, operation);
+        store->state_->removed_debris += remove_debris(*store->state_, remove_tree, operation);
     } catch (const Failure &) {
     }
     return store;
@@ -263,6 +264,7 @@ Store::Repair Store::repair(const char *operation) {
         remove_by_provider(objects, name, path(), operation);
     };
     Repair repair;
+    repair.debris = std::exchange(state_->removed_debris, 0);
     for (const ImageRecord &record : list(operation))
         if (record.state == 3)
             repair.damaged.push_back(record.id);
@@ -270,7 +272,7 @@ Store::Repair Store::repair(const char *operation) {
     if (!state_->is_writable && count_debris(*state_, operation) == 0)
         return repair;
     require_writable(*state_, operation);
-    repair.debris = end_pending(*state_, remove_tree, operation);
+    repair.debris += end_pending(*state_, remove_tree, operation);
     repair.debris += remove_debris(*state_, remove_tree, operation);
     return repair;
 }

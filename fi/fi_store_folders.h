@@ -20,6 +20,7 @@ struct Store::State {
     uint64_t inode = 0;
     bool is_writable = false;
     std::unique_ptr<Catalog> catalog;
+    uint64_t removed_debris = 0; ///< when it was opened; a repair tells of it, as nobody else does
 };
 
 /// An exclusive lock of a file by flock. Let go of explicitly: a child that was forked meanwhile may still have the

@@ -59,7 +59,8 @@ int run(const Settings &settings, const Options &options) {
         print(json_of(findings, failures == 0));
     } else {
         print_text(findings);
-        std::cout << grouped(failures) << " failures, " << grouped(warnings) << " warnings\n";
+        std::cout << grouped(failures) << (failures == 1 ? " failure, " : " failures, ") << grouped(warnings)
+                  << (warnings == 1 ? " warning\n" : " warnings\n");
     }
     return failures == 0 ? exit_done : exit_failed;
 }

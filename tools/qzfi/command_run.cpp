@@ -108,16 +108,32 @@ int32_t hand_on_all(const int32_t *record) {
     }
 }
 
+// The context, held for one command; closing it would wait for ever otherwise.
+class Exchange {
+public:
+    explicit Exchange(const std::string &command) {
+        check(static_cast<int32_t>(qzfi_get_iop(&handle_)), "find the context process");
+        // Locked also when it fails, but for arguments that these are not.
+        const auto status = static_cast<int32_t>(qzfi_sendcmd(handle_, command.c_str(), QFI_LOCK_KEEP));
+        if (status != QFI_STATUS_OK)
+            qzfi_unlock_iop(handle_);
+        check(status, "send the command to the context process");
+    }
+    ~Exchange() { qzfi_unlock_iop(handle_); }
+    Exchange(const Exchange &) = delete;
+    Exchange &operator=(const Exchange &) = delete;
+    const int32_t *record() const { return static_cast<const int32_t *>(handle_); }
+
+private:
+    void *handle_ = nullptr;
+};
+
 int run(const Settings &settings, const Options &options) {
     const Session session(settings);
     const Context context;
-    void *handle = nullptr;
-    check(static_cast<int32_t>(qzfi_get_iop(&handle)), "find the context process");
-    const std::string text = shell_text(options.words);
-    check(static_cast<int32_t>(qzfi_sendcmd(handle, text.c_str(), QFI_LOCK_KEEP)),
-          "send the command to the context process");
-    const int32_t code = hand_on_all(static_cast<const int32_t *>(handle));
-    check(static_cast<int32_t>(qzfi_unlock_iop(handle)), "let go of the context process");
+    // The context process has closed its standard input: what the command opens first would be taken for it.
+    const Exchange exchange("exec </dev/null\n" + shell_text(options.words));
+    const int32_t code = hand_on_all(exchange.record());
     if (code < 0)
         throw Failure("the command was ended by a signal", exit_failed, take_errors());
     return code;
@@ -131,7 +147,7 @@ void add_run(CommandLine &line) {
         [](CLI::App &command, Options &options) {
             command.footer(
                 "Write \"--\" before the command. One word is a text for /bin/bash; several are a command and "
-                "its arguments. It starts\nafter two seconds, has no terminal to read from, and its exit "
+                "its arguments. It starts\nafter two seconds, has nothing to read on standard input, and its exit "
                 "code becomes that of qzfi.");
             command.add_option("COMMAND", options.words, "The command, with its arguments")->required();
         });

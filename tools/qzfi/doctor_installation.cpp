@@ -162,7 +162,8 @@ void check_log(const Settings &settings, Findings &findings) {
     uint64_t bytes = 0;
     for (const LogFile &file : folder.files)
         bytes += file.bytes;
-    const std::string files = grouped(folder.files.size()) + " log files, " + size_text(bytes);
+    const std::string files =
+        grouped(folder.files.size()) + (folder.files.size() == 1 ? " log file, " : " log files, ") + size_text(bytes);
     const std::vector<std::string> levels = trace_level_names(trace_mask(settings.root));
     const std::string obstacle = obstacle_to(folder.path, W_OK | X_OK);
     struct stat status = {};

@@ -1,9 +1,13 @@
 // qzfi: the command. It takes the command line apart, runs one subcommand and tells how it ended.
 #include <clocale>
 #include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
 #include <iostream>
+#include <unistd.h>
 
 #include "tools/qzfi/commands.h"
+#include "tools/qzfi/completion.h"
 
 namespace qzfi::tool {
 
@@ -29,9 +33,31 @@ void declare(CommandLine &line) {
         ->check(CLI::ExistingDirectory);
     app.add_flag("-q,--quiet", line.settings.quiet, "No progress and no remarks on standard error");
     app.add_flag("--trace", line.settings.trace, "Show trace lines on standard error; `qzfi log` chooses which");
+    // Not in the help: whoever installs needs it, once.
+    app.add_option_function<std::string>(
+           "--completion",
+           [&app](const std::string &shell) {
+               std::cout << completion_script(app, shell);
+               throw CLI::Success();
+           },
+           "Print the completion script of a shell: bash or zsh")
+        ->group("")
+        ->check(CLI::IsMember({"bash", "zsh"}))
+        ->trigger_on_parse();
 #define QZFI_COMMAND(name) add_##name(line);
 #include "tools/qzfi/commands.def"
 #undef QZFI_COMMAND
+}
+
+// Where a standard stream was closed, the next file that is opened would take its place, and its text with it: a file
+// of a store, perhaps. What cannot be written to takes it instead, so that the loss of what is said is noticed.
+void occupy_closed_streams() {
+    int descriptor = -1;
+    do
+        descriptor = open("/dev/null", O_RDONLY);
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+    if (descriptor >= 0)
+        close(descriptor);
 }
 
 int run(int argc, char **argv) {
@@ -42,6 +68,10 @@ int run(int argc, char **argv) {
     } catch (const CLI::ParseError &error) {
         return line.app.exit(error) == 0 ? exit_done : exit_usage;
     }
+    // The framework, and what it starts, may be elsewhere.
+    line.settings.root = std::filesystem::absolute(line.settings.root).lexically_normal();
+    if (line.settings.root.size() > 1 && line.settings.root.ends_with('/'))
+        line.settings.root.pop_back();
     int code = exit_done;
     try {
         code = line.action();
@@ -62,6 +92,7 @@ int run(int argc, char **argv) {
 } // namespace qzfi::tool
 
 int main(int argc, char **argv) {
+    qzfi::tool::occupy_closed_streams();
     std::setlocale(LC_ALL, "");
     try {
         return qzfi::tool::run(argc, argv);

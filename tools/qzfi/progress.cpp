@@ -6,8 +6,10 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 
 #include "tools/qzfi/text.h"
@@ -105,6 +107,7 @@ qfi_progress_handler handler = {sizeof(qfi_progress_handler), on_progress};
 
 constexpr std::array<int, 3> ending_signals = {SIGINT, SIGTERM, SIGHUP};
 std::array<struct sigaction, ending_signals.size()> earlier_actions;
+struct sigaction earlier_pipe_action;
 
 } // namespace
 
@@ -115,7 +118,9 @@ qfi_progress_handler *progress_handler() {
 ShownProgress::ShownProgress(bool quiet) {
     const std::lock_guard lock(display.mutex);
     display.shown = !quiet;
-    display.terminal = isatty(STDERR_FILENO) == 1;
+    // A bar is drawn again and again in its place, which not every terminal can do.
+    const char *const kind = std::getenv("TERM");
+    display.terminal = isatty(STDERR_FILENO) == 1 && kind != nullptr && std::string_view(kind) != "dumb";
     display.operation.clear();
 }
 
@@ -136,11 +141,15 @@ Interruptible::Interruptible() {
         if (earlier_actions[index].sa_handler != SIG_IGN)
             sigaction(ending_signals[index], &action, nullptr);
     }
+    // Nobody reading what is said is no reason to leave something half-made.
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, &earlier_pipe_action);
 }
 
 Interruptible::~Interruptible() {
     for (std::size_t index = 0; index < ending_signals.size(); ++index)
         sigaction(ending_signals[index], &earlier_actions[index], nullptr);
+    sigaction(SIGPIPE, &earlier_pipe_action, nullptr);
 }
 
 bool interrupted() {

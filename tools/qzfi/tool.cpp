@@ -1,5 +1,6 @@
 #include "tools/qzfi/tool.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -24,10 +25,19 @@ qfi_handler host = {say_nothing, nullptr, nullptr, nullptr};
 std::string record_text(const qfi_error_info *error) {
     char *text = nullptr;
     if (qfi_op_get_locale_message(error, &text, nullptr) != QFI_STATUS_OK || text == nullptr) {
-        // Without the API implementation library there is nobody who formats; the strings themselves say enough.
-        std::string plain = error->message_id;
-        for (int32_t index = 0; index < error->count; ++index)
-            plain += std::string(index == 0 ? ": " : ", ") + (error->arguments[index] ? error->arguments[index] : "");
+        // Without the API implementation library there is nobody who formats: the first argument is the format.
+        std::string plain =
+            error->count > 0 && error->arguments[0] != nullptr ? error->arguments[0] : error->message_id;
+        for (int32_t index = 1; index < error->count; ++index) {
+            const std::size_t place = plain.find("%s");
+            if (place != std::string::npos)
+                plain.replace(place, 2, error->arguments[index] != nullptr ? error->arguments[index] : "");
+        }
+        for (std::size_t place = plain.find("%s"); place != std::string::npos; place = plain.find("%s"))
+            plain.erase(place, 2); // the record does not hold them all
+        std::replace(plain.begin(), plain.end(), '\n', ' ');
+        while (!plain.empty() && (plain.back() == ' ' || plain.back() == ':'))
+            plain.pop_back();
         return plain;
     }
     std::string result = text;
@@ -54,12 +64,16 @@ Session::~Session() {
 }
 
 std::vector<std::string> take_errors() {
-    std::vector<std::string> texts;
+    // All first: where no library can be loaded to format them, each attempt raises one more.
+    std::vector<const qfi_error_info *> errors;
     qfi_error_info *error = nullptr;
     while (does_last_error_exist(&error) == 1 && error != nullptr) {
-        texts.push_back(record_text(error));
+        errors.push_back(error);
         error = nullptr;
     }
+    std::vector<std::string> texts;
+    for (const qfi_error_info *const each : errors)
+        texts.push_back(record_text(each));
     fi_del_all_errors();
     return texts;
 }

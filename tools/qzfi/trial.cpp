@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +21,7 @@ constexpr int exit_threw = 9;
     const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
         dup2(nowhere, standard);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     // Its own group, so that the whole of it can be ended.
     setpgid(0, 0);
     std::string text;
