@@ -8,6 +8,7 @@
 #include "fi/fi_compare.h"
 #include "fi/fi_engine_host.h"
 #include "fi/fi_place.h"
+#include "fi/fi_report.h"
 #include "fi/fi_restore_copy.h"
 #include "fi/fi_store_folders.h"
 
@@ -64,6 +65,44 @@ void clear(Workshop &workshop, const Place &place, Findings &report) {
         report.add({QFI_REMARK_WARNING, 0, place.path, "",
                     "what was replaced could not be removed altogether, status " + std::to_string(failure.status) +
                         ": " + workshop.path()});
+    }
+}
+
+bool lies_at_or_below(const std::string &path, const std::string &above) {
+    return above.empty() || path == above || (path.compare(0, above.size(), above) == 0 && path[above.size()] == '/');
+}
+
+// An image may have come without its report, and one that is damaged is no reason not to bring back what is there.
+std::vector<JobHost::Remark> remarks_of(const HeldImage &image, const char *operation) {
+    try {
+        const Hush hush;
+        return read_report(image.directory(), operation, image.record().id).remarks;
+    } catch (const Failure &failure) {
+        if (failure.status == QFI_STATUS_NO_MEMORY)
+            throw;
+        return {};
+    }
+}
+
+// What could not be read when the image was made may be there still, and nowhere else.
+void refuse_unread(const Plan &plan, const ObjectRef &one) {
+    const HeldImage image(*one.filesystem, plan.operation);
+    const Provider *const provider = find_provider(image.record().provider_id);
+    if (provider != nullptr && provider->ops->technology == QFI_TECHNOLOGY_SNAPSHOT)
+        return; // it holds what its digests could not be made of
+    const std::string &object = one.object().path;
+    const Descriptor original(open(object.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!original)
+        return;
+    for (const JobHost::Remark &remark : remarks_of(image, plan.operation)) {
+        if (remark.kind != QFI_REMARK_UNREADABLE || remark.object != object ||
+            !lies_at_or_below(remark.path, plan.only))
+            continue;
+        const char *const below = remark.path.empty() ? "." : remark.path.c_str();
+        const Descriptor entry(open_beneath(original.get(), below, O_PATH | O_NOFOLLOW));
+        if (entry || (errno != ENOENT && errno != ENOTDIR && errno != ELOOP))
+            fail(message::would_be_lost, QFI_STATUS_NOT_SUPPORTED, plan.operation,
+                 {joined(object, remark.path), image.record().id});
     }
 }
 
@@ -137,6 +176,7 @@ void refuse_in_place(const Plan &plan) {
         }
         refuse_irreplaceable(open_place(joined(one.object().path, plan.only), plan.operation), plan.stores,
                              plan.operation);
+        refuse_unread(plan, one);
     }
 }
 
@@ -151,10 +191,6 @@ const char *in_words(uint32_t change) {
     default:
         return "would be replaced";
     }
-}
-
-bool lies_at_or_below(const std::string &path, const std::string &above) {
-    return above.empty() || path == above || (path.compare(0, above.size(), above) == 0 && path[above.size()] == '/');
 }
 
 void report_changes(const Plan &plan, const ObjectRef &one, bool digest, Findings &report) {
@@ -333,6 +369,8 @@ void resync_directory(const Plan &plan, const ObjectRef &one, const HeldImage &i
 void resync(TreeLock &tree, const qfi_restore_options &options, Findings &report, const char *operation) {
     require(options.to == nullptr, operation, "the originals are resynchronised where they are");
     const Plan plan = plan_of(tree, options, report, operation);
+    for (const ObjectRef &one : plan.objects)
+        refuse_unread(plan, one);
     if (options.dry_run != 0) {
         report_all_changes(plan, options.digest != 0, report);
     } else {

@@ -265,6 +265,45 @@ TEST_P(Restore, refuses_subvolumes_in_its_way) {
     EXPECT_EQ(differences(top / "volume", top / "copy of volume"), "");
 }
 
+// By a user who owns the folder of a file that only root can read.
+TEST_P(Restore, loses_nothing_that_the_image_could_not_read) {
+    constexpr uid_t user = 65534;
+    if (std::string(GetParam()) != "copy" || geteuid() != 0)
+        GTEST_SKIP() << "once, by root, who can become another user";
+    stop();
+    fs::remove_all(object);
+    fs::create_directory(object);
+    write_file(object / "plain", "plain content");
+    run({"chown", "-R", std::to_string(user), top});
+    write_file(object / "secret", "keep me");
+    fs::permissions(object / "secret", fs::perms::owner_read);
+    ASSERT_EQ(in_child([&] {
+                  ASSERT_EQ(setresuid(user, user, user), 0);
+                  const Framework framework(top / "root");
+                  const Tree tree = freeze({object}, store, "copy");
+                  ASSERT_EQ(remarks_of(tree), 1u);
+                  const std::string refusal = ": " + (object / "secret").string() +
+                                              " would be lost: it could not be read when image " + tree.image_id() +
+                                              " was made; move it away, or restore to another place\n";
+                  EXPECT_EQ(restore(tree), QFI_STATUS_NOT_SUPPORTED);
+                  EXPECT_EQ(last_error(), "qzfi_restore" + refusal);
+                  EXPECT_EQ(qfi_op_resync(tree.get(), nullptr, nullptr), QFI_STATUS_NOT_SUPPORTED);
+                  EXPECT_EQ(last_error(), "qzfi_resync" + refusal);
+                  EXPECT_EQ(restore(tree, nullptr, "plain"), 0) << last_error();
+                  EXPECT_EQ(restore(tree, (top / "new").c_str()), 0) << last_error();
+              }),
+              0);
+    EXPECT_EQ(content_of(object / "secret"), "keep me");
+    ASSERT_EQ(in_child([&] {
+                  ASSERT_EQ(setresuid(user, user, user), 0);
+                  const Framework framework(top / "root");
+                  fs::rename(object / "secret", top / "secret");
+                  const Tree tree = freeze({object}, store, "copy");
+                  EXPECT_EQ(restore(tree), 0) << last_error();
+              }),
+              0);
+}
+
 TEST_P(Restore, resync_changes_only_what_differs) {
     keep(object, top / "kept");
     const Tree tree = freeze({object}, store);
