@@ -283,8 +283,8 @@ TEST_P(Restore, loses_nothing_that_the_image_could_not_read) {
                   const Tree tree = freeze({object}, store, "copy");
                   ASSERT_EQ(remarks_of(tree), 1u);
                   const std::string refusal = ": " + (object / "secret").string() +
-                                              " would be lost: it could not be read when image " + tree.image_id() +
-                                              " was made; move it away, or restore to another place\n";
+                                              " would be lost: unreadable when image " + tree.image_id() +
+                                              " was made; move it away first\n";
                   EXPECT_EQ(restore(tree), QFI_STATUS_NOT_SUPPORTED);
                   EXPECT_EQ(last_error(), "qzfi_restore" + refusal);
                   EXPECT_EQ(qfi_op_resync(tree.get(), nullptr, nullptr), QFI_STATUS_NOT_SUPPORTED);
