@@ -38,6 +38,7 @@ _CLONE_NEWNS = 0x00020000
 _MS_REC, _MS_PRIVATE = 0x4000, 0x40000
 _libc = ctypes.CDLL(None, use_errno=True)
 _mounts_obstacle = "the mounts are not private: run the file by itself"
+_mounted = []
 _root = None
 _scratch = None
 
@@ -182,7 +183,8 @@ class Terminal:
         while self._read(0.2):
             if time.monotonic() > deadline:
                 raise AssertionError(f"still running: {self.command}: {self.output!r}")
-        return Result(self.command, self.process.wait(PATIENCE), self.text(), "")
+        code = self.process.wait(PATIENCE)
+        return Result(self.command, 128 - code if code < 0 else code, self.text(), "")  # as a shell says it
 
     def text(self):
         return self.output.decode("utf-8", "surrogateescape").replace("\r\n", "\n")
@@ -223,6 +225,7 @@ def loop_filesystem(kind, megabytes=256, options=None):
         done = run(command, env=environment(PATH=path))
         if done.code != 0:
             raise unittest.SkipTest(f"no {kind} file system here: {done.err.strip()}")
+    _mounted.append(mount_point)
     return mount_point
 
 
@@ -234,6 +237,7 @@ def memory_filesystem(options):
     done = run(["mount", "-t", "tmpfs", "-o", options, "tmpfs", mount_point])
     if done.code != 0:
         raise unittest.SkipTest("no file system in memory here: " + done.err.strip())
+    _mounted.append(mount_point)
     return pathlib.Path(mount_point)
 
 
@@ -279,9 +283,9 @@ class ToolTest(unittest.TestCase):
         self.assertRegex(identity, f"^{IMAGE_ID}$")
         return identity
 
-    def json(self, *arguments, schema=None):
+    def json(self, *arguments, schema=None, **options):
         """Runs a subcommand with --json; gives the document, which its schema describes."""
-        document = json.loads(self.succeed(*arguments, "--json"))
+        document = json.loads(self.succeed(*arguments, "--json", **options))
         self.check_schema(document, schema or arguments[0])
         return document
 
@@ -306,6 +310,8 @@ def main():
     signal.signal(signal.SIGPIPE, signal.SIG_IGN)
     _own_mounts()
     program = unittest.main(exit=False, verbosity=2)
+    for mount_point in _mounted:
+        run(["umount", "--lazy", mount_point])
     result = program.result
     if not result.wasSuccessful():
         sys.exit(1)

@@ -1,0 +1,57 @@
+"""qzfi run. Each command costs two seconds, so the file stands alone."""
+import os
+import pathlib
+import signal
+import unittest
+
+import support
+from support import ToolTest
+
+
+class Run(ToolTest):
+    def test_output_error_output_and_exit_code_are_the_commands(self):
+        result = support.qzfi("run", "--", "sh", "-c", "echo out; echo err >&2; exit 7")
+        self.assertEqual((result.code, result.out, result.err), (7, "out\n", "err\n"), str(result))
+
+    def test_one_word_is_for_the_shell_and_several_are_kept_apart(self):
+        self.assertEqual(self.succeed("run", "echo a; echo 'b  c'"), "a\nb  c\n")
+        self.assertEqual(self.succeed("run", "--", "printf", "<%s>", "a b", "$HOME", "'", "list", "--json"),
+                         "<a b><$HOME><'><list><--json>")
+
+    def test_more_than_a_pipe_holds_comes_whole(self):
+        result = support.qzfi("run", "--", "seq", "200000")
+        self.assertEqual(result.code, 0, str(result)[-500:])
+        self.assertEqual(result.out, "".join(f"{number}\n" for number in range(1, 200001)))
+
+    def test_it_has_nothing_to_read(self):
+        self.assertEqual(self.succeed("run", "--", "cat", input="not read"), "")
+
+    def test_what_stays_in_the_background_is_not_waited_for(self):
+        pid = self.folder / "pid"
+        self.succeed("run", f"sleep 1000 & echo $! >{pid}")
+        os.kill(int(pid.read_text()), signal.SIGKILL)
+
+    def test_an_end_by_a_signal_is_told(self):
+        error = self.fail_with(1, "run", "kill -9 $$")
+        self.assertIn("qzfi: the command was ended by a signal\n", error)
+
+    def test_ctrl_c_ends_the_command(self):
+        started = self.folder / "started"
+        command = support.tool_command("run", f"echo $$ >{started}; sleep 1000")
+        with support.Terminal(command) as terminal:
+            pid = int(support.wait_for(lambda: started.exists() and started.read_text()))
+            terminal.send("\x03")
+            result = terminal.finish()
+        self.assertEqual(result.code, 130, str(result))
+        support.wait_for(lambda: not pathlib.Path(f"/proc/{pid}").exists(), "the command's end")
+
+    def test_closed_output_is_a_failure(self):
+        with open("/dev/full", "w") as full:
+            process = support.start("run", "echo a", stdout=full)
+            _, error = process.communicate(timeout=support.PATIENCE)
+        self.assertEqual((process.returncode, error),
+                         (1, "qzfi: write to standard output: No space left on device\n"))
+
+
+if __name__ == "__main__":
+    support.main()

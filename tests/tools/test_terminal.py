@@ -1,0 +1,148 @@
+"""What people see: tables, progress and colour on terminals of several widths; and wrong usage."""
+import os
+import re
+import unittest
+
+import support
+from support import IMAGE_ID, LOCAL_TIME, ToolTest
+
+
+def columns_of(text):
+    """Columns of the widest line that was shown, as far as the cursor went."""
+    text = re.sub(r"\x1b\[[0-9;?]*[A-Za-z]", "", text)
+    return max(len(line) for line in re.split(r"[\r\n]", text))
+
+
+class Tables(ToolTest):
+    def setUp(self):
+        super().setUp()
+        self.deep = self.folder / "a-rather-long-name-of-a-folder" / "that-holds-another-one" / "data"
+        self.deep.mkdir(parents=True)
+        self.identity = self.freeze(self.deep, "--method", "copy", "--store", self.store, "--label", "weekly: \x1b[31mµ")
+
+    def test_a_pipe_gets_all_of_it_without_colour(self):
+        lines = self.stable(self.succeed("list", "--store", self.store)).splitlines()
+        self.assertEqual(len(lines), 2)
+        self.assertRegex(lines[0], r"^ID +TIME +METHOD +CONSISTENCY +SIZE +LABEL +OBJECTS$")
+        self.assertRegex(lines[1], r"^ID +TIME +copy +fuzzy +- +weekly: \\x1b\[31mµ +FOLDER/a-rather-long-name-of-a-folder"
+                         r"/that-holds-another-one/data$")
+
+    def test_80_columns_are_kept_by_shortening_what_may_be(self):
+        result = support.on_terminal("list", "--store", self.store, columns=80)
+        self.assertLessEqual(columns_of(result.out), 80 + 25, "ids and times are never shortened")
+        self.assertIn(self.identity, result.out)
+        self.assertIn("...", result.out)
+        self.assertRegex(result.out, LOCAL_TIME)
+
+    def test_200_columns_hold_more(self):
+        narrow = support.on_terminal("list", "--store", self.store, columns=120).out
+        wide = support.on_terminal("list", "--store", self.store, columns=200).out
+        self.assertLessEqual(columns_of(narrow), 120)
+        self.assertLessEqual(columns_of(wide), 200)
+        self.assertGreater(columns_of(wide), columns_of(narrow))
+
+    def test_titles_are_bold_only_where_colour_is_wanted(self):
+        self.assertTrue(support.on_terminal("list", "--store", self.store).out.startswith("\x1b[1mID "))
+        for changes in ({"NO_COLOR": "1"}, {"TERM": "dumb"}, {"TERM": None}):
+            with self.subTest(changes):
+                result = support.on_terminal("list", "--store", self.store, env=support.environment(**changes))
+                self.assertEqual(result.code, 0, str(result))
+                self.assertNotIn("\x1b", result.out)
+        self.assertIn("\x1b[1m", support.on_terminal("list", "--store", self.store,
+                                                     env=support.environment(NO_COLOR="")).out)
+
+    def test_an_empty_list_says_so_unless_quiet(self):
+        empty = self.folder / "empty"
+        self.freeze(self.data, "--method", "copy", "--store", empty)
+        support.qzfi("rm", "--yes", "--store", empty, self.listed(empty)[0])
+        result = support.qzfi("list", "--store", empty)
+        self.assertEqual((result.code, result.out, result.err), (0, "", "no images\n"))
+        self.assertEqual(support.qzfi("list", "--store", empty, "--quiet").err, "")
+
+
+class Progress(ToolTest):
+    def setUp(self):
+        super().setUp()
+        for number in range(4000):
+            (self.data / f"file-{number}").write_bytes(b"x" * 100)
+        self.arguments = ("freeze", self.data, "--method", "copy", "--store", self.store, "--workers", "1")
+
+    def test_a_terminal_gets_a_bar_that_is_gone_afterwards(self):
+        for columns in (80, 200, 40):
+            with self.subTest(columns):
+                result = support.on_terminal(*self.arguments, columns=columns)
+                self.assertEqual(result.code, 0, str(result))
+                self.assertRegex(result.out, r"\r\x1b\[Ksplit .*ent")
+                self.assertRegex(result.out, rf"\r\x1b\[K{IMAGE_ID}\n$")
+                self.assertLess(columns_of(result.out), columns)
+
+    def test_a_terminal_without_cursor_movement_gets_none(self):
+        result = support.on_terminal(*self.arguments, env=support.environment(TERM="dumb"))
+        self.assertRegex(result.out, rf"^{IMAGE_ID}\n$")
+
+    def test_a_pipe_gets_the_id_alone(self):
+        self.assertRegex(self.succeed(*self.arguments), rf"^{IMAGE_ID}\n$")
+
+    def test_quiet_shows_none(self):
+        result = support.on_terminal(*self.arguments, "--quiet")
+        self.assertRegex(result.out, rf"^{IMAGE_ID}\n$")
+
+    def test_json_on_standard_output_is_not_disturbed(self):
+        self.json(*self.arguments, schema="freeze")
+
+
+class Usage(ToolTest):
+    def test_wrong_usage_has_its_exit_code_and_says_nothing_on_output(self):
+        for arguments in ((), ("freeze",), ("nothing",), ("list", "--unknown"), ("list", "surplus"),
+                          ("freeze", "/tmp", "--workers", "0"), ("freeze", "/tmp", "--workers", "x"),
+                          ("freeze", "/tmp", "--store"), ("log", "--level"), ("errmsg",), ("run",), ("methods",),
+                          ("list", "freeze", "/tmp"), ("--completion", "fish")):
+            with self.subTest(arguments):
+                result = support.qzfi(*arguments)
+                self.assertEqual((result.code, result.out), (2, ""), str(result))
+                self.assertNotEqual(result.err, "")
+
+    def test_help_and_version_succeed(self):
+        for arguments in (("--help",), ("--version",), ("freeze", "--help"), ("-h",)):
+            with self.subTest(arguments):
+                result = support.qzfi(*arguments)
+                self.assertEqual((result.code, result.err), (0, ""), str(result))
+                self.assertNotEqual(result.out, "")
+
+    def test_a_root_that_is_not_there_is_wrong_usage(self):
+        result = support.run([support.root() / "bin/qzfi", "--root", self.folder / "none", "list"])
+        self.assertEqual(result.code, 2, str(result))
+
+
+class Root(ToolTest):
+    def setUp(self):
+        super().setUp()
+        self.tool = support.root() / "bin" / "qzfi"
+
+    def test_the_option_goes_before_the_environment(self):
+        nowhere = support.environment(QFI_ROOT=str(self.folder))
+        result = support.run([self.tool, "errmsg", "1024", "--root", support.root()], env=nowhere)
+        self.assertEqual((result.code, result.out), (0, "No such image\n"), str(result))
+        self.assertEqual(support.run([self.tool, "errmsg", "1024"], env=nowhere).code, 1)
+
+    def test_the_environment_goes_before_the_default(self):
+        result = support.run([self.tool, "errmsg", "1024"], env=support.environment(QFI_ROOT=str(support.root())))
+        self.assertEqual((result.code, result.out), (0, "No such image\n"), str(result))
+
+    def test_a_relative_root_is_the_same_root(self):
+        frozen = support.run([self.tool, "--root", "root/", "freeze", self.data, "--method", "copy"],
+                             cwd=support.scratch())
+        self.assertEqual(frozen.code, 0, str(frozen))
+        image, = [image for image in self.json("list")["images"] if image["id"] == frozen.out.strip()]
+        self.assertEqual(image["store"], f"{support.root()}/arcvault/images")
+
+    def test_a_broken_root_is_told_with_the_cause(self):
+        (self.folder / "lib").mkdir()
+        result = support.run([self.tool, "--root", self.folder, "list"])
+        self.assertEqual((result.code, result.out), (1, ""), str(result))
+        self.assertIn(f"{self.folder}/lib/libfi.so", result.err)
+        self.assertNotIn("%s", result.err)
+
+
+if __name__ == "__main__":
+    support.main()
