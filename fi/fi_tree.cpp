@@ -69,7 +69,7 @@ uint64_t device_of(const std::string &path, const char *operation) {
 
 std::string parent_of(const std::string &path) {
     const std::size_t slash = path.rfind('/');
-    return slash == 0 ? "/" : path.substr(0, slash);
+    return slash == 0 ? "/" : slash == std::string::npos ? "." : path.substr(0, slash);
 }
 
 // The topmost directory above a path with the same device number: the mount point, or the root of a nested subvolume,
@@ -146,7 +146,7 @@ namespace {
 Descriptor open_nearest(std::string path) {
     for (;; path = parent_of(path)) {
         Descriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-        if (folder || errno != ENOENT || path == "/")
+        if (folder || errno != ENOENT || path == "/" || path == ".")
             return folder;
     }
 }

@@ -1,5 +1,7 @@
-// qzfi diff: what changed from an image to the originals as they are, or to another image.
+// qzfi diff: what changed from an image to the originals as they are, to another image, or to another directory.
 #include <array>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 
@@ -8,6 +10,7 @@
 #include "tools/qzfi/places.h"
 #include "tools/qzfi/progress.h"
 #include "tools/qzfi/text.h"
+#include "tools/qzfi/trees.h"
 
 namespace qzfi::tool {
 
@@ -19,10 +22,12 @@ struct Options {
     bool digest = false, exit_code = false, json = false;
 };
 
-// What the image is compared with: another one, or, `to` null, the originals, from `within` on.
+// What the image is compared with: another one, another directory, or, `to` null, the originals, from `within` on.
 struct Other {
     Tree to;
-    std::string id, within;
+    std::string id, directory, within;
+
+    std::string text() const { return !id.empty() ? "image " + id : !directory.empty() ? directory : "its originals"; }
 };
 
 bool touches(const qfi_domain *from, const std::string &path) {
@@ -44,8 +49,8 @@ std::string resolved(const std::filesystem::path &given) {
     return path;
 }
 
-// A path in the image's originals, as the image names them. It may be gone: that is a difference. A link at its end is
-// meant itself when it lies in the image, else what it leads to.
+// A path in the image's originals, as the image names them; empty for one elsewhere. It may be gone: that is a
+// difference. A link at its end is meant itself when it lies in the image, else what it leads to.
 std::string original_path(const qfi_domain *from, const std::string &given) {
     const std::filesystem::path path = std::filesystem::absolute(given);
     const std::string name = path.filename().string();
@@ -55,17 +60,31 @@ std::string original_path(const qfi_domain *from, const std::string &given) {
             return itself;
     }
     const std::string target = resolved(path);
-    if (!touches(from, target))
-        throw Failure(target + " is not in the image, which is of " + objects_text(from) +
-                          ": compare it with the files below `qzfi path`, or freeze it and compare the images",
+    return touches(from, target) ? target : "";
+}
+
+void use_directory(Other &other, const qfi_domain *from, const std::string &given) {
+    other.directory = resolved(std::filesystem::absolute(given));
+    std::error_code error;
+    if (!std::filesystem::is_directory(other.directory, error))
+        throw Failure("compare with " + other.directory + ": it is no path of the image, which is of " +
+                          objects_text(from) +
+                          ", and no other directory: " + std::strerror(error ? error.value() : ENOTDIR),
                       exit_usage);
-    return target;
+    if (const std::size_t count = object_nodes(from).size(); count > 1)
+        throw Failure("compare with " + other.directory + ": it is in none of the " + std::to_string(count) +
+                          " objects, " + objects_text(from) +
+                          "; name the image of the one to compare it with, not the set",
+                      exit_usage);
+    other.to = tree_of({other.directory});
 }
 
 Other other_of(const qfi_domain *from, const Options &options) {
     Other other;
     if (options.other.find('/') != std::string::npos || options.other == "." || options.other == "..") {
         other.within = original_path(from, options.other);
+        if (other.within.empty())
+            use_directory(other, from, options.other);
     } else if (!options.other.empty()) {
         other.id = whole_id({options.other, options.image.store});
         other.to = open_tree({other.id, options.image.store});
@@ -104,7 +123,7 @@ int run(const Settings &settings, const Options &options) {
         QFI_INIT(how);
         how.digest = options.digest;
         check(qfi_op_get_snapdiff(from.get(), other.to.get(), &how, Out(diff)),
-              "compare image " + id + " with " + (other.to ? "image " + other.id : "its originals"));
+              "compare image " + id + " with " + other.text());
     }
     Json entries = Json::array();
     uint64_t count = 0;
@@ -121,7 +140,8 @@ int run(const Settings &settings, const Options &options) {
     }
     if (options.json)
         print(Json{{"from", id},
-                   {"to", other.to ? Json(other.id) : Json()},
+                   {"to", other.id.empty() ? Json() : Json(other.id)},
+                   {"directory", other.directory.empty() ? Json() : Json(json_text(other.directory))},
                    {"within", other.within.empty() ? Json() : Json(json_text(other.within))},
                    {"count", count},
                    {"entries", std::move(entries)}});
@@ -136,8 +156,10 @@ void add_diff(CommandLine &line) {
             command.footer("Letters: A added, R removed, C content, T another type, M owner or mode.");
             add_image(command, options.image);
             command
-                .add_option("OTHER", options.other,
-                            "Another image's id, or a path at or below the original; else the originals")
+                .add_option(
+                    "OTHER", options.other,
+                    "Another image's id, a path within the original to compare only that, or another directory; "
+                    "else the originals")
                 ->type_name("ID|PATH");
             command.add_flag("--digest", options.digest, "Compare data where sizes and times agree");
             command.add_flag("--exit-code", options.exit_code, "End with 3 when there are differences");

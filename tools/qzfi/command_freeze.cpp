@@ -76,8 +76,7 @@ void add_freeze(CommandLine &line) {
             command.add_option("PATH", options.paths, "Directories; several are one set")->required();
             command.add_option("--method", options.method, "btrfs, reflink, copy or another provider's; else the best")
                 ->type_name("NAME");
-            command.add_option("--store", options.store, "Where the image is kept; else the method's own place")
-                ->type_name("DIR");
+            add_store(command, options.store, "Where the image is kept; else the method's own place");
             command.add_option("--label", options.label, "A text for people")->type_name("TEXT");
             command
                 .add_option("--pre", options.pre_command,

@@ -60,7 +60,7 @@ int run(const Settings &settings, const Options &options) {
 
 void add_list(CommandLine &line) {
     add_command<Options>(line, "list", "List images, the oldest first", run, [](CLI::App &command, Options &options) {
-        command.add_option("--store", options.store, "Only those of this store")->type_name("DIR");
+        add_store(command, options.store, "Only those of this store");
         add_json(command, options.json);
     });
 }

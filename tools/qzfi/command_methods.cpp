@@ -88,13 +88,12 @@ int run(const Settings &settings, const Options &options) {
 } // namespace
 
 void add_methods(CommandLine &line) {
-    add_command<Options>(
-        line, "methods", "Tell what could freeze directories, and why the rest cannot", run,
-        [](CLI::App &command, Options &options) {
-            command.add_option("PATH", options.paths, "Directories, as for freeze")->required();
-            command.add_option("--store", options.store, "A store instead of each method's own")->type_name("DIR");
-            add_json(command, options.json);
-        });
+    add_command<Options>(line, "methods", "Tell what could freeze directories, and why the rest cannot", run,
+                         [](CLI::App &command, Options &options) {
+                             command.add_option("PATH", options.paths, "Directories, as for freeze")->required();
+                             add_store(command, options.store, "A store instead of each method's own");
+                             add_json(command, options.json);
+                         });
 }
 
 } // namespace qzfi::tool

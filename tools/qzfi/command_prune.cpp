@@ -351,7 +351,7 @@ void add_prune(CommandLine &line) {
                 .add_option("--keep-free", options.keep_free, "Keep so many percent of the store's file system free")
                 ->type_name("PCT")
                 ->check(CLI::Range(0.0, 100.0));
-            command.add_option("--store", options.store, "Only images of this store")->type_name("DIR");
+            add_store(command, options.store, "Only images of this store");
             command.add_option("--object", options.object, "Only images of this directory")->type_name("PATH");
             command.add_flag("--dry-run", options.dry_run, "Only list what would be removed, and why the rest stays");
             add_yes(command, options.yes);

@@ -64,12 +64,11 @@ int run(const Settings &settings, const Options &options) {
 } // namespace
 
 void add_repair(CommandLine &line) {
-    add_command<Options>(
-        line, "repair", "Remove what a crash left in the stores, and tell what is damaged", run,
-        [](CLI::App &command, Options &options) {
-            command.add_option("--store", options.store, "Only this store; else all known ones")->type_name("DIR");
-            add_json(command, options.json);
-        });
+    add_command<Options>(line, "repair", "Remove what a crash left in the stores, and tell what is damaged", run,
+                         [](CLI::App &command, Options &options) {
+                             add_store(command, options.store, "Only this store; else all known ones");
+                             add_json(command, options.json);
+                         });
 }
 
 } // namespace qzfi::tool

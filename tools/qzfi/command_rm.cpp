@@ -70,7 +70,7 @@ void add_rm(CommandLine &line) {
     add_command<Options>(line, "rm", "Remove images", run, [](CLI::App &command, Options &options) {
         command.add_option("ID", options.ids, "Ids of images or sets, unique beginnings of them, or \"latest\"")
             ->required();
-        command.add_option("--store", options.store, "Look in this store instead of the known ones")->type_name("DIR");
+        add_store(command, options.store, "Look in this store instead of the known ones");
         add_yes(command, options.yes);
     });
 }

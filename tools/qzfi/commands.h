@@ -1,6 +1,7 @@
 // The subcommands. Each adds itself to the command line, and says what it does when it was chosen.
 #pragma once
 
+#include <filesystem>
 #include <functional>
 #include <string>
 
@@ -51,10 +52,20 @@ inline void add_yes(CLI::App &command, bool &yes) {
     command.add_flag("-y,--yes", yes, "Do not ask before deleting");
 }
 
+/// The option --store. The library keeps the path, and may be asked from elsewhere: it is made a whole one here.
+inline void add_store(CLI::App &command, std::string &store, const std::string &description) {
+    command
+        .add_option_function<std::string>(
+            "--store",
+            [&store](const std::string &given) { store = given.empty() ? "" : std::filesystem::absolute(given); },
+            description)
+        ->type_name("DIR");
+}
+
 /// The argument ID and the option --store.
 inline void add_image(CLI::App &command, ImageName &image, bool is_required = true) {
     command.add_option("ID", image.id, "An image's id, a unique beginning of it, or \"latest\"")->required(is_required);
-    command.add_option("--store", image.store, "Look in this store instead of the known ones")->type_name("DIR");
+    add_store(command, image.store, "Look in this store instead of the known ones");
 }
 
 } // namespace qzfi::tool

@@ -1,0 +1,115 @@
+"""qzfi diff, restore and the stores that they look into, by other names and in other places than the originals."""
+import os
+import unittest
+
+import support
+from support import ToolTest
+
+
+class Elsewhere(ToolTest):
+    def setUp(self):
+        super().setUp()
+        self.identity = self.freeze()
+        self.copy = self.folder / "copy"
+
+    def test_a_dry_run_lists_what_would_be_made_and_makes_nothing(self):
+        plan = self.succeed("restore", self.identity, "--store", self.store, "--to", self.copy, "--dry-run")
+        self.assertFalse(self.copy.exists())
+        self.assertEqual(len(plan.splitlines()), 4, plan)
+        self.assertTrue(all(line.startswith(f"{self.copy}") for line in plan.splitlines()), plan)
+        document = self.json("restore", self.identity, "--store", self.store, "--to", self.copy, "--dry-run")
+        self.assertEqual((document["to"], document["dry_run"], document["report"]["remarks"]),
+                         (str(self.copy), True, 4))
+        self.assertFalse(self.copy.exists())
+
+    def test_a_restored_folder_is_compared_with_its_image(self):
+        self.succeed("restore", self.identity, "--store", self.store, "--to", self.copy)
+        arguments = ("diff", self.identity, self.copy, "--store", self.store)
+        self.assertEqual(self.succeed(*arguments, "--digest", "--exit-code"), "")
+        (self.copy / "file").write_text("other content\n")
+        (self.copy / "folder" / "other").unlink()
+        document = self.json(*arguments)
+        self.assertEqual((document["to"], document["directory"], document["within"]), (None, str(self.copy), None))
+        changes = {(entry["change"], entry["path"]) for entry in document["entries"]}
+        self.assertLessEqual({("content", "file"), ("removed", "folder/other")}, changes)
+        self.assertEqual(self.succeed("diff", self.identity, "--store", self.store), "", "the original is as it was")
+        self.assertEqual(support.qzfi(*arguments, "--exit-code").code, 3)
+
+    def test_what_is_no_directory_is_refused(self):
+        error = self.fail_with(2, "diff", self.identity, "/etc/passwd", "--store", self.store)
+        self.assertEqual(error, "qzfi: compare with /etc/passwd: it is no path of the image, which is of "
+                                f"{self.data}, and no other directory: Not a directory\n")
+        error = self.fail_with(2, "diff", self.identity, self.folder / "nix", "--store", self.store)
+        self.assertIn("and no other directory: No such file or directory\n", error)
+
+    def test_a_set_is_not_compared_with_one_directory(self):
+        other = self.folder / "second"
+        other.mkdir()
+        identity = self.freeze(self.data, other, "--method", "copy", "--store", self.store)
+        error = self.fail_with(2, "diff", identity, "/etc", "--store", self.store)
+        self.assertEqual(error, f"qzfi: compare with /etc: it is in none of the 2 objects, {self.data} and {other}; "
+                                "name the image of the one to compare it with, not the set\n")
+
+    def test_a_store_may_be_named_from_where_one_is(self):
+        identity = self.succeed("freeze", "data", "--method", "copy", "--store", "new/store", cwd=self.folder)
+        store = self.folder / "new" / "store"
+        self.assertEqual(self.listed(store), [identity.strip()])
+        self.assertEqual(self.json("list", "--store", "new/store", cwd=self.folder),
+                         self.json("list", "--store", store, cwd="/"))
+
+
+class AnyBytes(ToolTest):
+    def test_names_of_any_bytes_come_back_as_they_were(self):
+        names = {b"new\nline", b"\xff\xfe", b"tab\t", b"-dash", b"\x1b[31m", b" ", "\u00e4".encode(), b"q'\"\\$(x)"}
+        folder = os.fsencode(self.data)
+        for name in names:
+            with open(os.path.join(folder, name), "wb") as file:
+                file.write(name)
+        identity = self.freeze()
+        for name in names:
+            os.unlink(os.path.join(folder, name))
+        document = self.json("diff", identity, "--store", self.store)
+        self.assertEqual(len([one for one in document["entries"] if one["change"] == "removed"]), len(names))
+        plain = self.succeed("diff", identity, "--store", self.store)
+        self.assertNotIn("\x1b", plain)
+        self.assertEqual(len(plain.splitlines()), document["count"], "a line each, whatever the names hold")
+        self.succeed("restore", identity, "--store", self.store, "--yes", "--quiet")
+        for name in names:
+            with open(os.path.join(folder, name), "rb") as file:
+                self.assertEqual(file.read(), name)
+        self.assertEqual(set(os.listdir(folder)), names | {b"file", b"folder"})
+
+
+class Damage(ToolTest):
+    def test_a_file_removed_from_the_image_is_told(self):
+        identity = self.freeze()
+        (self.store / "images" / identity / "objects/0/file").unlink()
+        result = support.qzfi("verify", identity, "--store", self.store)
+        self.assertEqual((result.code, result.err), (3, ""), str(result))
+        self.assertIn(f"{identity}  damaged\n", result.out)
+        self.assertIn(f"  {self.data}/file: ", result.out)
+
+    def test_a_damaged_image_is_listed_and_can_be_removed(self):
+        identity = self.freeze()
+        support.run(["rm", "-rf", self.store / "images" / identity])
+        image, = self.json("list", "--store", self.store)["images"]
+        self.assertEqual((image["id"], image["state"]), (identity, "damaged"))
+        error = self.fail_with(1, "restore", identity, "--store", self.store, "--yes")
+        self.assertIn(f"image {identity}: The image is damaged (1032)\n", error)
+        self.assertEqual((self.data / "file").read_text(), "content\n")
+        self.succeed("rm", identity, "--store", self.store, "--yes")
+        self.assertEqual(self.listed(), [])
+
+
+class Quiet(ToolTest):
+    def test_nothing_but_what_was_asked_for_is_printed(self):
+        first, second = self.freeze(), self.freeze()
+        for arguments in (("restore", first, "--yes"), ("resync", first, "--yes"), ("rm", first, "--yes"),
+                          ("restore", second, "--to", self.folder / "there")):
+            with self.subTest(arguments):
+                self.assertEqual(self.succeed(*arguments, "--store", self.store, "--quiet"), "")
+        self.assertEqual(self.listed(), [second])
+
+
+if __name__ == "__main__":
+    support.main()
