@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <dlfcn.h>
 #include <iostream>
 
 #include "tools/qzfi/progress.h"
@@ -22,6 +23,20 @@ void show_trace(qfi_handler *, const char *text, const char *, uint32_t) {
 void say_nothing(qfi_handler *, const char *, const char *, uint32_t) {}
 qfi_handler host = {say_nothing, nullptr, nullptr, nullptr};
 
+// The record of a library that does not load lacks what the loader said: it is asked again.
+std::string loader_words(const qfi_error_info *error) {
+    const char *const path = error->count == 3 ? error->arguments[2] : nullptr;
+    if (std::strcmp(error->message_id, "MSG_QFI_UTIL_E0060") != 0 || path == nullptr)
+        return "";
+    void *const library = dlopen(path, RTLD_LAZY);
+    if (library == nullptr) {
+        const char *const words = dlerror();
+        return words != nullptr ? std::string(": ") + words : "";
+    }
+    dlclose(library);
+    return ": it loads now";
+}
+
 std::string record_text(const qfi_error_info *error) {
     char *text = nullptr;
     if (qfi_op_get_locale_message(error, &text, nullptr) != QFI_STATUS_OK || text == nullptr) {
@@ -38,7 +53,7 @@ std::string record_text(const qfi_error_info *error) {
         std::replace(plain.begin(), plain.end(), '\n', ' ');
         while (!plain.empty() && (plain.back() == ' ' || plain.back() == ':'))
             plain.pop_back();
-        return plain;
+        return plain + loader_words(error);
     }
     std::string result = text;
     qfi_op_del_locale_message(text);
@@ -72,6 +87,7 @@ std::vector<std::string> take_errors() {
         error = nullptr;
     }
     std::vector<std::string> texts;
+    texts.reserve(errors.size());
     for (const qfi_error_info *const each : errors)
         texts.push_back(record_text(each));
     fi_del_all_errors();
