@@ -56,7 +56,7 @@ void print_table(const qfi_qs_combo *combos) {
                  {"COST", Align::right},
                  {"TIME", Align::right},
                  {"STORE", Align::left, true},
-                 {"WHY NOT", Align::left, true}});
+                 {"WHY NOT", Align::left, true, true}});
     for (; combos != nullptr; combos = combos->qsc_next) {
         const auto &info = *static_cast<const qfi_combo_info *>(combos->qsc_libpriv);
         const bool can = info.reason == nullptr;

@@ -36,7 +36,7 @@ void print_table(const std::vector<Provider> &providers) {
                  {"STATE"},
                  {"METHOD"},
                  {"CONSISTENCY"},
-                 {"DESCRIPTION, OR WHY REFUSED", Align::left, true}});
+                 {"DESCRIPTION, OR WHY REFUSED", Align::left, true, true}});
     for (const Provider &provider : providers)
         table.add({printable(provider.id), provider.is_loaded ? "loaded" : "refused",
                    provider.is_loaded ? printable(provider.method) : "-",

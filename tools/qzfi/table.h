@@ -9,11 +9,13 @@ namespace qzfi::tool {
 
 enum class Align { left, right };
 
-/// A column. Of those that may shrink, the widest does first when the terminal is too narrow.
+/// A column. Of those that may shrink, the widest does first when the terminal is too narrow. Before that, the last
+/// column goes below its rows, whole, when it may.
 struct Column {
     const char *title;
     Align align = Align::left;
     bool may_shrink = false;
+    bool may_go_below = false;
 };
 
 class Table {
@@ -26,6 +28,8 @@ public:
     void print() const;
 
 private:
+    std::vector<std::size_t> natural_widths() const;
+
     std::vector<Column> columns_;
     std::vector<std::vector<std::string>> rows_;
 };
