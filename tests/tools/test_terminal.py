@@ -34,6 +34,13 @@ class Tables(ToolTest):
         self.assertIn("...", result.out)
         self.assertRegex(result.out, LOCAL_TIME)
 
+    def test_80_columns_hold_descriptions_whole_below_their_rows(self):
+        lines = support.on_terminal("providers", columns=80, env=support.environment(NO_COLOR="1")).out.splitlines()
+        self.assertEqual(lines[0].split(), ["PROVIDER", "STATE", "METHOD", "CONSISTENCY"])
+        place = lines.index("    A tree of files that share their data with the originals; each file is of")
+        self.assertEqual(lines[place - 1].split(), ["reflink", "loaded", "reflink", "per-file"])
+        self.assertEqual(lines[place + 1], "    one moment")
+
     def test_200_columns_hold_more(self):
         narrow = support.on_terminal("list", "--store", self.store, columns=120).out
         wide = support.on_terminal("list", "--store", self.store, columns=200).out
@@ -102,6 +109,13 @@ class Usage(ToolTest):
                 self.assertEqual((result.code, result.out), (2, ""), str(result))
                 self.assertNotEqual(result.err, "")
 
+    def test_what_is_wrong_is_named(self):
+        for arguments, text in ((("nothing",), "no command nothing; `qzfi --help` tells more"),
+                                (("--nothing",), "no option --nothing; `qzfi --help` tells more"),
+                                (("freeze",), "freeze: PATH is required; `qzfi freeze --help` tells more")):
+            with self.subTest(arguments):
+                self.assertEqual(support.qzfi(*arguments).err, f"qzfi: {text}\n")
+
     def test_help_and_version_succeed(self):
         for arguments in (("--help",), ("--version",), ("freeze", "--help"), ("-h",)):
             with self.subTest(arguments):
@@ -140,8 +154,18 @@ class Root(ToolTest):
         (self.folder / "lib").mkdir()
         result = support.run([self.tool, "--root", self.folder, "list"])
         self.assertEqual((result.code, result.out), (1, ""), str(result))
-        self.assertIn(f"{self.folder}/lib/libfi.so", result.err)
+        library = f"{self.folder}/lib/libfi.so"
+        self.assertIn(f" {library} not loaded: {library}: cannot open shared object file: No such file or directory\n",
+                      result.err)
         self.assertNotIn("%s", result.err)
+
+    def test_a_library_that_does_not_load_is_told_in_the_loader_s_words(self):
+        (self.folder / "lib").mkdir()
+        library = self.folder / "lib" / "libfi.so"
+        library.write_text("this is no shared object at all, however long it is: " + 64 * "x")
+        result = support.run([self.tool, "--root", self.folder, "list"])
+        self.assertEqual((result.code, result.out), (1, ""), str(result))
+        self.assertIn(f" {library} not loaded: {library}: invalid ELF header\n", result.err)
 
 
 if __name__ == "__main__":

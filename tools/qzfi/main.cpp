@@ -8,6 +8,7 @@
 
 #include "tools/qzfi/commands.h"
 #include "tools/qzfi/completion.h"
+#include "tools/qzfi/text.h"
 
 namespace qzfi::tool {
 
@@ -30,7 +31,7 @@ void declare(CommandLine &line) {
     line.settings.root = root != nullptr && *root != '\0' ? root : default_root;
     app.add_option("--root", line.settings.root, "The installation root; else QFI_ROOT, else /usr/lumen")
         ->type_name("DIR")
-        ->check(CLI::ExistingDirectory);
+        ->check(CLI::Validator(CLI::ExistingDirectory).description(""));
     app.add_flag("-q,--quiet", line.settings.quiet, "No progress and no remarks on standard error");
     app.add_flag("--trace", line.settings.trace, "Show trace lines on standard error; `qzfi log` chooses which");
     // Not in the help: whoever installs needs it, once.
@@ -60,13 +61,29 @@ void occupy_closed_streams() {
         close(descriptor);
 }
 
+// Help and version, or what is wrong with the command line.
+int told_usage(const CLI::App &app, const CLI::ParseError &error) {
+    if (error.get_exit_code() == 0) {
+        app.exit(error);
+        return exit_done;
+    }
+    std::string text = error.what();
+    const std::vector<std::string> unknown = app.remaining();
+    if (app.get_subcommands().empty() && !unknown.empty())
+        text = (unknown.front().starts_with('-') ? "no option " : "no command ") + unknown.front();
+    const std::string command = app.get_subcommands().empty() ? "" : app.get_subcommands().front()->get_name();
+    std::cerr << "qzfi: " << command << (command.empty() ? "" : ": ") << printable(text) << "; `qzfi " << command
+              << (command.empty() ? "" : " ") << "--help` tells more\n";
+    return exit_usage;
+}
+
 int run(int argc, char **argv) {
     CommandLine line;
     declare(line);
     try {
         line.app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        return line.app.exit(error) == 0 ? exit_done : exit_usage;
+        return told_usage(line.app, error);
     }
     // The framework, and what it starts, may be elsewhere.
     line.settings.root = std::filesystem::absolute(line.settings.root).lexically_normal();
@@ -93,7 +110,7 @@ int run(int argc, char **argv) {
 
 int main(int argc, char **argv) {
     qzfi::tool::occupy_closed_streams();
-    std::setlocale(LC_ALL, "");
+    (void)std::setlocale(LC_ALL, "");
     try {
         return qzfi::tool::run(argc, argv);
     } catch (const std::exception &error) {
