@@ -100,7 +100,7 @@ int run(const Settings &settings, const Options &options) {
         fail("read " + shown, EISDIR);
     if (!S_ISREG(status.st_mode))
         throw Failure("read " + shown + ": it is no file");
-    std::signal(SIGPIPE, SIG_IGN); // told as any other failure to write
+    (void)std::signal(SIGPIPE, SIG_IGN); // told as any other failure to write
     copy(file.get(), shown);
     return exit_done;
 }

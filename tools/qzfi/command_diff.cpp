@@ -56,7 +56,7 @@ std::string original_path(const qfi_domain *from, const std::string &given) {
     const std::string name = path.filename().string();
     if (!name.empty() && name != "." && name != "..") {
         const std::string above = resolved(path.parent_path());
-        if (const std::string itself = (above == "/" ? "" : above) + "/" + name; touches(from, itself))
+        if (std::string itself = (above == "/" ? "" : above) + "/" + name; touches(from, itself))
             return itself;
     }
     const std::string target = resolved(path);

@@ -81,7 +81,7 @@ void draw_bar(const qfi_progress &progress, double seconds) {
     line += "  " + printable(progress.object);
     // A line that wraps could not be drawn over.
     std::fprintf(stderr, "\r\033[K%s", shortened(line, terminal_width(STDERR_FILENO) - 1).c_str());
-    std::fflush(stderr);
+    (void)std::fflush(stderr);
     display.line_open = true;
 }
 
@@ -136,20 +136,20 @@ Interruptible::Interruptible() {
     action.sa_handler = note_signal;
     action.sa_flags = SA_RESTART;
     for (std::size_t index = 0; index < ending_signals.size(); ++index) {
-        sigaction(ending_signals[index], nullptr, &earlier_actions[index]);
+        (void)sigaction(ending_signals[index], nullptr, &earlier_actions[index]);
         // One that the caller ignores, as nohup does with SIGHUP, stays ignored.
         if (earlier_actions[index].sa_handler != SIG_IGN)
-            sigaction(ending_signals[index], &action, nullptr);
+            (void)sigaction(ending_signals[index], &action, nullptr);
     }
     // Nobody reading what is said is no reason to leave something half-made.
     action.sa_handler = SIG_IGN;
-    sigaction(SIGPIPE, &action, &earlier_pipe_action);
+    (void)sigaction(SIGPIPE, &action, &earlier_pipe_action);
 }
 
 Interruptible::~Interruptible() {
     for (std::size_t index = 0; index < ending_signals.size(); ++index)
-        sigaction(ending_signals[index], &earlier_actions[index], nullptr);
-    sigaction(SIGPIPE, &earlier_pipe_action, nullptr);
+        (void)sigaction(ending_signals[index], &earlier_actions[index], nullptr);
+    (void)sigaction(SIGPIPE, &earlier_pipe_action, nullptr);
 }
 
 bool interrupted() {

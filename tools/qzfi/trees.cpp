@@ -11,6 +11,7 @@ std::string joined(const std::vector<std::string> &words) {
 
 Tree tree_of(const std::vector<std::string> &paths) {
     std::vector<qfi_object> objects;
+    objects.reserve(paths.size());
     for (const std::string &path : paths)
         objects.push_back({path.c_str(), nullptr});
     Tree tree;

@@ -20,7 +20,7 @@ constexpr int exit_threw = 9;
 [[noreturn]] void be_the_child(int output, Json (*work)(const std::string &), const std::string &argument) {
     const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
     for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
-        dup2(nowhere, standard);
+        (void)dup2(nowhere, standard);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     // Its own group, so that the whole of it can be ended.
     setpgid(0, 0);
