@@ -294,6 +294,10 @@ void split_object(Tree &tree, TreeFilesystem &filesystem, std::size_t index, Pro
     // The manifest's failure says more than the provider's, which was only told to stop.
     if (taker)
         taker->finish(filesystem.record);
+    // The original is only read, and may lie elsewhere: what is full is where the image is made.
+    if (result == QFI_FI_NO_SPACE)
+        fail(message::no_space, result, operation,
+             {filesystem.store->image_path(filesystem.record.id) + "/objects/" + name});
     host.check(result, *filesystem.provider);
     if (index != 0 && job.same_instant == 0)
         filesystem.record.consistency = std::min<uint32_t>(filesystem.record.consistency, QFI_CONSISTENCY_PER_FILE);
