@@ -60,6 +60,7 @@ class Stores(ToolTest):
         error = self.fail_with(1, "freeze", self.data, "--method", "copy", "--store", store, "--post", f"touch {post}",
                                "--pre", f"head -c 18M /dev/zero >{mount_point}/filler")
         self.assertIn(f"qzfi: freeze {self.data}: No space left (1029)\n", error)
+        self.assertIn(f"\n  qzfi_split: no space left on the file system of {store}/images/", error)
         self.assertTrue(post.exists())
         self.assertEqual(self.listed(store), [first])
         self.assertEqual(os.listdir(store / "images"), [first])
