@@ -76,6 +76,9 @@ void Walker::entry(Worker &worker, Directory &directory, const char *name, uint8
     if (!S_ISLNK(stat.stx_mode))
         return tell_entry(worker, &directory, name, stat, nullptr, nullptr);
     const ssize_t size = readlinkat(directory.source, name, link_target, PATH_MAX);
+    // Something else took the link's name: that is looked at instead.
+    if (size < 0 && errno == EINVAL)
+        return push_entry(directory, name, DT_UNKNOWN, 0);
     if (size < 0)
         return passed_over(worker, "readlinkat", directory, name, errno);
     link_target[size] = '\0';
