@@ -79,7 +79,8 @@ void refuse_full_folder(const std::string &path, int directory, const char *oper
     if (exists(directory, database_name))
         return;
     for (const std::string &name : names_in(directory, path, operation))
-        if (name != images_name && name != lock_name && name != "reserve" && name != "lost+found")
+        if (name != images_name && name != lock_name && name != "reserve" && name != "lost+found" &&
+            !exists(directory, database_name)) // which another process may have made meanwhile
             fail(message::store_unusable, QFI_FI_STORE, operation,
                  {path, "it is no store, and holds \"" + name + "\""});
 }
