@@ -190,9 +190,10 @@ void Copier::leave(Worker &worker, Directory &directory) {
         if (stat_of(directory.target, now) == 0)
             known = {now.stx_uid, now.stx_gid, now.stx_mode, true};
     }
-    const uint32_t flags = directory.has_attributes ? flags_of(directory.source) : 0;
+    const bool with_extended = !directory.is_gone && (directory.has_attributes || updates_);
+    const uint32_t flags = directory.has_attributes && !directory.is_gone ? flags_of(directory.source) : 0;
     const Subject subject{*this, worker, &directory, nullptr};
-    keep_attributes(subject, from, to, directory.stat, known, directory.has_attributes || updates_, flags);
+    keep_attributes(subject, from, to, directory.stat, known, with_extended, flags);
     tell_entry(worker, &directory, nullptr, directory.stat, nullptr, nullptr);
 }
 

@@ -31,6 +31,10 @@ int open_to_read(int directory, const char *name, int flags) noexcept {
     return open_within(directory, name, flags | O_RDONLY | O_NONBLOCK); // another user's: its access time will move
 }
 
+bool means_gone(int error) noexcept {
+    return error == ESTALE || error == ENOENT || error == ENOTDIR || error == ELOOP || error == EXDEV;
+}
+
 Directory *Directory::make(Directory *parent, const char *name) {
     const std::size_t length = strlen(name);
     Bytes memory = allocate(sizeof(Directory) + length + 1);
@@ -116,8 +120,11 @@ void Directories::shut(Directory &directory) noexcept {
 }
 
 bool Directories::reopen(Directory &directory, const Directory *open_child) noexcept {
-    if (directory.source == -2 && !reopen_side(directory, &Directory::source, open_child))
-        return false;
+    if (directory.source == -2 && !directory.is_gone && !reopen_side(directory, &Directory::source, open_child)) {
+        if (!means_gone(errno))
+            return false;
+        directory.is_gone = true;
+    }
     if (directory.target == -2 && !reopen_side(directory, &Directory::target, open_child)) {
         const int error = errno;
         if (directory.source >= 0) {

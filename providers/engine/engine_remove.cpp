@@ -25,6 +25,7 @@ protected:
     void entry(Worker &worker, Directory &directory, const char *name, uint8_t type, uint64_t inode) override;
     bool enter(Worker &worker, Directory &parent, Directory &child) override;
     void leave(Worker &worker, Directory &directory) override;
+    void gone(Worker &worker, Directory &directory) override;
 
 private:
     bool open_directory(Worker &worker, int parent, Directory &above, const char *name, Directory &child);
@@ -144,8 +145,16 @@ void Remover::leave(Worker &worker, Directory &directory) {
     }
     if (!directories.acquire(*parent, &directory))
         return fail_target(worker, "openat2", parent, nullptr, errno);
-    remove_directory(worker, parent->source, directory.name(), directory);
+    if (parent->is_gone)
+        gone(worker, *parent);
+    else
+        remove_directory(worker, parent->source, directory.name(), directory);
     directories.release(*parent);
+}
+
+/// What was moved away is not removed, and must not be taken to be.
+void Remover::gone(Worker &worker, Directory &directory) {
+    fail_target(worker, "openat2", &directory, nullptr, ESTALE);
 }
 
 bool Remover::remove_directory(Worker &worker, int parent, const char *name, Directory &directory) {

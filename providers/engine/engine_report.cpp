@@ -148,6 +148,10 @@ void Run::passed_over(Worker &worker, const char *operation, Directory &director
     missed(worker, operation, directory, name, "cannot be opened", error);
 }
 
+void Run::gone(Worker &worker, Directory &directory) {
+    remark(worker, QFI_REMARK_VANISHED, &directory, nullptr, "renamed or removed before all of it was read", 0);
+}
+
 void Run::tell_entry(Worker &worker, Directory *directory, const char *name, const Stat &stat, const char *link_target,
                      const uint8_t *digest) {
     ++worker.entries;

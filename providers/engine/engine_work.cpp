@@ -233,16 +233,17 @@ void Run::process(Worker &worker, Popped &popped) {
         return done_in(worker, &directory);
     }
     if (!directories.acquire(directory)) {
-        fail_source(worker, "openat2", &directory, nullptr, errno);
+        not_acquired(worker, directory, errno);
         return done_in(worker, &directory);
     }
-    if (item->kind == Item::Kind::listing)
-        return list(worker, directory);
     try {
-        entries(worker, directory, item->records(), item->position, item->end);
+        if (is_readable(worker, directory) && item->kind == Item::Kind::entries)
+            entries(worker, directory, item->records(), item->position, item->end);
     } catch (const std::bad_alloc &) {
         stop(QFI_STATUS_NO_MEMORY);
     }
+    if (item->kind == Item::Kind::listing && !directory.is_gone)
+        return list(worker, directory);
     directories.release(directory);
     done_in(worker, &directory);
 }
@@ -251,12 +252,14 @@ void Run::open_subdirectory(Worker &worker, Directory &parent, const char *name)
     Directory *child = nullptr;
     bool is_entered = false;
     if (!directories.acquire(parent)) {
-        fail_source(worker, "openat2", &parent, nullptr, errno);
+        not_acquired(worker, parent, errno);
         return done_in(worker, &parent);
     }
     try {
-        child = Directory::make(&parent, name);
-        is_entered = enter(worker, parent, *child);
+        if (is_readable(worker, parent)) {
+            child = Directory::make(&parent, name);
+            is_entered = enter(worker, parent, *child);
+        }
     } catch (const std::bad_alloc &) {
         stop(QFI_STATUS_NO_MEMORY);
     }
@@ -267,6 +270,20 @@ void Run::open_subdirectory(Worker &worker, Directory &parent, const char *name)
     }
     directories.unreference(child);
     done_in(worker, &parent);
+}
+
+/// Whether an acquired directory still has its source; tells the first time that it has not.
+bool Run::is_readable(Worker &worker, Directory &directory) {
+    if (directory.is_gone && !directory.is_told_gone.exchange(true))
+        gone(worker, directory);
+    return !directory.is_gone;
+}
+
+/// Of a directory whose source is gone at least the target is had: what is gone here is the target.
+void Run::not_acquired(Worker &worker, Directory &directory, int error) {
+    if (means_gone(error))
+        return fail_target(worker, "openat2", &directory, nullptr, ESTALE);
+    fail_source(worker, "openat2", &directory, nullptr, error);
 }
 
 bool Run::enter_source(Worker &worker, Directory &parent, Directory &child) {
@@ -389,7 +406,9 @@ void Run::done_in(Worker &worker, Directory *directory) {
         const bool is_open = !is_stopped() && directories.acquire(*directory, child);
         if (is_open) {
             try {
-                leave(worker, *directory);
+                is_readable(worker, *directory);
+                if (!is_stopped())
+                    leave(worker, *directory);
             } catch (const std::bad_alloc &) {
                 stop(QFI_STATUS_NO_MEMORY);
             }

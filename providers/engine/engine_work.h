@@ -34,7 +34,9 @@ struct Directory {
     uint32_t users = 0;
     bool is_counted = false; // among the open ones
     bool was_closed = false;
-    bool lost_position = false;                   // of the listing, by being closed
+    bool lost_position = false; // of the listing, by being closed
+    bool is_gone = false;       // its source was renamed or removed while it was closed: -2 for good
+    std::atomic<bool> is_told_gone{false};
     int64_t listing_position = 0;                 // behind the last record that was read
     Directory *older = nullptr, *newer = nullptr; // among the open ones that nobody uses
 
@@ -54,7 +56,8 @@ inline bool is_excluded(const Options &options, const Stat &stat) noexcept {
 class Directories {
 public:
     explicit Directories(std::size_t limit) : limit_(limit) {}
-    /// Makes the descriptors usable until `release`; false with errno when they cannot be had again.
+    /// Makes the descriptors usable until `release`; false with errno when they cannot be had again. Whose source
+    /// is gone has its target only.
     bool acquire(Directory &directory, const Directory *open_child = nullptr) noexcept;
     void release(Directory &directory) noexcept;
     /// Counts a directory with fresh descriptors and one user.
@@ -72,6 +75,9 @@ private:
     std::size_t limit_, open_ = 0;
     Directory *oldest_ = nullptr, *newest_ = nullptr;
 };
+
+/// What finding a directory by its name ends with when another thing, or none, has the name now.
+bool means_gone(int error) noexcept;
 
 class Run;
 
@@ -180,6 +186,8 @@ protected:
     virtual void leave(Worker &worker, Directory &directory) = 0;
     virtual void copy_range(Worker &, FileRange *) {}
     virtual void drop_range(FileRange *) noexcept {}
+    /// Called once for a directory that is gone, with what was not yet read of it.
+    virtual void gone(Worker &worker, Directory &directory);
     /// What is there and cannot be opened or listed: a remark, unless the process has run short.
     virtual void missed(Worker &worker, const char *operation, Directory &directory, const char *name,
                         const char *detail, int error);
@@ -215,6 +223,8 @@ private:
     bool shares(Directory &directory, char *records, uint32_t position, uint32_t &end);
     void drop(Item *item);
     void want_help();
+    bool is_readable(Worker &worker, Directory &directory);
+    void not_acquired(Worker &worker, Directory &directory, int error);
 
     void tell_progress();
 

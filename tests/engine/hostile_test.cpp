@@ -1,9 +1,11 @@
 // Trees that change while they are read, on purpose or by chance.
 #include "engine_support.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -163,6 +165,66 @@ TEST_F(Hostile, racing_swaps_neither_hang_nor_leak_what_is_outside) {
     ends = true;
     racer.join();
     EXPECT_EQ(output("cat secret/f"), "hidden");
+}
+
+/// A tree whose `p` is closed for want of descriptors when the deepest directory is listed, and renamed then.
+class Renamed : public Hostile {
+protected:
+    void SetUp() override {
+        sh("for i in a b c; do mkdir -p s/p/$i/1/2/3/4/5/6/7; printf x > s/p/$i/1/2/3/4/5/6/7/f; done; "
+           "mkdir s/z; printf z > s/z/f; chmod 751 s/p");
+        getrlimit(RLIMIT_NOFILE, &before_);
+        const rlimit few{40, before_.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &few);
+        test_hook = [](Point point, const char *name) {
+            if (point == Point::listed && std::string_view(name) == "7" && times++ == 0) {
+                EXPECT_EQ(rename((place + "/s/p").c_str(), (place + "/away").c_str()), 0);
+            }
+        };
+    }
+    void TearDown() override { setrlimit(RLIMIT_NOFILE, &before_); }
+    /// What is in it is missing from there on, and said once.
+    void expect_vanished(const Result &result) {
+        EXPECT_EQ(result.status, 0) << host.failed_operation << " " << host.failed_object << host.failed_error;
+        EXPECT_TRUE(host.has_remark(QFI_REMARK_VANISHED, "p"));
+        const auto of_it = std::count_if(host.remarks.begin(), host.remarks.end(),
+                                         [](const TestHost::Remark &remark) { return remark.path == "p"; });
+        EXPECT_EQ(of_it, 1);
+    }
+
+private:
+    rlimit before_{};
+};
+
+TEST_F(Renamed, a_directory_that_cannot_be_found_again_is_remarked_as_vanished) {
+    expect_vanished(copy("s", "c"));
+    EXPECT_EQ(output("find c -type f | wc -l"), "2\n");
+    EXPECT_EQ(output("cat c/z/f; stat -c %a c/p"), "z751\n");
+}
+
+TEST_F(Renamed, another_directory_of_that_name_is_not_taken_for_it) {
+    test_hook = [](Point point, const char *name) {
+        if (point == Point::listed && std::string_view(name) == "7" && times++ == 0)
+            sh_at_place("mv s/p away; mkdir -p s/p/a s/p/b s/p/c; echo other > s/p/a/f; echo other > s/p/f");
+    };
+    expect_vanished(copy("s", "c"));
+    EXPECT_EQ(output("find c -type f | xargs cat"), "xz");
+}
+
+TEST_F(Renamed, a_walk_goes_on_without_it) {
+    options.entries = true;
+    expect_vanished(walk("s"));
+    EXPECT_EQ(host.entries.count("z/f"), 1u);
+}
+
+TEST_F(Renamed, a_copy_that_somebody_renames_meanwhile_fails) {
+    test_hook = [](Point point, const char *name) {
+        if (point == Point::listed && std::string_view(name) == "7" && times++ == 0) {
+            EXPECT_EQ(rename((place + "/c/p").c_str(), (place + "/away").c_str()), 0);
+        }
+    };
+    EXPECT_EQ(copy("s", "c").status, static_cast<int32_t>(QFI_FI_WRITE));
+    EXPECT_EQ(host.failed_object, "p");
 }
 
 TEST_F(Hostile, an_unreadable_file_is_remarked_and_the_rest_is_copied) {
