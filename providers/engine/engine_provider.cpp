@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <linux/btrfs.h>
 #include <linux/openat2.h>
+#include <memory>
 #include <set>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -35,33 +36,65 @@ public:
             left_out_ = {status.st_dev, status.st_ino};
     }
 
-    /// False when there are too many.
-    bool count(Descriptor directory, Estimate &sum) {
-        DIR *const stream = fdopendir(dup(directory.get()));
-        if (stream == nullptr)
-            return true; // what cannot be read costs nothing
-        bool few = true;
-        std::vector<std::string> below;
-        while (const dirent *entry = readdir(stream)) {
-            const std::string name = entry->d_name;
-            if (name == "." || name == "..")
+    /// False when there are too many. However deep a tree is, one directory of it is open, and another on the way.
+    bool count(int source, Estimate &sum) {
+        std::vector<Level> levels;
+        Descriptor at = open_directory(source, "");
+        if (at && !enter(at.get(), levels, sum))
+            return false;
+        while (!levels.empty()) {
+            if (levels.back().below.empty()) {
+                levels.pop_back();
+                if (!levels.empty() && !go_up(at, levels.back()))
+                    return true; // moved elsewhere meanwhile: what was counted is all there is to say
                 continue;
-            few = add(directory.get(), name, sum, below);
-            if (!few)
-                break;
+            }
+            const std::string name = std::move(levels.back().below.back());
+            levels.back().below.pop_back();
+            Descriptor child(openat(at.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            if (!child)
+                continue; // what cannot be read costs nothing
+            at = std::move(child);
+            if (!enter(at.get(), levels, sum))
+                return false;
         }
-        closedir(stream);
-        for (const std::string &name : below)
-            few = few && count_below(directory.get(), name, sum);
-        return few;
+        return true;
     }
 
 private:
-    bool count_below(int at, const std::string &name, Estimate &sum) {
-        Descriptor directory(openat(at, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!directory)
-            return errno != EMFILE; // a very deep tree is not a small one
-        return count(std::move(directory), sum);
+    struct Level {
+        dev_t device;
+        ino_t inode;
+        std::vector<std::string> below; // directories not yet counted
+    };
+    struct CloseStream {
+        void operator()(DIR *stream) const noexcept { closedir(stream); }
+    };
+
+    bool enter(int directory, std::vector<Level> &levels, Estimate &sum) {
+        struct stat status {};
+        fstat(directory, &status);
+        Level &level = levels.emplace_back(Level{status.st_dev, status.st_ino, {}});
+        Descriptor copy(fcntl(directory, F_DUPFD_CLOEXEC, 3));
+        const std::unique_ptr<DIR, CloseStream> stream(copy ? fdopendir(copy.get()) : nullptr);
+        if (!stream)
+            return true;
+        copy.release();
+        while (const dirent *entry = readdir(stream.get())) {
+            const std::string name = entry->d_name;
+            if (name != "." && name != ".." && !add(directory, name, sum, level.below))
+                return false;
+        }
+        return true;
+    }
+
+    static bool go_up(Descriptor &at, const Level &level) {
+        Descriptor up(openat(at.get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        struct stat status {};
+        if (!up || fstat(up.get(), &status) != 0 || status.st_dev != level.device || status.st_ino != level.inode)
+            return false;
+        at = std::move(up);
+        return true;
     }
 
     bool add(int at, const std::string &name, Estimate &sum, std::vector<std::string> &below) {
@@ -233,7 +266,7 @@ bool same_file_system(int one, int other) noexcept {
 
 Estimate estimate(int source, int store) {
     Estimate sum;
-    sum.counted = Counter(source, store).count(open_directory(source, ""), sum);
+    sum.counted = Counter(source, store).count(source, sum);
     if (sum.counted)
         return sum;
     struct statvfs status {};

@@ -6,6 +6,7 @@
 #include <exception>
 #include <new>
 #include <string>
+#include <utility>
 
 #include <qzfi/fi_types.h>
 
@@ -22,6 +23,7 @@ public:
     ~Descriptor();
     int get() const noexcept { return fd_; }
     explicit operator bool() const noexcept { return fd_ >= 0; }
+    int release() noexcept { return std::exchange(fd_, -1); }
 
 private:
     int fd_ = -1;

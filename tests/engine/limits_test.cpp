@@ -9,6 +9,7 @@
 
 #include <qzfi_fi.h>
 
+#include "providers/engine/engine_provider.h"
 #include "support/loop_filesystem.h"
 #include "support/sanitized.h"
 
@@ -116,6 +117,20 @@ TEST_F(Limits, a_chain_of_ten_thousand_folders_needs_few_descriptors) {
     EXPECT_EQ(remove("c").status, 0);
     EXPECT_EQ(remove("s").status, 0);
     setrlimit(RLIMIT_NOFILE, &before);
+}
+
+TEST_F(Limits, an_estimate_of_a_chain_of_folders_needs_few_descriptors_and_keeps_none) {
+    make_chain("s", 1500);
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit few{32, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+    const std::string open_before = output("ls /proc/$PPID/fd");
+    const qzfi::provider::Estimate sum = qzfi::provider::estimate(Folder(at + "/s").fd, -1);
+    EXPECT_EQ(output("ls /proc/$PPID/fd"), open_before);
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_TRUE(sum.counted);
+    EXPECT_EQ(sum.entries, 3000u);
 }
 
 TEST_F(Limits, many_folders_on_every_level_of_a_chain_are_found_again) {
