@@ -9,7 +9,7 @@ namespace qzfi::fi {
 
 inline constexpr char export_document[] = "fiid.xml";
 
-/// Copies a file of the same name, synced. Throws.
+/// Copies a file of the same name, synced, with its holes. Throws.
 void copy_plain_file(int from, int to, const char *name, const std::string &path, const char *operation);
 /// Makes and opens a directory of this user's alone. Throws.
 Descriptor make_directory(int at, const std::string &name, const std::string &path, const char *operation);

@@ -175,7 +175,7 @@ CommandResult run_post_command(Tree &tree) {
 }
 
 // Back to where the tree was before it was prepared.
-void fall_back(Tree &tree, const char *operation) noexcept {
+void fall_back(Tree &tree, const char *operation, bool tells_post_command = true) noexcept {
     discard_images(tree, operation);
     tree.state = QFI_TREE_SELECTED;
     tree.has_fallen_back = true;
@@ -184,7 +184,7 @@ void fall_back(Tree &tree, const char *operation) noexcept {
     const std::string command = tree.options.post_command;
     try {
         tree.post_run = run_post_command(tree);
-        if (!tree.post_run->succeeded())
+        if (tells_post_command && !tree.post_run->succeeded())
             tell_failed_post_command(operation, command, *tree.post_run);
     } catch (...) {
         // Without memory for its result the command was run all the same, by the guard if not by us.
@@ -406,10 +406,10 @@ std::string fiid_document(const Tree &tree, const char *operation) {
     return write_fiid(fiid, operation);
 }
 
-void abandon(Tree &tree, const char *operation) noexcept {
+void abandon(Tree &tree, const char *operation, bool tells_post_command) noexcept {
     const bool was_split = tree.state >= QFI_TREE_SPLIT;
     const int32_t state = tree.state;
-    fall_back(tree, operation);
+    fall_back(tree, operation, tells_post_command);
     if (was_split)
         tree.state = std::max<int32_t>(state, QFI_TREE_FROZEN);
 }

@@ -283,6 +283,8 @@ void stored_report(const Tree &tree, Findings &report, const char *operation) {
         report.entries += filesystem.record.entries;
         report.bytes += filesystem.record.bytes;
     }
+    for (const JobHost::Remark &remark : tree.import_remarks)
+        report.add(remark);
 }
 
 void repair(const char *given, Findings &report, const char *operation) {

@@ -102,7 +102,7 @@ public:
     }
 
     // The images are in the store, so what cannot be removed is told, but no failure.
-    void remove_source() const {
+    void remove_source(Tree &tree) const {
         if (options_.keep_source != 0)
             return;
         try {
@@ -110,7 +110,8 @@ public:
                 remove_snapshots(image.record);
             remove_plainly(place_.parent.get(), place_.name.c_str(), operation_);
         } catch (const Failure &) {
-            return;
+            tree.import_remarks.push_back(
+                {QFI_REMARK_WARNING, 0, place_.path, "", "imported, but this folder could not be removed: remove it"});
         }
     }
 
@@ -133,7 +134,16 @@ private:
             require_type(directory.get(), name, name == objects_name ? S_IFDIR : S_IFREG, record.id,
                          path_of(record, name), operation_);
         }
+        require_short_report(record, directory.get());
         require_sound_objects(record, directory.get());
+    }
+
+    // It is held in memory when it is read. Manifests are read piece by piece.
+    void require_short_report(const ImageRecord &record, int directory) const {
+        struct stat status {};
+        if (fstatat(directory, report_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            status.st_size > static_cast<off_t>(report_limit))
+            fail_folder(record.id, path_of(record, report_name), "it is larger than 64 MiB", operation_);
     }
 
     void require_sound_objects(const ImageRecord &record, int directory) const {
@@ -255,8 +265,10 @@ private:
             open_beneath(image.objects(), NewImage::object_name(index).c_str(), O_RDONLY | O_DIRECTORY));
         if (!copy)
             fail_call(operation_, "open", path, errno, true);
+        Progress progress(operation_, path);
         WalkOptions options;
         options.digest = record.has_digests;
+        options.progress = &progress;
         ManifestReader expected(image.directory(), manifest.c_str(), operation_, path);
         ManifestReader present = walked(copy.get(), path, options, operation_);
         compare_manifests(expected, present, [&](uint32_t, const ManifestEntry *old, const ManifestEntry *now) {
@@ -308,7 +320,7 @@ std::shared_ptr<Tree> import_images(const char *directory, const char *store_pat
     incoming.take_over(*store);
     remember_store(store->path());
     std::shared_ptr<Tree> tree = tree_of_image(incoming.fiid().set_id, store->path().c_str(), operation);
-    incoming.remove_source();
+    incoming.remove_source(*tree);
     return tree;
 }
 

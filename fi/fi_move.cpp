@@ -4,6 +4,7 @@
 //     DIRECTORY/ID/objects/N, manifest.N, report
 #include <algorithm>
 #include <fcntl.h>
+#include <limits>
 #include <linux/stat.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +19,28 @@
 
 namespace qzfi::fi {
 
+namespace {
+
+// What lies before `end`, from a position on at which both files are; where the source ends, if it does so before.
+off_t copy_data(int from, int to, off_t position, off_t end, std::string &buffer, const std::string &path,
+                const char *operation) {
+    while (position < end) {
+        const auto size = static_cast<std::size_t>(std::min<off_t>(end - position, static_cast<off_t>(buffer.size())));
+        const ssize_t count = pread(from, buffer.data(), size, position);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            fail_call(operation, "read", path, errno, true);
+        if (count == 0)
+            return std::numeric_limits<off_t>::max();
+        write_to(to, {buffer.data(), static_cast<std::size_t>(count)}, path, operation);
+        position += count;
+    }
+    return position;
+}
+
+} // namespace
+
 void copy_plain_file(int from, int to, const char *name, const std::string &path, const char *operation) {
     const Descriptor source(open_beneath(from, name, O_RDONLY | O_NOFOLLOW));
     if (!source)
@@ -25,17 +48,22 @@ void copy_plain_file(int from, int to, const char *name, const std::string &path
     const Descriptor target(openat(to, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!target)
         fail_call(operation, "open", path, errno, false);
+    struct stat status {};
+    if (fstat(source.get(), &status) != 0)
+        fail_call(operation, "fstat", path, errno, true);
     std::string buffer(256 * 1024, '\0');
-    for (;;) {
-        const ssize_t count = read(source.get(), buffer.data(), buffer.size());
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            fail_call(operation, "read", path, errno, true);
-        if (count == 0)
+    for (off_t position = 0; position < status.st_size;) {
+        // Holes stay holes: a file that takes no space at its source must not fill the store.
+        const off_t data = lseek(source.get(), position, SEEK_DATA);
+        if (data < 0 && errno == ENXIO)
             break;
-        write_to(target.get(), {buffer.data(), static_cast<std::size_t>(count)}, path, operation);
+        const off_t hole = data < 0 ? -1 : lseek(source.get(), data, SEEK_HOLE);
+        if (hole < 0 || lseek(target.get(), data, SEEK_SET) != data)
+            fail_call(operation, "lseek", path, errno, true);
+        position = copy_data(source.get(), target.get(), data, std::min(hole, status.st_size), buffer, path, operation);
     }
+    if (ftruncate(target.get(), status.st_size) != 0)
+        fail_call(operation, "ftruncate", path, errno, false);
     sync_file(target.get(), path, operation);
 }
 
@@ -157,7 +185,7 @@ private:
             const TreeFilesystem &filesystem = *moved_[index];
             const std::string &id = filesystem.record.id;
             const int images = filesystem.store->images();
-            if (renameat2(images, id.c_str(), folder, id.c_str(), RENAME_NOREPLACE) != 0)
+            if (rename_directory(images, id.c_str(), folder, id.c_str()) != 0)
                 fail_call(operation_, "rename", filesystem.store->image_path(id), errno, false);
             sync_file(folder, place_.path, operation_);
             sync_file(images, filesystem.store->path() + "/images", operation_);

@@ -282,15 +282,20 @@ void Workshop::exchange() {
     const int parent = place_.parent.get();
     sync_file(directory_.get(), path(), operation_);
     if (renameat2(directory_.get(), tree, parent, beside_.c_str(), RENAME_NOREPLACE) != 0 ||
-        renameat2(parent, beside_.c_str(), parent, place_.name.c_str(), RENAME_EXCHANGE) != 0)
+        renameat2(parent, beside_.c_str(), parent, place_.name.c_str(), RENAME_EXCHANGE) != 0) {
+        if (errno == EINVAL)
+            refuse(place_, "this file system cannot exchange directories atomically", operation_);
         fail_call(operation_, "rename", place_.path, errno, false);
+    }
     sync_parent();
 }
 
 void Workshop::put(bool over_empty) {
     sync_file(directory_.get(), path(), operation_);
-    const unsigned flags = over_empty ? 0 : RENAME_NOREPLACE;
-    if (renameat2(directory_.get(), tree, place_.parent.get(), place_.name.c_str(), flags) != 0) {
+    const int parent = place_.parent.get();
+    const char *const name = place_.name.c_str();
+    if ((over_empty ? renameat(directory_.get(), tree, parent, name)
+                    : rename_directory(directory_.get(), tree, parent, name)) != 0) {
         if (errno == EEXIST || errno == ENOTEMPTY)
             fail(message::already_exists, QFI_FI_EXISTS, operation_, {place_.path});
         fail_call(operation_, "rename", place_.path, errno, false);

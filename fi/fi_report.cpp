@@ -9,6 +9,7 @@ namespace qzfi::fi {
 
 namespace {
 
+constexpr std::size_t longest_end = sizeof "end 18446744073709551615\n";
 constexpr std::string_view first_line = "qzfi-report 1\n";
 
 void append_text(std::string &line, std::string_view text) {
@@ -28,10 +29,13 @@ void append_text(std::string &line, std::string_view text) {
 std::string content_of(const std::vector<JobHost::Remark> &remarks, uint64_t count) {
     std::string content(first_line);
     for (const JobHost::Remark &remark : remarks) {
-        content += std::to_string(remark.kind) + " " + std::to_string(remark.error);
+        std::string line = std::to_string(remark.kind) + " " + std::to_string(remark.error);
         for (const std::string &text : {remark.object, remark.path, remark.detail})
-            append_text(content, text);
-        content += '\n';
+            append_text(line, text);
+        line += '\n';
+        if (content.size() + line.size() + longest_end > report_limit)
+            break; // counted all the same
+        content += line;
     }
     return content + "end " + std::to_string(count) + "\n";
 }
@@ -82,8 +86,10 @@ bool parse(std::string_view content, StoredReport &report) {
         if (line.substr(0, 4) == "end ")
             return read_number(line.substr(4), report.count) && content.empty() &&
                    report.count >= report.remarks.size();
-        if (!read_remark(line, report.remarks.emplace_back()))
+        JobHost::Remark remark;
+        if (!read_remark(line, remark))
             return false;
+        keep_remark(report.remarks, std::move(remark)); // no more of them than are shown, however many somebody wrote
     }
     return false;
 }
@@ -100,7 +106,9 @@ StoredReport read_report(int directory, const char *operation, const std::string
     const Descriptor file(openat(directory, report_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file)
         fail(message::damaged, QFI_FI_DAMAGED, operation, {image, report_name, error_text(errno)});
-    const std::string content = read_file(file.get(), image + "/" + report_name, SIZE_MAX, operation);
+    const std::string content = read_file(file.get(), image + "/" + report_name, report_limit, operation);
+    if (content.size() > report_limit)
+        fail(message::damaged, QFI_FI_DAMAGED, operation, {image, report_name, "it is larger than 64 MiB"});
     StoredReport report;
     if (!parse(content, report))
         fail(message::damaged, QFI_FI_DAMAGED, operation, {image, report_name, "it is no report"});

@@ -13,6 +13,8 @@
 namespace qzfi::fi {
 
 inline constexpr char report_name[] = "report";
+/// A report is written no longer, and not read when it is: it is held in memory, and an imported one is anybody's.
+inline constexpr std::size_t report_limit = std::size_t{64} << 20;
 
 /// Writes the report into an image's directory. Throws Failure.
 void write_report(int directory, const std::vector<JobHost::Remark> &remarks, uint64_t count, const char *operation,

@@ -195,6 +195,13 @@ Descriptor write_file(int directory, const char *name, const std::string &path, 
     return file;
 }
 
+int rename_directory(int from, const char *name, int to, const char *new_name) noexcept {
+    if (renameat2(from, name, to, new_name, RENAME_NOREPLACE) == 0)
+        return 0;
+    // A file system that does not know the flag: there a directory replaces none but an empty one.
+    return errno == EINVAL ? renameat(from, name, to, new_name) : -1;
+}
+
 std::string read_file(int fd, const std::string &path, std::size_t limit, const char *operation) {
     std::string content;
     for (std::string buffer(65536, '\0'); content.size() <= limit;) {

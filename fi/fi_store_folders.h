@@ -82,6 +82,8 @@ void write_to(int fd, std::string_view content, const std::string &path, const c
 /// Makes a file that holds a text. Throws when there is one already.
 Descriptor write_file(int directory, const char *name, const std::string &path, std::string_view content,
                       const char *operation);
+/// Renames a directory to a name that is free; an empty directory may be replaced. errno says why not.
+int rename_directory(int from, const char *name, int to, const char *new_name) noexcept;
 /// Reads a file to its end, or to somewhere beyond `limit`. Throws.
 std::string read_file(int fd, const std::string &path, std::size_t limit, const char *operation);
 /// Syncs a file or directory. Throws.

@@ -173,13 +173,6 @@ void sync_files(int directory, const std::string &path, const char *operation) {
     }
 }
 
-int rename_to_new(int directory, const char *from, const char *to) noexcept {
-    if (renameat2(directory, from, directory, to, RENAME_NOREPLACE) == 0)
-        return 0;
-    // A file system that does not know the flag; folders are replaced only by empty ones, and ids are not made twice.
-    return errno == EINVAL ? renameat(directory, from, directory, to) : -1;
-}
-
 } // namespace
 
 void NewImage::commit(const ImageRecord &record, const std::string &fiid, const char *operation) {
@@ -194,7 +187,7 @@ void NewImage::commit(const ImageRecord &record, const std::string &fiid, const 
     sync_files(directory, state.path(), operation);
     sync_file(state.objects.get(), state.path(objects_name), operation);
     sync_file(directory, state.path(), operation);
-    if (rename_to_new(images, state.claim->name.c_str(), state.id.c_str()) != 0)
+    if (rename_directory(images, state.claim->name.c_str(), images, state.id.c_str()) != 0)
         fail_call(operation, "rename", state.path(), errno, false);
     state.claim->name = state.id;
     sync_file(images, state.store->path + "/images", operation);

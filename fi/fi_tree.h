@@ -84,6 +84,7 @@ struct Tree {
     std::optional<CommandResult> post_run; // tells what became of the post command
     std::vector<JobHost::Remark> remarks;  // of the split
     uint64_t remark_count = 0;
+    std::vector<JobHost::Remark> import_remarks; // shown with the images' stored ones
 
     // Read by get_status without `mutex`.
     std::mutex status_mutex;
@@ -226,8 +227,9 @@ void quiesce(Tree &tree, const char *operation);
 void split(Tree &tree, Progress &progress, const char *operation);
 void unquiesce(Tree &tree, const char *operation);
 std::string fiid_document(const Tree &tree, const char *operation);
-/// Undoes what prepare, quiesce and a failed split left: the half-made images go, the post command runs.
-void abandon(Tree &tree, const char *operation) noexcept;
+/// Undoes what prepare, quiesce and a failed split left: the half-made images go, the post command runs. That it failed
+/// is told here, or by who calls this.
+void abandon(Tree &tree, const char *operation, bool tells_post_command = true) noexcept;
 /// Removes the images of a frozen tree from their stores.
 void remove_images(Tree &tree, const char *operation);
 /// Removes one image through its provider; without one, as plain files.

@@ -124,6 +124,20 @@ TEST_F(Commands, a_post_command_that_fails_after_a_failed_pre_command_does_not_h
     qfi_op_detach(tree, nullptr, 0, nullptr);
 }
 
+TEST_F(Commands, a_post_command_that_fails_when_the_tree_is_let_go_of_is_told_and_the_image_stays) {
+    qfi_domain *tree = prepared("", "exit 4");
+    ASSERT_EQ(qfi_op_quiesce(tree), 0) << last_error();
+    ASSERT_EQ(qfi_op_split(tree, nullptr, nullptr), 0) << last_error();
+    EXPECT_EQ(qfi_op_detach(tree, nullptr, 0, nullptr), QFI_FI_POST_COMMAND);
+    EXPECT_EQ(last_error(), "qzfi_detach: post command \"exit 4\" failed with exit code 4: it said nothing");
+    EXPECT_EQ(images().size(), 1u);
+    EXPECT_EQ(qfi_op_detach(tree, nullptr, 0, nullptr), QFI_STATUS_INVALID_ARGUMENT) << "it was let go of";
+    tree = prepared("", "exit 4");
+    ASSERT_EQ(qfi_op_quiesce(tree), 0) << last_error();
+    EXPECT_EQ(qfi_op_detach(tree, nullptr, 0, nullptr), QFI_FI_POST_COMMAND);
+    EXPECT_EQ(images().size(), 1u) << "of the first tree";
+}
+
 TEST_F(Commands, the_post_command_runs_after_a_failed_split) {
     qfi_domain *const tree = prepared(note("pre"), note("post"));
     ASSERT_EQ(qfi_op_quiesce(tree), 0) << last_error();

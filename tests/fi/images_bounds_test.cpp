@@ -1,6 +1,24 @@
 // The bounds of images: of their folder, which no link leads out of, and of what an id document can hold.
 #include "images_support.h"
 
+#include <cerrno>
+#include <cstdio>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace {
+bool knows_flags = true; // the file system, of renaming
+}
+
+// Found by libfi.so before the C library's: a file system that knows no flags, as some network file systems.
+extern "C" int renameat2(int from, const char *name, int to, const char *new_name, unsigned flags) noexcept {
+    if (!knows_flags && flags != 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_renameat2, from, name, to, new_name, flags));
+}
+
 namespace images {
 namespace {
 
@@ -79,6 +97,28 @@ TEST_P(Bounds, what_an_id_document_could_not_hold_is_refused_before_anything_is_
     ASSERT_EQ(qfi_op_query_tree_status(again.get(), nullptr, &list), 0) << last_error();
     EXPECT_TRUE(list->image.label == longest);
     qfi_op_free_valid_sec_list(list);
+}
+
+TEST_P(Bounds, a_file_system_that_cannot_exchange_directories_is_named_as_the_cause) {
+    struct Known {
+        Known() { knows_flags = false; }
+        ~Known() { knows_flags = true; }
+    } const known;
+    const Tree tree = freeze({object}, store, "copy");
+    write_file(object / "plain", "changed");
+    EXPECT_EQ(qfi_op_restore(tree.get(), nullptr, nullptr), QFI_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(last_error(), "qzfi_restore: " + object.string() +
+                                " cannot be replaced: this file system cannot exchange directories atomically; "
+                                "restore to another place, or resynchronise it\n");
+    EXPECT_EQ(content_of(object / "plain"), "changed");
+    const std::string to = top / "restored";
+    qfi_restore_options options;
+    QFI_INIT(options);
+    options.to = to.c_str();
+    ASSERT_EQ(qfi_op_restore(tree.get(), &options, nullptr), 0) << last_error();
+    EXPECT_EQ(content_of(top / "restored" / "plain"), "plain content");
+    ASSERT_EQ(qfi_op_deport_tree(tree.get(), (top / "exported").c_str(), nullptr), 0) << last_error();
+    EXPECT_TRUE(fs::exists(top / "exported" / tree.image_id()));
 }
 
 } // namespace

@@ -1,10 +1,13 @@
 // Exporting images and importing them, also from folders that somebody tampered with.
 #include "images_support.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <qzfi_provider.h>
 
 namespace images {
 namespace {
@@ -210,6 +213,55 @@ TEST_P(Move, of_an_image_that_is_read_is_busy) {
     EXPECT_FALSE(fs::exists(exported));
     close(lock);
     EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), 0) << last_error();
+}
+
+TEST_P(Move, an_imported_folder_that_cannot_be_removed_is_told_in_the_report) {
+    if (const auto obstacle = LoopFilesystem::obstacle("ext4"))
+        GTEST_SKIP() << *obstacle;
+    LoopFilesystem other("ext4", 64);
+    exported = fs::path(other.path()) / "exported";
+    export_one(nullptr);
+    other.remount(true);
+    Tree tree;
+    ASSERT_EQ(import(&tree), 0) << last_error();
+    EXPECT_EQ(differences(object, tree.image_path()), "");
+    qfi_report *given = nullptr;
+    ASSERT_EQ(qfi_op_objctl(tree.get(), QFI_OBJCTL_REPORT, nullptr, &given), 0) << last_error();
+    const Report report(given);
+    const Line expected{QFI_REMARK_WARNING, exported.string(), "",
+                        "imported, but this folder could not be removed: remove it"};
+    EXPECT_EQ(std::count(report.lines.begin(), report.lines.end(), expected), 1);
+    EXPECT_GE(report.count, report.lines.size());
+}
+
+TEST_P(Move, refuses_a_report_that_is_too_large_to_be_read) {
+    const std::string id = export_one();
+    const fs::path report = exported / id / "report";
+    fs::resize_file(report, (64 << 20) + 1);
+    EXPECT_EQ(import(), QFI_FI_DAMAGED);
+    EXPECT_EQ(last_error(),
+              "qzfi_import_tree: image " + id + " is damaged: " + report.string() + ": it is larger than 64 MiB\n");
+    expect_nothing_imported();
+}
+
+TEST_P(Move, a_report_that_grew_in_its_store_is_damaged) {
+    const Tree tree = freeze({object}, store, "copy");
+    fs::resize_file(store / "images" / tree.image_id() / "report", (64 << 20) + 1);
+    qfi_report *given = nullptr;
+    EXPECT_EQ(qfi_op_objctl(tree.get(), QFI_OBJCTL_REPORT, nullptr, &given), QFI_FI_DAMAGED);
+    EXPECT_EQ(last_error(),
+              "qzfi_objctl: image " + tree.image_id() + " is damaged: report: it is larger than 64 MiB\n");
+    qfi_op_free_report(given);
+}
+
+TEST_P(Move, a_manifest_with_a_hole_takes_no_more_space_than_it_had) {
+    const std::string id = export_one();
+    fs::resize_file(exported / id / "manifest.0", uint64_t{1} << 31);
+    ASSERT_EQ(import(), 0) << last_error();
+    struct stat status {};
+    ASSERT_EQ(stat((store / "images" / id / "manifest.0").c_str(), &status), 0);
+    EXPECT_EQ(status.st_size, int64_t{1} << 31);
+    EXPECT_LT(status.st_blocks * 512, 1 << 20);
 }
 
 } // namespace
