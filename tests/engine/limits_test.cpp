@@ -167,4 +167,23 @@ TEST_F(Limits, a_large_file_is_copied_in_ranges_with_its_holes) {
               static_cast<int32_t>(QFI_FI_CANCELLED));
 }
 
+TEST_F(Limits, hashing_one_large_file_tells_progress_and_can_be_cancelled_in_its_data_and_in_its_holes) {
+    sh("mkdir data hole; head -c 67108864 /dev/zero > data/f; truncate -s 4G hole/f");
+    options.digest = options.entries = true;
+    EXPECT_EQ(walk("data").status, 0);
+    EXPECT_GE(host.progress_calls, 30);
+    host.progress_calls = 0;
+    host.entries.clear();
+    EXPECT_EQ(walk("hole").status, 0);
+    EXPECT_GE(host.progress_calls, 60);
+    for (const char *const name : {"data", "hole"}) {
+        TestHost cancels;
+        cancels.cancel_at = 2;
+        EXPECT_EQ(walk_tree(Folder(at + "/" + name).fd, options, cancels.record).status,
+                  static_cast<int32_t>(QFI_FI_CANCELLED));
+        EXPECT_LE(cancels.progress_calls, 3);
+        EXPECT_TRUE(cancels.entries.empty());
+    }
+}
+
 } // namespace
