@@ -1,7 +1,5 @@
-/*
- * Freezes a folder: freeze FOLDER METHOD ROOT, for example freeze /home btrfs /usr/lumen. ROOT is the installation
- * root, below which libfi.so and its providers are found. Prints the image's id and where it can be read, a line each.
- */
+/* freeze FOLDER METHOD ROOT, for example freeze /home btrfs /usr/lumen: freezes a folder with the installation in ROOT.
+ * Prints the image's id and where it can be read, a line each. */
 #include <stdio.h>
 
 #include <qzfi_fi.h>
@@ -16,42 +14,29 @@ static void print_errors(void) {
     }
 }
 
-static int32_t freeze(const char *folder, const char *method) {
-    const qfi_object object = {folder, NULL};
-    qfi_domain *tree = NULL;
-    int32_t status = qfi_op_gentree(&object, 1, NULL, &tree);
-    if (status != QFI_STATUS_OK)
-        return status;
+int main(int argc, char **argv) {
+    qfi_handler handler = {0};
+    if (argc != 4 || qzfiapi_set_init_env(argv[3], "freeze") != QFI_STATUS_OK ||
+        qzfiapi_start(&handler, QFI_API_VERSION) != QFI_STATUS_OK)
+        return fprintf(stderr, "usage: %s FOLDER METHOD ROOT\n", argv[0]), 2;
+    const qfi_object object = {argv[1], NULL};
     qfi_freeze_options options;
     QFI_INIT(options);
-    options.fim_id = method;
+    options.fim_id = argv[2];
+    qfi_domain *tree = NULL;
     char *id = NULL, *path = NULL;
-    status = qfi_op_make(tree, &options, NULL);
-    const qfi_domain *const filesystem = tree->fid_children;
-    if (status == QFI_STATUS_OK)
-        status = qfi_op_getattr(filesystem, "image", NULL, &id);
-    if (status == QFI_STATUS_OK)
-        status = qfi_op_access(filesystem->fid_children, NULL, &path);
-    if (status == QFI_STATUS_OK)
+    const int is_frozen = qfi_op_gentree(&object, 1, NULL, &tree) == QFI_STATUS_OK &&
+                          qfi_op_make(tree, &options, NULL) == QFI_STATUS_OK &&
+                          qfi_op_getattr(tree->fid_children, "image", NULL, &id) == QFI_STATUS_OK &&
+                          qfi_op_access(tree->fid_children->fid_children, NULL, &path) == QFI_STATUS_OK;
+    if (is_frozen)
         printf("%s\n%s\n", id, path);
+    else
+        print_errors();
     qfi_op_free_buffer(id);
     qfi_op_free_buffer(path);
-    qfi_op_detach(tree, NULL, 0, NULL); /* the image stays */
-    return status;
-}
-
-int main(int argc, char **argv) {
-    if (argc != 4) {
-        fprintf(stderr, "usage: %s FOLDER METHOD ROOT\n", argv[0]);
-        return 2;
-    }
-    qfi_handler handler = {0};
-    if (qzfiapi_set_init_env(argv[3], "freeze") != QFI_STATUS_OK ||
-        qzfiapi_start(&handler, QFI_API_VERSION) != QFI_STATUS_OK)
-        return 1;
-    const int32_t status = freeze(argv[1], argv[2]);
-    print_errors();
+    if (tree != NULL)
+        qfi_op_detach(tree, NULL, 0, NULL); /* the image stays */
     qzfiapi_shutdown();
-    fi_del_all_errors();
-    return status == QFI_STATUS_OK ? 0 : 1;
+    return is_frozen ? 0 : 1;
 }
