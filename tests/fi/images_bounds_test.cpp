@@ -2,9 +2,13 @@
 #include "images_support.h"
 
 #include <cerrno>
-#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+#include "support/sanitized.h"
 
 namespace {
 bool knows_flags = true; // the file system, of renaming
@@ -119,6 +123,40 @@ TEST_P(Bounds, a_file_system_that_cannot_exchange_directories_is_named_as_the_ca
     EXPECT_EQ(content_of(top / "restored" / "plain"), "plain content");
     ASSERT_EQ(qfi_op_deport_tree(tree.get(), (top / "exported").c_str(), nullptr), 0) << last_error();
     EXPECT_TRUE(fs::exists(top / "exported" / tree.image_id()));
+}
+
+TEST_P(Bounds, the_memory_of_a_freeze_does_not_grow_with_the_number_of_files) {
+    if (is_sanitized)
+        GTEST_SKIP() << "a sanitizer's own memory grows with what is allocated and released";
+    const bool is_long = getenv("QZFI_TEST_LONG") != nullptr;
+    const int files = is_long ? 1'000'000 : 200'000;
+    const long most_kib = (is_long ? 64 : 24) * 1024; // far less than as many names and records would take
+    char memory[] = "/dev/shm/qzfi_bounds_XXXXXX"; // no disk waits
+    ASSERT_NE(mkdtemp(memory), nullptr);
+    const fs::path many = fs::path(memory) / "object";
+    fs::create_directory(many);
+    const int directory = open(many.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (int file = 0; file < files; ++file) {
+        const std::string name = "an empty file with a name of some length, number " + std::to_string(file);
+        const int made = openat(directory, name.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+        ASSERT_GE(made, 0) << name;
+        close(made);
+    }
+    close(directory);
+    rusage before{}, after{};
+    ASSERT_EQ(getrusage(RUSAGE_SELF, &before), 0);
+    const fs::path there = fs::path(memory) / "store";
+    {
+        const Tree tree = freeze({many}, there, "copy");
+        ASSERT_EQ(getrusage(RUSAGE_SELF, &after), 0);
+        qfi_image_list *list = nullptr;
+        ASSERT_EQ(qfi_op_snapreplica_list(nullptr, there.c_str(), &list), 0) << last_error();
+        EXPECT_EQ(list->image.entries, static_cast<uint64_t>(files) + 1);
+        qfi_op_free_snapreplica_list(list);
+    }
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, most_kib);
+    RecordProperty("growth_kib", static_cast<int>(after.ru_maxrss - before.ru_maxrss));
+    fs::remove_all(memory);
 }
 
 } // namespace
