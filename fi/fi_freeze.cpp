@@ -236,13 +236,17 @@ class EntryTaker {
 public:
     EntryTaker(const TreeFilesystem &filesystem, std::size_t index, const char *operation)
         : writer_(filesystem.image->directory(), ("manifest." + std::to_string(index)).c_str(), operation,
-                  filesystem.objects[index].path) {}
+                  filesystem.store->image_path(filesystem.record.id)) {}
     int32_t take(const qfi_entry &entry) {
         entries_.fetch_add(1, std::memory_order_relaxed);
         if (entry.type == QFI_ENTRY_FILE)
             bytes_.fetch_add(entry.size, std::memory_order_relaxed);
-        return writer_.add(entry);
+        const int32_t status = writer_.add(entry);
+        if (status != QFI_STATUS_OK)
+            has_failed_ = true;
+        return status;
     }
+    bool has_failed() const { return has_failed_; }
     void finish(ImageRecord &record) {
         writer_.finish();
         record.entries += entries_.load(std::memory_order_relaxed);
@@ -252,6 +256,7 @@ public:
 private:
     ManifestWriter writer_;
     std::atomic<uint64_t> entries_{0}, bytes_{0};
+    std::atomic<bool> has_failed_{false};
 };
 
 void take_remarks(Tree &tree, TreeFilesystem &filesystem, const JobHost &host, std::vector<JobHost::Remark> &of_image) {
@@ -291,8 +296,8 @@ void split_object(Tree &tree, TreeFilesystem &filesystem, std::size_t index, Pro
     const int32_t result = filesystem.provider->ops->split(&job);
     const std::unique_ptr<char, void (*)(void *)> subpath(job.subpath, std::free);
     take_remarks(tree, filesystem, host, remarks);
-    // The manifest's failure says more than the provider's, which was only told to stop.
-    if (taker)
+    // The manifest's failure says more than that of a provider which was only told to stop.
+    if (taker && (result == QFI_STATUS_OK || taker->has_failed()))
         taker->finish(filesystem.record);
     // The original is only read, and may lie elsewhere: what is full is where the image is made.
     if (result == QFI_FI_NO_SPACE)

@@ -96,6 +96,9 @@ public:
 
     std::string run() {
         refuse_in_store();
+        // What could not be removed there afterwards would be in two places.
+        for (const TreeFilesystem &filesystem : tree_->filesystems)
+            filesystem.store->require_writable(operation_);
         const bool over_empty = refuse_existing(place_, operation_);
         Workshop workshop(place_, operation_);
         const Descriptor folder = make_directory(workshop.directory(), Workshop::tree, place_.path, operation_);

@@ -135,6 +135,7 @@ std::shared_ptr<Store> Store::open(const std::string &given, bool create, const 
     state->device = status.st_dev;
     state->inode = status.st_ino;
     state->is_writable = faccessat(directory, ".", W_OK | X_OK, AT_EACCESS) == 0;
+    state->write_error = state->is_writable ? 0 : errno;
     if (create && state->is_writable) {
         refuse_others_folder(state->path, status, operation);
         refuse_full_folder(state->path, directory, operation);
@@ -175,6 +176,12 @@ int Store::images() const noexcept {
     return state_->images.get();
 }
 
+void Store::require_writable(const char *operation) const {
+    if (!state_->is_writable)
+        fail(message::no_right, QFI_FI_NO_RIGHT, operation,
+             {"write to store", state_->path + ": " + error_text(state_->write_error)});
+}
+
 std::string Store::image_path(const std::string &id) const {
     return state_->path + "/" + images_name + "/" + id;
 }
@@ -191,11 +198,6 @@ bool judge(const Store::State &store, ImageRecord &record, const char *operation
 
 void require_id(const std::string &id, const char *operation) {
     require(is_image_id(id), operation, "this is no id of an image");
-}
-
-void require_writable(const Store::State &store, const char *operation) {
-    if (!store.is_writable)
-        fail(message::no_right, QFI_FI_NO_RIGHT, operation, {"write to store", store.path});
 }
 
 [[noreturn]] void fail_missing(const std::string &id, const char *operation) {
@@ -224,7 +226,7 @@ void Store::update(const ImageRecord &record, const char *operation) {
 
 void Store::update(const std::string &id, const char *operation, const std::function<void(ImageRecord &)> &change) {
     require_id(id, operation);
-    require_writable(*state_, operation);
+    require_writable(operation);
     if (!state_->catalog->change(id, operation, change))
         fail_missing(id, operation);
 }
@@ -242,7 +244,7 @@ Descriptor Store::open_image(const std::string &id, const char *operation) {
 
 void Store::remove_with(const std::string &id, const char *operation, const RemoveTree &remove_object) {
     require_id(id, operation);
-    require_writable(*state_, operation);
+    require_writable(operation);
     std::optional<Claim> claim;
     Claimed claimed;
     {
@@ -272,7 +274,7 @@ Store::Repair Store::repair(const char *operation) {
     // Where nothing is to be removed, a store that cannot be written has nothing to be told of.
     if (!state_->is_writable && count_debris(*state_, operation) == 0)
         return repair;
-    require_writable(*state_, operation);
+    require_writable(operation);
     repair.debris += end_pending(*state_, remove_tree, operation);
     repair.debris += remove_debris(*state_, remove_tree, operation);
     return repair;

@@ -114,6 +114,8 @@ public:
     uint64_t inode() const noexcept;
     /// The images folder; images lie below it by id.
     int images() const noexcept;
+    /// Throws Failure (QFI_FI_NO_RIGHT), with the reason, when the store can only be read.
+    void require_writable(const char *operation) const;
 
     NewImage begin(const std::string &id, const char *operation);
     /// The oldest first; `state` is 3 when the image's folder is missing.

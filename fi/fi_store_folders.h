@@ -19,6 +19,7 @@ struct Store::State {
     uint64_t device = 0;
     uint64_t inode = 0;
     bool is_writable = false;
+    int write_error = 0; ///< errno: why it cannot be written
     std::unique_ptr<Catalog> catalog;
     uint64_t removed_debris = 0; ///< when it was opened; a repair tells of it, as nobody else does
 };

@@ -136,8 +136,7 @@ void unmake(const Store::State &store, const std::string &name, NewImage::State 
 
 NewImage Store::begin(const std::string &id, const char *operation) {
     require(is_image_id(id), operation, "this is no id of an image");
-    if (!state_->is_writable)
-        fail(message::no_right, QFI_FI_NO_RIGHT, operation, {"write to store", state_->path});
+    require_writable(operation);
     auto image = std::make_unique<NewImage::State>();
     image->store = state_;
     image->id = id;

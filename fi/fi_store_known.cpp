@@ -35,6 +35,7 @@ public:
     StoredRegister(bool create, const char *operation) : store_(Store::open(default_store_path(), create, operation)) {}
     Catalog &catalog() const { return *store_->state().catalog; }
     bool is_writable() const { return store_->state().is_writable; }
+    void require_writable(const char *operation) const { store_->require_writable(operation); }
 
 private:
     std::shared_ptr<Store> store_;
@@ -95,8 +96,7 @@ void forget_store(const std::string &given, const char *operation) {
         was_known = true;
         const StoredRegister stored(false, operation);
         // A copy of the catalog is what is read then: forgetting there would last for this call.
-        if (!stored.is_writable())
-            fail(message::no_right, QFI_FI_NO_RIGHT, operation, {"write to store", default_store_path()});
+        stored.require_writable(operation);
         stored.catalog().forget(path, operation);
     }
     if (!was_known)

@@ -99,7 +99,7 @@ std::set<std::string> Full::freeze_into_rooms(const fs::path &object, const std:
             EXPECT_TRUE(std::regex_match(text, parts, form)) << text;
             const std::string where = parts[1];
             EXPECT_NE(where.rfind(object.string(), 0), 0u) << where << " is only read";
-            ends.insert(where.ends_with("/objects/0") ? "data" : where.substr(where.rfind('/') + 1));
+            ends.insert(where.ends_with("/objects/0") ? "data" : where.substr(where.find_last_of("/ ") + 1));
             EXPECT_EQ(std::distance(fs::directory_iterator(store / "images"), {}), 1) << "nothing half-made";
             const Tree old = Tree::of_image(earlier, store);
             EXPECT_EQ(qfi_op_objctl(old.get(), QFI_OBJCTL_VERIFY, nullptr, nullptr), 0) << last_error();

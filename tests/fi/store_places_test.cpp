@@ -175,8 +175,8 @@ TEST_F(PlacesTest, forgetting_fails_where_the_register_cannot_be_written) {
     remount(MS_RDONLY);
     EXPECT_EQ(known_stores(), (std::vector<std::string>{default_store_path(), path}));
     EXPECT_EQ(status_of_call([&] { forget_store(path, op); }), QFI_FI_NO_RIGHT);
-    EXPECT_EQ(last_error(),
-              "1041 MSG_QFI_E2024: %s: no right to %s %s\n|qzfi_test|write to store|" + default_store_path());
+    EXPECT_EQ(last_error(), "1041 MSG_QFI_E2024: %s: no right to %s %s\n|qzfi_test|write to store|" +
+                                default_store_path() + ": " + error_text(EROFS));
     EXPECT_EQ(known_stores(), (std::vector<std::string>{default_store_path(), path}));
     remount(0);
     forget_store(path, op);

@@ -53,9 +53,11 @@ class ReadOnly(ToolTest):
         with open(path, encoding="utf-8") as file:
             self.assertEqual(file.read(), "content\n")
         self.assertEqual(self.succeed("cat", identity, "file", "--store", store), "content\n")
-        error = self.fail_with(1, "rm", identity, "--yes", "--store", store)
-        self.assertTrue(error.startswith(f"qzfi: remove image {identity}: "), error)
-        self.assertRegex(error, f"no right to write to store {store}|[Rr]ead-only")
+        for command in (["rm", identity, "--yes"], ["export", identity, "--to", self.folder / "out"]):
+            with self.subTest(command[0]):
+                error = self.fail_with(1, *command, "--store", store)
+                self.assertIn(f": no right to write to store {store}: Read-only file system (30)\n", error)
+        self.assertFalse((self.folder / "out").exists(), "nothing is copied that cannot be moved")
         self.assertEqual(self.listed(store), [identity])
 
 
