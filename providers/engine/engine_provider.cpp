@@ -22,7 +22,7 @@ namespace qzfi::provider {
 namespace {
 
 /// More would make a probe slow.
-constexpr uint64_t counted_entries = 5000;
+constexpr uint64_t counted_entries = 100000;
 /// What a file takes on average where nothing better is known.
 constexpr uint64_t bytes_per_entry = 16384;
 
