@@ -131,7 +131,7 @@ TEST_P(Bounds, the_memory_of_a_freeze_does_not_grow_with_the_number_of_files) {
     const bool is_long = getenv("QZFI_TEST_LONG") != nullptr;
     const int files = is_long ? 1'000'000 : 200'000;
     const long most_kib = (is_long ? 64 : 24) * 1024; // far less than as many names and records would take
-    char memory[] = "/dev/shm/qzfi_bounds_XXXXXX"; // no disk waits
+    char memory[] = "/dev/shm/qzfi_bounds_XXXXXX";    // no disk waits
     ASSERT_NE(mkdtemp(memory), nullptr);
     const fs::path many = fs::path(memory) / "object";
     fs::create_directory(many);
