@@ -6,7 +6,7 @@ import unittest
 import support
 from support import ToolTest
 
-COUNT = 12000
+COUNT = 40000
 
 
 class Restoring(ToolTest):
@@ -14,6 +14,10 @@ class Restoring(ToolTest):
 
     def setUp(self):
         super().setUp()
+        # In memory: thousands of files wait for a disk's journal.
+        self.folder = support.memory_filesystem("size=2g")
+        self.data, self.store = self.folder / "data", self.folder / "store"
+        self.data.mkdir()
         for number in range(COUNT):
             (self.data / f"file-{number}").write_text("old")
         self.identity = self.freeze()
@@ -44,7 +48,7 @@ class Restoring(ToolTest):
 
     def assert_original_is_whole(self, content="changed"):
         self.assertEqual(self.contents(), {content})
-        self.assertEqual(len(os.listdir(self.data)), COUNT + 2)
+        self.assertEqual(len(os.listdir(self.data)), COUNT)
         self.assertEqual(set(os.listdir(self.folder)), self.outside, "nothing half-made stays")
 
     def test_in_place_the_original_stays_as_it_was(self):
@@ -57,6 +61,28 @@ class Restoring(ToolTest):
         self.assertEqual(result.code, 130, str(result))
         self.assert_original_is_whole()
 
+    def test_a_resync_that_was_ended_is_made_up_for_by_the_next(self):
+        for path in self.data.glob("file-*"):
+            path.unlink()
+        result = self.end_by_sigterm("resync", self.identity, "--yes", begun=lambda: any(self.data.glob("file-*")))
+        self.assertEqual(result.code, 130, str(result))
+        self.assertLess(len(os.listdir(self.data)), COUNT)
+        self.assertEqual(set(os.listdir(self.folder)), self.outside)
+        self.succeed("resync", self.identity, "--yes", "--store", self.store)
+        self.assert_original_is_whole("old")
+
+    def test_an_image_that_is_being_restored_stays(self):
+        there = self.folder / "there"
+        restoring = support.start("restore", self.identity, "--store", self.store, "--to", there, "--workers", "1")
+        support.wait_for(self.has_begun, "the copying")
+        error = self.fail_with(1, "rm", self.identity, "--yes", "--store", self.store)
+        self.assertEqual(error.splitlines()[0],
+                         f"qzfi: remove image {self.identity}: In use by another operation (1034)")
+        _, error = restoring.communicate(timeout=support.PATIENCE)
+        self.assertEqual(restoring.returncode, 0, error)
+        self.assertEqual(self.contents(there), {"old"})
+        self.assertEqual(self.listed(self.store), [self.identity])
+
     def test_of_two_restores_to_one_place_one_makes_it(self):
         there = self.folder / "there"
         arguments = ("restore", self.identity, "--store", self.store, "--to", there)
@@ -66,7 +92,7 @@ class Restoring(ToolTest):
         # In use while the other one runs; there, when it has ended.
         self.assertRegex("".join(error for _, error in results), r" \((1034|1036)\)\n")
         self.assertEqual(self.contents(there), {"old"})
-        self.assertEqual(len(os.listdir(there)), COUNT + 2)
+        self.assertEqual(len(os.listdir(there)), COUNT)
         self.assertEqual(set(os.listdir(self.folder)), self.outside | {"there"})
 
 
