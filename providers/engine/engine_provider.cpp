@@ -73,9 +73,9 @@ private:
 
     bool enter(int directory, std::vector<Level> &levels, Estimate &sum) {
         struct stat status {};
-        fstat(directory, &status);
+        const bool is_there = fstat(directory, &status) == 0;
         Level &level = levels.emplace_back(Level{status.st_dev, status.st_ino, {}});
-        Descriptor copy(fcntl(directory, F_DUPFD_CLOEXEC, 3));
+        Descriptor copy(is_there ? fcntl(directory, F_DUPFD_CLOEXEC, 3) : -1);
         const std::unique_ptr<DIR, CloseStream> stream(copy ? fdopendir(copy.get()) : nullptr);
         if (!stream)
             return true;
