@@ -14,7 +14,7 @@ namespace qzfi::engine {
 
 /// How file data reaches the copy.
 enum class Data {
-    clone,         // FICLONE; a file that cannot be cloned fails the copy
+    clone,         // FICLONE; where it does not work the copy fails
     clone_or_copy, // FICLONE where it works, else copied
     copy,          // copied, holes kept
 };

@@ -136,8 +136,9 @@ void keep_extended(const Subject &subject, const Place &from, const Place &to, b
     const Extended source(from), target(to);
     char *const names = subject.worker.names.get();
     const ssize_t size = list_all(source, names);
-    if (size < 0 && !is_without(errno))
-        remark_attribute(subject, "extended attributes", errno);
+    if (size < 0 && !is_without(errno)) // then it is no reason to remove what is there
+        return subject.run.remark(subject.worker, QFI_REMARK_ATTRIBUTE, subject.directory, subject.name,
+                                  "extended attributes", errno);
     if (is_exact) {
         char *const present = names + longest_list;
         const ssize_t present_size = list_all(target, present);
@@ -195,14 +196,23 @@ uint32_t flags_of(int descriptor) noexcept {
     return flags & all_kept_flags();
 }
 
-void keep_early_flags(int target, uint32_t flags) {
-    if ((flags & FS_NOCOW_FL) == 0)
+void keep_early_flags(int target, uint32_t flags, bool may_inherit) {
+    if ((flags & FS_NOCOW_FL) == 0 && !may_inherit)
         return;
     unsigned present = 0;
     if (ioctl(target, FS_IOC_GETFLAGS, &present) != 0)
         return;
-    present |= FS_NOCOW_FL;
-    ioctl(target, FS_IOC_SETFLAGS, &present);
+    const unsigned wanted = (present & ~unsigned{FS_NOCOW_FL}) | (flags & FS_NOCOW_FL);
+    if (wanted != present)
+        ioctl(target, FS_IOC_SETFLAGS, &wanted);
+}
+
+void drop_inherited_flags(int directory) noexcept {
+    unsigned present = 0;
+    if (ioctl(directory, FS_IOC_GETFLAGS, &present) != 0 || (present & all_kept_flags()) == 0)
+        return;
+    present &= ~all_kept_flags();
+    ioctl(directory, FS_IOC_SETFLAGS, &present);
 }
 
 bool clear_forbidding_flags(int descriptor) noexcept {

@@ -28,8 +28,11 @@ struct Subject {
 
 /// Inode flags that are kept; 0 for entries and file systems without. Asked for always: statx tells but some of them.
 uint32_t flags_of(int descriptor) noexcept;
-/// Sets the flags that must be there before data is. What fails is left to `keep_attributes`, which remarks it.
-void keep_early_flags(int target, uint32_t flags);
+/// Sets the flag that must be right before there is data, no-COW; `may_inherit`: the target may have one that the
+/// source has not. What fails is left to `keep_attributes`, which remarks it.
+void keep_early_flags(int target, uint32_t flags, bool may_inherit);
+/// Takes from a new directory what it inherited, so that it passes none of it on.
+void drop_inherited_flags(int directory) noexcept;
 /// Takes away what forbids changes. False when that is not possible.
 bool clear_forbidding_flags(int descriptor) noexcept;
 

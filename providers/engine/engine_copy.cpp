@@ -87,7 +87,7 @@ Directory *Copier::open_root(Worker &worker, int source, int target, const char 
     if (is_stopped() || (!is_there && !make_directory(worker, target, root, name, *root)))
         return nullptr;
 
-    // What is made below belongs to whom it belongs in the root: the root must pass on neither a group nor an ACL.
+    // What is made below belongs to whom it belongs in the root: the root must pass on no group, ACL or inode flags.
     Stat made;
     if (stat_of(root->target, made) != 0) {
         fail_target(worker, "statx", root, nullptr, errno);
@@ -101,8 +101,10 @@ Directory *Copier::open_root(Worker &worker, int source, int target, const char 
             made_gid_ = made.stx_gid;
         fchmod(root->target, private_directory);
     }
-    if (!is_there)
+    if (!is_there) {
         fremovexattr(root->target, "system.posix_acl_default");
+        drop_inherited_flags(root->target);
+    }
     const Place place{root->source};
     root->has_attributes = has_extended(worker, place) != 0 || flags_of(root->source) != 0;
     directories.adopt(*root);

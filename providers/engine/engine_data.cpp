@@ -153,7 +153,7 @@ bool clone(Run &run, Means &means, int from, int to, Moved &moved) {
         return true;
     const bool is_without = errno == EXDEV || errno == EOPNOTSUPP || errno == ENOTTY || errno == ENOSYS;
     if (run.options.data == Data::clone || errno == ENOSPC || errno == EDQUOT) {
-        moved = failed("FICLONE", true);
+        moved = failed("FICLONE", errno != ETXTBSY); // that says of the source that it is a swap file in use
         return false;
     }
     if (is_without)

@@ -93,7 +93,7 @@ void Copier::end_entries(Worker &worker) {
     each([&](FileCopy &copy) { return create(worker, copy); });
     each([&](FileCopy &copy) {
         reached(Point::created, copy.name);
-        keep_early_flags(copy.to.get(), copy.flags);
+        keep_early_flags(copy.to.get(), copy.flags, false);
         return take_data(worker, copy, false);
     });
     each([&](FileCopy &copy) {
@@ -112,7 +112,7 @@ Copier::Outcome Copier::copy_opened(Worker &worker, FileCopy &copy) {
         return Outcome::done;
     }
     reached(Point::created, copy.name);
-    keep_early_flags(copy.to.get(), copy.flags);
+    keep_early_flags(copy.to.get(), copy.flags, updates_);
     if (!share(worker, copy))
         move(worker, copy, false);
     return Outcome::done;

@@ -149,7 +149,8 @@ void Run::passed_over(Worker &worker, const char *operation, Directory &director
 }
 
 void Run::gone(Worker &worker, Directory &directory) {
-    remark(worker, QFI_REMARK_VANISHED, &directory, nullptr, "renamed or removed before all of it was read", 0);
+    if (!directory.is_told_gone.exchange(true))
+        remark(worker, QFI_REMARK_VANISHED, &directory, nullptr, "renamed or removed before all of it was read", 0);
 }
 
 void Run::tell_entry(Worker &worker, Directory *directory, const char *name, const Stat &stat, const char *link_target,

@@ -274,7 +274,7 @@ void Run::open_subdirectory(Worker &worker, Directory &parent, const char *name)
 
 /// Whether an acquired directory still has its source; tells the first time that it has not.
 bool Run::is_readable(Worker &worker, Directory &directory) {
-    if (directory.is_gone && !directory.is_told_gone.exchange(true))
+    if (directory.is_gone && !directory.is_told_gone)
         gone(worker, directory);
     return !directory.is_gone;
 }
@@ -327,6 +327,8 @@ void Run::list(Worker &worker, Directory &directory) {
         const long size = syscall(SYS_getdents64, directory.source, records, listing_size);
         if (size == 0)
             return;
+        if (size < 0 && errno == ENOENT) // removed meanwhile, which a removal is content with
+            return Run::gone(worker, directory);
         if (size < 0)
             return missed(worker, "getdents64", directory, nullptr, "the rest of the directory", errno);
 

@@ -186,7 +186,7 @@ protected:
     virtual void leave(Worker &worker, Directory &directory) = 0;
     virtual void copy_range(Worker &, FileRange *) {}
     virtual void drop_range(FileRange *) noexcept {}
-    /// Called once for a directory that is gone, with what was not yet read of it.
+    /// Called for a directory that is gone, with what was not yet read of it; says so once.
     virtual void gone(Worker &worker, Directory &directory);
     /// What is there and cannot be opened or listed: a remark, unless the process has run short.
     virtual void missed(Worker &worker, const char *operation, Directory &directory, const char *name,

@@ -10,6 +10,7 @@
 #include <qzfi_fi.h>
 
 #include "support/fault.h"
+#include "support/loop_filesystem.h"
 
 using namespace qzfi::engine;
 
@@ -90,6 +91,35 @@ TEST_P(CopyFaults, are_told) {
     const auto wanted = described("s");
     each([] {}, [&] { return copy_tree(source->fd, target->fd, "c", options, host_record); },
          [&](const Result &) { EXPECT_EQ(described("c"), wanted); });
+}
+
+/// A swap file in use cannot be cloned, and is no reason to do without the image of all the rest.
+TEST_F(EngineTest, a_file_that_cannot_be_cloned_for_its_own_sake_is_remarked) {
+    if (const auto obstacle = LoopFilesystem::obstacle("xfs"))
+        GTEST_SKIP() << *obstacle;
+    const LoopFilesystem disk("xfs", 320);
+    use(disk.path());
+    sh("mkdir s; printf a > s/one; printf b > s/two");
+    options.workers = 1;
+    options.data = Data::clone;
+    int refused = 0;
+    const auto scenario = [&](fault::Trial &trial) {
+        host.remarks.clear();
+        const Folder source(at + "/s"), target(at);
+        trial.arm();
+        const Result result = copy_tree(source.fd, target.fd, "c", options, host.record);
+        trial.disarm();
+        EXPECT_EQ(result.status, 0) << host.failed_operation << " " << host.failed_object;
+        for (const std::string name : {"one", "two"}) {
+            const bool is_remarked = host.has_remark(QFI_REMARK_UNREADABLE, name);
+            refused += is_remarked ? 1 : 0;
+            EXPECT_EQ(output("test -e c/" + name + " && echo -n there || echo -n missing"),
+                      is_remarked ? "missing" : "there");
+        }
+        EXPECT_EQ(remove("c").status, 0);
+    };
+    fault::for_each(Call::ioctl, scenario, {.error = ETXTBSY});
+    EXPECT_EQ(refused, 2) << "each of the two files once";
 }
 
 class UpdateFaults : public Faults {};

@@ -101,6 +101,42 @@ TEST_F(Hostile, a_directory_that_changes_while_it_is_read_is_remarked) {
     EXPECT_EQ(host.remarks.size(), 1u);
 }
 
+TEST_F(Hostile, a_directory_that_is_removed_while_it_is_listed_has_vanished_and_a_walk_goes_on) {
+    options.entries = true;
+    const auto removed_while = [&](auto &&act) {
+        sh("mkdir -p s/d s/e; printf x > s/d/f; printf y > s/e/f");
+        host.remarks.clear();
+        host.entries.clear();
+        test_hook = [](Point point, const char *name) {
+            if (point == Point::listed && std::string_view(name) == "d")
+                sh_at_place("rm -r s/d");
+        };
+        EXPECT_EQ(act().status, 0) << host.failed_operation << " " << host.failed_object;
+        test_hook = nullptr;
+        std::vector<std::string> said;
+        for (const TestHost::Remark &remark : host.remarks)
+            said.push_back(std::to_string(remark.kind) + " " + remark.path + ": " + remark.detail);
+        const auto of_directory =
+            std::to_string(QFI_REMARK_VANISHED) + " d: renamed or removed before all of it was read";
+        EXPECT_EQ(std::count(said.begin(), said.end(), of_directory), 1) << testing::PrintToString(said);
+        EXPECT_FALSE(host.has_remark(QFI_REMARK_UNREADABLE, "d"));
+        EXPECT_EQ(host.entries.count("e/f"), 1u);
+    };
+    removed_while([&] { return copy("s", "c"); });
+    removed_while([&] { return update("s", "c"); });
+    removed_while([&] { return walk("s"); });
+}
+
+TEST_F(Hostile, what_somebody_else_removes_meanwhile_is_removed) {
+    sh("mkdir -p s/d/e; printf x > s/d/f");
+    test_hook = [](Point point, const char *name) {
+        if (point == Point::listed && std::string_view(name) == "d")
+            sh_at_place("rm -r s/d");
+    };
+    EXPECT_EQ(remove("s").status, 0) << host.failed_operation << " " << host.failed_object;
+    EXPECT_EQ(output("ls"), "");
+}
+
 struct Swap {
     const char *name, *command;
 };

@@ -1,7 +1,13 @@
 // An existing tree becomes equal to its source, and what was equal is left alone.
 #include "engine_support.h"
 
+#include <cerrno>
+#include <optional>
+
 #include <qzfi_fi.h>
+
+#include "support/fault.h"
+#include "support/loop_filesystem.h"
 
 using namespace qzfi::engine;
 
@@ -81,6 +87,33 @@ TEST_F(Update, refuses_a_link_in_place_of_the_tree) {
 TEST_F(Update, leaves_no_temporary_names) {
     repairs("for f in wide/*; do printf other > $f; done");
     EXPECT_EQ(output("find . -name '.qzfi-*'"), "");
+}
+
+TEST_F(Update, takes_no_attribute_away_because_those_of_the_source_cannot_be_read) {
+    sh("mkdir -p s; printf x > s/f; setfattr -n user.a -v b s s/f; cp -a s c; chmod 711 c c/f");
+    for (const int error : {EIO, EACCES})
+        fault::for_each(fault::Call::xattr,
+                        [&](fault::Trial &trial) {
+                            sh("chmod 700 c c/f");
+                            const Folder source(at + "/s"), target(at);
+                            trial.arm();
+                            bring_up_to_date(source.fd, target.fd, "c", options, host.record);
+                            trial.disarm();
+                            EXPECT_EQ(output("cd c; getfattr --only-values -n user.a . f"), "bb");
+                        },
+                        {.error = error});
+}
+
+TEST_F(Update, clones_into_a_folder_that_would_pass_on_its_flags) {
+    if (const auto obstacle = LoopFilesystem::obstacle("btrfs"))
+        GTEST_SKIP() << *obstacle;
+    const LoopFilesystem disk("btrfs", 256);
+    use(disk.path());
+    sh("mkdir -p s/d c/d; chattr +C c c/d; head -c 100000 /dev/urandom > s/d/f; touch c/d/f");
+    options.data = Data::clone;
+    EXPECT_EQ(update("s", "c").status, 0) << host.failed_operation << " " << host.failed_object;
+    EXPECT_TRUE(host.remarks.empty()) << host.remarks[0].path << " " << host.remarks[0].detail;
+    expect_equal("s", "c");
 }
 
 } // namespace

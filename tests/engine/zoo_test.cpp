@@ -145,6 +145,28 @@ TEST_P(LoopZoo, is_cloned_and_copied_with_its_inode_flags) {
     }
     EXPECT_EQ(remove("zoo").status, 0);
 }
+TEST_P(LoopZoo, inherits_no_flags_from_the_folder_that_the_copy_is_made_in) {
+    make_zoo("zoo");
+    const bool is_btrfs = std::string(GetParam()) == "btrfs";
+    sh(is_btrfs ? "mkdir store; chattr +C store; mkdir compressed; chattr +c compressed"
+                : "mkdir store; chattr +d +A +S store");
+    for (const char *const store : {"store", "compressed"}) {
+        if (!is_btrfs && std::string(store) == "compressed")
+            continue;
+        for (const Data data : {Data::clone, Data::copy}) {
+            if (data == Data::clone && std::string(GetParam()) == "ext4")
+                continue;
+            options.data = data;
+            const Result result =
+                copy_tree(Folder(at + "/zoo").fd, Folder(at + "/" + store).fd, "copy", options, host.record);
+            EXPECT_EQ(result.status, 0) << host.failed_operation << host.failed_object << host.failed_error;
+            EXPECT_TRUE(host.remarks.empty()) << host.remarks[0].path << " " << host.remarks[0].detail;
+            EXPECT_EQ(described(std::string(store) + "/copy"), described("zoo"));
+            sh("chattr -R -f -i -a " + std::string(store) + "; rm -rf " + store + "/copy");
+        }
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(, LoopZoo, testing::Values("btrfs", "xfs", "ext4"), [](const auto &row) { return row.param; });
 
 class Mounted : public EngineTest {
