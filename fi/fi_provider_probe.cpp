@@ -13,8 +13,18 @@ namespace {
 
 void tell(char step) {
     // Nobody listens any more when this fails, so nobody is waiting either.
-    if (write(STDOUT_FILENO, &step, 1) != 1)
+    if (write(qzfi::fi::trial_report, &step, 1) != 1)
         _exit(1);
+}
+
+/// Versions are four signed 16-bit numbers, the first in the lowest bits.
+constexpr bool is_newer(uint64_t version, uint64_t than) {
+    for (int bits = 0; bits < 64; bits += 16) {
+        const auto number = static_cast<int16_t>(version >> bits), other = static_cast<int16_t>(than >> bits);
+        if (number != other)
+            return number > other;
+    }
+    return false;
 }
 
 [[noreturn]] void end() {
@@ -35,7 +45,7 @@ int main(int count, char **words) {
     const auto entry = reinterpret_cast<Entry>(dlsym(library, QFI_PROVIDER_ENTRY));
     const qfi_provider_ops *const ops = entry != nullptr ? entry() : nullptr;
     const bool is_usable =
-        ops != nullptr && ops->size >= sizeof(qfi_provider_ops) && ops->version <= uint64_t{QFI_API_VERSION};
+        ops != nullptr && ops->size >= sizeof(qfi_provider_ops) && !is_newer(ops->version, QFI_API_VERSION);
     if (!is_usable)
         end();
     tell(qzfi::fi::trial_starting);

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,19 +43,20 @@ std::string find_program(const std::string &library_path) {
 // What the spawned process begins with: no file of the host but the pipe, no signal ignored or blocked.
 class SpawnPlan {
 public:
-    explicit SpawnPlan(int output) {
+    explicit SpawnPlan(int report) {
         sigset_t none, all;
         sigemptyset(&none);
         sigfillset(&all);
-        good_ = posix_spawn_file_actions_init(&files_) == 0 && posix_spawnattr_init(&attributes_) == 0 &&
-                posix_spawn_file_actions_addopen(&files_, STDIN_FILENO, "/dev/null", O_RDONLY, 0) == 0 &&
-                posix_spawn_file_actions_adddup2(&files_, output, STDOUT_FILENO) == 0 &&
-                posix_spawn_file_actions_addopen(&files_, STDERR_FILENO, "/dev/null", O_WRONLY, 0) == 0 &&
-                posix_spawnattr_setsigmask(&attributes_, &none) == 0 &&
-                posix_spawnattr_setsigdefault(&attributes_, &all) == 0 &&
-                posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF) == 0;
-        if (!good_)
-            throw std::bad_alloc();
+        posix_spawn_file_actions_init(&files_); // these two cannot fail
+        posix_spawnattr_init(&attributes_);
+        is_whole_ = posix_spawn_file_actions_adddup2(&files_, report, trial_report) == 0 &&
+                    posix_spawn_file_actions_addopen(&files_, STDIN_FILENO, "/dev/null", O_RDONLY, 0) == 0 &&
+                    posix_spawn_file_actions_addopen(&files_, STDOUT_FILENO, "/dev/null", O_WRONLY, 0) == 0 &&
+                    posix_spawn_file_actions_addopen(&files_, STDERR_FILENO, "/dev/null", O_WRONLY, 0) == 0 &&
+                    posix_spawn_file_actions_addclosefrom_np(&files_, trial_report + 1) == 0 &&
+                    posix_spawnattr_setsigmask(&attributes_, &none) == 0 &&
+                    posix_spawnattr_setsigdefault(&attributes_, &all) == 0 &&
+                    posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF) == 0;
     }
     ~SpawnPlan() {
         posix_spawn_file_actions_destroy(&files_);
@@ -63,7 +65,10 @@ public:
     SpawnPlan(const SpawnPlan &) = delete;
     SpawnPlan &operator=(const SpawnPlan &) = delete;
 
+    /// 0, or the errno.
     int spawn(pid_t &child, const std::string &program, const char *argument) {
+        if (!is_whole_)
+            return ENOMEM;
         std::string name = program, word = argument;
         char *arguments[] = {name.data(), word.data(), nullptr};
         return posix_spawn(&child, program.c_str(), &files_, &attributes_, arguments, environ);
@@ -72,25 +77,31 @@ public:
 private:
     posix_spawn_file_actions_t files_;
     posix_spawnattr_t attributes_;
-    bool good_ = false;
+    bool is_whole_ = false;
 };
 
-// Reads to the pipe's end; false when that does not come in time.
-bool read_steps(int fd, std::string &steps, std::chrono::milliseconds limit) {
+// Takes what the process tells until it ends; false when that does not come in time. The pipe's end is not the
+// process's: a plugin may close what it did not open, or leave it to a process of its own.
+bool follow(const Descriptor &process, int report, char &step, std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
+    pollfd inputs[] = {{report, POLLIN, 0}, {process.get(), POLLIN, 0}};
     for (;;) {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd input{fd, POLLIN, 0};
         if (left.count() <= 0)
             return false;
-        if (poll(&input, 1, static_cast<int>(left.count())) <= 0)
+        if (poll(inputs, std::size(inputs), process ? static_cast<int>(left.count()) : 0) < 0)
             continue;
-        char buffer[64];
-        const ssize_t count = read(fd, buffer, sizeof buffer);
-        if (count > 0 && steps.size() < sizeof buffer)
-            steps.append(buffer, static_cast<std::size_t>(count));
-        if (count == 0 || (count < 0 && errno != EINTR))
+        if (inputs[0].revents != 0) {
+            char told[64];
+            const ssize_t count = read(report, told, sizeof told);
+            if (count > 0) {
+                step = told[count - 1];
+                continue;
+            }
+            inputs[0].fd = -1;
+        }
+        if (!process || inputs[1].revents != 0)
             return true;
     }
 }
@@ -108,8 +119,8 @@ std::string way_of_end(pid_t child) {
                                : "(exit code " + std::to_string(WEXITSTATUS(status)) + ")";
 }
 
-const char *doing(const std::string &steps) {
-    switch (steps.empty() ? trial_loading : steps.back()) {
+const char *doing(char step) {
+    switch (step) {
     case trial_starting:
         return "starting";
     case trial_stopping:
@@ -137,16 +148,21 @@ std::string failed_trial(const char *library_path, std::chrono::milliseconds lim
     writing.reset(-1);
     if (error != 0)
         return "its trial could not begin: " + error_text(error);
-    std::string steps;
-    const bool ended = read_steps(reading.get(), steps, limit);
-    if (!ended)
+    // Gone already where a host lets the system reap its children.
+    const Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+    const int obstacle = process || errno == ESRCH ? 0 : errno;
+    char step = trial_loading;
+    const bool has_ended = obstacle == 0 && follow(process, reading.get(), step, limit);
+    if (!has_ended)
         kill(child, SIGKILL);
     const std::string end = way_of_end(child);
-    if (!ended)
-        return std::string("did not come back from ") + doing(steps);
-    if (!steps.empty() && steps.back() == trial_over)
+    if (obstacle != 0)
+        return "its trial could not begin: " + error_text(obstacle);
+    if (!has_ended)
+        return std::string("did not come back from ") + doing(step);
+    if (step == trial_over)
         return {};
-    return std::string("crashed while ") + doing(steps) + " " + end;
+    return std::string("crashed while ") + doing(step) + " " + end;
 }
 
 } // namespace qzfi::fi

@@ -17,7 +17,8 @@ inline constexpr auto longest_trial = std::chrono::seconds(30);
 /// the trial is left out, which is traced.
 std::string failed_trial(const char *library_path, std::chrono::milliseconds limit = longest_trial);
 
-/// What the program writes to its standard output, each step before it is begun, and the last one when all is over.
+/// The program's descriptor for what it tells: each step before it is begun, and the last one when all is over.
+inline constexpr int trial_report = 3;
 inline constexpr char trial_loading = 'l', trial_starting = 's', trial_stopping = 't', trial_over = '.';
 
 inline constexpr char trial_program[] = "qzfi_provider_probe";

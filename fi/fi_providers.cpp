@@ -19,6 +19,7 @@ namespace qzfi::fi {
 namespace {
 
 constexpr const char *loading = "qzfi_load_provider";
+constexpr int32_t plugin_kind = 2; // of a version
 
 struct Loaded {
     std::mutex mutex; // recursive use is impossible: a provider's start does not call operations of this library
@@ -77,7 +78,7 @@ std::string flaw_of(const qfi_provider_ops *ops) {
     if (ops->size < sizeof(qfi_provider_ops))
         return "its table is too small (" + std::to_string(ops->size) + " of " +
                std::to_string(sizeof(qfi_provider_ops)) + " bytes)";
-    if (compare_with_lib_version(ops->version, 0) != 0)
+    if (compare_with_lib_version(ops->version, plugin_kind) != 0)
         return "it was built for a newer API";
     if (!is_name(ops->provider_id) || !is_name(ops->fim_id) || ops->description == nullptr)
         return "its table has no proper names";

@@ -16,7 +16,8 @@ qzfi_add_host_test(fi_together_test together_test.cpp)
 qzfi_add_host_test(fi_filesystems_test filesystems_test.cpp)
 qzfi_add_host_test(fi_providers_test providers_test.cpp)
 # Plugins with one flaw each, in a directory of their own.
-set(flaws crash_entry crash_start exit_start refuse_start small newer no_table no_name taken good crash_stop hang_start)
+set(flaws crash_entry crash_start exit_start refuse_start small newer no_table no_name taken good crash_stop hang_start
+  hang_closed find_files talk crash_older)
 foreach(name IN LISTS flaws)
   list(FIND flaws ${name} flaw)
   math(EXPR flaw "${flaw} + 1")
@@ -36,7 +37,8 @@ add_dependencies(entry_faults_test provider_copy)
 target_compile_definitions(entry_faults_test PRIVATE PLUGIN_DIRECTORY="$<TARGET_FILE_DIR:provider_copy>/")
 qzfi_add_test(trial_test trial_test.cpp)
 target_link_libraries(trial_test PRIVATE qzfi_fi)
-add_dependencies(trial_test qzfi_provider_probe bad_provider_hang_start bad_provider_good)
+add_dependencies(trial_test qzfi_provider_probe bad_provider_hang_start bad_provider_hang_closed
+  bad_provider_find_files bad_provider_talk bad_provider_good)
 target_compile_definitions(trial_test PRIVATE BAD_PLUGIN_DIRECTORY="${CMAKE_CURRENT_BINARY_DIR}/bad_plugins"
   TRIAL_PROGRAM="$<TARGET_FILE:qzfi_provider_probe>")
 target_compile_definitions(fi_providers_test PRIVATE BAD_PLUGIN_DIRECTORY="${CMAKE_CURRENT_BINARY_DIR}/bad_plugins")
