@@ -59,7 +59,7 @@ protected:
         const std::string path = top_ / "object";
         const qfi_object object = {path.c_str(), nullptr};
         qfi_domain *tree = nullptr;
-        EXPECT_EQ(qzfi_gentree(const_cast<qfi_object *>(&object), 1, nullptr, &tree), 0);
+        EXPECT_EQ(qzfi_gentree(const_cast<qfi_object *>(&object), 1, nullptr, &tree), 0) << said();
         return tree;
     }
 
@@ -79,6 +79,17 @@ protected:
                 break;
         }
         EXPECT_GE(failures, 1);
+    }
+    // The text of the last failure.
+    static std::string said() {
+        qfi_error_info *error = nullptr;
+        char *text = nullptr;
+        if (qzfi_get_last_error(&error) != 0 || error == nullptr ||
+            qzfi_get_locale_message(error, &text, nullptr, nullptr) != 0)
+            return "nothing was said";
+        const std::string copy = text;
+        qzfi_del_locale_message(text);
+        return copy;
     }
     int32_t armed(const std::function<int32_t()> &act) const {
         const fault::Armed one(GetParam(), nth_);
@@ -116,9 +127,9 @@ TEST_P(EntryFaults, split_makes_the_image_or_nothing_and_the_post_command_runs_o
     for_many(
         [&] {
             tree = new_tree();
-            EXPECT_EQ(qzfi_select(tree, nullptr, const_cast<char *>("copy"), store_.data()), 0);
-            EXPECT_EQ(qzfi_prepare(tree, 0, &options_, nullptr), 0);
-            EXPECT_EQ(qzfi_quiesce(tree), 0);
+            EXPECT_EQ(qzfi_select(tree, nullptr, const_cast<char *>("copy"), store_.data()), 0) << said();
+            EXPECT_EQ(qzfi_prepare(tree, 0, &options_, nullptr), 0) << said();
+            EXPECT_EQ(qzfi_quiesce(tree), 0) << said();
             qfi_report *report = nullptr;
             const int32_t status = armed([&] { return qzfi_split(tree, nullptr, &report); });
             qzfi_free_buffer(report);
@@ -126,9 +137,9 @@ TEST_P(EntryFaults, split_makes_the_image_or_nothing_and_the_post_command_runs_o
         },
         [&](int32_t status) {
             EXPECT_EQ(store_is_empty(), status != 0);
-            EXPECT_EQ(qzfi_unquiesce(tree), 0);
+            EXPECT_EQ(qzfi_unquiesce(tree), 0) << said();
             EXPECT_EQ(take_log(), "post\n");
-            EXPECT_EQ(qzfi_detach(tree, nullptr, status == 0 ? QFI_DETACH_REMOVE : 0, nullptr), 0);
+            EXPECT_EQ(qzfi_detach(tree, nullptr, status == 0 ? QFI_DETACH_REMOVE : 0, nullptr), 0) << said();
             EXPECT_TRUE(store_is_empty());
         });
 }
