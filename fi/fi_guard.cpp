@@ -53,6 +53,16 @@ bool exchange(const std::string &script, std::string &output) {
     return status == 0;
 }
 
+// Whether a process, which is no child of this one, has not ended.
+bool is_running(pid_t process) {
+    const Descriptor file(open(("/proc/" + std::to_string(process) + "/stat").c_str(), O_RDONLY | O_CLOEXEC));
+    char text[512]; // "PID (NAME) STATE ...", the name of 64 bytes at most
+    const ssize_t size = file ? read(file.get(), text, sizeof text) : -1;
+    const std::string_view stat(text, size > 0 ? static_cast<std::size_t>(size) : 0);
+    const std::size_t end = stat.rfind(") ");
+    return end != std::string_view::npos && stat.substr(end + 2).find_first_of("ZX") != 0;
+}
+
 std::string quoted(std::string_view text) {
     std::string result = "'";
     for (const char letter : text) {
@@ -209,14 +219,27 @@ struct PostGuard::State {
     void start() {
         const std::string script = "setsid /bin/bash -c " + quoted(guard) + " qzfi-guard " + quoted(folder) + " " +
                                    quoted(command) + " " + std::to_string(getpid()) +
-                                   " </dev/null >/dev/null 2>&1 & printf started";
+                                   " </dev/null >/dev/null 2>&1 & printf %d $!";
         std::string answer;
         if (!exchange(script, answer))
             give_up("the context process did not start it");
-        constexpr int patience_ms = 60000;
-        std::string word;
-        if (!read_answer(word, patience_ms, '\n') || word != "ready\n")
+        if (!is_ready(std::atoi(answer.c_str())))
             give_up("the shell that is to wait for it did not start");
+    }
+
+    // However slow the shell is: while it lives, it is on its way. A limit in time alone would be reached by a system
+    // that is crowded, or was stopped meanwhile.
+    bool is_ready(pid_t shell) const {
+        constexpr int look_ms = 1000, most_looks = 600;
+        std::string word;
+        for (int looks = 0; looks < most_looks; ++looks) {
+            const bool was_running = is_running(shell);
+            if (read_answer(word, was_running ? look_ms : 0, '\n'))
+                return word == "ready\n";
+            if (!was_running)
+                return false;
+        }
+        return false;
     }
 
     void send(std::string_view word) const noexcept {
