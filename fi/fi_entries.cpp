@@ -51,7 +51,7 @@ Progress &progress_of_split(TreeLock &tree, const char *operation) {
     try {
         return tree.progress();
     } catch (...) {
-        abandon(*tree, operation);
+        tell_failed_post_command(*tree, operation, abandon(*tree, operation));
         throw;
     }
 }
@@ -283,19 +283,20 @@ int32_t qzfi_detach(void *node, void *reserved, int32_t flags, void *report) {
         std::unique_ptr<qfi_report, void (*)(void *)> given(out != nullptr ? give_report({}, 0, 0, 0, 0) : nullptr,
                                                             std::free);
         // The application goes on before its image is removed, which may take long.
-        const bool has_post_command = tree->guard != nullptr;
-        const std::string command = tree->options.post_command;
-        const bool removes = (flags & QFI_DETACH_REMOVE) != 0;
-        abandon(*tree, operation, removes); // told at once where a failed removal would be all that is told
-        if (removes && tree->state != QFI_TREE_REMOVED)
-            remove_images(*tree, operation);
+        const CommandResult *const failed_command = abandon(*tree, operation);
+        try {
+            if ((flags & QFI_DETACH_REMOVE) != 0 && tree->state != QFI_TREE_REMOVED)
+                remove_images(*tree, operation);
+        } catch (...) {
+            tell_failed_post_command(*tree, operation, failed_command);
+            throw;
+        }
         let_go(tree);
         if (out != nullptr)
             *out = given.release();
         // The tree is let go of all the same: nothing can be done with it that would run the command again.
-        const std::optional<CommandResult> &run = tree->post_run;
-        if (has_post_command && run && !run->succeeded())
-            fail(message::post_command_failed, QFI_FI_POST_COMMAND, operation, {command, run->how(), run->output});
+        if (failed_command != nullptr)
+            fail_post_command(*tree, operation, *failed_command);
     });
 }
 

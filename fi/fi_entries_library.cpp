@@ -21,7 +21,7 @@ int32_t qzfi_shutdown(void) {
     constexpr const char *operation = "qzfi_shutdown";
     const int32_t status = fenced(operation, [&] {
         for (const std::shared_ptr<Tree> &tree : live_trees()) {
-            abandon(*tree, operation);
+            tell_failed_post_command(*tree, operation, abandon(*tree, operation));
             unregister_tree(&tree->root);
         }
         prefer_method(nullptr);

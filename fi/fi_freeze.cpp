@@ -6,8 +6,6 @@
 #include <unistd.h>
 #include <utility>
 
-#include <qzfi/messages.h>
-
 #include "fi/fi_fiid.h"
 #include "fi/fi_freeze.h"
 #include "fi/fi_guard.h"
@@ -161,34 +159,24 @@ void prepare(Tree &tree, const char *operation) {
 
 namespace {
 
-// A command that fails after another failure is told, but must not hide that one from who asks for the last error.
-void tell_failed_post_command(const char *operation, const std::string &command, const CommandResult &result) {
-    const Message &message = message::post_command_failed;
-    qzfi_getmsg(message.id, message.severity, message.format, operation, command.c_str(), result.how().c_str(),
-                result.output.c_str());
-}
-
 // After the guard is gone nothing is left to be done.
 CommandResult run_post_command(Tree &tree) {
     const std::unique_ptr<PostGuard> guard = std::move(tree.guard);
     return guard->run();
 }
 
-// Back to where the tree was before it was prepared.
-void fall_back(Tree &tree, const char *operation, bool tells_post_command = true) noexcept {
+// Back to where the tree was before it was prepared. The end of the post command, if it was run now and failed.
+const CommandResult *fall_back(Tree &tree, const char *operation) noexcept {
     discard_images(tree, operation);
     tree.state = QFI_TREE_SELECTED;
     tree.has_fallen_back = true;
     if (!tree.guard)
-        return;
-    const std::string command = tree.options.post_command;
+        return nullptr;
     try {
         tree.post_run = run_post_command(tree);
-        if (tells_post_command && !tree.post_run->succeeded())
-            tell_failed_post_command(operation, command, *tree.post_run);
+        return tree.post_run->succeeded() ? nullptr : &*tree.post_run;
     } catch (...) {
-        // Without memory for its result the command was run all the same, by the guard if not by us.
-        tree.guard.reset();
+        return nullptr; // without memory for its result the command was run all the same, by the guard if not by us
     }
 }
 
@@ -219,7 +207,7 @@ void quiesce(Tree &tree, const char *operation) {
             flush(filesystem, operation);
         tree.state = QFI_TREE_QUIESCED;
     } catch (...) {
-        fall_back(tree, operation);
+        tell_failed_post_command(tree, operation, fall_back(tree, operation));
         throw;
     }
 }
@@ -382,14 +370,13 @@ void split(Tree &tree, Progress &progress, const char *operation) {
         commit_all(tree, operation);
         tree.state = QFI_TREE_SPLIT;
     } catch (...) {
-        fall_back(tree, operation);
+        tell_failed_post_command(tree, operation, fall_back(tree, operation));
         throw;
     }
     progress.finish();
 }
 
 void unquiesce(Tree &tree, const char *operation) {
-    const std::string command = tree.options.post_command;
     if (tree.state == QFI_TREE_QUIESCED)
         fall_back(tree, operation);
     if (tree.state == QFI_TREE_SPLIT) {
@@ -400,7 +387,7 @@ void unquiesce(Tree &tree, const char *operation) {
     tree.has_fallen_back = false;
     const std::optional<CommandResult> result = std::exchange(tree.post_run, std::nullopt);
     if (result && !result->succeeded())
-        fail(message::post_command_failed, QFI_FI_POST_COMMAND, operation, {command, result->how(), result->output});
+        fail_post_command(tree, operation, *result);
 }
 
 std::string fiid_document(const Tree &tree, const char *operation) {
@@ -411,12 +398,22 @@ std::string fiid_document(const Tree &tree, const char *operation) {
     return write_fiid(fiid, operation);
 }
 
-void abandon(Tree &tree, const char *operation, bool tells_post_command) noexcept {
-    const bool was_split = tree.state >= QFI_TREE_SPLIT;
+const CommandResult *abandon(Tree &tree, const char *operation) noexcept {
     const int32_t state = tree.state;
-    fall_back(tree, operation, tells_post_command);
-    if (was_split)
+    const CommandResult *const failed = fall_back(tree, operation);
+    if (state >= QFI_TREE_SPLIT)
         tree.state = std::max<int32_t>(state, QFI_TREE_FROZEN);
+    return failed;
+}
+
+void fail_post_command(const Tree &tree, const char *operation, const CommandResult &failed) {
+    fail(message::post_command_failed, QFI_FI_POST_COMMAND, operation,
+         {tree.options.post_command, failed.how(), failed.output});
+}
+
+void tell_failed_post_command(const Tree &tree, const char *operation, const CommandResult *failed) noexcept {
+    if (failed != nullptr)
+        tell(message::post_command_failed, operation, {tree.options.post_command, failed->how(), failed->output});
 }
 
 void remove_image(Store &store, const ImageRecord &record, const char *operation) {

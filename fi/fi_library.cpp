@@ -43,6 +43,23 @@ private:
     char cut_[256] = "";
 };
 
+struct ArgumentTexts {
+    explicit ArgumentTexts(std::initializer_list<std::string_view> arguments) noexcept {
+        for (const std::string_view argument : arguments)
+            if (count < argument_limit)
+                texts[count++].assign(argument);
+    }
+    const char *operator[](std::size_t index) const noexcept { return texts[index].get(); }
+
+    std::array<ArgumentText, argument_limit> texts;
+    std::size_t count = 0;
+};
+
+void tell_host(const Message &message, const char *operation, const ArgumentTexts &texts) noexcept {
+    const HostCall call;
+    qzfi_getmsg(message.id, message.severity, message.format, operation, texts[0], texts[1], texts[2], texts[3]);
+}
+
 thread_local int hushed = 0;
 thread_local int host_calls = 0;
 thread_local KeptFailure *keeper = nullptr;
@@ -60,19 +77,16 @@ void raise(const Message &message, int32_t status, const char *operation,
         return;
     if (keeper != nullptr)
         return keeper->keep(message, status, operation, arguments);
-    std::array<ArgumentText, argument_limit> texts;
-    std::size_t count = 0;
-    for (const std::string_view argument : arguments)
-        if (count < argument_limit)
-            texts[count++].assign(argument);
-    {
-        const HostCall call;
-        qzfi_getmsg(message.id, message.severity, message.format, operation, texts[0].get(), texts[1].get(),
-                    texts[2].get(), texts[3].get());
-    }
+    const ArgumentTexts texts(arguments);
+    tell_host(message, operation, texts);
     // The format and the operation go first; all of them are counted, or the last would not be kept.
-    fi_create_error_info(message.id, 0, nullptr, &status, nullptr, static_cast<int32_t>(count) + 2, message.format,
-                         operation, texts[0].get(), texts[1].get(), texts[2].get(), texts[3].get());
+    fi_create_error_info(message.id, 0, nullptr, &status, nullptr, static_cast<int32_t>(texts.count) + 2,
+                         message.format, operation, texts[0], texts[1], texts[2], texts[3]);
+}
+
+void tell(const Message &message, const char *operation, std::initializer_list<std::string_view> arguments) noexcept {
+    if (hushed == 0)
+        tell_host(message, operation, ArgumentTexts(arguments));
 }
 
 void KeptFailure::keep(const Message &message, int32_t status, const char *operation,

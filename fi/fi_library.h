@@ -62,8 +62,8 @@ struct Message {
     X(provider_refused, "MSG_QFI_E2026", 2, "%s: plugin %s refused: %s\n") \
     X(provider_failed, "MSG_QFI_E2027", 3, "%s: provider %s failed on %s: %s\n") \
     X(guard_failed, "MSG_QFI_E2028", 3, "%s: cannot make sure that the post command will run: %s\n") \
-    X(would_be_lost, "MSG_QFI_E2030", 2, "%s: %s would be lost: unreadable when image %s was made; move it away first\n") \
-    X(irreplaceable, "MSG_QFI_E2029", 2, "%s: %s cannot be replaced: %s; restore to another place, or resynchronise it\n")
+    X(irreplaceable, "MSG_QFI_E2029", 2, "%s: %s cannot be replaced: %s; restore to another place, or resynchronise it\n") \
+    X(would_be_lost, "MSG_QFI_E2030", 2, "%s: %s would be lost: unreadable when image %s was made; move it away first\n")
 
 // Own statuses and their texts, in order, from 1024 on; message ids "MSG_QFI_E1024" and so on.
 #define FI_STATUS_TEXTS(X) \
@@ -99,6 +99,9 @@ FI_MESSAGES(FI_MESSAGE)
 /// first NUL, and is cut when memory is short.
 void raise(const Message &message, int32_t status, const char *operation,
            std::initializer_list<std::string_view> arguments) noexcept;
+
+/// Reports a failure to the host only, for what must not hide another failure from who asks for the last error.
+void tell(const Message &message, const char *operation, std::initializer_list<std::string_view> arguments) noexcept;
 
 /// Raises and throws.
 [[noreturn]] void fail(const Message &message, int32_t status, const char *operation,

@@ -227,9 +227,13 @@ void quiesce(Tree &tree, const char *operation);
 void split(Tree &tree, Progress &progress, const char *operation);
 void unquiesce(Tree &tree, const char *operation);
 std::string fiid_document(const Tree &tree, const char *operation);
-/// Undoes what prepare, quiesce and a failed split left: the half-made images go, the post command runs. That it failed
-/// is told here, or by who calls this.
-void abandon(Tree &tree, const char *operation, bool tells_post_command = true) noexcept;
+/// Undoes what prepare, quiesce and a failed split left: the half-made images go, the post command runs. Gives the end
+/// of a command that failed, for the caller to tell; it is the tree's.
+const CommandResult *abandon(Tree &tree, const char *operation) noexcept;
+/// Raises and throws that the post command failed.
+[[noreturn]] void fail_post_command(const Tree &tree, const char *operation, const CommandResult &failed);
+/// Tells it to the host only, if it failed (not null): another failure stays the last error.
+void tell_failed_post_command(const Tree &tree, const char *operation, const CommandResult *failed) noexcept;
 /// Removes the images of a frozen tree from their stores.
 void remove_images(Tree &tree, const char *operation);
 /// Removes one image through its provider; without one, as plain files.

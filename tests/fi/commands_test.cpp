@@ -138,6 +138,47 @@ TEST_F(Commands, a_post_command_that_fails_when_the_tree_is_let_go_of_is_told_an
     EXPECT_EQ(images().size(), 1u) << "of the first tree";
 }
 
+// Texts that the host was told.
+std::vector<std::string> told;
+void take_text(qfi_handler *, const char *text, const char *, uint32_t) {
+    told.emplace_back(text);
+}
+
+TEST_F(Commands, a_failed_post_command_is_told_to_the_host_once) {
+    stop();
+    setenv("ICU_DATA", path("tmp").c_str(), 1); // without it nothing is told
+    handler_.error = take_text;
+    start();
+    const auto told_by = [&](auto &&work) {
+        qfi_domain *const tree = prepared("", "exit 4");
+        EXPECT_EQ(qfi_op_quiesce(tree), 0) << last_error();
+        told.clear();
+        work(tree);
+        std::vector<std::string> of_it;
+        for (const std::string &text : told)
+            if (text.find("post command \"exit 4\" failed with exit code 4") != std::string::npos)
+                of_it.push_back(text.substr(0, text.find(':')));
+        return of_it;
+    };
+    using Said = std::vector<std::string>;
+    EXPECT_EQ(told_by([](qfi_domain *tree) {
+                  EXPECT_EQ(qfi_op_split(tree, nullptr, nullptr), 0);
+                  EXPECT_EQ(qfi_op_detach(tree, nullptr, QFI_DETACH_REMOVE, nullptr), 1031);
+              }),
+              Said{"qzfi_detach"});
+    EXPECT_EQ(told_by([](qfi_domain *tree) { EXPECT_EQ(qfi_op_detach(tree, nullptr, 0, nullptr), 1031); }),
+              Said{"qzfi_detach"});
+    EXPECT_EQ(told_by([](qfi_domain *tree) {
+                  EXPECT_EQ(qfi_op_unquiesce(tree), 1031);
+                  EXPECT_EQ(qfi_op_detach(tree, nullptr, 0, nullptr), 0);
+              }),
+              Said{"qzfi_unquiesce"});
+    EXPECT_EQ(told_by([&](qfi_domain *) { stop(); }), Said{"qzfi_shutdown"});
+    unsetenv("ICU_DATA");
+    handler_.error = nullptr;
+    start();
+}
+
 TEST_F(Commands, the_post_command_runs_after_a_failed_split) {
     qfi_domain *const tree = prepared(note("pre"), note("post"));
     ASSERT_EQ(qfi_op_quiesce(tree), 0) << last_error();
@@ -283,6 +324,41 @@ TEST_F(Commands, without_a_guard_for_the_post_command_the_pre_command_is_not_run
     setenv("TMPDIR", path("tmp").c_str(), 1);
     EXPECT_EQ(qfi_op_prepare(tree, 0, nullptr, nullptr), 0) << "it can be tried again";
     qfi_op_detach(tree, nullptr, 0, nullptr);
+}
+
+TEST_F(Commands, a_guard_that_does_not_start_is_not_waited_for) {
+    std::filesystem::create_directory(path("bin"));
+    write_file(path("bin/setsid"), "#!/bin/bash\nexit 1\n");
+    std::filesystem::permissions(path("bin/setsid"), std::filesystem::perms::owner_all);
+    const std::string usual = getenv("PATH");
+    setenv("PATH", (path("bin") + ":" + usual).c_str(), 1);
+    qfi_domain *const tree = prepared(note("pre"), note("post"));
+    EXPECT_EQ(qfi_op_quiesce(tree), 1031);
+    EXPECT_EQ(last_error(), "qzfi_quiesce: cannot make sure that the post command will run: the shell that is to wait "
+                            "for it did not start");
+    EXPECT_EQ(log(), "");
+    EXPECT_TRUE(images().empty());
+    EXPECT_TRUE(names_in(path("tmp")).empty());
+    qfi_op_detach(tree, nullptr, 0, nullptr);
+    stop();
+    setenv("PATH", usual.c_str(), 1);
+    start();
+}
+
+TEST_F(Commands, a_guard_that_is_slow_to_start_is_waited_for) {
+    std::filesystem::create_directory(path("bin"));
+    write_file(path("bin/setsid"), "#!/bin/bash\nsleep 3\nexec " + std::string("/usr/bin/setsid") + " \"$@\"\n");
+    std::filesystem::permissions(path("bin/setsid"), std::filesystem::perms::owner_all);
+    const std::string usual = getenv("PATH");
+    setenv("PATH", (path("bin") + ":" + usual).c_str(), 1);
+    qfi_domain *const tree = prepared("", note("post"));
+    EXPECT_EQ(qfi_op_quiesce(tree), 0) << last_error();
+    EXPECT_EQ(qfi_op_unquiesce(tree), 0) << last_error();
+    EXPECT_EQ(log(), "post\n");
+    qfi_op_detach(tree, nullptr, 0, nullptr);
+    stop();
+    setenv("PATH", usual.c_str(), 1);
+    start();
 }
 
 TEST_F(Commands, a_guard_that_somebody_ended_is_stood_in_for) {
