@@ -72,6 +72,8 @@ void EngineHost::check(const engine::Result &result, bool reading) const {
     if (result.status == QFI_STATUS_NO_MEMORY)
         throw std::bad_alloc();
     const std::string path = failed_object_.empty() ? object_ : object_ + "/" + failed_object_;
+    if (result.status == QFI_FI_UNSAFE && failed_error_ == 0)
+        fi::fail(message::unsafe_path, QFI_FI_UNSAFE, operation_, {path, failed_call_});
     fail_call(operation_, failed_call_.empty() ? "reading" : failed_call_.c_str(), path,
               failed_error_ != 0 ? failed_error_ : EIO, reading);
 }

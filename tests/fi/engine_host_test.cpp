@@ -32,6 +32,15 @@ TEST(EngineHost, a_failure_of_a_worker_is_recorded_for_the_thread_that_checks) {
                             "error (5)");
 }
 
+TEST(EngineHost, a_failure_without_an_errno_is_told_in_its_words) {
+    const EngineHost host(operation, "/object", nullptr);
+    host.record().fail(host.record().context, "the tree and its copy lie one within the other", "", 0);
+    EXPECT_EQ(status_of_call([&] { host.check({QFI_FI_UNSAFE, 0, 0, 0, 0}, true); }), QFI_FI_UNSAFE);
+    EXPECT_EQ(last_error(),
+              "1038 MSG_QFI_E2021: %s: %s leaves its place: %s\n|qzfi_get_snapdiff|/object|the tree and its "
+              "copy lie one within the other");
+}
+
 TEST(EngineHost, the_counts_of_several_calls_add_up) {
     Progress progress(operation, "/object");
     for (int call = 1; call <= 3; ++call) {
