@@ -4,6 +4,8 @@
 #include <charconv>
 #include <cstdio>
 
+#include "fi/fi_library.h"
+
 namespace qzfi::fi {
 
 namespace {
@@ -41,17 +43,6 @@ int hex_value(char letter) {
     if (letter >= '0' && letter <= '9')
         return letter - '0';
     return letter >= 'a' && letter <= 'f' ? letter - 'a' + 10 : -1;
-}
-
-bool are_canonical_names(std::string_view path) {
-    for (std::size_t start = 0; start <= path.size();) {
-        const std::size_t end = std::min(path.find('/', start), path.size());
-        const std::string_view name = path.substr(start, end - start);
-        if (name.empty() || name == "." || name == "..")
-            return false;
-        start = end + 1;
-    }
-    return true;
 }
 
 // Days since 1 January 1970 of a date in the Gregorian calendar; years are counted from March, so that a leap day comes
@@ -172,15 +163,11 @@ bool parse_fiid_number(std::string_view text, uint64_t &number) {
 }
 
 bool is_canonical_path(std::string_view path) {
-    if (path.empty() || path[0] != '/' || path.size() > path_limit || path.find('\0') != std::string_view::npos)
-        return false;
-    return path == "/" || are_canonical_names(path.substr(1));
+    return !path.empty() && path[0] == '/' && path.size() <= path_limit && is_canonical_subpath(path.substr(1));
 }
 
 bool is_canonical_subpath(std::string_view path) {
-    if (path.size() > path_limit || path.find('\0') != std::string_view::npos)
-        return false;
-    return path.empty() || are_canonical_names(path);
+    return path.size() <= path_limit && path.find('\0') == std::string_view::npos && stays_below(path);
 }
 
 } // namespace qzfi::fi

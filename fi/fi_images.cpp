@@ -229,10 +229,7 @@ void fill_image(Block &block, const FoundImage &found) {
     image.host = block.text(record.host);
     image.consistency = record.consistency;
     image.state = record.state;
-    constexpr int64_t second = 1'000'000'000;
-    const int64_t fraction = (record.time_ns % second + second) % second; // also before 1970
-    qzfi_xlat2_qfitime(&image.time.qzfi_sec, (record.time_ns - fraction) / second);
-    image.time.qzfi_nsec = static_cast<uint32_t>(fraction);
+    image.time = time_of(record.time_ns);
     image.duration_ns = record.duration_ns;
     image.entries = record.entries;
     image.bytes = record.bytes;

@@ -1,5 +1,6 @@
 #include "fi/fi_library.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -224,6 +225,17 @@ int open_beneath(int at, const char *path, int flags) noexcept {
         if (fd >= 0 || (errno != EINTR && errno != EAGAIN))
             return static_cast<int>(fd);
     }
+}
+
+bool stays_below(std::string_view path) noexcept {
+    for (std::size_t start = 0; !path.empty() && start <= path.size();) {
+        const std::size_t end = std::min(path.find('/', start), path.size());
+        const std::string_view name = path.substr(start, end - start);
+        if (name.empty() || name == "." || name == "..")
+            return false;
+        start = end + 1;
+    }
+    return true;
 }
 
 std::string installation_root() {

@@ -181,6 +181,9 @@ private:
 /// link, EXDEV for a mount or "..".
 int open_beneath(int at, const char *path, int flags) noexcept;
 
+/// Whether a path is empty, or names none of which is empty, "." or "..": relative, and nothing in it leads elsewhere.
+bool stays_below(std::string_view path) noexcept;
+
 /// The root in force: what the host set, else "/usr/lumen".
 std::string installation_root();
 

@@ -101,10 +101,6 @@ qfi_fim_list *list_fims(const char *provider_id, const char *operation) {
     return list.give();
 }
 
-namespace {
-constexpr int64_t second_ns = 1'000'000'000;
-} // namespace
-
 qfi_assoc_list *list_associations(const char *provider_id, const char *path, const char *operation) {
     ListBuilder<qfi_assoc_list> list;
     bool is_known = provider_id == nullptr || find_provider(provider_id) != nullptr;
@@ -113,8 +109,7 @@ qfi_assoc_list *list_associations(const char *provider_id, const char *path, con
         if (provider_id != nullptr && record.provider_id != provider_id)
             continue;
         is_known = true;
-        uint64_t time = 0;
-        qzfi_xlat2_qfitime(&time, record.time_ns / second_ns - (record.time_ns % second_ns < 0 ? 1 : 0));
+        const uint64_t time = time_of(record.time_ns).qzfi_sec;
         for (std::size_t index = 0; index < record.objects.size(); ++index) {
             if (path != nullptr && record.objects[index].path != path)
                 continue;

@@ -70,20 +70,6 @@ bool unescape(std::string_view text, std::string &plain) {
     return true;
 }
 
-// Relative, and nothing in it leads elsewhere.
-bool is_safe_path(std::string_view path) {
-    if (path.empty())
-        return true;
-    for (std::size_t start = 0; start <= path.size();) {
-        const std::size_t end = std::min(path.find('/', start), path.size());
-        const std::string_view name = path.substr(start, end - start);
-        if (name.empty() || name == "." || name == "..")
-            return false;
-        start = end + 1;
-    }
-    return true;
-}
-
 class Fields {
 public:
     explicit Fields(std::string_view line) : rest_(line) {}
@@ -149,7 +135,7 @@ std::size_t path_place(std::string_view line) {
 } // namespace
 
 bool manifest_line(const qfi_entry &entry, std::string &line) {
-    if (entry.type == 0 || entry.type >= type_letters.size() || !is_safe_path(entry.path) || entry.mode > 07777)
+    if (entry.type == 0 || entry.type >= type_letters.size() || !stays_below(entry.path) || entry.mode > 07777)
         return false;
     line.clear();
     line += type_letters[entry.type];
@@ -186,7 +172,7 @@ bool parse_manifest_line(std::string_view line, ManifestEntry &entry) {
         return false;
     if (!fields.word(digest) || !read_digest(digest, entry.digest))
         return false;
-    if (!fields.word(path) || !unescape(path, entry.path) || !is_safe_path(entry.path))
+    if (!fields.word(path) || !unescape(path, entry.path) || !stays_below(entry.path))
         return false;
     entry.target.clear();
     entry.device = 0;

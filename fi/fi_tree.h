@@ -267,6 +267,8 @@ private:
 
 /// A copy from malloc, for what is given out.
 char *give_text(std::string_view text);
+/// An instant as the framework counts it, of nanoseconds since 1 January 1970.
+qfi_time_t time_of(int64_t time_ns) noexcept;
 /// The interned object id of a text, its terminator included, so that it prints.
 qfi_objid_t *text_id(const std::string &text);
 

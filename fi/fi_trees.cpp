@@ -31,6 +31,11 @@ std::shared_ptr<Tree> find_tree(const qfi_domain *node) {
 
 constexpr char no_tree[] = "this is no tree of this library, or one that was detached";
 
+void require_own(const std::shared_ptr<Tree> &tree, const char *operation) {
+    require(tree != nullptr, operation, no_tree);
+    require(tree->process == getpid(), operation, "this tree is of the process that forked this one");
+}
+
 // What this thread's last TreeLock worked on; its end is known when the lock is gone already.
 struct LastWork {
     std::shared_ptr<Tree> tree;
@@ -81,8 +86,7 @@ TreeLock::TreeLock(const qfi_domain *node, const char *operation, Purpose purpos
 
 TreeLock::TreeLock(std::shared_ptr<Tree> tree, const char *operation, Purpose purpose, bool may_wait)
     : tree_(std::move(tree)), operation_(operation), purpose_(purpose) {
-    require(tree_ != nullptr, operation, no_tree);
-    require(tree_->process == getpid(), operation, "this tree is of the process that forked this one");
+    require_own(tree_, operation);
     lock_ = std::unique_lock(tree_->mutex, std::defer_lock);
     if (may_wait)
         lock_.lock();
@@ -154,7 +158,7 @@ void note_end(int32_t status) noexcept {
 
 qfi_operation_status status_of_tree(const qfi_domain *node, const char *operation) {
     const std::shared_ptr<Tree> tree = find_tree(node);
-    require(tree != nullptr, operation, no_tree);
+    require_own(tree, operation);
     const std::lock_guard lock(tree->status_mutex);
     take_counts(*tree);
     return tree->status;
@@ -162,7 +166,7 @@ qfi_operation_status status_of_tree(const qfi_domain *node, const char *operatio
 
 void set_caller_status(const qfi_domain *node, int32_t status, const char *operation) {
     const std::shared_ptr<Tree> tree = find_tree(node);
-    require(tree != nullptr, operation, no_tree);
+    require_own(tree, operation);
     const std::lock_guard lock(tree->status_mutex);
     tree->status.caller_status = status;
 }
@@ -257,6 +261,15 @@ char *give_text(std::string_view text) {
     return copy;
 }
 
+qfi_time_t time_of(int64_t time_ns) noexcept {
+    constexpr int64_t second = 1'000'000'000;
+    const int64_t rest = (time_ns % second + second) % second; // counted on, also before 1970
+    qfi_time_t time{};
+    qzfi_xlat2_qfitime(&time.qzfi_sec, time_ns / second - (time_ns % second < 0 ? 1 : 0));
+    time.qzfi_nsec = static_cast<uint32_t>(rest);
+    return time;
+}
+
 qfi_objid_t *text_id(const std::string &text) {
     const auto length = static_cast<int32_t>(text.size() + 1);
     // Longer ids are never interned; such a path is named by its beginning.
@@ -335,14 +348,6 @@ void build_nodes(Tree &tree) {
 
 namespace {
 
-qfi_time_t *add_time(Tree &tree, int64_t time_ns) {
-    qfi_time_t &time = tree.times.emplace_back();
-    constexpr int64_t second = 1'000'000'000;
-    qzfi_xlat2_qfitime(&time.qzfi_sec, time_ns / second);
-    time.qzfi_nsec = static_cast<uint32_t>(time_ns % second);
-    return &time;
-}
-
 void add_image_node(Tree &tree, TreeFilesystem &filesystem, std::size_t index, qfi_time_t *time) {
     TreeObject &object = filesystem.objects[index];
     if (object.image_node != nullptr)
@@ -362,7 +367,7 @@ void build_image_nodes(Tree &tree) {
     for (TreeFilesystem &filesystem : tree.filesystems) {
         if (!filesystem.is_frozen)
             continue;
-        qfi_time_t *const time = add_time(tree, filesystem.record.time_ns);
+        qfi_time_t *const time = &tree.times.emplace_back(time_of(filesystem.record.time_ns));
         for (std::size_t index = 0; index < filesystem.objects.size(); ++index)
             add_image_node(tree, filesystem, index, time);
     }

@@ -9,6 +9,7 @@
 
 #include <qzfi_provider.h>
 
+#include "fi/fi_tree.h"
 #include "store_support.h"
 #include "support/fault.h"
 
@@ -135,6 +136,24 @@ TEST(OpenBeneath, a_fifo_does_not_block) {
     const Descriptor at(open(folder.path().c_str(), O_RDONLY | O_DIRECTORY));
 
     EXPECT_TRUE(Descriptor(open_beneath(at.get(), "fifo", O_RDONLY)));
+}
+
+TEST(StaysBelow, only_names_do) {
+    for (const char *const path : {"", "a", "a/b", "...", "a/..b", ".a/b."})
+        EXPECT_TRUE(stays_below(path)) << path;
+    for (const char *const path : {"/", "/a", "a/", "a//b", ".", "..", "a/..", "../a", "a/./b"})
+        EXPECT_FALSE(stays_below(path)) << path;
+}
+
+TEST(TimeOf, nanoseconds_count_on_also_before_1970) {
+    const qfi_time_t start = time_of(0), before = time_of(-1), earlier = time_of(-1'000'000'000);
+    EXPECT_EQ(start.qzfi_nsec, 0u);
+    EXPECT_EQ(before.qzfi_sec, start.qzfi_sec - 1);
+    EXPECT_EQ(before.qzfi_nsec, 999'999'999u);
+    EXPECT_EQ(earlier.qzfi_sec, start.qzfi_sec - 1);
+    EXPECT_EQ(earlier.qzfi_nsec, 0u);
+    EXPECT_EQ(time_of(1'500'000'001).qzfi_sec, start.qzfi_sec + 1);
+    EXPECT_EQ(time_of(1'500'000'001).qzfi_nsec, 500'000'001u);
 }
 
 TEST(Descriptor, closing_keeps_errno) {

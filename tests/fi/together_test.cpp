@@ -191,6 +191,8 @@ TEST_F(Together, a_forked_child_that_shuts_down_leaves_the_trees_of_its_parent_a
         int32_t count = -1;
         bool is_well = qfi_op_unquiesce(tree) == 3 && !last_error().empty();
         is_well = is_well && qfi_op_get_active_resources(&trees, &count) == 0 && count == 0;
+        auto now = sized_record<qfi_operation_status>();
+        is_well = is_well && qfi_op_get_status(tree, &now) == 3 && qfi_op_set_op_status(tree, 1) == 3;
         is_well = is_well && qfi_op_detach(tree, nullptr, QFI_DETACH_REMOVE, nullptr) == 3;
         _exit(qzfiapi_shutdown() == 0 && is_well ? 0 : 1);
     }
