@@ -23,24 +23,26 @@ QZFI_BEGIN_DECLS
 /* Trees: from objects to a tree, and the making of an image. */
 
 /** Makes a tree: one node per file system, below it the objects, none of them within another one of the same file
- * system. Links in their paths are resolved once, here. `*tree` must be null; released by `qfi_op_detach`. */
+ * system (3). Links in their paths are resolved once, here; what is no directory gives 1025. `*tree` must be null;
+ * released by `qfi_op_detach`. */
 static inline int32_t qfi_op_gentree(const qfi_object *objects, int32_t count, const qfi_tree_options *options,
                                      qfi_domain **tree) {
     return qzfiapi_gentree((void *)objects, count, (void *)options, (void *)tree);
 }
 /** Finds what could freeze the tree: a combination for each file system and method, the best first, those that cannot
- * last, with the reason. `flags` is 0. Released by `qfi_op_free_combos`. */
+ * last, with the reason. `store` null is each method's default store. `flags` is 0. Released by `qfi_op_free_combos`.
+ */
 static inline int32_t qfi_op_analyze(qfi_domain *tree, const char *store, qfi_qs_combo **combos, int32_t flags) {
     return qzfiapi_analyze(tree, (void *)store, (void *)combos, flags);
 }
 /** Chooses what freezes the tree: a combination (for its file system), or a method by name for all, or, both null, the
- * best for each. `store` null is the method's default store. */
+ * best for each; 1026 when that cannot, with the reason. `store` null is the method's default store. */
 static inline int32_t qfi_op_select(qfi_domain *tree, const qfi_qs_combo *combo, const char *fim_id,
                                     const char *store) {
     return qzfiapi_select(tree, (void *)combo, (void *)fim_id, (void *)store);
 }
-/** Takes the options, checks space and rights, and makes the place for the images. `flags` is 0. `*report`, if asked
- * for, is released by `qfi_op_free_report`. */
+/** Takes the options, checks space and rights, and makes the place for the images; 1026, 1028 or 1029 when that cannot
+ * be. `flags` is 0. `*report`, if asked for, is released by `qfi_op_free_report`. */
 static inline int32_t qfi_op_prepare(qfi_domain *tree, int32_t flags, const qfi_freeze_options *options,
                                      qfi_report **report) {
     return qzfiapi_prepare(tree, flags, (void *)options, (void *)report);
@@ -51,7 +53,8 @@ static inline int32_t qfi_op_isready(qfi_domain *tree, qfi_ss_readystat *ready, 
     return qzfiapi_isready(tree, ready, (void *)reason);
 }
 /** Does all that is left up to the id document: select, prepare, quiesce, split, unquiesce, get_fiid. Both pointers may
- * be null. */
+ * be null. With 1031, of a post command that failed, the images are there, and the document is given. `*fiid` is
+ * released by `qfi_op_free_fiid`. */
 static inline int32_t qfi_op_make(qfi_domain *tree, const qfi_freeze_options *options, qfi_fiid **fiid) {
     return qzfiapi_make(tree, (void *)options, (void *)fiid);
 }
@@ -60,7 +63,9 @@ static inline int32_t qfi_op_build_alttree(qfi_domain *tree, void *reserved1, vo
     return qzfiapi_build_alttree(tree, reserved1, reserved2);
 }
 /** Lets go of a tree; `flags` are `qfi_detach_flags`. With QFI_DETACH_REMOVE its images are removed first; when that
- * fails the tree stays. `reserved` is null. */
+ * fails the tree stays. 1031 when a post command that was still to run failed: the tree is let go of all the same, and
+ * its images stay where they were not to be removed. `reserved` is null. `*report`, if asked for, is released by
+ * `qfi_op_free_report`. */
 static inline int32_t qfi_op_detach(qfi_domain *tree, void *reserved, int32_t flags, qfi_report **report) {
     return qzfiapi_detach(tree, reserved, flags, (void *)report);
 }
@@ -81,21 +86,25 @@ static inline int32_t qfi_op_reaccess_tree(const qfi_fiid *fiid, qfi_domain **tr
 }
 /** Reads attributes of a node: sizes of its file system or image in `attr`, or, with `name` not null, one of the texts
  * "path", "type", "filesystem", "device", "mountpoint", "image", "method", "consistency" in `*value`, released by
- * `qfi_op_free_buffer`. What is not asked for is null. */
+ * `qfi_op_free_buffer`; 4 for one that the node has not. What is not asked for is null. */
 static inline int32_t qfi_op_getattr(const qfi_domain *node, const char *name, qfi_attr *attr, char **value) {
     return qzfiapi_getattr((void *)node, (void *)name, attr, (void *)value);
 }
-/** Gives the path under which an object's frozen image can be read, whole or at `subpath` (null: whole). Released by
- * `qfi_op_free_buffer`. */
+/** Gives the path under which an object's frozen image can be read, whole or at `subpath` (null: whole). 1025 when
+ * nothing is there, 1038 when a link on the way would lead out of the image, 1032 when the image's files are missing.
+ * Released by `qfi_op_free_buffer`. */
 static inline int32_t qfi_op_access(const qfi_domain *node, const char *subpath, char **path) {
     return qzfiapi_access((void *)node, (void *)subpath, (void *)path);
 }
 /** Exports a tree's images into the new folder `directory` with their id document, and removes them from their store.
- * `fiid` may be null. */
+ * `fiid` may be null; `*fiid` is released by `qfi_op_free_fiid`. */
 static inline int32_t qfi_op_deport_tree(qfi_domain *tree, const char *directory, qfi_fiid **fiid) {
     return qzfiapi_deport_tree(tree, (void *)directory, (void *)fiid);
 }
-/** Takes exported images over into a store (null: the default store), as `qfi_op_set_import_options` says. */
+/** Takes exported images over into a store (null: the default store), as `qfi_op_set_import_options` says: into
+ * `*tree`, which is released by `qfi_op_detach`, or with `tree` null into the store only. `expected` (or null) is the
+ * document of the images that must be in the folder, else 1033. A folder that cannot be removed afterwards is no
+ * failure: the images are in the store, and the tree's report (`objctl` "report") has a remark. */
 static inline int32_t qfi_op_import_tree(const char *directory, const char *store, const qfi_fiid *expected,
                                          qfi_domain **tree) {
     return qzfiapi_import_tree((void *)directory, (void *)store, (void *)expected, (void *)tree);
@@ -105,7 +114,8 @@ static inline int32_t qfi_op_pre_prepare(qfi_domain *tree) {
     return qzfiapi_pre_prepare(tree);
 }
 /** Flushes the file systems, after the caller's pre command. From here on the post command will run, whatever happens
- * to this process; when this fails it was run already, and the tree can be prepared again. */
+ * to this process; when this fails (1030 for the pre command, 1031 when the post command cannot be made sure of) it
+ * was run already, unless it is what failed, and the tree can be prepared again. */
 static inline int32_t qfi_op_quiesce(qfi_domain *tree) {
     return qzfiapi_quiesce(tree);
 }
@@ -115,8 +125,8 @@ static inline int32_t qfi_op_quiesce(qfi_domain *tree) {
 static inline int32_t qfi_op_split(qfi_domain *tree, qfi_splitstat *status, qfi_report **report) {
     return qzfiapi_split(tree, status, (void *)report);
 }
-/** Runs the post command; to be called whatever became of the split. After a failed quiesce or split it only tells
- * how the post command ended. */
+/** Runs the post command; to be called whatever became of the split. After a failed quiesce or split it only tells how
+ * the post command ended. 1031 when it failed: what was split is frozen all the same. */
 static inline int32_t qfi_op_unquiesce(qfi_domain *tree) {
     return qzfiapi_unquiesce(tree);
 }
@@ -190,7 +200,8 @@ static inline int32_t qfi_op_get_associated_nodes(const char *path, qfi_assoc_li
 static inline int32_t qfi_op_enumerate_trees(qfi_domain_tree_list_t **list) {
     return qzfiapi_enumerate_trees((void *)list);
 }
-/** Releases the list and its trees. */
+/** Releases the list and its trees. Called from a handler it waits for none: a tree that an operation works on is no
+ * longer the host's either, and goes when that operation ends. */
 static inline int32_t qfi_op_free_tree_list(qfi_domain_tree_list_t *list) {
     return qzfiapi_free_tree_list(list);
 }
@@ -235,7 +246,7 @@ static inline int32_t qfi_op_get_component_info(qfi_component_request *request, 
     return qzfiapi_get_component_info(request, count);
 }
 /** Checks id documents: `results[i]` is 0 for one that is valid and whose image is there, else the status. `flags` is
- * 0; `store` null searches the known stores; `reserved` is null. */
+ * 0; `store` null searches the known stores. */
 static inline int32_t qfi_op_process_fiids(int32_t count, int32_t flags, const qfi_fiid *const *fiids, int32_t *results,
                                            const char *store) {
     return qzfiapi_process_fiids(count, flags, (void *)fiids, results, (void *)store);
@@ -244,16 +255,18 @@ static inline int32_t qfi_op_process_fiids(int32_t count, int32_t flags, const q
 static inline int32_t qfi_op_free_fiid(qfi_fiid *fiid) {
     return qzfiapi_free_fiid(fiid);
 }
-/** Makes an id document from an image's id and store, without its tree. */
+/** Makes an id document from an image's id and store ("" searches the known stores), without its tree. Released by
+ * `qfi_op_free_fiid`. */
 static inline int32_t qfi_op_fiid_synthesize(const qfi_image_ref *image, qfi_fiid **fiid) {
     return qzfiapi_fiid_synthesize((void *)image, (void *)fiid);
 }
-/** Restores: each null where it does not apply. See `qfi_restore_options`. `*report` is released by
- * `qfi_op_free_report`. */
+/** Restores the objects of a frozen tree as `qfi_restore_options` says; `options` null: whole, in their places.
+ * `*report`, if asked for, is given also of a failure, and released by `qfi_op_free_report`. */
 static inline int32_t qfi_op_restore(qfi_domain *tree, const qfi_restore_options *options, qfi_report **report) {
     return qzfiapi_restore(tree, (void *)options, (void *)report, 0, 0, 0, 0, 0, 0, 0);
 }
-/** Makes the originals equal to their images, changing only what differs. */
+/** Makes the originals equal to their images, changing only what differs. Options and report are as for
+ * `qfi_op_restore`. */
 static inline int32_t qfi_op_resync(qfi_domain *tree, const qfi_restore_options *options, qfi_report **report) {
     return qzfiapi_resync(tree, (void *)options, (void *)report, 0, 0, 0, 0, 0);
 }
@@ -261,7 +274,8 @@ static inline int32_t qfi_op_resync(qfi_domain *tree, const qfi_restore_options 
 static inline int32_t qfi_op_get_status(const qfi_domain *tree, qfi_operation_status *status) {
     return qzfiapi_get_status((void *)tree, status, 0, 0, 0, 0, 0);
 }
-/** The images from which an object can be restored, the newest first. Released by `qfi_op_free_valid_sec_list`. */
+/** The images from which an object can be restored, the newest first. `reserved` is null. Released by
+ * `qfi_op_free_valid_sec_list`. */
 static inline int32_t qfi_op_query_valid_secondaries(const char *path, void *reserved, qfi_image_list **list) {
     return qzfiapi_query_valid_secondaries((void *)path, reserved, (void *)list);
 }
@@ -269,11 +283,13 @@ static inline int32_t qfi_op_query_valid_secondaries(const char *path, void *res
 static inline int32_t qfi_op_free_valid_sec_list(qfi_image_list *list) {
     return qzfiapi_free_valid_sec_list(list, 0);
 }
-/** Describes a tree: its state, and of a frozen one the image. Released by `qfi_op_free_valid_sec_list`. */
+/** Describes a tree: its state (a `qfi_tree_state`), and of a frozen one the images as they are now. Either pointer may
+ * be null. Released by `qfi_op_free_valid_sec_list`. */
 static inline int32_t qfi_op_query_tree_status(const qfi_domain *tree, int32_t *state, qfi_image_list **image) {
     return qzfiapi_query_tree_status((void *)tree, state, (void *)image);
 }
-/** The state of stores: `path` null for all that are known. Released by `qfi_op_free_res_status_list`. */
+/** The state of stores: `path` null for all that are known. `reserved` is null. Released by
+ * `qfi_op_free_res_status_list`. */
 static inline int32_t qfi_op_query_res_status(const char *path, void *reserved, qfi_store_status **list) {
     return qzfiapi_query_res_status((void *)path, reserved, (void *)list);
 }
@@ -298,7 +314,8 @@ static inline int32_t qfi_op_is_snap_imported(const char *image_id, int32_t *imp
 static inline int32_t qfi_op_getSnapshotSetId(const char *image_id, char **set_id) {
     return qzfiapi_getSnapshotSetId((void *)image_id, (void *)set_id);
 }
-/** Brings a reference up to date: fills in the store of an image that was found in another one. */
+/** Brings a reference up to date: fills in the image and the store that it was found in, "" for a set in several
+ * stores. */
 static inline int32_t qfi_op_update_snapshot_handle(const char *image_id, qfi_image_ref *image) {
     return qzfiapi_update_snapshot_handle((void *)image_id, image);
 }
@@ -314,12 +331,14 @@ static inline int32_t qfi_op_get_snapdiff(const qfi_domain *from, const qfi_doma
 static inline int32_t qfi_op_objctl(qfi_domain *tree, const char *command, const char *store, qfi_report **report) {
     return qzfiapi_objctl(tree, (void *)command, (void *)store, (void *)report, 0);
 }
-/** How later imports behave. `flags` is 0, `reserved` null. */
+/** How later imports of this process behave, until it shuts the library down; `options` null: as at first. All else is
+ * 0 or null. */
 static inline int32_t qfi_op_set_import_options(const qfi_import_options *options, void *reserved1, int32_t flags,
                                                 void *reserved2) {
     return qzfiapi_set_import_options((void *)options, reserved1, flags, reserved2);
 }
-/** Where the next restore of a tree goes: `count` paths, one for each object; null for the original place. */
+/** Where the next restore of a tree goes: `count` paths, one for each object; null for the original place. `count` 0:
+ * all to their places. */
 static inline int32_t qfi_op_set_restorepaths(qfi_domain *tree, const char *const *paths, int32_t count) {
     return qzfiapi_set_restorepaths(tree, (void *)paths, count);
 }
@@ -329,16 +348,17 @@ static inline int32_t qfi_op_get_backupset(const qfi_domain *tree, int32_t flags
                                            int32_t reserved, qfi_diff **files) {
     return qzfiapi_get_backupset((void *)tree, flags, (void *)base, reserved, (void *)files);
 }
-/** Notes that a backup of the images succeeded or failed (`backed_up` 1 or 0); shown with the image. */
+/** Notes that a backup of the images succeeded or failed (`backed_up` 1 or 0); shown with the image. `consumer` is not
+ * kept; `reserved` is null. `*report`, if asked for, is released by `qfi_op_free_report`. */
 static inline int32_t qfi_op_process_backups(qfi_domain *tree, const char *consumer, void *reserved, int32_t backed_up,
                                              qfi_report **report) {
     return qzfiapi_process_backups(tree, (void *)consumer, reserved, backed_up, (void *)report);
 }
-/** Notes the backup status of one object of a tree, by index. */
+/** Notes the backup status of one object of a tree, by index from 0 over all file systems; `text` may be null. */
 static inline int32_t qfi_op_set_comp_status(qfi_domain *tree, int32_t index, const char *text, int32_t status) {
     return qzfiapi_set_comp_status(tree, index, (void *)text, status);
 }
-/** Reads it again; `*text` is released by `qfi_op_free_buffer`. */
+/** Reads the text that `qfi_op_set_comp_status` noted, "" before; released by `qfi_op_free_buffer`. */
 static inline int32_t qfi_op_get_app_status(const qfi_domain *tree, int32_t index, char **text) {
     return qzfiapi_get_app_status((void *)tree, index, (void *)text);
 }
@@ -346,7 +366,7 @@ static inline int32_t qfi_op_get_app_status(const qfi_domain *tree, int32_t inde
 static inline int32_t qfi_op_set_op_status(qfi_domain *tree, int32_t status) {
     return qzfiapi_set_op_status(tree, status);
 }
-/** Prefers a method for later selects in this process; null: none. */
+/** Prefers a method for later selects in this process; null: none. 1026 when no provider offers it. */
 static inline int32_t qfi_op_set_fim_name(const char *fim_id) {
     return qzfiapi_set_fim_name((void *)fim_id);
 }
@@ -371,11 +391,11 @@ static inline int32_t qfi_op_del_last_error(qfi_error_info **error) {
     return qzfiapi_del_last_error((void *)error);
 }
 /** An error record as text, in English or, `localized` not null, as well in the current language (null when there is no
- * translation). `reserved` is null. Each is released by `qfi_op_del_locale_message`. */
+ * translation). Each is released by `qfi_op_del_locale_message`. */
 static inline int32_t qfi_op_get_locale_message(const qfi_error_info *error, char **english, char **localized) {
     return qzfiapi_get_locale_message((void *)error, (void *)english, (void *)localized, 0);
 }
-/** Releases the text of a message. */
+/** Releases a text of `qfi_op_get_locale_message`. */
 static inline int32_t qfi_op_del_locale_message(char *text) {
     return qzfiapi_del_locale_message(text);
 }
@@ -383,50 +403,51 @@ static inline int32_t qfi_op_del_locale_message(char *text) {
 static inline int32_t qfi_op_alloc_buffer(uint64_t size, void **buffer) {
     return qzfiapi_alloc_buffer((void *)(uintptr_t)size, (void *)buffer);
 }
-/** Releases a block of memory. */
+/** Releases what `qfi_op_alloc_buffer` or another operation gave as a buffer; null is fine. */
 static inline int32_t qfi_op_free_buffer(void *buffer) {
     return qzfiapi_free_buffer(buffer);
 }
-/** Releases a report. */
+/** Releases a report, as `qfi_op_free_buffer` does. */
 static inline int32_t qfi_op_free_report(qfi_report *report) {
     return qzfiapi_free_buffer(report);
 }
-/** The credential text of this process, as `qzfi_get_credential_blob` gives it. Numbers are 0, `reserved` null. */
+/** The credential text of this process, as `qzfi_get_credential_blob` gives it; released by `qfi_op_free_buffer`.
+ * Numbers are 0, `reserved` null. */
 static inline int32_t qfi_op_get_credentials(void *reserved, int32_t number1, int32_t number2, char **text) {
     return qzfiapi_get_credentials(reserved, number1, number2, (void *)text);
 }
-/** Sets it; null forgets it. */
+/** Sets the credential text of this process; null forgets it. Numbers are 0, `reserved` null. */
 static inline int32_t qfi_op_set_credentials(void *reserved, int32_t number1, int32_t number2, const char *text) {
     return qzfiapi_set_credentials(reserved, number1, number2, (void *)text);
 }
 
 /* Operations on devices. File systems have no means for them: status 4, whatever the arguments. */
 
-/** Brings objects online. */
+/** Brings objects online: not for file systems, always 4. */
 static inline int32_t qfi_op_online(const qfi_domain *node) {
     return qzfiapi_online((void *)node, 0, 0, 0);
 }
-/** Takes objects offline. */
+/** Takes objects offline: not for file systems, always 4. */
 static inline int32_t qfi_op_offline(const qfi_domain *node) {
     return qzfiapi_offline((void *)node, 0, 0, 0, 0);
 }
-/** Formats an object. */
+/** Formats an object: not for file systems, always 4. */
 static inline int32_t qfi_op_format(const qfi_domain *node) {
     return qzfiapi_format((void *)node, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
 }
-/** Takes over a resource that another host deported. */
+/** Takes over a resource that another host deported: not for file systems, always 4. */
 static inline int32_t qfi_op_import_resource(const qfi_domain *node) {
     return qzfiapi_import_resource((void *)node, 0, 0, 0, 0, 0, 0);
 }
-/** Gives up this host's hold of a resource. */
+/** Gives up this host's hold of a resource: not for file systems, always 4. */
 static inline int32_t qfi_op_deport_resource(const qfi_domain *node) {
     return qzfiapi_deport_resource((void *)node, 0, 0, 0, 0, 0, 0, 0);
 }
-/** Brings a resource online. */
+/** Brings a resource online: not for file systems, always 4. */
 static inline int32_t qfi_op_online_resource(const qfi_domain *node) {
     return qzfiapi_online_resource((void *)node, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
 }
-/** Takes a resource offline. */
+/** Takes a resource offline: not for file systems, always 4. */
 static inline int32_t qfi_op_offline_resource(const qfi_domain *node) {
     return qzfiapi_offline_resource((void *)node, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
 }
