@@ -25,6 +25,7 @@ int32_t qzfi_shutdown(void) {
             unregister_tree(&tree->root);
         }
         prefer_method(nullptr);
+        qzfi_set_import_options(nullptr, nullptr, 0, nullptr);
     });
     unload_providers();
     close_context();

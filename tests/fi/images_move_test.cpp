@@ -89,6 +89,15 @@ TEST_P(Move, an_image_to_another_file_system_and_back) {
     EXPECT_EQ(last_error(), "qzfi_import_tree: " + (store / "images" / id).string() + " exists already\n");
 }
 
+TEST_P(Move, options_last_until_the_shutdown) {
+    export_one();
+    set_options(0, 1);
+    stop();
+    start();
+    ASSERT_EQ(import(), 0) << last_error();
+    EXPECT_FALSE(fs::exists(exported));
+}
+
 TEST_P(Move, exports_the_document_that_it_gives) {
     Tree tree = freeze({object}, store);
     qfi_fiid *fiid = nullptr;
