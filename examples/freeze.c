@@ -4,20 +4,17 @@
 
 #include <qzfi_fi.h>
 
-static void print_errors(void) {
+static void print_last_error(void) {
     qfi_error_info *error = NULL;
-    while (qfi_op_get_last_error(&error) == QFI_STATUS_OK && error != NULL) {
-        char *text = NULL;
-        if (qfi_op_get_locale_message(error, &text, NULL) == QFI_STATUS_OK)
-            fprintf(stderr, "%s", text); /* it ends its line itself */
-        qfi_op_del_locale_message(text);
-    }
+    char *text = NULL;
+    if (qfi_op_get_last_error(&error) == 0 && qfi_op_get_locale_message(error, &text, NULL) == 0)
+        fprintf(stderr, "%s", text); /* it ends its line itself */
+    qfi_op_del_locale_message(text);
 }
 
 int main(int argc, char **argv) {
     qfi_handler handler = {0};
-    if (argc != 4 || qzfiapi_set_init_env(argv[3], "freeze") != QFI_STATUS_OK ||
-        qzfiapi_start(&handler, QFI_API_VERSION) != QFI_STATUS_OK)
+    if (argc != 4 || qzfiapi_set_init_env(argv[3], "freeze") != 0 || qzfiapi_start(&handler, QFI_API_VERSION) != 0)
         return fprintf(stderr, "usage: %s FOLDER METHOD ROOT\n", argv[0]), 2;
     const qfi_object object = {argv[1], NULL};
     qfi_freeze_options options;
@@ -25,14 +22,13 @@ int main(int argc, char **argv) {
     options.fim_id = argv[2];
     qfi_domain *tree = NULL;
     char *id = NULL, *path = NULL;
-    const int is_frozen = qfi_op_gentree(&object, 1, NULL, &tree) == QFI_STATUS_OK &&
-                          qfi_op_make(tree, &options, NULL) == QFI_STATUS_OK &&
-                          qfi_op_getattr(tree->fid_children, "image", NULL, &id) == QFI_STATUS_OK &&
-                          qfi_op_access(tree->fid_children->fid_children, NULL, &path) == QFI_STATUS_OK;
+    const int is_frozen = qfi_op_gentree(&object, 1, NULL, &tree) == 0 && qfi_op_make(tree, &options, NULL) == 0 &&
+                          qfi_op_getattr(tree->fid_children, "image", NULL, &id) == 0 &&
+                          qfi_op_access(tree->fid_children->fid_children, NULL, &path) == 0;
     if (is_frozen)
         printf("%s\n%s\n", id, path);
     else
-        print_errors();
+        print_last_error();
     qfi_op_free_buffer(id);
     qfi_op_free_buffer(path);
     if (tree != NULL)
