@@ -15,18 +15,42 @@
 #include <qzfi_fi.h>
 #include <qzfi_provider.h>
 
-/* Every failure names the call, the object below the job's, and the errno. */
-static int32_t fail(const qfi_provider_job *job, const char *operation, const char *object, int error) {
+/* Every failure names the call, the object below the job's, and the errno; `otherwise` is a failure to read or write.
+ */
+static int32_t fail(const qfi_provider_job *job, const char *operation, const char *object, int error,
+                    int32_t otherwise) {
     job->host->fail(job->host->context, operation, object, error);
-    if (error == ENOSPC || error == EDQUOT)
+    switch (error) {
+    case ENOMEM:
+        return QFI_STATUS_NO_MEMORY;
+    case ENOSPC:
+    case EDQUOT:
         return QFI_FI_NO_SPACE;
-    if (error == EPERM || error == EACCES)
+    case EPERM:
+    case EACCES:
         return QFI_FI_NO_RIGHT;
-    if (error == EEXIST)
+    case EEXIST:
         return QFI_FI_EXISTS;
-    if (error == EOPNOTSUPP)
+    case ELOOP:
+        return QFI_FI_UNSAFE;
+    case EOPNOTSUPP:
         return QFI_STATUS_NOT_SUPPORTED;
-    return QFI_FI_WRITE;
+    default:
+        return otherwise;
+    }
+}
+
+static int32_t fail_read(const qfi_provider_job *job, const char *operation, const char *object) {
+    return fail(job, operation, object, errno, QFI_FI_READ);
+}
+
+static int32_t fail_write(const qfi_provider_job *job, const char *operation, const char *object) {
+    return fail(job, operation, object, errno, QFI_FI_WRITE);
+}
+
+/* A library of an earlier kit knows less of a job than this provider. */
+static int is_known(const qfi_provider_job *job) {
+    return job != NULL && job->size >= sizeof(*job);
 }
 
 static void remark(const qfi_provider_job *job, uint32_t kind, const char *path, const char *detail) {
@@ -87,18 +111,20 @@ static int32_t copy_file(const qfi_provider_job *job, int directory, const char 
     struct stat status;
     const int from = open_plain_file(job->source, name, &status);
     if (from < 0)
-        return fail(job, "opening a plain file", name, errno);
+        return fail_read(job, "opening a plain file", name);
     const int to = openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     int32_t result = 0;
     if (to < 0 || copy_data(from, to) != 0 || keep_attributes(to, &status) != 0)
-        result = fail(job, "copying", name, errno);
+        result = fail_write(job, "copying", name);
     if (result == 0 && flistxattr(from, NULL, 0) > 0)
         remark(job, QFI_REMARK_ATTRIBUTE, name, "extended attributes");
+    if (result == 0 && status.st_nlink > 1)
+        remark(job, QFI_REMARK_ATTRIBUTE, name, "hard link");
     if (result == 0 && (job->flags & QFI_JOB_SYNC) != 0 && fsync(to) != 0)
-        result = fail(job, "fsync", name, errno);
+        result = fail_write(job, "fsync", name);
     close(from);
     if (to >= 0 && close(to) != 0 && result == 0)
-        result = fail(job, "close", name, errno);
+        result = fail_write(job, "close", name);
     *bytes += (uint64_t)status.st_size;
     return result == 0 ? tell_entry(job, name, &status) : result;
 }
@@ -128,36 +154,42 @@ static int32_t copy_files(const qfi_provider_job *job, DIR *files, int directory
         if (job->host->progress(job->host->context, ++entries, bytes) != 0)
             return QFI_FI_CANCELLED;
     }
-    return errno == 0 ? 0 : fail(job, "readdir", "", errno);
+    return errno == 0 ? 0 : fail_read(job, "readdir", "");
 }
 
 static int32_t fill(const qfi_provider_job *job, DIR *image) {
     struct stat status;
     DIR *const files = open_stream(job->source, ".");
     if (files == NULL)
-        return fail(job, "opendir", "", errno);
+        return fail_read(job, "opendir", "");
     int32_t result = copy_files(job, files, dirfd(image));
     if (result == 0 && (fstat(job->source, &status) != 0 || keep_attributes(dirfd(image), &status) != 0))
-        result = fail(job, "keeping the attributes", "", errno);
+        result = fail_write(job, "keeping the attributes", "");
     if (result == 0 && (job->flags & QFI_JOB_SYNC) != 0 && fsync(dirfd(image)) != 0)
-        result = fail(job, "fsync", "", errno);
+        result = fail_write(job, "fsync", "");
     closedir(files);
     return result == 0 ? tell_entry(job, "", &status) : result;
 }
 
+static int32_t empty(const qfi_provider_job *job, DIR *image) {
+    const struct dirent *entry;
+    for (errno = 0; (entry = readdir(image)) != NULL; errno = 0)
+        if (!is_dot(entry->d_name) && unlinkat(dirfd(image), entry->d_name, 0) != 0 && errno != ENOENT)
+            return fail_write(job, "unlinkat", entry->d_name);
+    return errno == 0 ? 0 : fail_read(job, "readdir", "");
+}
+
 static int32_t remove_image(qfi_provider_job *job) {
+    if (!is_known(job))
+        return QFI_STATUS_INVALID_ARGUMENT;
     DIR *const image = open_stream(job->target, job->name);
     if (image == NULL)
-        return errno == ENOENT ? 0 : fail(job, "opendir", "", errno);
-    const struct dirent *entry;
-    while ((entry = readdir(image)) != NULL)
-        if (!is_dot(entry->d_name) && unlinkat(dirfd(image), entry->d_name, 0) != 0 && errno != ENOENT) {
-            const int32_t status = fail(job, "unlinkat", entry->d_name, errno);
-            closedir(image);
-            return status;
-        }
+        return errno == ENOENT ? 0 : fail_write(job, "opendir", "");
+    const int32_t status = empty(job, image);
     closedir(image);
-    return unlinkat(job->target, job->name, AT_REMOVEDIR) == 0 ? 0 : fail(job, "unlinkat", "", errno);
+    if (status != 0)
+        return status;
+    return unlinkat(job->target, job->name, AT_REMOVEDIR) == 0 ? 0 : fail_write(job, "unlinkat", "");
 }
 
 static void say_nothing(void *context, const char *operation, const char *object, int32_t error) {
@@ -175,12 +207,14 @@ static void discard(const qfi_provider_job *job) {
 
 /* Complete or not at all. */
 static int32_t make(qfi_provider_job *job) {
+    if (!is_known(job))
+        return QFI_STATUS_INVALID_ARGUMENT;
     if ((job->flags & QFI_JOB_DIGEST) != 0)
-        return fail(job, "making digests", "", EOPNOTSUPP);
+        return fail(job, "making digests", "", EOPNOTSUPP, QFI_FI_WRITE);
     if (mkdirat(job->target, job->name, 0700) != 0)
-        return fail(job, "mkdirat", "", errno);
+        return fail_write(job, "mkdirat", "");
     DIR *const image = open_stream(job->target, job->name);
-    const int32_t status = image != NULL ? fill(job, image) : fail(job, "opendir", "", errno);
+    const int32_t status = image != NULL ? fill(job, image) : fail_write(job, "opendir", "");
     if (image != NULL)
         closedir(image);
     if (status != 0)
@@ -192,12 +226,13 @@ static int32_t make(qfi_provider_job *job) {
 static int32_t probe(int source, int store, const char *object, uint32_t flags, qfi_probe *out) {
     (void)object, (void)flags;
     struct stat status;
+    if (out == NULL || out->size < sizeof(*out))
+        return QFI_STATUS_INVALID_ARGUMENT;
     DIR *const files = open_stream(source, ".");
     if (files == NULL)
         return QFI_FI_READ;
-    const uint32_t size = out->size;
     memset(out, 0, sizeof(*out));
-    out->size = size;
+    out->size = sizeof(*out);
     out->combo_class = QFI_SERIAL_FS;
     out->consistency = QFI_CONSISTENCY_FUZZY;
     if (store >= 0 && faccessat(store, ".", W_OK, AT_EACCESS) != 0)

@@ -65,11 +65,37 @@ TEST_F(Flat, anything_else_is_refused_with_a_reason_and_leaves_nothing) {
     EXPECT_EQ(result.combo_class, QFI_CLASS_NOTSUP);
     EXPECT_STREQ(result.reason, "it holds \"link\", which is no plain file");
     Job job(root / "data", root / "store", "image");
-    EXPECT_EQ(flat->split(&job), QFI_FI_WRITE);
+    EXPECT_EQ(flat->split(&job), QFI_FI_UNSAFE);
     EXPECT_EQ(job.failed_operation, "opening a plain file");
     EXPECT_EQ(job.failed_object, "link");
     EXPECT_EQ(job.failed_error, ELOOP);
     EXPECT_TRUE(fs::is_empty(root / "store"));
+}
+
+TEST_F(Flat, what_cannot_be_kept_is_remarked) {
+    fs::create_hard_link(root / "data/one", root / "other");
+    Job job(root / "data", root / "store", "image");
+    ASSERT_EQ(flat->split(&job), 0) << job.failed_operation << " " << job.failed_object;
+    EXPECT_EQ(job.remarks, (std::vector<Remark>{{QFI_REMARK_ATTRIBUTE, "one", "hard link", 0}}));
+}
+
+TEST_F(Flat, a_folder_that_cannot_be_read_is_a_failure_to_read) {
+    Job job(root / "data", root / "store", "image");
+    (&job)->source = -1;
+    EXPECT_EQ(flat->split(&job), QFI_FI_READ);
+    EXPECT_EQ(job.failed_operation, "opendir");
+    EXPECT_EQ(job.failed_error, EBADF);
+    EXPECT_TRUE(fs::is_empty(root / "store"));
+}
+
+TEST_F(Flat, records_of_an_earlier_kit_are_refused) {
+    Job job(root / "data", root / "store", "image");
+    (&job)->size = sizeof(qfi_provider_job) - 1;
+    for (const auto operation : {flat->split, flat->copy_out, flat->remove})
+        EXPECT_EQ(operation(&job), QFI_STATUS_INVALID_ARGUMENT);
+    qfi_probe small{};
+    small.size = sizeof small - 1;
+    EXPECT_EQ(flat->probe(Directory(root / "data"), -1, "", 0, &small), QFI_STATUS_INVALID_ARGUMENT);
 }
 
 TEST_F(Flat, digests_are_not_offered) {
