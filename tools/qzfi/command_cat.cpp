@@ -108,9 +108,9 @@ int run(const Settings &settings, const Options &options) {
 } // namespace
 
 void add_cat(CommandLine &line) {
-    add_command<Options>(line, "cat", "Print a file from an image", run, [](CLI::App &command, Options &options) {
+    add_command<Options>(line, "cat", "Print a file from an image", run, [](Arguments &command, Options &options) {
         add_image(command, options.image);
-        command.add_option("FILE", options.place.file, "Below the object, or the original's path")->required();
+        command.add_option("FILE", options.place.file, "Below the object, or the original's path").required();
         add_object(command, options.place.object);
     });
 }

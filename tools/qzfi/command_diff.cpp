@@ -152,7 +152,7 @@ int run(const Settings &settings, const Options &options) {
 
 void add_diff(CommandLine &line) {
     add_command<Options>(
-        line, "diff", "List what changed since an image was made", run, [](CLI::App &command, Options &options) {
+        line, "diff", "List what changed since an image was made", run, [](Arguments &command, Options &options) {
             command.footer("Letters: A added, R removed, C content, T another type, M owner or mode.");
             add_image(command, options.image);
             command
@@ -160,7 +160,7 @@ void add_diff(CommandLine &line) {
                     "OTHER", options.other,
                     "Another image's id, a path within the original to compare only that, or another directory; "
                     "else the originals")
-                ->type_name("ID|PATH");
+                .type_name("ID|PATH");
             command.add_flag("--digest", options.digest, "Compare data where sizes and times agree");
             command.add_flag("--exit-code", options.exit_code, "End with 3 when there are differences");
             add_json(command, options.json);

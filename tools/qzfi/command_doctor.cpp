@@ -69,7 +69,7 @@ int run(const Settings &settings, const Options &options) {
 
 void add_doctor(CommandLine &line) {
     add_command<Options>(line, "doctor", "Check the installation, and say what to do about what is wrong", run,
-                         [](CLI::App &command, Options &options) { add_json(command, options.json); });
+                         [](Arguments &command, Options &options) { add_json(command, options.json); });
 }
 
 } // namespace qzfi::tool

@@ -32,10 +32,10 @@ int run(const Settings &settings, const Options &options) {
 
 void add_errmsg(CommandLine &line) {
     add_command<Options>(line, "errmsg", "Tell what a status number means", run,
-                         [](CLI::App &command, Options &options) {
+                         [](Arguments &command, Options &options) {
                              command.add_option("STATUS", options.status, "The number, as in \"(1024)\"")
-                                 ->required()
-                                 ->check(CLI::Range(0u, 0x7FFFFFFFu));
+                                 .required()
+                                 .within(0u, 0x7FFFFFFFu);
                              add_json(command, options.json);
                          });
 }

@@ -32,13 +32,12 @@ int run(const Settings &settings, const Options &options) {
 
 void add_export(CommandLine &line) {
     add_command<Options>(line, "export", "Move an image out of its store into a folder, which is printed", run,
-                         [](CLI::App &command, Options &options) {
+                         [](Arguments &command, Options &options) {
                              command.footer("The image leaves its store; `qzfi import` takes the folder into a store, "
                                             "also on another host.");
                              add_image(command, options.image);
-                             command
-                                 .add_option("--to", options.to, "The new folder; else one named as the image, here")
-                                 ->type_name("DIR");
+                             command.add_option("--to", options.to, "The new folder; else one named as the image, here")
+                                 .type_name("DIR");
                          });
 }
 

@@ -57,8 +57,8 @@ int run(const Settings &settings, const Options &options) {
 void add_import(CommandLine &line) {
     add_command<Options>(
         line, "import", "Take an exported image over into a store; its id is printed", run,
-        [](CLI::App &command, Options &options) {
-            command.add_option("PATH", options.path, "The exported folder, or the fiid.xml in it")->required();
+        [](Arguments &command, Options &options) {
+            command.add_option("PATH", options.path, "The exported folder, or the fiid.xml in it").required();
             add_store(command, options.store, "The store; else the default one");
             command.add_flag("--verify", options.verify, "Compare with the manifests; when it differs, nothing comes");
             command.add_flag("--keep-source", options.keep_source, "Leave the folder where it is");

@@ -59,7 +59,7 @@ int run(const Settings &settings, const Options &options) {
 } // namespace
 
 void add_list(CommandLine &line) {
-    add_command<Options>(line, "list", "List images, the oldest first", run, [](CLI::App &command, Options &options) {
+    add_command<Options>(line, "list", "List images, the oldest first", run, [](Arguments &command, Options &options) {
         add_store(command, options.store, "Only those of this store");
         add_json(command, options.json);
     });

@@ -198,14 +198,13 @@ int run(const Settings &settings, const Options &options) {
 void add_log(CommandLine &line) {
     add_command<Options>(
         line, "log", "Tell where the log is and what is traced; switch the trace on and off", run,
-        [](CLI::App &command, Options &options) {
+        [](Arguments &command, Options &options) {
             std::vector<std::string> names = trace_level_names(~0u);
-            CLI::Option *const level =
-                command.add_option("--level", options.levels, "Trace these from the next start on, as in INFO,WARN")
-                    ->type_name("LEVEL")
-                    ->delimiter(',')
-                    ->check(CLI::IsMember(names));
-            command.add_flag("--off", options.off, "Trace nothing from the next start on")->excludes(level);
+            command.add_option("--level", options.levels, "Trace these from the next start on, as in INFO,WARN")
+                .type_name("LEVEL")
+                .delimiter(',')
+                .one_of(names);
+            command.add_flag("--off", options.off, "Trace nothing from the next start on").excludes("--level");
             add_json(command, options.json);
         });
 }

@@ -89,8 +89,8 @@ int run(const Settings &settings, const Options &options) {
 
 void add_methods(CommandLine &line) {
     add_command<Options>(line, "methods", "Tell what could freeze directories, and why the rest cannot", run,
-                         [](CLI::App &command, Options &options) {
-                             command.add_option("PATH", options.paths, "Directories, as for freeze")->required();
+                         [](Arguments &command, Options &options) {
+                             command.add_option("PATH", options.paths, "Directories, as for freeze").required();
                              add_store(command, options.store, "A store instead of each method's own");
                              add_json(command, options.json);
                          });

@@ -118,7 +118,7 @@ int run(const Settings &settings, const Options &options) {
 
 void add_nodes(CommandLine &line) {
     add_command<Options>(line, "nodes", "List file systems with who can freeze them, and disks", run,
-                         [](CLI::App &command, Options &options) { add_json(command, options.json); });
+                         [](Arguments &command, Options &options) { add_json(command, options.json); });
 }
 
 } // namespace qzfi::tool

@@ -41,7 +41,7 @@ int run(const Settings &settings, const Options &options) {
 
 void add_path(CommandLine &line) {
     add_command<Options>(line, "path", "Print the path under which an image, or a file in it, can be read", run,
-                         [](CLI::App &command, Options &options) {
+                         [](Arguments &command, Options &options) {
                              add_image(command, options.image);
                              command.add_option("FILE", options.place.file,
                                                 "Below the object, or the original's path; else each object");

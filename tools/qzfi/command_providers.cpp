@@ -60,7 +60,7 @@ int run(const Settings &settings, const Options &options) {
 
 void add_providers(CommandLine &line) {
     add_command<Options>(line, "providers", "List providers, and plugins that were refused", run,
-                         [](CLI::App &command, Options &options) { add_json(command, options.json); });
+                         [](Arguments &command, Options &options) { add_json(command, options.json); });
 }
 
 } // namespace qzfi::tool

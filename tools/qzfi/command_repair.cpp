@@ -65,7 +65,7 @@ int run(const Settings &settings, const Options &options) {
 
 void add_repair(CommandLine &line) {
     add_command<Options>(line, "repair", "Remove what a crash left in the stores, and tell what is damaged", run,
-                         [](CLI::App &command, Options &options) {
+                         [](Arguments &command, Options &options) {
                              add_store(command, options.store, "Only this store; else all known ones");
                              add_json(command, options.json);
                          });

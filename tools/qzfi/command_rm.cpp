@@ -67,9 +67,9 @@ int run(const Settings &settings, const Options &options) {
 } // namespace
 
 void add_rm(CommandLine &line) {
-    add_command<Options>(line, "rm", "Remove images", run, [](CLI::App &command, Options &options) {
+    add_command<Options>(line, "rm", "Remove images", run, [](Arguments &command, Options &options) {
         command.add_option("ID", options.ids, "Ids of images or sets, unique beginnings of them, or \"latest\"")
-            ->required();
+            .required();
         add_store(command, options.store, "Look in this store instead of the known ones");
         add_yes(command, options.yes);
     });

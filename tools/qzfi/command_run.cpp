@@ -144,12 +144,12 @@ int run(const Settings &settings, const Options &options) {
 void add_run(CommandLine &line) {
     add_command<Options>(
         line, "run", "Run a command as pre and post commands run, in the context process", run,
-        [](CLI::App &command, Options &options) {
+        [](Arguments &command, Options &options) {
             command.footer(
                 "Write \"--\" before the command. One word is a text for /bin/bash; several are a command and "
                 "its arguments. It starts\nafter two seconds, has nothing to read on standard input, and its exit "
                 "code becomes that of qzfi.");
-            command.add_option("COMMAND", options.words, "The command, with its arguments")->required();
+            command.add_option("COMMAND", options.words, "The command, with its arguments").required();
         });
 }
 

@@ -121,12 +121,11 @@ int run(const Settings &settings, const Options &options) {
 
 void add_show(CommandLine &line) {
     add_command<Options>(line, "show", "Show what is known of an image, with the remarks that were made with it", run,
-                         [](CLI::App &command, Options &options) {
+                         [](Arguments &command, Options &options) {
                              add_image(command, options.image);
                              add_json(command, options.json);
-                             command
-                                 .add_flag("--fiid", options.fiid, "Print the image's id document, XML, and no more")
-                                 ->excludes("--json");
+                             command.add_flag("--fiid", options.fiid, "Print the image's id document, XML, and no more")
+                                 .excludes("--json");
                          });
 }
 

@@ -88,7 +88,7 @@ int run(const Settings &settings, const Options &options) {
 
 void add_tree(CommandLine &line) {
     add_command<Options>(line, "tree", "Draw an image's tree: file systems, objects, and where each one is frozen", run,
-                         [](CLI::App &command, Options &options) {
+                         [](Arguments &command, Options &options) {
                              add_image(command, options.image);
                              add_json(command, options.json);
                          });

@@ -108,7 +108,7 @@ int run(const Settings &settings, const Options &options) {
 
 void add_verify(CommandLine &line) {
     add_command<Options>(line, "verify", "Compare images with their manifests", run,
-                         [](CLI::App &command, Options &options) {
+                         [](Arguments &command, Options &options) {
                              command.footer("Data is compared where the image was made with --digest, otherwise only "
                                             "what each entry is. Exit code 3 when an image is damaged.");
                              add_image(command, options.image, false);

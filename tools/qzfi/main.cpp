@@ -6,6 +6,8 @@
 #include <iostream>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
+
 #include "tools/qzfi/commands.h"
 #include "tools/qzfi/completion.h"
 #include "tools/qzfi/text.h"
@@ -17,7 +19,7 @@ namespace {
 constexpr const char *default_root = "/usr/lumen";
 
 void declare(CommandLine &line) {
-    CLI::App &app = line.app;
+    CLI::App &app = line.app();
     app.name("qzfi");
     app.description("Frozen images: point-in-time copies of directory trees");
     app.footer("qzfi COMMAND --help tells more. Exit codes: 0 done, 1 failed, 2 wrong usage, 3 differs or damaged, "
@@ -81,9 +83,9 @@ int run(int argc, char **argv) {
     CommandLine line;
     declare(line);
     try {
-        line.app.parse(argc, argv);
+        line.app().parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        return told_usage(line.app, error);
+        return told_usage(line.app(), error);
     }
     // The framework, and what it starts, may be elsewhere.
     line.settings.root = std::filesystem::absolute(line.settings.root).lexically_normal();
@@ -91,7 +93,7 @@ int run(int argc, char **argv) {
         line.settings.root.pop_back();
     int code = exit_done;
     try {
-        code = line.action();
+        code = line.act();
     } catch (const Failure &failure) {
         tell(failure);
         return failure.code();

@@ -96,10 +96,10 @@ std::string objects_text(const qfi_domain *tree) {
     return text;
 }
 
-void add_object(CLI::App &command, uint32_t &object) {
+void add_object(Arguments &command, uint32_t &object) {
     command.add_option("--object", object, "Which of the image's objects, from 1 on, as `qzfi show` numbers them")
-        ->type_name("N")
-        ->check(CLI::Range(1, 1000000));
+        .type_name("N")
+        .within(1, 1000000);
 }
 
 } // namespace qzfi::tool

@@ -40,6 +40,6 @@ bool lies_within(const std::string &path, const std::string &directory);
 std::string objects_text(const qfi_domain *tree);
 
 /// Adds the option --object.
-void add_object(CLI::App &command, uint32_t &object);
+void add_object(Arguments &command, uint32_t &object);
 
 } // namespace qzfi::tool

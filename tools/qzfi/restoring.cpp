@@ -92,13 +92,13 @@ int run_resync(const Settings &settings, const RestoreOptions &options) {
     return run(settings, options, resyncing);
 }
 
-void add_restoring(CLI::App &command, RestoreOptions &options) {
+void add_restoring(Arguments &command, RestoreOptions &options) {
     add_image(command, options.image);
     command.add_option("--only", options.only, "Only what lies there: below the object, or the original's path")
-        ->type_name("SUB");
+        .type_name("SUB");
     command.add_flag("--dry-run", options.dry_run, "Only list what would be changed");
     command.add_flag("--digest", options.digest, "Compare data too where sizes and times agree");
-    command.add_option("--workers", options.workers, "Threads that copy; 2 unless given")->check(CLI::Range(1, 64));
+    command.add_option("--workers", options.workers, "Threads that copy; 2 unless given").within(1, 64);
     add_yes(command, options.yes);
     add_json(command, options.json);
 }

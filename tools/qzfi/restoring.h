@@ -16,6 +16,6 @@ int run_restore(const Settings &settings, const RestoreOptions &options);
 int run_resync(const Settings &settings, const RestoreOptions &options);
 
 /// The options that both have.
-void add_restoring(CLI::App &command, RestoreOptions &options);
+void add_restoring(Arguments &command, RestoreOptions &options);
 
 } // namespace qzfi::tool

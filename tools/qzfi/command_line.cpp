@@ -1,0 +1,84 @@
+#include "tools/qzfi/command_line.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <utility>
+
+#include <CLI/CLI.hpp>
+
+namespace qzfi::tool {
+
+Argument &Argument::required(bool is_required) {
+    option_->required(is_required);
+    return *this;
+}
+
+Argument &Argument::type_name(const std::string &name) {
+    option_->type_name(name);
+    return *this;
+}
+
+template <typename Number>
+Argument &Argument::within(Number least, Number most) {
+    option_->check(CLI::Range(least, most));
+    return *this;
+}
+
+Argument &Argument::one_of(const std::vector<std::string> &values) {
+    option_->check(CLI::IsMember(values));
+    return *this;
+}
+
+Argument &Argument::delimiter(char between) {
+    option_->delimiter(between);
+    return *this;
+}
+
+Argument &Argument::excludes(const std::string &other) {
+    option_->excludes(other);
+    return *this;
+}
+
+template <typename Value>
+Argument Arguments::add_option(const std::string &names, Value &value, const std::string &description) {
+    return Argument(command_->add_option(names, value, description));
+}
+
+Argument Arguments::add_flag(const std::string &names, bool &value, const std::string &description) {
+    return Argument(command_->add_flag(names, value, description));
+}
+
+Argument Arguments::add_directory(const std::string &names, std::string &value, const std::string &description) {
+    const auto keep = [&value](const std::string &given) {
+        value = given.empty() ? "" : std::filesystem::absolute(given);
+    };
+    return Argument(command_->add_option_function<std::string>(names, keep, description)->type_name("DIR"));
+}
+
+void Arguments::footer(const std::string &text) {
+    command_->footer(text);
+}
+
+CommandLine::CommandLine() : app_(std::make_unique<CLI::App>()) {}
+
+CommandLine::~CommandLine() = default;
+
+Arguments CommandLine::add_command(const std::string &name, const std::string &description,
+                                   std::function<int()> action) {
+    CLI::App *const command = app_->add_subcommand(name, description);
+    command->callback([this, action = std::move(action)] { action_ = action; });
+    return Arguments(command);
+}
+
+// The values that subcommands have.
+template Argument &Argument::within(int, int);
+template Argument &Argument::within(uint32_t, uint32_t);
+template Argument &Argument::within(double, double);
+template Argument Arguments::add_option(const std::string &, std::string &, const std::string &);
+template Argument Arguments::add_option(const std::string &, std::vector<std::string> &, const std::string &);
+template Argument Arguments::add_option(const std::string &, uint32_t &, const std::string &);
+template Argument Arguments::add_option(const std::string &, std::optional<uint32_t> &, const std::string &);
+template Argument Arguments::add_option(const std::string &, std::optional<double> &, const std::string &);
+
+} // namespace qzfi::tool
