@@ -9,6 +9,8 @@ namespace qzfi::fi {
 
 inline constexpr char export_document[] = "fiid.xml";
 
+/// Reads the id document of an exported folder. Throws, QFI_FI_BAD_FIID when there is none that can be one.
+std::string read_export_document(int folder, const std::string &path, const char *operation);
 /// Copies a file of the same name, synced, with its holes. Throws.
 void copy_plain_file(int from, int to, const char *name, const std::string &path, const char *operation);
 /// Makes and opens a directory of this user's alone. Throws.

@@ -40,7 +40,16 @@ void require_type(int directory, const std::string &name, mode_t type, const std
         fail_folder(id, path, type == S_IFDIR ? "it is no directory" : "it is no file", operation);
 }
 
-std::string read_document(int folder, const std::string &folder_path, const char *operation) {
+std::set<std::string> ids_of(const Fiid &fiid) {
+    std::set<std::string> ids;
+    for (const FiidImage &image : fiid.images)
+        ids.insert(image.record.id);
+    return ids;
+}
+
+} // namespace
+
+std::string read_export_document(int folder, const std::string &folder_path, const char *operation) {
     const std::string path = folder_path + "/" + export_document;
     const Descriptor file(open_beneath(folder, export_document, O_RDONLY | O_NOFOLLOW));
     if (!file && errno == ENOENT)
@@ -53,19 +62,14 @@ std::string read_document(int folder, const std::string &folder_path, const char
     return read_file(file.get(), path, document_limit, operation);
 }
 
-std::set<std::string> ids_of(const Fiid &fiid) {
-    std::set<std::string> ids;
-    for (const FiidImage &image : fiid.images)
-        ids.insert(image.record.id);
-    return ids;
-}
+namespace {
 
 class Import {
 public:
     Import(const char *directory, const qfi_import_options &options, const char *operation)
         : options_(options), operation_(operation), place_(open_place(directory, operation)),
           folder_(open_without_links(place_.path, O_RDONLY | O_DIRECTORY, operation)),
-          fiid_(read_fiid(read_document(folder_.get(), place_.path, operation), operation)) {}
+          fiid_(read_fiid(read_export_document(folder_.get(), place_.path, operation), operation)) {}
 
     void require_expected(const qfi_fiid &expected) const {
         require(expected.document != nullptr, operation_, "the expected id document is null");

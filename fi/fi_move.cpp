@@ -99,20 +99,12 @@ public:
         // What could not be removed there afterwards would be in two places.
         for (const TreeFilesystem &filesystem : tree_->filesystems)
             filesystem.store->require_writable(operation_);
-        const bool over_empty = refuse_existing(place_, operation_);
         Workshop workshop(place_, operation_);
-        const Descriptor folder = make_directory(workshop.directory(), Workshop::tree, place_.path, operation_);
-        Fiid fiid{tree_->set_id, {}};
-        for (const TreeFilesystem &filesystem : tree_->filesystems)
-            fiid.images.push_back({exported(filesystem, folder.get()), place_.path});
-        std::string document = write_fiid(fiid, operation_);
-        const std::string path = place_.path + "/" + export_document;
-        sync_file(write_file(folder.get(), export_document, path, document, operation_).get(), path, operation_);
-        sync_file(folder.get(), place_.path, operation_);
-        const std::vector<Claim> claims = claim_moved();
-        workshop.put(over_empty);
-        // The folder is complete and synced but for what is moved by one rename each: nothing is lost at any moment.
-        move(claims, folder.get());
+        std::string document = begun_before();
+        if (document.empty())
+            document = publish(workshop);
+        else
+            move(claim_moved());
         for (const TreeFilesystem &filesystem : tree_->filesystems)
             if (!is_moved(filesystem))
                 remove_image(*filesystem.store, filesystem.record, operation_);
@@ -128,8 +120,60 @@ private:
         return std::find(moved_.begin(), moved_.end(), &filesystem) != moved_.end();
     }
 
+    // An export to this folder that was cut short before all images had been moved there: gives its document, and goes
+    // on with what is missing. What was copied was there when the folder was.
+    std::string begun_before() {
+        try {
+            const Hush hush;
+            folder_ = open_without_links(place_.path, O_RDONLY | O_DIRECTORY, operation_);
+            std::string document = read_export_document(folder_.get(), place_.path, operation_);
+            const Fiid fiid = read_fiid(document, operation_);
+            for (const TreeFilesystem &filesystem : tree_->filesystems) {
+                if (!is_named(filesystem, fiid))
+                    return {};
+                struct stat status {};
+                if (fstatat(folder_.get(), filesystem.record.id.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+                    continue;
+                if (!same_mount(filesystem.store->images(), folder_.get()))
+                    return {};
+                moved_.push_back(&filesystem);
+            }
+            return moved_.empty() ? std::string() : document;
+        } catch (const Failure &failure) {
+            if (failure.status == QFI_STATUS_NO_MEMORY)
+                throw;
+            return {};
+        }
+    }
+
+    static bool is_named(const TreeFilesystem &filesystem, const Fiid &fiid) {
+        const ImageRecord &record = filesystem.record;
+        const auto is_it = [&](const FiidImage &image) {
+            return image.record.id == record.id && image.record.set_id == record.set_id;
+        };
+        return std::any_of(fiid.images.begin(), fiid.images.end(), is_it);
+    }
+
+    // The folder appears complete and synced, but for what is moved by one rename each: nothing is lost at any moment.
+    std::string publish(Workshop &workshop) {
+        moved_.clear();
+        const bool over_empty = refuse_existing(place_, operation_);
+        folder_ = make_directory(workshop.directory(), Workshop::tree, place_.path, operation_);
+        Fiid fiid{tree_->set_id, {}};
+        for (const TreeFilesystem &filesystem : tree_->filesystems)
+            fiid.images.push_back({exported(filesystem), place_.path});
+        std::string document = write_fiid(fiid, operation_);
+        const std::string path = place_.path + "/" + export_document;
+        sync_file(write_file(folder_.get(), export_document, path, document, operation_).get(), path, operation_);
+        sync_file(folder_.get(), place_.path, operation_);
+        const std::vector<Claim> claims = claim_moved();
+        workshop.put(over_empty);
+        move(claims);
+        return document;
+    }
+
     // What the document says of an image, which was copied unless it can be moved.
-    ImageRecord exported(const TreeFilesystem &filesystem, int folder) {
+    ImageRecord exported(const TreeFilesystem &filesystem) {
         ImageRecord record = filesystem.record;
         const HeldImage image(filesystem, operation_);
         for (std::size_t index = 0; index < filesystem.objects.size(); ++index)
@@ -138,15 +182,15 @@ private:
             moved_.push_back(&filesystem);
             return record;
         }
-        copy(image, folder);
+        copy(image);
         for (ImageObject &object : record.objects)
             object.subpath.clear(); // copied without what is around it
         return record;
     }
 
-    void copy(const HeldImage &image, int folder) const {
+    void copy(const HeldImage &image) const {
         const std::string path = place_.path + "/" + image.record().id;
-        const Descriptor directory = make_directory(folder, image.record().id, path, operation_);
+        const Descriptor directory = make_directory(folder_.get(), image.record().id, path, operation_);
         const Descriptor objects = make_directory(directory.get(), objects_name, path + "/objects", operation_);
         Findings report; // of the copy: an image was reported when it was made
         const CopyOut how{operation_, tree_->options.workers, &tree_.progress(), &report};
@@ -183,14 +227,14 @@ private:
         return claims;
     }
 
-    void move(const std::vector<Claim> &claims, int folder) const {
+    void move(const std::vector<Claim> &claims) const {
         for (std::size_t index = 0; index < moved_.size(); ++index) {
             const TreeFilesystem &filesystem = *moved_[index];
             const std::string &id = filesystem.record.id;
             const int images = filesystem.store->images();
-            if (rename_directory(images, id.c_str(), folder, id.c_str()) != 0)
+            if (rename_directory(images, id.c_str(), folder_.get(), id.c_str()) != 0)
                 fail_call(operation_, "rename", filesystem.store->image_path(id), errno, false);
-            sync_file(folder, place_.path, operation_);
+            sync_file(folder_.get(), place_.path, operation_);
             sync_file(images, filesystem.store->path() + "/images", operation_);
             filesystem.store->state().catalog->erase(id, operation_);
             unlinkat(claims[index].directory.get(), lock_name, 0);
@@ -200,6 +244,7 @@ private:
     TreeLock &tree_;
     const char *operation_;
     Place place_;
+    Descriptor folder_; // what is exported into
     std::vector<const TreeFilesystem *> moved_;
 };
 

@@ -87,6 +87,10 @@ TEST_P(Move, an_image_to_another_file_system_and_back) {
     EXPECT_EQ(differences(object, tree.image_path()), "");
     EXPECT_EQ(import(), QFI_FI_EXISTS);
     EXPECT_EQ(last_error(), "qzfi_import_tree: " + (store / "images" / id).string() + " exists already\n");
+    // A complete export of the same image is none that was cut short.
+    EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), QFI_FI_EXISTS);
+    EXPECT_EQ(last_error(), "qzfi_deport_tree: " + exported.string() + " exists already\n");
+    EXPECT_EQ(differences(object, tree.image_path()), "");
 }
 
 TEST_P(Move, options_last_until_the_shutdown) {
