@@ -63,7 +63,9 @@ struct Message {
     X(provider_failed, "MSG_QFI_E2027", 3, "%s: provider %s failed on %s: %s\n") \
     X(guard_failed, "MSG_QFI_E2028", 3, "%s: cannot make sure that the post command will run: %s\n") \
     X(irreplaceable, "MSG_QFI_E2029", 2, "%s: %s cannot be replaced: %s; restore to another place, or resynchronise it\n") \
-    X(would_be_lost, "MSG_QFI_E2030", 2, "%s: %s would be lost: unreadable when image %s was made; move it away first\n")
+    X(would_be_lost, "MSG_QFI_E2030", 2, "%s: %s would be lost: unreadable when image %s was made; move it away first\n") \
+    X(losses_unknown, "MSG_QFI_E2031", 2, \
+      "%s: %s cannot be replaced: what was unreadable when image %s was made is not all known; restore to another place\n")
 
 // Own statuses and their texts, in order, from 1024 on; message ids "MSG_QFI_E1024" and so on.
 #define FI_STATUS_TEXTS(X) \

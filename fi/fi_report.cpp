@@ -1,5 +1,6 @@
 #include "fi/fi_report.h"
 
+#include <algorithm>
 #include <charconv>
 #include <fcntl.h>
 
@@ -96,8 +97,9 @@ bool parse(std::string_view content, StoredReport &report) {
 
 } // namespace
 
-void write_report(int directory, const std::vector<JobHost::Remark> &remarks, uint64_t count, const char *operation,
+void write_report(int directory, std::vector<JobHost::Remark> remarks, uint64_t count, const char *operation,
                   const std::string &image) {
+    std::stable_partition(remarks.begin(), remarks.end(), [](const auto &remark) { return is_loss(remark.kind); });
     const std::string path = image + "/" + report_name;
     write_file(directory, report_name, path, content_of(remarks, count), operation);
 }

@@ -2,7 +2,7 @@
 //
 // A line is: kind, errno, object, path, detail; separated by single blanks, texts escaped as in manifests and never
 // empty ("-" stands for an empty one, "\x2d" for "-"). The first line names the format and its version, the last one,
-// "end COUNT", tells the number of remarks, those not kept included.
+// "end COUNT", tells the number of remarks, those not kept included. Losses stand first, so that they are kept first.
 #pragma once
 
 #include <string>
@@ -17,12 +17,16 @@ inline constexpr char report_name[] = "report";
 inline constexpr std::size_t report_limit = std::size_t{64} << 20;
 
 /// Writes the report into an image's directory. Throws Failure.
-void write_report(int directory, const std::vector<JobHost::Remark> &remarks, uint64_t count, const char *operation,
+void write_report(int directory, std::vector<JobHost::Remark> remarks, uint64_t count, const char *operation,
                   const std::string &image);
 
 struct StoredReport {
     std::vector<JobHost::Remark> remarks;
     uint64_t count = 0;
+    /// False when some of the remarks that were not kept may be losses.
+    bool has_all_losses() const noexcept {
+        return count == remarks.size() || (!remarks.empty() && !is_loss(remarks.back().kind));
+    }
 };
 /// Reads it. Throws Failure: QFI_FI_DAMAGED when it is none, or missing.
 StoredReport read_report(int directory, const char *operation, const std::string &image);

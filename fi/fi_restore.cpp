@@ -1,6 +1,7 @@
 // Restoring: the new tree is made beside its place, then both are exchanged.
 #include <algorithm>
 #include <fcntl.h>
+#include <optional>
 #include <set>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -72,15 +73,15 @@ bool lies_at_or_below(const std::string &path, const std::string &above) {
     return above.empty() || path == above || (path.compare(0, above.size(), above) == 0 && path[above.size()] == '/');
 }
 
-// An image may have come without its report, and one that is damaged is no reason not to bring back what is there.
-std::vector<JobHost::Remark> remarks_of(const HeldImage &image, const char *operation) {
+// Nothing where it is missing or damaged, which is no reason not to bring back what is there.
+std::optional<StoredReport> report_of(const HeldImage &image, const char *operation) {
     try {
         const Hush hush;
-        return read_report(image.directory(), operation, image.record().id).remarks;
+        return read_report(image.directory(), operation, image.record().id);
     } catch (const Failure &failure) {
         if (failure.status == QFI_STATUS_NO_MEMORY)
             throw;
-        return {};
+        return std::nullopt;
     }
 }
 
@@ -90,11 +91,17 @@ void refuse_unread(const Plan &plan, const ObjectRef &one) {
     const Provider *const provider = find_provider(image.record().provider_id);
     if (provider != nullptr && provider->ops->technology == QFI_TECHNOLOGY_SNAPSHOT)
         return; // it holds what its digests could not be made of
+    if (image.record().remarks == 0)
+        return;
     const std::string &object = one.object().path;
     const Descriptor original(open(object.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!original)
         return;
-    for (const JobHost::Remark &remark : remarks_of(image, plan.operation)) {
+    const std::optional<StoredReport> report = report_of(image, plan.operation);
+    if (!report || !report->has_all_losses())
+        fail(message::losses_unknown, QFI_STATUS_NOT_SUPPORTED, plan.operation,
+             {joined(object, plan.only), image.record().id});
+    for (const JobHost::Remark &remark : report->remarks) {
         if (remark.kind != QFI_REMARK_UNREADABLE || remark.object != object ||
             !lies_at_or_below(remark.path, plan.only))
             continue;

@@ -304,6 +304,35 @@ TEST_P(Restore, loses_nothing_that_the_image_could_not_read) {
               0);
 }
 
+// Which of the objects were unreadable is not known then: a socket, which is left out, stands for a remark.
+TEST_P(Restore, in_place_needs_the_report_of_an_image_with_remarks) {
+    ASSERT_EQ(mknod((object / "socket").c_str(), S_IFSOCK | 0600, 0), 0);
+    const Tree tree = freeze({object}, store, "copy");
+    ASSERT_EQ(remarks_of(tree), 1u);
+    const fs::path report = store / "images" / tree.image_id() / "report";
+    const std::string whole = content_of(report);
+    const std::string refusal = ": " + object.string() + " cannot be replaced: what was unreadable when image " +
+                                tree.image_id() + " was made is not all known; restore to another place\n";
+    const std::string losses =
+        "qzfi-report 1\n" + std::to_string(QFI_REMARK_UNREADABLE) + " 13 " + object.string() + " gone open\nend 2\n";
+    for (const std::string &content : {std::string("no report"), losses}) {
+        write_file(report, content);
+        EXPECT_EQ(restore(tree), QFI_STATUS_NOT_SUPPORTED);
+        EXPECT_EQ(last_error(), "qzfi_restore" + refusal);
+        EXPECT_EQ(qfi_op_resync(tree.get(), nullptr, nullptr), QFI_STATUS_NOT_SUPPORTED);
+        EXPECT_EQ(last_error(), "qzfi_resync" + refusal);
+    }
+    fs::remove(report);
+    EXPECT_EQ(restore(tree), QFI_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(restore(tree, (top / "new").c_str()), 0) << last_error();
+    EXPECT_EQ(content_of(top / "new" / "plain"), "plain content");
+    write_file(report, whole);
+    EXPECT_EQ(restore(tree), 0) << last_error();
+    fs::remove(report);
+    fs::remove_all(object);
+    EXPECT_EQ(restore(tree), 0) << "nothing is there to be lost: " << last_error();
+}
+
 TEST_P(Restore, resync_changes_only_what_differs) {
     keep(object, top / "kept");
     const Tree tree = freeze({object}, store);
