@@ -105,18 +105,22 @@ public:
         commit_all(images, document);
     }
 
-    // The images are in the store, so what cannot be removed is told, but no failure.
+    // The images are in the store, so what cannot be removed is told, also to who takes no tree, but no failure.
     void remove_source(Tree &tree) const {
         if (options_.keep_source != 0)
             return;
+        KeptFailure failure;
         try {
+            const Keep keep(failure);
             for (const FiidImage &image : fiid_.images)
                 remove_snapshots(image.record);
             remove_plainly(place_.parent.get(), place_.name.c_str(), operation_);
+            return;
         } catch (const Failure &) {
-            tree.import_remarks.push_back(
-                {QFI_REMARK_WARNING, 0, place_.path, "", "imported, but this folder could not be removed: remove it"});
+            tell(message::folder_stays, operation_, {place_.path, failure.cause()});
         }
+        tree.import_remarks.push_back(
+            {QFI_REMARK_WARNING, 0, place_.path, "", "imported, but this folder could not be removed: remove it"});
     }
 
     const Fiid &fiid() const noexcept { return fiid_; }

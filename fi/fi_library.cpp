@@ -17,6 +17,8 @@
 #include <qzfi/settings.h>
 #include <qzfi_provider.h>
 
+#include "fi/fi_errors.h"
+
 namespace qzfi::fi {
 
 namespace {
@@ -121,6 +123,22 @@ void KeptFailure::raise_here() const noexcept {
     default:
         return raise(*message_, status_, operation_, {arguments_[0], arguments_[1], arguments_[2], arguments_[3]});
     }
+}
+
+#define FI_FORM(name, id, severity, format)                                                                            \
+    static_assert(std::string_view(format).starts_with("%s: ") && std::string_view(format).ends_with('\n'));
+FI_MESSAGES(FI_FORM)
+#undef FI_FORM
+
+std::string KeptFailure::cause() const {
+    if (message_ == nullptr)
+        return {};
+    std::string_view format = message_->format;
+    format.remove_prefix(std::string_view("%s: ").size());
+    format.remove_suffix(1);
+    std::string text;
+    format_texts(format, {arguments_, arguments_ + count_}, text);
+    return text;
 }
 
 Keep::Keep(KeptFailure &failure) noexcept : outer_(keeper) {

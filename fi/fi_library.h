@@ -65,7 +65,8 @@ struct Message {
     X(irreplaceable, "MSG_QFI_E2029", 2, "%s: %s cannot be replaced: %s; restore to another place, or resynchronise it\n") \
     X(would_be_lost, "MSG_QFI_E2030", 2, "%s: %s would be lost: unreadable when image %s was made; move it away first\n") \
     X(losses_unknown, "MSG_QFI_E2031", 2, \
-      "%s: %s cannot be replaced: what was unreadable when image %s was made is not all known; restore to another place\n")
+      "%s: %s cannot be replaced: what was unreadable when image %s was made is not all known; restore to another place\n") \
+    X(folder_stays, "MSG_QFI_E2032", 2, "%s: imported, but %s could not be removed: %s\n")
 
 // Own statuses and their texts, in order, from 1024 on; message ids "MSG_QFI_E1024" and so on.
 #define FI_STATUS_TEXTS(X) \
@@ -102,7 +103,8 @@ FI_MESSAGES(FI_MESSAGE)
 void raise(const Message &message, int32_t status, const char *operation,
            std::initializer_list<std::string_view> arguments) noexcept;
 
-/// Reports a failure to the host only, for what must not hide another failure from who asks for the last error.
+/// Reports a failure to the host only, for what must not hide another failure from who asks for the last error, and for
+/// what went wrong after an operation had succeeded.
 void tell(const Message &message, const char *operation, std::initializer_list<std::string_view> arguments) noexcept;
 
 /// Raises and throws.
@@ -246,6 +248,8 @@ class KeptFailure {
 public:
     /// Raises it, if there is one.
     void raise_here() const noexcept;
+    /// What it says, without the operation; empty when there is none.
+    std::string cause() const;
 
 private:
     friend class Keep;

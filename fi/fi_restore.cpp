@@ -59,13 +59,13 @@ Plan plan_of(TreeLock &tree, const qfi_restore_options &options, Findings &repor
 
 // The place is as it should be already; that the old tree lingers is told, and the next restore removes it.
 void clear(Workshop &workshop, const Place &place, Findings &report) {
+    KeptFailure failure;
     try {
-        const Hush hush;
+        const Keep keep(failure);
         workshop.clear();
-    } catch (const Failure &failure) {
+    } catch (const Failure &) {
         report.add({QFI_REMARK_WARNING, 0, place.path, "",
-                    "what was replaced could not be removed altogether, status " + std::to_string(failure.status) +
-                        ": " + workshop.path()});
+                    "what was replaced could not be removed altogether: " + failure.cause()});
     }
 }
 

@@ -222,6 +222,37 @@ TEST_F(Filesystems, a_read_only_file_system_is_copied_elsewhere) {
     qfi_op_detach(tree, nullptr, 0, nullptr);
 }
 
+TEST_F(Filesystems, an_imported_folder_that_stays_is_told_to_the_host_also_without_a_tree) {
+    LoopFilesystem disk("ext4", 64);
+    const std::string exported = disk.path() + "/exported";
+    qfi_domain *const tree = tree_of({fill(path("object"))});
+    ASSERT_EQ(qfi_op_make(tree, nullptr, nullptr), 0) << last_error();
+    const std::string id = text(tree->fid_children, "image");
+    ASSERT_EQ(qfi_op_deport_tree(tree, exported.c_str(), nullptr), 0) << last_error();
+    qfi_op_detach(tree, nullptr, 0, nullptr);
+    disk.remount(true);
+    struct Listener : qfi_handler {
+        std::vector<std::string> texts;
+    } listener{};
+    listener.error = [](qfi_handler *self, const char *text, const char *, uint32_t severity) {
+        if (severity == 2)
+            static_cast<Listener *>(self)->texts.emplace_back(text);
+    };
+    stop();
+    setenv("ICU_DATA", path("no bundles").c_str(), 1);
+    ASSERT_EQ(qzfiapi_set_init_env(root().c_str(), nullptr), 0);
+    ASSERT_EQ(qzfiapi_start(&listener, QFI_API_VERSION), 0);
+    EXPECT_EQ(qfi_op_import_tree(exported.c_str(), nullptr, nullptr, nullptr), 0) << last_error();
+    EXPECT_EQ(listener.texts,
+              std::vector<std::string>{"qzfi_import_tree: imported, but " + exported +
+                                       " could not be removed: provider copy failed on " + exported + "/" + id +
+                                       "/objects/0/file: unlinkat: Read-only file system (30)\n"});
+    EXPECT_EQ(last_error(), "") << "it succeeded";
+    unsetenv("ICU_DATA");
+    stop();
+    start();
+}
+
 TEST_F(Filesystems, a_full_store_is_told_before_anything_is_made) {
     LoopFilesystem small("ext4", 16);
     const std::string object = make_object("object");
