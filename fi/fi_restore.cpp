@@ -181,8 +181,9 @@ void refuse_in_place(const Plan &plan) {
             refuse_existing(place, plan.operation);
             continue;
         }
-        refuse_irreplaceable(open_place(joined(one.object().path, plan.only), plan.operation), plan.stores,
-                             plan.operation);
+        const Place place = open_place(joined(one.object().path, plan.only), plan.operation);
+        refuse_in_store(place, plan); // where an id document says it was, which is anybody's
+        refuse_irreplaceable(place, plan.stores, plan.operation);
         refuse_unread(plan, one);
     }
 }
@@ -376,8 +377,12 @@ void resync_directory(const Plan &plan, const ObjectRef &one, const HeldImage &i
 void resync(TreeLock &tree, const qfi_restore_options &options, Findings &report, const char *operation) {
     require(options.to == nullptr, operation, "the originals are resynchronised where they are");
     const Plan plan = plan_of(tree, options, report, operation);
-    for (const ObjectRef &one : plan.objects)
+    for (const ObjectRef &one : plan.objects) {
+        const std::string path = joined(one.object().path, plan.only);
+        if (path != "/")
+            refuse_in_store(open_place(path, operation), plan);
         refuse_unread(plan, one);
+    }
     if (options.dry_run != 0) {
         report_all_changes(plan, options.digest != 0, report);
     } else {

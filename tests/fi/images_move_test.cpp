@@ -158,6 +158,21 @@ TEST_P(Move, refuses_ids_that_lead_elsewhere) {
     expect_nothing_imported();
 }
 
+TEST_P(Move, an_image_whose_document_leads_into_a_store_is_not_restored_there) {
+    const Tree victim = freeze({object}, store, "copy");
+    const std::string kept = victim.image_path();
+    export_one();
+    edit_document("path=\"" + object.string() + "\"", "path=\"" + kept + "\"");
+    Tree tree;
+    ASSERT_EQ(import(&tree), 0) << last_error();
+    fs::remove(fs::path(kept) / "plain");
+    EXPECT_EQ(qfi_op_restore(tree.get(), nullptr, nullptr), QFI_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(last_error(), "qzfi_restore: invalid argument: nothing is restored into a store\n");
+    EXPECT_EQ(qfi_op_resync(tree.get(), nullptr, nullptr), QFI_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(last_error(), "qzfi_resync: invalid argument: nothing is restored into a store\n");
+    EXPECT_FALSE(fs::exists(fs::path(kept) / "plain"));
+}
+
 TEST_P(Move, refuses_links_in_the_folder) {
     const std::string id = export_one();
     const fs::path objects = exported / id / "objects";
