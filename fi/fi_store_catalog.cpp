@@ -191,12 +191,16 @@ struct Catalog::Connection {
 // What frees space must not fail for want of it: the reserve goes before a second try.
 template <class Work>
 auto Catalog::sparing(Work &&work) {
+    KeptFailure first;
     try {
-        const Hush hush;
+        const Keep keep(first);
         return work();
     } catch (const Failure &failure) {
-        if (failure.status == QFI_FI_NO_SPACE)
-            unlinkat(directory_, reserve_name, 0);
+        if (failure.status != QFI_FI_NO_SPACE) {
+            first.raise_here();
+            throw;
+        }
+        unlinkat(directory_, reserve_name, 0);
     }
     return work();
 }

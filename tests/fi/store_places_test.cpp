@@ -45,23 +45,6 @@ protected:
     std::string mounted;
 };
 
-// Runs a body in a child; its exit status, or minus the signal that ended it.
-template <class Body>
-int in_child(Body &&body) {
-    const pid_t child = fork();
-    if (child == 0) {
-        try {
-            body();
-        } catch (...) {
-            _exit(99);
-        }
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
-}
-
 mode_t mode_of(const std::string &path) {
     struct stat status {};
     return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;

@@ -1,8 +1,10 @@
 #include "store_support.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace store_support {
@@ -80,6 +82,22 @@ std::string last_error() {
     }
     fi_del_all_errors();
     return text;
+}
+
+int in_child(const std::function<void()> &body) {
+    const pid_t child = fork();
+    if (child == 0) {
+        try {
+            body();
+        } catch (...) {
+            _exit(99);
+        }
+        fflush(nullptr); // what it said of failures
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
 }
 
 } // namespace store_support

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
@@ -40,6 +41,10 @@ std::vector<std::string> names_in(const std::string &path);
 
 /// The calling thread's last error: "STATUS ID: argument|argument|..."; deletes all.
 std::string last_error();
+
+/// Runs a body in a child, which must not fail the test or throw; gives its exit code, or minus the signal that ended
+/// it.
+int in_child(const std::function<void()> &body);
 
 /// The status that a call throws, 0 for none.
 template <class Call>

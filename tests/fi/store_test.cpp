@@ -48,23 +48,6 @@ protected:
     std::string path = folder.path() + "/store";
 };
 
-// Runs a body in a child; its exit status, or minus the signal that ended it.
-template <class Body>
-int in_child(Body &&body) {
-    const pid_t child = fork();
-    if (child == 0) {
-        try {
-            body();
-        } catch (...) {
-            _exit(99);
-        }
-        _exit(0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
-}
-
 } // namespace
 
 TEST(ImageId, new_ids_differ_and_are_ids) {
@@ -483,7 +466,6 @@ TEST_F(StoreTest, a_store_that_cannot_be_written_is_listed_and_read) {
         GTEST_SKIP() << obstacle;
     const std::string id = make_image(*open());
     // A crash leaves the newest record in the log only.
-    std::string second;
     EXPECT_EQ(in_child([&] {
                   make_image(*open());
                   const auto kept = open();
