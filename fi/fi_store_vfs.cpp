@@ -41,8 +41,9 @@ Behind &behind(sqlite3_file *file) noexcept {
     return *std::launder(reinterpret_cast<Behind *>(reinterpret_cast<char *>(file) + own_size()));
 }
 
-// A page that was mapped is backed by the file system only once it is written to. Kernels before 5.14 do not know how
-// to do that without a signal when there is no room.
+// A page that was mapped is backed by the file system only once it is written to; without room that is a signal. SQLite
+// writes to each page of the file when it extends it, which is what there is with kernels before 5.14: file systems
+// that overwrite in place need no more, and for the others nothing else would do, neither writing nor reserving.
 int back(const Region &region) noexcept {
     if (madvise(region.start, region.size, MADV_POPULATE_WRITE) == 0 || errno == EINVAL)
         return SQLITE_OK;
