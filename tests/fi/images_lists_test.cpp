@@ -4,7 +4,10 @@
 #include <algorithm>
 #include <cstring>
 #include <set>
+#include <sys/stat.h>
 #include <sys/utsname.h>
+
+#include <qzfi_provider.h>
 
 namespace images {
 namespace {
@@ -374,7 +377,8 @@ TEST_P(Lists, references_are_brought_up_to_date) {
 
 TEST_P(Lists, stores_with_what_they_hold) {
     const Tree tree = freeze({object}, store);
-    fs::create_directories(store / "images" / ".new-20200101T000000Z-00000000" / "objects" / "0");
+    const fs::path debris = store / "images" / ".new-20200101T000000Z-00000000";
+    fs::create_directories(debris / "objects" / "0");
     qfi_store_status *list = nullptr;
     ASSERT_EQ(qfi_op_query_res_status(nullptr, nullptr, &list), 0) << last_error();
     std::set<std::string> paths;
@@ -384,10 +388,12 @@ TEST_P(Lists, stores_with_what_they_hold) {
             continue;
         EXPECT_EQ(node->state, 0u);
         EXPECT_EQ(node->images, 1u);
+        EXPECT_EQ(node->debris, 0u) << "it went when the store was looked into";
         EXPECT_GT(node->capacity, node->available);
         EXPECT_GT(node->available, 0u);
     }
     EXPECT_EQ(paths.count(store), 1u);
+    EXPECT_FALSE(fs::exists(debris));
     qfi_op_free_res_status_list(list);
     ASSERT_EQ(qfi_op_query_res_status((top / "none").c_str(), nullptr, &list), 0);
     EXPECT_EQ(list->state, static_cast<uint32_t>(QFI_FI_STORE));
@@ -436,10 +442,14 @@ TEST_P(Lists, a_store_that_moved_is_remembered_when_told_to) {
 }
 
 TEST_P(Lists, the_stored_report_is_given_again) {
-    const Tree tree = freeze({object}, store);
+    ASSERT_EQ(mknod((object / "socket").c_str(), S_IFSOCK | 0600, 0), 0);
+    const Tree tree = freeze({object}, store, "copy");
     qfi_report *report = nullptr;
     ASSERT_EQ(qfi_op_objctl(tree.get(), QFI_OBJCTL_REPORT, nullptr, &report), 0) << last_error();
-    EXPECT_EQ(Report(report).count, 0u);
+    const Report told(report);
+    EXPECT_EQ(told.count, 1u);
+    EXPECT_EQ(told.entries, zoo_entries);
+    EXPECT_EQ(told.lines, (std::vector<Line>{{QFI_REMARK_SKIPPED, object, "socket", "a socket"}}));
 }
 
 TEST_P(Lists, operations_on_devices_are_not_supported) {

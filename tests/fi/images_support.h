@@ -23,6 +23,7 @@ void write_file(const fs::path &path, const std::string &content);
 std::string content_of(const fs::path &path);
 /// A tree of odd entries: links of both kinds, holes, attributes, times, names of any bytes, a FIFO.
 void make_zoo(const fs::path &directory);
+inline constexpr std::size_t zoo_entries = 12; // with the directory itself
 /// What rsync would change to make `copy` equal to `original` in every respect; empty when nothing.
 std::string differences(const fs::path &original, const fs::path &copy);
 /// A faithful copy by cp.
