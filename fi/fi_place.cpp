@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <linux/openat2.h>
+#include <optional>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -97,10 +98,6 @@ bool lies_at_or_above(const struct stat &directory, const std::string &store) {
     return true;
 }
 
-bool is_subvolume(int directory, const struct stat &status) {
-    return status.st_ino == subvolume_inode && is_btrfs(directory);
-}
-
 uint64_t hash_of(std::string_view text) {
     uint64_t hash = 14695981039346656037u;
     for (const char letter : text)
@@ -157,27 +154,49 @@ Place open_place(const std::string &given, const char *operation) {
     return place;
 }
 
-bool refuse_irreplaceable(const Place &place, const std::vector<std::string> &stores, const char *operation) {
+namespace {
+
+// What is in a place; nothing when it is empty. Throws for a link.
+std::optional<struct stat> look_at(const Place &place, const char *operation) {
     struct stat status {};
     if (fstatat(place.parent.get(), place.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         if (errno == ENOENT)
-            return false;
+            return std::nullopt;
         fail_call(operation, "fstatat", place.path, errno, true);
     }
     if (S_ISLNK(status.st_mode))
         fail_link(place.path, place.path, operation);
-    refuse_mounts_below(place, operation);
-    if (!S_ISDIR(status.st_mode))
-        return true;
-    const Descriptor directory(openat(place.parent.get(), place.name.c_str(), directory_flags));
+    return status;
+}
+
+// The directory in a place, which is looked at again.
+Descriptor open_directory(const Place &place, struct stat &status, const char *operation) {
+    Descriptor directory(openat(place.parent.get(), place.name.c_str(), directory_flags));
     if (!directory && errno == ELOOP)
         fail_link(place.path, place.path, operation);
     if (!directory || fstat(directory.get(), &status) != 0)
         fail_call(operation, "open", place.path, errno, true);
-    if (is_subvolume(directory.get(), status))
+    return directory;
+}
+
+void refuse_subvolume(const Place &place, int directory, const struct stat &status, const char *operation) {
+    if (status.st_ino == subvolume_inode && is_btrfs(directory))
         refuse(place, "it is the root of a subvolume", operation);
+}
+
+} // namespace
+
+bool refuse_irreplaceable(const Place &place, const std::vector<std::string> &stores, const char *operation) {
+    std::optional<struct stat> status = look_at(place, operation);
+    if (!status)
+        return false;
+    refuse_mounts_below(place, operation);
+    if (!S_ISDIR(status->st_mode))
+        return true;
+    const Descriptor directory = open_directory(place, *status, operation);
+    refuse_subvolume(place, directory.get(), *status, operation);
     for (const std::string &store : stores)
-        if (lies_at_or_above(status, store))
+        if (lies_at_or_above(*status, store))
             refuse(place, "store " + store + " lies in it", operation);
     refuse_nested_subvolumes(place, directory.get(), operation);
     return true;
@@ -194,20 +213,14 @@ void refuse_in_stores(const Place &place, const std::vector<std::string> &stores
 }
 
 bool refuse_existing(const Place &place, const char *operation) {
-    struct stat status {};
-    if (fstatat(place.parent.get(), place.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        if (errno == ENOENT)
-            return false;
-        fail_call(operation, "fstatat", place.path, errno, true);
-    }
-    if (S_ISLNK(status.st_mode))
-        fail_link(place.path, place.path, operation);
-    const Descriptor directory(openat(place.parent.get(), place.name.c_str(), directory_flags));
+    std::optional<struct stat> status = look_at(place, operation);
+    if (!status)
+        return false;
+    const Descriptor directory = S_ISDIR(status->st_mode) ? open_directory(place, *status, operation) : Descriptor();
     if (!directory || !names_in(directory.get(), place.path, operation).empty())
         fail(message::already_exists, QFI_FI_EXISTS, operation, {place.path});
     refuse_mounts_below(place, operation);
-    if (fstat(directory.get(), &status) == 0 && is_subvolume(directory.get(), status))
-        refuse(place, "it is the root of a subvolume", operation);
+    refuse_subvolume(place, directory.get(), *status, operation);
     return true;
 }
 
