@@ -260,7 +260,15 @@ TEST_F(Filesystems, a_full_store_is_told_before_anything_is_made) {
     qfi_domain *const tree = tree_of({object});
     const std::string store = small.path() + "/store";
     EXPECT_EQ(qfi_op_select(tree, nullptr, "copy", store.c_str()), 1026);
-    EXPECT_NE(last_error().find("bytes left, and the copy needs about"), std::string::npos);
+    const std::string said = last_error(), root = qzfi_pn(tree->fid_children->objid);
+    const std::string begin = "qzfi_select: method copy cannot freeze " + root + ": the store's file system has ";
+    const std::string middle = " bytes left, and the copy needs about ";
+    ASSERT_EQ(said.substr(0, begin.size()), begin);
+    const std::size_t left = said.find_first_not_of("0123456789", begin.size());
+    ASSERT_EQ(said.substr(left, middle.size()), middle);
+    EXPECT_LT(std::stoull(said.substr(begin.size())), uint64_t{16} << 20);
+    EXPECT_GE(std::stoull(said.substr(left + middle.size())), uint64_t{24} << 20);
+    EXPECT_EQ(said.find_first_not_of("0123456789", left + middle.size()), std::string::npos);
     EXPECT_FALSE(exists(store));
     qfi_op_detach(tree, nullptr, 0, nullptr);
 }
