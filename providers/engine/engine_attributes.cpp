@@ -33,6 +33,7 @@ constexpr FlagName kept_flags[] = {
     {FS_SYNC_FL, "synchronous flag"},
     {FS_DIRSYNC_FL, "synchronous directory flag"},
 };
+static_assert((unknown_flags & FS_FL_USER_VISIBLE) == 0);
 constexpr uint32_t all_kept_flags() {
     uint32_t all = 0;
     for (const FlagName &flag : kept_flags)
@@ -170,6 +171,9 @@ int change_times(const Place &place, const Stat &stat) noexcept {
 }
 
 void keep_flags(const Subject &subject, int target, uint32_t flags) {
+    if ((flags & unknown_flags) != 0)
+        return subject.run.remark(subject.worker, QFI_REMARK_ATTRIBUTE, subject.directory, subject.name,
+                                  "inode flags that cannot be read", 0);
     unsigned present = 0;
     if (ioctl(target, FS_IOC_GETFLAGS, &present) != 0)
         present = 0;
@@ -191,9 +195,10 @@ void keep_flags(const Subject &subject, int target, uint32_t flags) {
 
 uint32_t flags_of(int descriptor) noexcept {
     unsigned flags = 0;
-    if (ioctl(descriptor, FS_IOC_GETFLAGS, &flags) != 0)
-        return 0;
-    return flags & all_kept_flags();
+    if (ioctl(descriptor, FS_IOC_GETFLAGS, &flags) == 0)
+        return flags & all_kept_flags();
+    const bool has_none = errno == ENOTTY || errno == EOPNOTSUPP || errno == ENOSYS || errno == EINVAL;
+    return has_none ? 0 : unknown_flags;
 }
 
 void keep_early_flags(int target, uint32_t flags, bool may_inherit) {

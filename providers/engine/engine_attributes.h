@@ -26,6 +26,8 @@ struct Subject {
     const char *name; // null: the directory itself
 };
 
+/// Stands for inode flags that could not be read: `keep_attributes` remarks it.
+inline constexpr uint32_t unknown_flags = uint32_t{1} << 31;
 /// Inode flags that are kept; 0 for entries and file systems without. Asked for always: statx tells but some of them.
 uint32_t flags_of(int descriptor) noexcept;
 /// Sets the flag that must be right before there is data, no-COW; `may_inherit`: the target may have one that the

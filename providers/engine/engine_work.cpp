@@ -370,7 +370,7 @@ void Run::list(Worker &worker, Directory &directory) {
 void Run::entries(Worker &worker, Directory &directory, char *records, uint32_t position, uint32_t end) {
     while (position < end && !is_stopped()) {
         if (idle_.load(std::memory_order_relaxed) > 0 && !worker.is_naming())
-            shares(directory, records, position, end);
+            give_half(directory, records, position, end);
         const Dirent *const record = record_at(records, position);
         position += record->length;
         if (record->type != DT_DIR && !is_dots(record->name))
@@ -381,25 +381,24 @@ void Run::entries(Worker &worker, Directory &directory, char *records, uint32_t 
 }
 
 /// Gives the second half of a piece of listing to a thread that waits.
-bool Run::shares(Directory &directory, char *records, uint32_t position, uint32_t &end) {
+void Run::give_half(Directory &directory, char *records, uint32_t position, uint32_t &end) {
     {
         const std::lock_guard lock(mutex_);
         if (top_ != nullptr) {
             waiting_.notify_one();
-            return false; // there is enough to do already
+            return; // there is enough to do already
         }
     }
     uint32_t count = 0;
     for (uint32_t at = position; at < end; at += record_at(records, at)->length)
         ++count;
     if (count < least_to_share)
-        return false;
+        return;
     uint32_t middle = position;
     for (uint32_t i = 0; i < count / 2; ++i)
         middle += record_at(records, middle)->length;
     push(Item::make(Item::Kind::entries, directory, records + middle, end - middle), true);
     end = middle;
-    return true;
 }
 
 void Run::done_in(Worker &worker, Directory *directory) {

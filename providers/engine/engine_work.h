@@ -220,7 +220,7 @@ private:
     void open_subdirectory(Worker &worker, Directory &parent, const char *name);
     void list(Worker &worker, Directory &directory);
     void entries(Worker &worker, Directory &directory, char *records, uint32_t position, uint32_t end);
-    bool shares(Directory &directory, char *records, uint32_t position, uint32_t &end);
+    void give_half(Directory &directory, char *records, uint32_t position, uint32_t &end);
     void drop(Item *item);
     void want_help();
     bool is_readable(Worker &worker, Directory &directory);
