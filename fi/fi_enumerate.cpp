@@ -53,19 +53,10 @@ bool can_freeze(const Provider &provider, const Mount &mount) {
            probe.combo_class != QFI_CLASS_NOTSUP;
 }
 
-const Provider *one_provider(const char *provider_id, const char *operation) {
-    if (provider_id == nullptr)
-        return nullptr;
-    const Provider *const provider = find_provider(provider_id);
-    if (provider == nullptr)
-        fail(message::no_such_provider, QFI_FI_NO_SUCH_PROVIDER, operation, {provider_id});
-    return provider;
-}
-
 } // namespace
 
 qfi_node_list *list_nodes(const char *provider_id, const char *uid, const char *operation) {
-    const Provider *const wanted = one_provider(provider_id, operation);
+    const Provider *const wanted = wanted_provider(provider_id, operation);
     const std::vector<Mount> all = visible_mounts(operation);
     ListBuilder<qfi_node_list> list;
     for (const Provider &provider : providers()) {
@@ -168,7 +159,7 @@ void add_members(qfi_group_node &group, const std::vector<Mount> &members) {
 } // namespace
 
 qfi_group_node_list *list_group_nodes(const char *provider_id, const char *operation) {
-    const Provider *const wanted = one_provider(provider_id, operation);
+    const Provider *const wanted = wanted_provider(provider_id, operation);
     const std::map<std::string, std::vector<Mount>> by_disk = mounts_by_disk(operation);
     ListBuilder<qfi_group_node_list> list;
     for (const Provider &provider : providers()) {

@@ -7,15 +7,6 @@
 
 namespace qzfi::fi {
 
-namespace {
-
-bool lies_at_or_below(const std::string &path, const std::string &folder) {
-    return folder == "/" || (path.compare(0, folder.size(), folder) == 0 &&
-                             (path.size() == folder.size() || path[folder.size()] == '/'));
-}
-
-} // namespace
-
 LeftOut::LeftOut(const TreeFilesystem &filesystem, const std::string &object) {
     const std::string &mount_point = filesystem.mount.mount_point;
     std::set<std::string> paths;

@@ -256,6 +256,13 @@ bool stays_below(std::string_view path) noexcept {
     return true;
 }
 
+bool lies_below(std::string_view path, std::string_view folder) noexcept {
+    if (folder.empty())
+        return !path.empty();
+    const std::size_t length = folder == "/" ? 0 : folder.size();
+    return path.size() > length + 1 && path[length] == '/' && path.starts_with(folder);
+}
+
 std::string installation_root() {
     char *root = nullptr;
     if (qzfi_get_install_root(&root) == QFI_STATUS_NO_MEMORY)

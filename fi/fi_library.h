@@ -188,6 +188,12 @@ int open_beneath(int at, const char *path, int flags) noexcept;
 /// Whether a path is empty, or names none of which is empty, "." or "..": relative, and nothing in it leads elsewhere.
 bool stays_below(std::string_view path) noexcept;
 
+/// Whether a path lies below a folder; both are canonical, and absolute or relative to the same place, which is "".
+bool lies_below(std::string_view path, std::string_view folder) noexcept;
+inline bool lies_at_or_below(std::string_view path, std::string_view folder) noexcept {
+    return path == folder || lies_below(path, folder);
+}
+
 /// The root in force: what the host set, else "/usr/lumen".
 std::string installation_root();
 

@@ -59,15 +59,16 @@ char *text(const char *constant) {
     return const_cast<char *>(constant); // builders take what they only copy as writable
 }
 
-const Provider &require_provider(const char *provider_id, const char *operation) {
-    require(provider_id != nullptr, operation, "the provider's id is null");
+} // namespace
+
+const Provider *wanted_provider(const char *provider_id, const char *operation) {
+    if (provider_id == nullptr)
+        return nullptr;
     const Provider *const provider = find_provider(provider_id);
     if (provider == nullptr)
         fail(message::no_such_provider, QFI_FI_NO_SUCH_PROVIDER, operation, {provider_id});
-    return *provider;
+    return provider;
 }
-
-} // namespace
 
 qfi_provider_list *list_providers() {
     ListBuilder<qfi_provider_list> list;
@@ -84,13 +85,12 @@ qfi_provider_list *list_providers() {
 }
 
 qfi_fim_list *list_fims(const char *provider_id, const char *operation) {
-    if (provider_id != nullptr)
-        require_provider(provider_id, operation);
+    const Provider *const wanted = wanted_provider(provider_id, operation);
     ListBuilder<qfi_fim_list> list;
     for (const Provider &provider : providers()) {
-        const qfi_provider_ops &ops = *provider.ops;
-        if (provider_id != nullptr && std::strcmp(provider_id, ops.provider_id) != 0)
+        if (wanted != nullptr && wanted != &provider)
             continue;
+        const qfi_provider_ops &ops = *provider.ops;
         qfi_fim properties{};
         properties.consistency = ops.consistency;
         properties.technology = ops.technology;

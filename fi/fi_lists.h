@@ -55,6 +55,8 @@ private:
     Node **last_ = &first_;
 };
 
+/// The provider that a list is asked for; null for null, which stands for all. Throws QFI_FI_NO_SUCH_PROVIDER.
+const Provider *wanted_provider(const char *provider_id, const char *operation);
 /// A node's name and interned id, for the builders.
 qfi_nodeid node_id(const std::string &name);
 

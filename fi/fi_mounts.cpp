@@ -112,13 +112,6 @@ void ask_subvolume(Mount &mount) {
         mount.device = makedev(status.stx_dev_major, status.stx_dev_minor);
 }
 
-bool lies_below(const std::string &path, const std::string &mount_point) {
-    if (mount_point == "/")
-        return true;
-    return path.compare(0, mount_point.size(), mount_point) == 0 &&
-           (path.size() == mount_point.size() || path[mount_point.size()] == '/');
-}
-
 } // namespace
 
 std::vector<Mount> mounts(const char *operation) {
@@ -143,7 +136,7 @@ const Mount &mount_of(const std::vector<Mount> &mounts, const std::string &path)
     static const Mount unknown{0, 0, "/", "/", "unknown", "unknown", false};
     const Mount *found = &unknown;
     for (const Mount &mount : mounts)
-        if (lies_below(path, mount.mount_point) && mount.mount_point.size() >= found->mount_point.size())
+        if (lies_at_or_below(path, mount.mount_point) && mount.mount_point.size() >= found->mount_point.size())
             found = &mount;
     return *found;
 }

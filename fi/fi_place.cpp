@@ -50,11 +50,10 @@ bool is_btrfs(int descriptor) {
 }
 
 void refuse_mounts_below(const Place &place, const char *operation) {
-    const std::string prefix = place.path + "/";
     for (const Mount &mount : mounts(operation)) {
         if (mount.mount_point == place.path)
             refuse(place, "it is a mount point", operation);
-        if (mount.mount_point.compare(0, prefix.size(), prefix) == 0)
+        if (lies_below(mount.mount_point, place.path))
             refuse(place, "a file system is mounted below it, at " + mount.mount_point, operation);
     }
 }

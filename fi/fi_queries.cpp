@@ -242,7 +242,7 @@ std::string read_text(const NodePlace &place, std::string_view name, const char 
         return filesystem.record.fim_id;
     if (name == "method" && filesystem.provider != nullptr)
         return filesystem.provider->ops->fim_id;
-    return frozen_text(place, name == "method" ? "method" : name, operation);
+    return frozen_text(place, name, operation);
 }
 
 std::string image_path(const NodePlace &place, const char *subpath, const char *operation) {

@@ -69,10 +69,6 @@ void clear(Workshop &workshop, const Place &place, Findings &report) {
     }
 }
 
-bool lies_at_or_below(const std::string &path, const std::string &above) {
-    return above.empty() || path == above || (path.compare(0, above.size(), above) == 0 && path[above.size()] == '/');
-}
-
 // Nothing where it is missing or damaged, which is no reason not to bring back what is there.
 std::optional<StoredReport> report_of(const HeldImage &image, const char *operation) {
     try {

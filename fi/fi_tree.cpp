@@ -85,12 +85,6 @@ std::string filesystem_root(std::string path, uint64_t device, const std::string
     return path;
 }
 
-bool lies_in(const std::string &path, const std::string &folder) {
-    if (folder == "/")
-        return true;
-    return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 && path[folder.size()] == '/';
-}
-
 TreeFilesystem &filesystem_for(Tree &tree, const Mount &mount, uint64_t device, const std::string &path) {
     for (TreeFilesystem &filesystem : tree.filesystems)
         if (filesystem.mount.id == mount.id && filesystem.mount.device == device)
@@ -108,7 +102,7 @@ void add_object(TreeFilesystem &filesystem, const std::string &path, const char 
         if (object.path == path)
             return;
         for (const auto &[inner, outer] : {std::pair(path, object.path), std::pair(object.path, path)})
-            if (lies_in(inner, outer))
+            if (lies_below(inner, outer))
                 fail(message::invalid_argument, QFI_STATUS_INVALID_ARGUMENT, operation,
                      {"object " + inner + " lies within object " + outer});
     }

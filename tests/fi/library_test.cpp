@@ -145,6 +145,17 @@ TEST(StaysBelow, only_names_do) {
         EXPECT_FALSE(stays_below(path)) << path;
 }
 
+TEST(LiesBelow, whole_names_count) {
+    for (const auto &[path, folder] : {std::pair("/a/b", "/a"), {"/a", "/"}, {"/a/b/c", "/a"}, {"a/b", "a"}, {"a", ""}})
+        EXPECT_TRUE(lies_below(path, folder)) << path << " " << folder;
+    for (const auto &[path, folder] :
+         {std::pair("/a", "/a"), {"/ab", "/a"}, {"/", "/"}, {"/a", "/a/b"}, {"/b/a", "/a"}})
+        EXPECT_FALSE(lies_below(path, folder)) << path << " " << folder;
+    EXPECT_TRUE(lies_at_or_below("/a", "/a"));
+    EXPECT_TRUE(lies_at_or_below("/", "/"));
+    EXPECT_FALSE(lies_at_or_below("/ab", "/a"));
+}
+
 TEST(TimeOf, nanoseconds_count_on_also_before_1970) {
     const qfi_time_t start = time_of(0), before = time_of(-1), earlier = time_of(-1'000'000'000);
     EXPECT_EQ(start.qzfi_nsec, 0u);
