@@ -23,8 +23,8 @@ QZFI_BEGIN_DECLS
 /* Trees: from objects to a tree, and the making of an image. */
 
 /** Makes a tree: one node per file system, below it the objects, none of them within another one of the same file
- * system (3). Links in their paths are resolved once, here; what is no directory gives 1025. `*tree` must be null;
- * released by `qfi_op_detach`. */
+ * system: that gives 3, and what is no directory 1025. Links in their paths are resolved once, here. `*tree` must be
+ * null; released by `qfi_op_detach`. */
 static inline int32_t qfi_op_gentree(const qfi_object *objects, int32_t count, const qfi_tree_options *options,
                                      qfi_domain **tree) {
     return qzfiapi_gentree((void *)objects, count, (void *)options, (void *)tree);
