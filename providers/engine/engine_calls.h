@@ -78,7 +78,8 @@ inline int open_within(int directory, const char *name, int flags, mode_t mode =
     return static_cast<int>(syscall(SYS_openat2, directory, name, &how, sizeof how));
 }
 
-/// Opens for reading, without a trace in the access time where that is permitted.
+/// Opens for reading, without a trace in the access time where that is permitted. Waits for the lease of a file to be
+/// given back, and for nothing else.
 int open_to_read(int directory, const char *name, int flags) noexcept;
 
 inline int stat_of(int directory, const char *name, int flags, Stat &out) noexcept {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -261,6 +262,61 @@ TEST_F(Renamed, a_copy_that_somebody_renames_meanwhile_fails) {
     };
     EXPECT_EQ(copy("s", "c").status, static_cast<int32_t>(QFI_FI_WRITE));
     EXPECT_EQ(host.failed_object, "p");
+}
+
+/// A process that holds the lease of a file until somebody else opens it, as a file server does for its client.
+class Lease {
+public:
+    explicit Lease(const std::string &path) {
+        int ends[2];
+        EXPECT_EQ(pipe(ends), 0);
+        holder_ = fork();
+        if (holder_ == 0)
+            hold(path, ends[1]);
+        close(ends[1]);
+        char word = 0;
+        EXPECT_EQ(read(ends[0], &word, 1), 1) << "no lease on " << path;
+        close(ends[0]);
+    }
+    ~Lease() {
+        kill(holder_, SIGKILL);
+        waitpid(holder_, nullptr, 0);
+    }
+    Lease(const Lease &) = delete;
+    Lease &operator=(const Lease &) = delete;
+
+private:
+    [[noreturn]] static void hold(const std::string &path, int out) {
+        sigset_t wanted;
+        sigemptyset(&wanted);
+        sigaddset(&wanted, SIGIO);
+        sigprocmask(SIG_BLOCK, &wanted, nullptr);
+        const int file = open(path.c_str(), O_RDWR | O_CLOEXEC);
+        if (fcntl(file, F_SETLEASE, F_WRLCK) != 0 || ::write(out, "1", 1) != 1)
+            _exit(1);
+        int signal = 0;
+        sigwait(&wanted, &signal);
+        usleep(200'000);
+        fcntl(file, F_SETLEASE, F_UNLCK);
+        for (;;)
+            pause();
+    }
+    pid_t holder_;
+};
+
+TEST_F(Hostile, a_file_that_a_file_server_has_leased_to_a_client_is_waited_for) {
+    sh("mkdir s; printf data > s/f");
+    options.entries = options.digest = true;
+    {
+        const Lease lease(at + "/s/f");
+        EXPECT_EQ(copy("s", "c").status, 0) << host.failed_operation;
+    }
+    EXPECT_TRUE(host.remarks.empty()) << host.remarks[0].detail << " " << host.remarks[0].error;
+    expect_equal("s", "c");
+    host.entries.clear();
+    const Lease lease(at + "/s/f");
+    EXPECT_EQ(walk("s").status, 0) << host.failed_operation;
+    EXPECT_NE(host.entries.at("f").digest, "");
 }
 
 TEST_F(Hostile, an_unreadable_file_is_remarked_and_the_rest_is_copied) {
