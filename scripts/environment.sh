@@ -9,7 +9,7 @@ if command -v ccache >/dev/null; then
 fi
 
 # quietly COMMAND...: drops the linker's remark on tempnam, which the log's file names come from by design.
-quietly() { "$@" | sed '/: in function `/{N;/tempnam. is dangerous/d}'; }
+quietly() { "$@" | sed '/: in function `/{N;/tempnam. is dangerous/d}; /tempnam. is dangerous/d'; }
 
 # build_preset NAME: configures and builds it, saying little when all is well.
 build_preset() {

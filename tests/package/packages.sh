@@ -81,7 +81,8 @@ cp "$here"/common.sh "$here"/packages_inside.sh "$fresh/mnt"
 touch "$fresh/mnt/may-be-changed"
 if [[ ${QZFI_TEST_LONG-} == 1 ]]; then
   # With their dependencies, and then without the packages: the trial begins with a system that has only those.
-  chroot "$fresh" sh -c 'apt-get -qq update && apt-get -qq install -y --no-install-recommends /mnt/debs/*.deb &&
+  chroot "$fresh" env DEBIAN_FRONTEND=noninteractive sh -c 'apt-get -qq update &&
+    apt-get -qq install -y --no-install-recommends /mnt/debs/*.deb &&
     dpkg --purge libqzfi7 qzfi-providers qzfi libqzfi-dev' >"$scratch/apt.log" 2>&1 ||
     { tail -n 20 "$scratch/apt.log"; fail "apt-get install"; }
 fi
