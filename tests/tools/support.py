@@ -31,6 +31,7 @@ SANITIZED = bool(os.environ.get("QZFI_SANITIZE"))
 PATIENCE = 240 if SANITIZED else 60
 SKIPPED = 77
 
+COMMANDS = re.findall(r"^QZFI_COMMAND\((\w+)\)$", (SOURCE / "tools/qzfi/commands.def").read_text(), re.M)
 IMAGE_ID = r"[0-9]{8}T[0-9]{6}Z-[0-9a-f]{8}"
 LOCAL_TIME = r"[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}"
 

@@ -2,6 +2,7 @@
 import json
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import tempfile
@@ -161,13 +162,17 @@ class Doctor(ToolTest):
         self.assertEqual(support.run(["mount", "-o", "remount,ro", mount_point]).code, 0)
         health, text = self.doctor()["store", str(store)]
         self.assertEqual(health, "warning")
-        self.assertRegex(text, "^1 images, 1 half-made, ")
+        self.assertRegex(text, "^1 image, 1 half-made, ")
 
     def test_a_store_that_is_gone_is_a_warning(self):
         command = [str(self.root / "bin" / "qzfi"), "--root", str(self.root)]
         support.run([*command, "freeze", self.data, "--method", "copy", "--store", self.store])
         shutil.rmtree(self.store)
         self.assertEqual(self.doctor()["store", str(self.store)][0], "warning")
+        told = support.run([*command, "doctor"]).out
+        hint, = re.findall(r"`qzfi (repair --forget [^`]*)`", told)
+        self.assertEqual(support.run([*command, *hint.split()]).code, 0)
+        self.assertNotIn(("store", str(self.store)), self.doctor())
 
     def test_a_trace_that_was_left_on_is_a_warning(self):
         (self.root / "lib" / ".qzms.rc").write_text("debug_level=WARN\n")

@@ -52,13 +52,18 @@ no remarks
     def test_names_that_fit_no_image_or_several(self):
         first, second = self.freeze(), self.freeze()
         self.assertEqual(self.fail_with(1, "show", "20000101T000000Z-00000000", "--store", self.store),
-                         "qzfi: image 20000101T000000Z-00000000: No such image (1024) in store "
+                         "qzfi: find image 20000101T000000Z-00000000: No such image (1024) in store "
                          f"{self.store}\n")
-        self.assertEqual(self.fail_with(1, "show", "2026", "--store", self.store),
-                         "qzfi: image 2026: 2 ids begin so: " + ", ".join(sorted([first, second])) + "\n")
+        year = first[:4]
+        self.assertEqual(self.fail_with(1, "show", year, "--store", self.store),
+                         f"qzfi: find image {year}: 2 ids begin so: " + ", ".join(sorted([first, second])) + "\n")
         self.assertEqual(self.json("show", "latest", "--store", self.store)["images"][0]["id"], second)
         self.assertEqual(self.json("show", first[:-1], "--store", self.store)["id"], first)
-        self.assertIn("No such image", self.fail_with(1, "show", first[:3], "--store", self.store))
+        self.assertIn("(1024) in store", self.fail_with(1, "show", first[:3], "--store", self.store))
+        self.assertIn("; a beginning has at least 4 characters\n",
+                      self.fail_with(1, "show", first[:3], "--store", self.store))
+        self.assertIn("; a path is written with a slash: ./data\n",
+                      self.fail_with(1, "diff", first, "data", "--store", self.store, cwd=self.folder))
         self.assertIn("ID is required", self.fail_with(2, "show"))
 
     def test_an_image_whose_files_are_gone_is_shown_damaged(self):
@@ -97,9 +102,10 @@ class Tree(ToolTest):
         self.assertEqual(self.succeed("cat", identity, memory / "here", "--store", self.store), "in memory")
         self.assertEqual(self.succeed("cat", identity, "here", "--object", "2", "--store", self.store), "in memory")
         self.assertEqual(self.fail_with(2, "cat", identity, "here", "--store", self.store),
-                         f"qzfi: the image has 2 objects, {self.data} and {memory}: say which by --object, or give "
-                         "the original's whole path\n")
-        self.assertIn("no number 3", self.fail_with(2, "path", identity, "--object", "3", "--store", self.store))
+                         f"qzfi: find here in image {identity}: it has 2 objects, {self.data} and {memory}: say which "
+                         "by --object, or give the original's whole path\n")
+        self.assertEqual(self.fail_with(2, "path", identity, "--object", "3", "--store", self.store),
+                         f"qzfi: find object 3 of image {identity}: it has 2 objects\n")
 
 
 class PathAndCat(ToolTest):
@@ -136,7 +142,15 @@ class PathAndCat(ToolTest):
         self.assertIn("No such file or directory", self.fail_with(1, "path", self.identity, "nix", "--store",
                                                                   self.store))
         self.assertEqual(self.fail_with(1, "path", self.identity, "/etc", "--store", self.store),
-                         f"qzfi: /etc is not in the image, which is of {self.data}\n")
+                         f"qzfi: find /etc in image {self.identity}: it is of {self.data}\n")
+
+    def test_json_is_as_its_schema_says(self):
+        image = str(self.store / "images" / self.identity / "objects" / "0")
+        self.assertEqual(self.json("path", self.identity, "--store", self.store),
+                         {"id": self.identity, "paths": [{"path": str(self.data), "image_path": image}]})
+        place, = self.json("path", self.identity, "folder/other", "--store", self.store)["paths"]
+        self.assertEqual(place, {"path": f"{self.data}/folder/other", "image_path": f"{image}/folder/other"})
+        self.fail_with(2, "path", self.identity, "--json", "--null", "--store", self.store)
 
     def test_the_bytes_of_files_of_any_length_and_name(self):
         for name, content in (("large", self.large), ("empty", b""), (ODD_NAME, b"odd"), ("link", b"other\n"),
@@ -150,11 +164,10 @@ class PathAndCat(ToolTest):
             done = self.cat(name)
             self.assertEqual((done.returncode, done.stdout), (1, b""), name)
             self.assertIn(b": it leads out of the image\n", done.stderr)
-        for name, cause in (("folder", b"Is a directory"), ("file/below", b"Not a directory"),
-                            ("nix", b"No such file or directory")):
-            done = self.cat(name)
-            self.assertEqual((done.returncode, done.stdout), (1, b""), name)
-            self.assertIn(cause, done.stderr)
+        for name, cause in (("folder", "Is a directory"), ("file/below", "Not a directory"),
+                            ("nix", "No such file or directory"), ("pipe", "it is no file")):
+            self.assertEqual(self.fail_with(1, "cat", self.identity, name, "--store", self.store),
+                             f"qzfi: read {self.data}/{name} in image {self.identity}: {cause}\n")
 
     def test_what_cannot_be_written_is_told(self):
         with open("/dev/full", "wb") as full:

@@ -34,10 +34,14 @@ class Elsewhere(ToolTest):
         self.assertLessEqual({("content", "file"), ("removed", "folder/other")}, changes)
         self.assertEqual(self.succeed("diff", self.identity, "--store", self.store), "", "the original is as it was")
         self.assertEqual(support.qzfi(*arguments, "--exit-code").code, 3)
+        lines = self.succeed(*arguments).splitlines()
+        self.assertIn(f"C {self.copy}/file", lines)
+        self.assertIn(f"R {self.copy}/folder/other", lines)
+        self.assertTrue(all(line[2:].startswith(str(self.copy)) for line in lines), lines)
 
     def test_what_is_no_directory_is_refused(self):
         error = self.fail_with(2, "diff", self.identity, "/etc/passwd", "--store", self.store)
-        self.assertEqual(error, "qzfi: compare with /etc/passwd: it is no path of the image, which is of "
+        self.assertEqual(error, f"qzfi: compare image {self.identity} with /etc/passwd: it is no path of the image, which is of "
                                 f"{self.data}, and no other directory: Not a directory\n")
         error = self.fail_with(2, "diff", self.identity, self.folder / "nix", "--store", self.store)
         self.assertIn("and no other directory: No such file or directory\n", error)
@@ -47,8 +51,8 @@ class Elsewhere(ToolTest):
         other.mkdir()
         identity = self.freeze(self.data, other, "--method", "copy", "--store", self.store)
         error = self.fail_with(2, "diff", identity, "/etc", "--store", self.store)
-        self.assertEqual(error, f"qzfi: compare with /etc: it is in none of the 2 objects, {self.data} and {other}; "
-                                "name the image of the one to compare it with, not the set\n")
+        self.assertEqual(error, f"qzfi: compare image {identity} with /etc: it is in none of the 2 objects, {self.data} "
+                                f"and {other}; name the image of the one to compare it with, not the set\n")
 
     def test_a_store_may_be_named_from_where_one_is(self):
         identity = self.succeed("freeze", "data", "--method", "copy", "--store", "new/store", cwd=self.folder)

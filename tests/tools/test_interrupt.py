@@ -41,7 +41,7 @@ class Interrupt(ToolTest):
             result = terminal.finish()
         self.assertEqual(result.code, 130, str(result))
         self.assertTrue(self.post.exists(), "it has run when the command ends")
-        self.assertRegex(result.out, r"qzfi: interrupted\n$")
+        self.assertIn(f"qzfi: freeze {self.data}: Cancelled (1035)\n", result.out)
         self.assert_nothing_was_made()
 
     def test_ctrl_c_while_files_are_copied(self):
@@ -72,7 +72,7 @@ class Interrupt(ToolTest):
         process.send_signal(number)
         self.go.touch()
         out, error = process.communicate(timeout=support.PATIENCE)
-        self.assertEqual((process.returncode, out, error), (130, "", "qzfi: interrupted\n"))
+        self.assertEqual((process.returncode, out, error), (130, "", f"qzfi: freeze {self.data}: Cancelled (1035)\n"))
         self.assertTrue(self.post.exists(), "it has run when the command ends")
         self.assert_nothing_was_made()
 

@@ -33,7 +33,7 @@ class Run(ToolTest):
 
     def test_an_end_by_a_signal_is_told(self):
         error = self.fail_with(1, "run", "kill -9 $$")
-        self.assertIn("qzfi: the command was ended by a signal\n", error)
+        self.assertIn("qzfi: run kill -9 $$: it was ended by a signal\n", error)
 
     def test_ctrl_c_ends_the_command(self):
         started = self.folder / "started"

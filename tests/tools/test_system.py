@@ -78,6 +78,16 @@ class Repair(ToolTest):
                          f"damaged: image {identity} in store {self.store}: the image's files are missing; "
                          "`qzfi rm` forgets it\n")
 
+    def test_a_store_that_is_gone_for_good_is_forgotten(self):
+        identity = self.freeze()
+        self.assertIn(identity, [image["id"] for image in self.json("list")["images"]])
+        self.assertEqual(self.succeed("repair", "--forget", "store", cwd=self.folder), "")
+        self.assertNotIn(identity, [image["id"] for image in self.json("list")["images"]])
+        self.assertEqual(self.listed(), [identity], "it is there as before")
+        error = self.fail_with(1, "repair", "--forget", self.store)
+        self.assertIn(f"qzfi: forget store {self.store}: ", error)
+        self.assertIn(": it is not known\n", error)
+
     def test_a_store_that_is_none_is_told(self):
         error = self.fail_with(1, "repair", "--store", self.folder / "none")
         self.assertIn(f"qzfi: repair store {self.folder}/none: ", error)
@@ -150,6 +160,8 @@ class Log(ToolTest):
         self.log("--level", "WARN", "--level", "INFO,TRC_TOP")
         self.assertEqual(self.json("log")["levels"], ["INFO", "WARN", "TRC_TOP"])
         self.assertEqual(self.configuration.read_text(), "debug_level=WARN|INFO|TRC_TOP\n")
+        self.log("--level", "INFO|TRC_TOP")
+        self.assertEqual(self.configuration.read_text(), "debug_level=INFO|TRC_TOP\n")
         self.log("--level", "PARAM_IN")
         self.assertEqual(self.configuration.read_text(), "debug_level=PARAM_IN\n")
         self.log("--off")

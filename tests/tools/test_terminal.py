@@ -27,12 +27,31 @@ class Tables(ToolTest):
         self.assertRegex(lines[1], r"^ID +TIME +copy +fuzzy +- +weekly: \\x1b\[31mµ +FOLDER/a-rather-long-name-of-a-folder"
                          r"/that-holds-another-one/data$")
 
-    def test_80_columns_are_kept_by_shortening_what_may_be(self):
-        result = support.on_terminal("list", "--store", self.store, columns=80)
-        self.assertLessEqual(columns_of(result.out), 80 + 25, "ids and times are never shortened")
-        self.assertIn(self.identity, result.out)
-        self.assertIn("...", result.out)
-        self.assertRegex(result.out, LOCAL_TIME)
+    def test_80_columns_hold_labels_and_paths_whole_below_their_rows(self):
+        for command in (("list",), ("show", self.identity), ("prune", "--keep-last", "1", "--dry-run")):
+            with self.subTest(command):
+                out = support.on_terminal(*command, "--store", self.store, columns=80).out
+                self.assertNotIn("...", out)
+                self.assertRegex(out, LOCAL_TIME)
+                self.assertIn(self.identity, out)
+                self.assertIn(str(self.deep), out)
+                broken = [line for line in re.split(r"[\r\n]+", out) if columns_of(line) > 80]
+                # A path without a blank is not broken; it has a line of its own.
+                self.assertEqual([line for line in broken if len(line.split()) > 1 and not line.startswith("Store:")], [])
+
+    def test_80_columns_shorten_what_may_be(self):
+        deep = support.memory_filesystem("size=1m") / ("x" * 60)
+        deep.mkdir()
+        self.assertEqual(support.run(["mount", "-t", "tmpfs", "tmpfs", deep]).code, 0)
+        out = support.on_terminal("nodes", columns=80).out
+        self.assertIn("...", out)
+        self.assertLessEqual(columns_of(out), 80)
+
+    def test_blanks_in_paths_stay(self):
+        odd = self.folder / ("two  blanks" + "-" * 60)
+        odd.mkdir()
+        self.freeze(odd, "--method", "copy", "--store", self.store)
+        self.assertIn(f"{self.folder}/two  blanks", support.on_terminal("list", "--store", self.store, columns=200).out)
 
     def test_80_columns_hold_descriptions_whole_below_their_rows(self):
         lines = support.on_terminal("providers", columns=80, env=support.environment(NO_COLOR="1")).out.splitlines()
@@ -103,7 +122,8 @@ class Usage(ToolTest):
         for arguments in ((), ("freeze",), ("nothing",), ("list", "--unknown"), ("list", "surplus"),
                           ("freeze", "/tmp", "--workers", "0"), ("freeze", "/tmp", "--workers", "x"),
                           ("freeze", "/tmp", "--store"), ("log", "--level"), ("errmsg",), ("run",), ("methods",),
-                          ("list", "freeze", "/tmp"), ("--completion", "fish")):
+                          ("list", "freeze", "/tmp"), ("--completion", "fish"), ("diff", "latest", "a", "b"),
+                          ("repair", "--forget", "/x", "--json"), ("restore", "latest", "--workers", "65")):
             with self.subTest(arguments):
                 result = support.qzfi(*arguments)
                 self.assertEqual((result.code, result.out), (2, ""), str(result))
@@ -112,7 +132,11 @@ class Usage(ToolTest):
     def test_what_is_wrong_is_named(self):
         for arguments, text in ((("nothing",), "no command nothing; `qzfi --help` tells more"),
                                 (("--nothing",), "no option --nothing; `qzfi --help` tells more"),
-                                (("freeze",), "freeze: PATH is required; `qzfi freeze --help` tells more")):
+                                (("freeze",), "freeze: PATH is required; `qzfi freeze --help` tells more"),
+                                (("log", "--level", "INFO,LOUD"), "log --level LOUD: there are INFO, WARN, TRC_TOP, "
+                                                                  "TRC_LOW, PARAM_IN, PARAM_OUT, PARAM_FULL"),
+                                (("--completion", "fish"), "--completion: fish is neither bash nor zsh; `qzfi --help` "
+                                                           "tells more")):
             with self.subTest(arguments):
                 self.assertEqual(support.qzfi(*arguments).err, f"qzfi: {text}\n")
 
@@ -123,6 +147,13 @@ class Usage(ToolTest):
                 self.assertEqual((result.code, result.err), (0, ""), str(result))
                 self.assertNotEqual(result.out, "")
 
+    def test_help_fits_80_columns(self):
+        for command in ((), *((name,) for name in support.COMMANDS)):
+            with self.subTest(command):
+                out = support.qzfi(*command, "--help").out
+                self.assertIn("Usage: qzfi " + " ".join(command), out)
+                self.assertLessEqual(columns_of(out), 80)
+
     def test_a_root_that_is_not_there_is_wrong_usage(self):
         result = support.run([support.root() / "bin/qzfi", "--root", self.folder / "none", "list"])
         self.assertEqual(result.code, 2, str(result))
@@ -132,6 +163,7 @@ class Root(ToolTest):
     def setUp(self):
         super().setUp()
         self.tool = support.root() / "bin" / "qzfi"
+        self.library = self.folder / "lib" / "libfi.so"
 
     def test_the_option_goes_before_the_environment(self):
         nowhere = support.environment(QFI_ROOT=str(self.folder))
@@ -150,22 +182,29 @@ class Root(ToolTest):
         image, = [image for image in self.json("list")["images"] if image["id"] == frozen.out.strip()]
         self.assertEqual(image["store"], f"{support.root()}/arcvault/images")
 
-    def test_a_broken_root_is_told_with_the_cause(self):
-        (self.folder / "lib").mkdir()
+    def told_of_library(self, before=None):
+        """What `qzfi list` says of the library below the test's folder; `before`: how other lines begin."""
         result = support.run([self.tool, "--root", self.folder, "list"])
         self.assertEqual((result.code, result.out), (1, ""), str(result))
-        library = f"{self.folder}/lib/libfi.so"
-        self.assertIn(f" {library} not loaded: {library}: cannot open shared object file: No such file or directory\n",
-                      result.err)
-        self.assertNotIn("%s", result.err)
+        lines = [line for line in result.err.splitlines() if before is None or not line.startswith(before)]
+        self.assertEqual(lines[1:], ["  Qfi_start not called or called twice (2)"])
+        start = f"qzfi: list the images: {self.library} cannot be used: "
+        self.assertTrue(lines[0].startswith(start), result.err)
+        return lines[0].removeprefix(start)
+
+    def test_a_broken_root_is_told_with_the_cause(self):
+        (self.folder / "lib").mkdir()
+        self.assertEqual(self.told_of_library(), "cannot open shared object file: No such file or directory")
 
     def test_a_library_that_does_not_load_is_told_in_the_loader_s_words(self):
         (self.folder / "lib").mkdir()
-        library = self.folder / "lib" / "libfi.so"
-        library.write_text("this is no shared object at all, however long it is: " + 64 * "x")
-        result = support.run([self.tool, "--root", self.folder, "list"])
-        self.assertEqual((result.code, result.out), (1, ""), str(result))
-        self.assertIn(f" {library} not loaded: {library}: invalid ELF header\n", result.err)
+        self.library.write_text("this is no shared object at all, however long it is: " + 64 * "x")
+        self.assertEqual(self.told_of_library(), "invalid ELF header")
+
+    def test_a_library_of_something_else_is_told_with_what_it_lacks(self):
+        (self.folder / "lib").mkdir()
+        self.library.symlink_to(support.root() / "lib/libqzfi.so")
+        self.assertEqual(self.told_of_library("Unable to load symbol"), "91 of 91 entries are missing, qzfi_start first")
 
 
 if __name__ == "__main__":

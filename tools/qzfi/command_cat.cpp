@@ -64,7 +64,7 @@ void write_all(const char *data, std::size_t length) {
     }
 }
 
-void copy(int file, const std::string &shown) {
+void copy(int file, const std::string &reading) {
     std::string buffer(256 * 1024, '\0');
     for (;;) {
         const ssize_t count = read(file, buffer.data(), buffer.size());
@@ -73,7 +73,7 @@ void copy(int file, const std::string &shown) {
         if (count > 0)
             write_all(buffer.data(), static_cast<std::size_t>(count));
         else if (errno != EINTR)
-            fail("read " + shown, errno);
+            fail(reading, errno);
     }
 }
 
@@ -81,27 +81,27 @@ int run(const Settings &settings, const Options &options) {
     const Session session(settings);
     const Tree tree = open_tree(options.image);
     const Place place = find_place(tree.get(), options.place);
+    const std::string reading = "read " + path_in_original(place) + " in image " + id_of(tree.get());
     Text path;
-    check(qfi_op_access(place.object, nullptr, Out(path)), "find " + node_text(place.object, "path") + " in the image");
-    const std::string shown = std::string(path.get()) + (place.below.empty() ? "" : "/" + place.below);
+    check(qfi_op_access(place.object, nullptr, Out(path)), reading);
     const File object(open(path.get(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (object.get() < 0)
-        fail(std::string("open ") + path.get(), errno);
+        fail(reading + ": " + path.get(), errno);
     const File file(open_below(object.get(), place.below.empty() ? "." : place.below));
     if (file.get() < 0) {
         if (errno == EXDEV)
-            throw Failure("open " + shown + ": it leads out of the image");
-        fail("open " + shown, errno);
+            throw Failure(reading + ": it leads out of the image");
+        fail(reading, errno);
     }
     struct stat status = {};
     if (fstat(file.get(), &status) != 0)
-        fail("look at " + shown, errno);
+        fail(reading, errno);
     if (S_ISDIR(status.st_mode))
-        fail("read " + shown, EISDIR);
+        fail(reading, EISDIR);
     if (!S_ISREG(status.st_mode))
-        throw Failure("read " + shown + ": it is no file");
+        throw Failure(reading + ": it is no file");
     (void)std::signal(SIGPIPE, SIG_IGN); // told as any other failure to write
-    copy(file.get(), shown);
+    copy(file.get(), reading);
     return exit_done;
 }
 

@@ -67,13 +67,13 @@ void use_directory(Other &other, const qfi_domain *from, const std::string &give
     other.directory = resolved(std::filesystem::absolute(given));
     std::error_code error;
     if (!std::filesystem::is_directory(other.directory, error))
-        throw Failure("compare with " + other.directory + ": it is no path of the image, which is of " +
-                          objects_text(from) +
+        throw Failure("compare image " + id_of(from) + " with " + other.directory + ": it is no path of the image, " +
+                          "which is of " + objects_text(from) +
                           ", and no other directory: " + std::strerror(error ? error.value() : ENOTDIR),
                       exit_usage);
     if (const std::size_t count = object_nodes(from).size(); count > 1)
-        throw Failure("compare with " + other.directory + ": it is in none of the " + std::to_string(count) +
-                          " objects, " + objects_text(from) +
+        throw Failure("compare image " + id_of(from) + " with " + other.directory + ": it is in none of the " +
+                          std::to_string(count) + " objects, " + objects_text(from) +
                           "; name the image of the one to compare it with, not the set",
                       exit_usage);
     other.to = tree_of({other.directory});
@@ -90,13 +90,6 @@ Other other_of(const qfi_domain *from, const Options &options) {
         other.to = open_tree({other.id, options.image.store});
     }
     return other;
-}
-
-std::string whole_path(const qfi_diff_entry &entry) {
-    std::string path = entry.object;
-    if (*entry.path != '\0')
-        path += (path == "/" ? "" : "/") + std::string(entry.path);
-    return path;
 }
 
 char letter(uint32_t change) {
@@ -129,7 +122,7 @@ int run(const Settings &settings, const Options &options) {
     uint64_t count = 0;
     for (uint64_t index = 0; index < diff->count; ++index) {
         const qfi_diff_entry &entry = diff->entries[index];
-        const std::string path = whole_path(entry);
+        const std::string path = path_below(other.directory.empty() ? entry.object : other.directory, entry.path);
         if (!other.within.empty() && !lies_within(path, other.within))
             continue;
         ++count;

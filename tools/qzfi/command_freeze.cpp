@@ -4,6 +4,7 @@
 #include "tools/qzfi/commands.h"
 #include "tools/qzfi/json.h"
 #include "tools/qzfi/progress.h"
+#include "tools/qzfi/text.h"
 #include "tools/qzfi/trees.h"
 
 namespace qzfi::tool {
@@ -30,9 +31,9 @@ int32_t make_images(qfi_domain *tree, const Options &options, const std::string 
     freeze.nested = options.nested;
     check(qfi_op_select(tree, nullptr, or_null(options.method), or_null(options.store)), "choose a method for " + what);
     check(qfi_op_prepare(tree, 0, &freeze, nullptr), "prepare the freeze of " + what);
-    check_interrupted();
+    check_interrupted("freeze " + what);
     const int32_t quiesced = qfi_op_quiesce(tree);
-    check_interrupted();
+    check_interrupted("freeze " + what); // what made the pre command fail, perhaps
     check(quiesced, "quiesce " + what);
     check(qfi_op_split(tree, nullptr, Out(report)), "freeze " + what);
     return qfi_op_unquiesce(tree);
@@ -84,7 +85,7 @@ void add_freeze(CommandLine &line) {
                 .type_name("CMD");
             command.add_option("--post", options.post_command, "Run by the shell afterwards, whatever happened")
                 .type_name("CMD");
-            command.add_option("--workers", options.workers, "Threads that copy; 2 unless given").within(1, 64);
+            add_workers(command, options.workers);
             command.add_flag("--digest", options.digest, "Keep a digest of every file, for verify and diff");
             command.add_flag("--nested", options.nested, "Include nested subvolumes");
             add_json(command, options.json);

@@ -25,16 +25,6 @@ Argument &Argument::within(Number least, Number most) {
     return *this;
 }
 
-Argument &Argument::one_of(const std::vector<std::string> &values) {
-    option_->check(CLI::IsMember(values));
-    return *this;
-}
-
-Argument &Argument::delimiter(char between) {
-    option_->delimiter(between);
-    return *this;
-}
-
 Argument &Argument::excludes(const std::string &other) {
     option_->excludes(other);
     return *this;
@@ -66,7 +56,7 @@ CommandLine::~CommandLine() = default;
 
 Arguments CommandLine::add_command(const std::string &name, const std::string &description,
                                    std::function<int()> action) {
-    CLI::App *const command = app_->add_subcommand(name, description);
+    CLI::App *const command = app_->add_subcommand(name, description)->group("Commands");
     command->callback([this, action = std::move(action)] { action_ = action; });
     return Arguments(command);
 }

@@ -27,9 +27,6 @@ public:
     /// Numbers from `least` to `most`.
     template <typename Number>
     Argument &within(Number least, Number most);
-    Argument &one_of(const std::vector<std::string> &values);
-    /// Several values in one, with this between them.
-    Argument &delimiter(char between);
     /// Not together with another one that was declared before.
     Argument &excludes(const std::string &other);
 

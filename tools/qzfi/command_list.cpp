@@ -15,27 +15,21 @@ struct Options {
     bool json = false;
 };
 
-std::string objects_text(const qfi_image &image) {
-    std::string text;
-    for (uint32_t index = 0; index < image.object_count; ++index)
-        text += (index == 0 ? "" : ", ") + printable(image.objects[index]);
-    return text;
-}
-
 void print_table(const qfi_image_list *images) {
     Table table({{"ID"},
                  {"TIME"},
                  {"METHOD"},
                  {"CONSISTENCY"},
                  {"SIZE", Align::right},
-                 {"LABEL", Align::left, true},
-                 {"OBJECTS", Align::left, true}});
+                 {"LABEL", Align::left, false, true},
+                 {"OBJECTS", Align::left, false, true}});
     for (; images != nullptr; images = images->next) {
         const qfi_image &image = images->image;
         const std::string consistency =
             image.state == 1 ? consistency_name(image.consistency) : state_name(image.state);
         table.add({image.image_id, time_text(image.time), image.fim_id, consistency,
-                   image.bytes == 0 ? "-" : size_text(image.bytes), printable(image.label), objects_text(image)});
+                   image.bytes == 0 ? "-" : size_text(image.bytes), printable(image.label),
+                   printable(joined({image.objects, image.objects + image.object_count}))});
     }
     table.print();
 }

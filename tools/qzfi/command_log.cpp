@@ -19,7 +19,6 @@
 #include "tools/qzfi/log_files.h"
 #include "tools/qzfi/table.h"
 #include "tools/qzfi/text.h"
-#include "tools/qzfi/trees.h"
 
 namespace qzfi::tool {
 
@@ -129,11 +128,26 @@ void make_folder(const std::string &root) {
     }
 }
 
-void set_levels(const std::string &root, const Options &options) {
+// Levels stand apart by commas, or as in the configuration.
+std::vector<std::string> levels_of(const std::vector<std::string> &given) {
+    std::vector<std::string> levels;
+    for (std::string text : given) {
+        std::replace(text.begin(), text.end(), '|', ',');
+        std::istringstream names(text + ",");
+        for (std::string name; std::getline(names, name, ',');) {
+            if (trace_level(name) == 0)
+                throw Failure("log --level " + name + ": there are " + joined(trace_level_names(~0u)), exit_usage);
+            levels.push_back(name);
+        }
+    }
+    return levels;
+}
+
+void set_levels(const std::string &root, const std::vector<std::string> &levels) {
     const std::string path = trace_configuration(root);
     std::string setting;
     uint32_t wanted = 0;
-    for (const std::string &level : options.levels) {
+    for (const std::string &level : levels) {
         setting += (setting.empty() ? "debug_level=" : "|") + level;
         wanted |= trace_level(level);
     }
@@ -184,7 +198,7 @@ void print_text(const std::string &root, const LogFolder &folder) {
 
 int run(const Settings &settings, const Options &options) {
     if (options.off || !options.levels.empty())
-        set_levels(settings.root, options);
+        set_levels(settings.root, levels_of(options.levels));
     const LogFolder folder = log_folder(settings.root);
     if (options.json)
         print(json_of(settings.root, folder));
@@ -199,11 +213,10 @@ void add_log(CommandLine &line) {
     add_command<Options>(
         line, "log", "Tell where the log is and what is traced; switch the trace on and off", run,
         [](Arguments &command, Options &options) {
-            std::vector<std::string> names = trace_level_names(~0u);
-            command.add_option("--level", options.levels, "Trace these from the next start on, as in INFO,WARN")
-                .type_name("LEVEL")
-                .delimiter(',')
-                .one_of(names);
+            command
+                .add_option("--level", options.levels,
+                            "Trace these from the next start on, as in INFO,WARN: " + joined(trace_level_names(~0u)))
+                .type_name("LEVEL");
             command.add_flag("--off", options.off, "Trace nothing from the next start on").excludes("--level");
             add_json(command, options.json);
         });

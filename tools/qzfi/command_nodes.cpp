@@ -7,7 +7,6 @@
 #include "tools/qzfi/providers.h"
 #include "tools/qzfi/table.h"
 #include "tools/qzfi/text.h"
-#include "tools/qzfi/trees.h"
 
 namespace qzfi::tool {
 

@@ -129,7 +129,7 @@ void look_at(StoreGoal &goal, double wanted) {
             return;
         sync_filesystem(goal.path);
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        check_interrupted();
+        check_interrupted("prune store " + goal.path);
     }
 }
 
@@ -157,33 +157,26 @@ std::string reason_text(const PruneDecision &decision, const Unit &unit, bool ha
         return std::string(state_name(unit.state)) + ", see qzfi rm";
     if (decision.action == PruneAction::remove)
         return "no rule keeps it";
-    std::string text;
-    for (const std::string &reason : decision.reasons)
-        text += (text.empty() ? "" : ", ") + reason;
+    std::vector<std::string> reasons = decision.reasons;
     if (!has_rule)
-        text = "only space matters";
-    return text + (is_spare ? "; unless space is short" : "");
+        reasons.emplace_back(decision.is_newest ? "the newest" : is_spare ? "no rule removes it" : "enough is free");
+    return joined(reasons) + (is_spare ? "; may go for space" : "");
 }
 
 const char *action_name(PruneAction action) {
     return action == PruneAction::keep ? "keep" : action == PruneAction::remove ? "remove" : "leave";
 }
 
-std::string words(const std::set<std::string> &texts) {
-    std::string result;
-    for (const std::string &text : texts)
-        result += (result.empty() ? "" : ", ") + printable(text);
-    return result;
-}
-
 void print_plan(const Plan &plan, const std::vector<std::size_t> &spares, bool has_rule) {
-    Table table({{"ID"}, {"TIME"}, {"ACTION"}, {"REASON", Align::left, true}, {"OBJECTS", Align::left, true}});
+    Table table(
+        {{"ID"}, {"TIME"}, {"ACTION"}, {"REASON", Align::left, false, true}, {"OBJECTS", Align::left, false, true}});
     for (std::size_t index = 0; index < plan.units.size(); ++index) {
         const Unit &unit = plan.units[index];
         const PruneDecision &decision = plan.decisions[index];
         const bool is_spare = std::find(spares.begin(), spares.end(), index) != spares.end();
         table.add({plan.candidates[index].id, time_text(unit.time), action_name(decision.action),
-                   reason_text(decision, unit, has_rule, is_spare), words(unit.objects)});
+                   reason_text(decision, unit, has_rule, is_spare),
+                   printable(joined({unit.objects.begin(), unit.objects.end()}))});
     }
     table.print();
 }
@@ -218,22 +211,10 @@ Json json_of(const Plan &plan, const std::vector<StoreGoal> &goals, const Option
 
 // False when it could not be removed, which is told.
 bool remove(Plan &plan, std::size_t index, const Settings &settings, const Options &options, int &code) {
-    check_interrupted();
-    const std::string &id = plan.candidates[index].id;
-    try {
-        const ShownProgress progress(settings.quiet);
-        remove_image({id, options.store});
-    } catch (const Failure &failure) {
-        if (failure.code() == exit_interrupted)
-            throw;
-        tell(failure);
-        code = failure.code();
-        return false;
-    }
-    plan.units[index].is_removed = true;
-    if (!options.json && !settings.quiet)
-        std::cout << "removed " << id << std::endl;
-    return true;
+    const int failed = remove_image({plan.candidates[index].id, options.store}, settings, !options.json);
+    plan.units[index].is_removed = failed == exit_done;
+    code = std::max(code, failed);
+    return failed == exit_done;
 }
 
 void make_space(Plan &plan, StoreGoal &goal, const Settings &settings, const Options &options, int &code) {
@@ -281,7 +262,7 @@ int tell_goals(const std::vector<StoreGoal> &goals, const Options &options) {
     for (const StoreGoal &goal : goals) {
         if (goal.is_reached)
             continue;
-        tell(Failure("store " + goal.path + ": " + percent_text(goal.free_percent) + " are free, and " +
+        tell(Failure("prune store " + goal.path + ": " + percent_text(goal.free_percent) + " are free, and " +
                      percent_text(*options.keep_free) +
                      " were wanted; what is left is the newest image of each object, or could not be removed"));
         code = exit_failed;

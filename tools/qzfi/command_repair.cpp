@@ -12,7 +12,7 @@ namespace qzfi::tool {
 namespace {
 
 struct Options {
-    std::string store;
+    std::string store, forgotten;
     bool json = false;
 };
 
@@ -44,11 +44,16 @@ Json damaged_json(const qfi_report &report) {
 
 int run(const Settings &settings, const Options &options) {
     const Session session(settings);
+    if (!options.forgotten.empty()) {
+        check(qfi_op_objctl(nullptr, QFI_OBJCTL_FORGET, options.forgotten.c_str(), nullptr),
+              "forget store " + options.forgotten);
+        return exit_done;
+    }
     const Interruptible interruptible;
     Report report;
-    check(qfi_op_objctl(nullptr, QFI_OBJCTL_REPAIR, or_null(options.store), Out(report)),
-          options.store.empty() ? "repair the known stores" : "repair store " + options.store);
-    check_interrupted();
+    const std::string action = options.store.empty() ? "repair the known stores" : "repair store " + options.store;
+    check(qfi_op_objctl(nullptr, QFI_OBJCTL_REPAIR, or_null(options.store), Out(report)), action);
+    check_interrupted(action);
     const std::vector<Store> stores = find_stores(options.store);
     if (options.json) {
         Json list = Json::array();
@@ -68,6 +73,11 @@ void add_repair(CommandLine &line) {
                          [](Arguments &command, Options &options) {
                              add_store(command, options.store, "Only this store; else all known ones");
                              add_json(command, options.json);
+                             command
+                                 .add_directory("--forget", options.forgotten,
+                                                "Only this: know a store no longer; what lies in it stays")
+                                 .excludes("--store")
+                                 .excludes("--json");
                          });
 }
 

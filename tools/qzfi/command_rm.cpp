@@ -1,6 +1,5 @@
 // qzfi rm: removes images.
 #include <algorithm>
-#include <iostream>
 
 #include "tools/qzfi/commands.h"
 #include "tools/qzfi/progress.h"
@@ -32,11 +31,10 @@ std::string question(const std::vector<std::string> &ids, const std::string &sto
     if (ids.size() > 1)
         return "Remove " + std::to_string(ids.size()) + " images?";
     const ImageList images = find_images({ids.front(), store});
-    std::string objects;
+    std::vector<std::string> objects;
     for (const qfi_image_list *node = images.get(); node != nullptr; node = node->next)
-        for (uint32_t index = 0; index < node->image.object_count; ++index)
-            objects += (objects.empty() ? "" : ", ") + printable(node->image.objects[index]);
-    return "Remove image " + ids.front() + " of " + time_text(images->image.time) + ", " + objects + "?";
+        objects.insert(objects.end(), node->image.objects, node->image.objects + node->image.object_count);
+    return "Remove image " + ids.front() + " of " + time_text(images->image.time) + ", " + joined(objects) + "?";
 }
 
 int run(const Settings &settings, const Options &options) {
@@ -46,21 +44,8 @@ int run(const Settings &settings, const Options &options) {
         throw Failure("nothing was removed");
     const Interruptible interruptible;
     int code = exit_done;
-    for (const std::string &id : ids) {
-        check_interrupted();
-        try {
-            const ShownProgress progress(settings.quiet);
-            remove_image({id, options.store});
-        } catch (const Failure &failure) {
-            if (failure.code() == exit_interrupted)
-                throw;
-            tell(failure); // the others go all the same
-            code = failure.code();
-            continue;
-        }
-        if (!settings.quiet)
-            std::cout << "removed " << id << std::endl;
-    }
+    for (const std::string &id : ids)
+        code = std::max(code, remove_image({id, options.store}, settings, true));
     return code;
 }
 

@@ -132,10 +132,11 @@ int run(const Settings &settings, const Options &options) {
     const Session session(settings);
     const Context context;
     // The context process has closed its standard input: what the command opens first would be taken for it.
-    const Exchange exchange("exec </dev/null\n" + shell_text(options.words));
+    const std::string command = shell_text(options.words);
+    const Exchange exchange("exec </dev/null\n" + command);
     const int32_t code = hand_on_all(exchange.record());
     if (code < 0)
-        throw Failure("the command was ended by a signal", exit_failed, take_errors());
+        throw Failure("run " + command + ": it was ended by a signal", exit_failed, take_errors());
     return code;
 }
 

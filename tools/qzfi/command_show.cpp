@@ -60,7 +60,8 @@ void print_image(const qfi_image &image) {
 }
 
 void print_objects(const qfi_image_list *images) {
-    Table table({{"OBJECT", Align::right}, {"PATH", Align::left, true}, {"FROZEN AT", Align::left, true}});
+    Table table(
+        {{"OBJECT", Align::right}, {"PATH", Align::left, false, true}, {"FROZEN AT", Align::left, false, true}});
     uint32_t number = 0;
     for (const qfi_image_list *node = images; node != nullptr; node = node->next)
         for (uint32_t index = 0; index < node->image.object_count; ++index)

@@ -55,10 +55,7 @@ void print_verified(const Verified &one) {
             std::cout << "  " << printable(cause) << '\n';
     for (uint64_t index = 0; tells_entries && index < report->shown; ++index) {
         const qfi_report_item &item = report->items[index];
-        std::string path = item.object;
-        if (*item.path != '\0')
-            path += (path == "/" ? "" : "/") + std::string(item.path);
-        std::cout << "  " << printable(path + ": " + item.detail) << '\n';
+        std::cout << "  " << printable(path_below(item.object, item.path) + ": " + item.detail) << '\n';
     }
     if (tells_entries && report->count > report->shown)
         std::cout << "  and " << grouped(report->count - report->shown) << " more\n";
@@ -86,7 +83,7 @@ int run(const Settings &settings, const Options &options) {
     Json list = Json::array();
     bool is_damaged = false, has_failed = false;
     for (const qfi_image_list *node = images.get(); node != nullptr; node = node->next) {
-        check_interrupted();
+        check_interrupted(std::string("verify image ") + node->image.image_id);
         Verified one;
         {
             const ShownProgress progress(settings.quiet);

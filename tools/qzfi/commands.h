@@ -45,6 +45,10 @@ inline void add_store(Arguments &command, std::string &store, const std::string 
     command.add_directory("--store", store, description);
 }
 
+inline void add_workers(Arguments &command, uint32_t &workers) {
+    command.add_option("--workers", workers, "Threads that copy; 2 unless given").type_name("N").within(1, 64);
+}
+
 /// The argument ID and the option --store.
 inline void add_image(Arguments &command, ImageName &image, bool is_required = true) {
     command.add_option("ID", image.id, "An image's id, a unique beginning of it, or \"latest\"").required(is_required);

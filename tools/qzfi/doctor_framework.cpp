@@ -3,7 +3,6 @@
 #include "tools/qzfi/providers.h"
 #include "tools/qzfi/stores.h"
 #include "tools/qzfi/text.h"
-#include "tools/qzfi/trees.h"
 #include "tools/qzfi/trial.h"
 
 namespace qzfi::tool {
@@ -53,11 +52,13 @@ void look_at_filesystems(Json &findings) {
 
 void look_at_stores(Json &findings) {
     for (const Store &store : find_stores("")) {
-        const std::string content = grouped(store.images) + " images, " + grouped(store.debris) + " half-made, " +
-                                    size_text(store.available) + " free of " + size_text(store.capacity);
+        const std::string content = counted(store.images, "image", "images") + ", " + grouped(store.debris) +
+                                    " half-made, " + size_text(store.available) + " free of " +
+                                    size_text(store.capacity);
         if (store.status != QFI_STATUS_OK)
-            findings.push_back(finding("warning", "store", store.path, store.why,
-                                       "mount it; a store that is gone for good is forgotten by nobody but you"));
+            findings.push_back(
+                finding("warning", "store", store.path, store.why,
+                        "mount it; when it is gone for good, `qzfi repair --forget " + store.path + "`"));
         else if (store.debris > 0)
             findings.push_back(finding("warning", "store", store.path, content,
                                        "`qzfi repair` removes what is half-made and nobody is making"));

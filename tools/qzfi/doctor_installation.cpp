@@ -14,9 +14,9 @@
 #include <qzfi/system.h>
 
 #include "tools/qzfi/doctor.h"
+#include "tools/qzfi/library.h"
 #include "tools/qzfi/log_files.h"
 #include "tools/qzfi/text.h"
-#include "tools/qzfi/trees.h"
 #include "tools/qzfi/trial.h"
 
 namespace qzfi::tool {
@@ -35,33 +35,13 @@ std::string real_path(const std::string &path) {
     return real ? real.get() : path;
 }
 
-std::string api_library(const Settings &settings) {
-    const char *const named = std::getenv("QFI_API_LIB");
-    return named != nullptr ? named : settings.root + "/lib/libfi.so";
-}
-
-constexpr std::array entries = {
-#define QZFI_OWN(slot, name) "qzfi_" #name,
-#define QZFI_OPERATION(slot, name, ...) "qzfi_" #name,
-#define QZFI_TREE(slot, name, ...) "qzfi_" #name,
-#define QZFI_SPARE(slot, name) "qzfi_" #name,
-#define QZFI_ALIAS(slot, name, ...)
-#include <qzfi/operations.def>
-};
-static_assert(entries.size() == 91);
-
-// In the child: loading runs the library's code. The text of the loader's failure, or the names that are missing.
-Json missing_entries(const std::string &path) {
-    void *const library = qzfi_dlopen_lib(path.c_str());
-    if (library == nullptr) {
-        const char *const error = qzfi_dlerror();
-        return error != nullptr ? error : "the loader does not say why";
+// In the child: loading runs the library's code. The names that are missing, or the text of the loader's failure.
+Json look_at_entries(const std::string &path) {
+    try {
+        return missing_entries(path);
+    } catch (const std::exception &error) {
+        return error.what();
     }
-    Json missing = Json::array();
-    for (const char *const name : entries)
-        if (qzfi_dlsym(library, name) == nullptr)
-            missing.push_back(name);
-    return missing;
 }
 
 } // namespace
@@ -95,26 +75,26 @@ void check_library(const Settings &settings, Findings &findings) {
 }
 
 void check_entries(const Settings &settings, Findings &findings) {
-    const std::string path = api_library(settings);
+    const std::string path = library_of(settings.root);
     const std::string obstacle = obstacle_to(path, R_OK);
     const std::string hint = "install it there, or name another one with QFI_API_LIB";
     if (!obstacle.empty()) {
         findings.push_back({Health::failure, "entries", path, obstacle, hint});
         return;
     }
-    const TrialResult trial = try_out(missing_entries, path, patience_seconds);
+    const TrialResult trial = try_out(look_at_entries, path, patience_seconds);
+    const std::string all = std::to_string(entry_count);
     if (!trial.failure.empty()) {
         findings.push_back({Health::failure, "entries", path, "loading it " + trial.failure, hint});
     } else if (trial.result.is_string()) {
         findings.push_back({Health::failure, "entries", path, trial.result.get<std::string>(), hint});
     } else if (!trial.result.empty()) {
         const auto missing = trial.result.get<std::vector<std::string>>();
-        findings.push_back(
-            {Health::failure, "entries", path,
-             std::to_string(missing.size()) + " of " + std::to_string(entries.size()) + " missing: " + joined(missing),
-             "it is of another version than libqzfi.so: install both from one build"});
+        findings.push_back({Health::failure, "entries", path,
+                            std::to_string(missing.size()) + " of " + all + " missing: " + joined(missing),
+                            "it is of another version than libqzfi.so: install both from one build"});
     } else {
-        findings.push_back({Health::ok, "entries", path, "all " + std::to_string(entries.size()), ""});
+        findings.push_back({Health::ok, "entries", path, "all " + all, ""});
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <set>
 #include <string_view>
@@ -21,6 +22,14 @@ bool is_alone(const qfi_image_list *list, const qfi_image &image) {
     for (const qfi_image_list *node = list; node != nullptr; node = node->next)
         count += std::strcmp(node->image.set_id, image.set_id) == 0;
     return count == 1;
+}
+
+// What may have been meant.
+std::string slip_text(const std::string &id) {
+    std::error_code error;
+    if (std::filesystem::exists(id, error))
+        return "; a path is written with a slash: ./" + id;
+    return id.size() < shortest_beginning ? "; a beginning has at least 4 characters" : "";
 }
 
 } // namespace
@@ -51,7 +60,7 @@ std::string whole_id(const ImageName &name) {
     }
     const std::set<std::string> &fitting = images.empty() ? sets : images;
     if (fitting.size() > 1) {
-        std::string text = "image " + name.id + ": " + std::to_string(fitting.size()) + " ids begin so: ";
+        std::string text = "find image " + name.id + ": " + std::to_string(fitting.size()) + " ids begin so: ";
         std::size_t shown = 0;
         for (const std::string &id : fitting)
             if (shown++ < 5)
@@ -59,8 +68,8 @@ std::string whole_id(const ImageName &name) {
         throw Failure(text + (shown > 5 ? ", ..." : ""));
     }
     if (fitting.empty())
-        throw Failure("image " + name.id + ": " + status_text(QFI_FI_NO_SUCH_IMAGE) + " in " +
-                      (name.store.empty() ? "any known store" : "store " + name.store));
+        throw Failure("find image " + name.id + ": " + status_text(QFI_FI_NO_SUCH_IMAGE) + " in " +
+                      (name.store.empty() ? "any known store" : "store " + name.store) + slip_text(name.id));
     return *fitting.begin();
 }
 
@@ -69,7 +78,7 @@ ImageList find_images(const ImageName &name) {
     ImageList list;
     check(qfi_op_snapreplica_list(id.c_str(), or_null(name.store), Out(list)), "look for image " + id);
     if (!list) // removed since its id was looked for
-        throw Failure("image " + id + ": " + status_text(QFI_FI_NO_SUCH_IMAGE));
+        throw Failure("find image " + id + ": " + status_text(QFI_FI_NO_SUCH_IMAGE));
     return list;
 }
 
@@ -96,10 +105,8 @@ const char *remark_name(uint32_t kind) {
 }
 
 std::string remark_text(const qfi_report_item &item) {
-    std::string text = std::string(remark_name(item.kind)) + ": " + item.object;
-    if (*item.path != '\0')
-        text += (text.ends_with('/') ? "" : "/") + std::string(item.path);
-    text += std::string(": ") + item.detail;
+    std::string text =
+        std::string(remark_name(item.kind)) + ": " + path_below(item.object, item.path) + ": " + item.detail;
     if (item.error != 0)
         text += std::string(": ") + std::strerror(item.error);
     return printable(text);
@@ -117,7 +124,7 @@ bool confirm(const std::string &question, bool assume_yes) {
         return true;
     if (isatty(STDIN_FILENO) != 1)
         throw Failure(question + " Nobody can be asked here: say --yes", exit_usage);
-    std::cerr << question << " [y/N] " << std::flush;
+    std::cerr << printable(question) << " [y/N] " << std::flush;
     std::string answer;
     return std::getline(std::cin, answer) && (answer == "y" || answer == "Y" || answer == "yes");
 }

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <iostream>
+#include <sstream>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -16,19 +17,54 @@ namespace qzfi::tool {
 
 namespace {
 
+// Where in a line of help the description begins, behind a name and blanks.
+std::size_t description_column(const std::string &line) {
+    if (!line.starts_with("  "))
+        return 0;
+    const std::size_t gap = line.find("  ", line.find_first_not_of(' '));
+    return line.find_first_not_of(' ', gap == std::string::npos ? 0 : gap);
+}
+
+// Help that fits a terminal of the usual width; what is broken goes on where descriptions begin.
+class Help : public CLI::Formatter {
+public:
+    Help() {
+        column_width(26);
+        label("SUBCOMMAND", "COMMAND");
+    }
+    std::string make_help(const CLI::App *app, std::string name, CLI::AppFormatMode mode) const override {
+        std::istringstream lines(Formatter::make_help(app, std::move(name), mode));
+        std::string text;
+        for (std::string line; std::getline(lines, line);)
+            text += wrapped(line, 80, description_column(line)) + "\n";
+        return text;
+    }
+
+protected:
+    std::string make_subcommand(const CLI::App *command) const override {
+        std::ostringstream text;
+        CLI::detail::format_help(text, command->get_name(), command->get_description(), 13);
+        return text.str();
+    }
+    // What must be given stands in the line above them all; what a value must be is told when it is not.
+    std::string make_option_opts(const CLI::Option *option) const override {
+        const std::string type = option->get_type_name();
+        const bool has_value = !option->get_positional() && option->get_items_expected_max() > 0;
+        return has_value ? " " + type.substr(0, type.find(':')) : "";
+    }
+};
+
 constexpr const char *default_root = "/usr/lumen";
 
 void declare(CommandLine &line) {
     CLI::App &app = line.app();
     app.name("qzfi");
     app.description("Frozen images: point-in-time copies of directory trees");
-    app.footer("qzfi COMMAND --help tells more. Exit codes: 0 done, 1 failed, 2 wrong usage, 3 differs or damaged, "
-               "4 post command failed, 130 interrupted.");
     app.set_version_flag("--version", "qzfi 7.0.0");
     app.require_subcommand(1);
     // Options of all commands may stand behind the subcommand too.
     app.fallthrough();
-    app.get_formatter()->column_width(34);
+    app.formatter(std::make_shared<Help>());
     const char *const root = std::getenv("QFI_ROOT");
     line.settings.root = root != nullptr && *root != '\0' ? root : default_root;
     app.add_option("--root", line.settings.root, "The installation root; else QFI_ROOT, else /usr/lumen")
@@ -40,16 +76,20 @@ void declare(CommandLine &line) {
     app.add_option_function<std::string>(
            "--completion",
            [&app](const std::string &shell) {
+               if (shell != "bash" && shell != "zsh")
+                   throw CLI::ValidationError("--completion", shell + " is neither bash nor zsh");
                std::cout << completion_script(app, shell);
                throw CLI::Success();
            },
            "Print the completion script of a shell: bash or zsh")
         ->group("")
-        ->check(CLI::IsMember({"bash", "zsh"}))
         ->trigger_on_parse();
 #define QZFI_COMMAND(name) add_##name(line);
 #include "tools/qzfi/commands.def"
 #undef QZFI_COMMAND
+    // Last, as commands take over the one that is there.
+    app.footer("qzfi COMMAND --help tells more. Exit codes: 0 done, 1 failed, 2 wrong usage, 3 differs or damaged, "
+               "4 post command failed, 130 interrupted.");
 }
 
 // Where a standard stream was closed, the next file that is opened would take its place, and its text with it: a file

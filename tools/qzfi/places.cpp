@@ -1,5 +1,7 @@
 #include "tools/qzfi/places.h"
 
+#include "tools/qzfi/text.h"
+
 namespace qzfi::tool {
 
 namespace {
@@ -46,15 +48,16 @@ Place find_place(const qfi_domain *tree, const PlaceName &name) {
     const std::vector<const qfi_domain *> objects = object_nodes(tree);
     const std::string file = tidy(name.file);
     if (name.object > objects.size())
-        throw Failure("the image has " + std::to_string(objects.size()) + " objects, and no number " +
-                          std::to_string(name.object),
+        throw Failure("find object " + std::to_string(name.object) + " of image " + id_of(tree) + ": it has " +
+                          counted(objects.size(), "object", "objects"),
                       exit_usage);
     const qfi_domain *const chosen = name.object > 0       ? objects[name.object - 1]
                                      : objects.size() == 1 ? objects.front()
                                                            : nullptr;
     if (!file.starts_with('/')) {
         if (chosen == nullptr)
-            throw Failure("the image has " + std::to_string(objects.size()) + " objects, " + objects_text(tree) +
+            throw Failure("find " + (file.empty() ? "the object" : file) + " in image " + id_of(tree) + ": it has " +
+                              std::to_string(objects.size()) + " objects, " + objects_text(tree) +
                               ": say which by --object, or give the original's whole path",
                           exit_usage);
         return {chosen, file};
@@ -71,16 +74,20 @@ Place find_place(const qfi_domain *tree, const PlaceName &name) {
         }
     }
     if (found == nullptr)
-        throw Failure(file + " is not in the image, which is of " + objects_text(tree));
+        throw Failure("find " + file + " in image " + id_of(tree) + ": it is of " + objects_text(tree));
     return {found, below(file, found_path)};
 }
 
 std::string below_the_object(const qfi_domain *tree, const std::string &file) {
     if (object_nodes(tree).size() > 1)
-        throw Failure("the image has several objects, " + objects_text(tree) +
+        throw Failure("find " + file + " in image " + id_of(tree) + ": it has several objects, " + objects_text(tree) +
                           ": name the image of the one that is meant, not the set",
                       exit_usage);
     return find_place(tree, {file, 0}).below;
+}
+
+std::string path_in_original(const Place &place) {
+    return path_below(node_text(place.object, "path"), place.below);
 }
 
 std::string objects_text(const qfi_domain *tree) {

@@ -21,6 +21,9 @@ struct Place {
     std::string below;
 };
 
+/// The path of a place in the original.
+std::string path_in_original(const Place &place);
+
 /// How the user names a place.
 struct PlaceName {
     std::string file;    ///< below the object; or, absolute, the original's path; "" for the object itself

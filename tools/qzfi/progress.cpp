@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
-#include <string>
 #include <string_view>
 #include <unistd.h>
 
@@ -55,7 +54,7 @@ double share_done(const qfi_progress &progress) {
 }
 
 std::string numbers(const qfi_progress &progress, double seconds) {
-    std::string text = grouped(progress.entries_done) + " entries";
+    std::string text = counted(progress.entries_done, "entry", "entries");
     if (progress.bytes_done > 0)
         text += "  " + size_text(progress.bytes_done);
     if (seconds >= 0.5 && progress.bytes_done > display.bytes_at_start)
@@ -152,13 +151,9 @@ Interruptible::~Interruptible() {
     (void)sigaction(SIGPIPE, &earlier_pipe_action, nullptr);
 }
 
-bool interrupted() {
-    return signal_came != 0;
-}
-
-void check_interrupted() {
-    if (interrupted())
-        throw Failure("interrupted", exit_interrupted);
+void check_interrupted(const std::string &action) {
+    if (signal_came != 0)
+        check(QFI_FI_CANCELLED, action);
 }
 
 } // namespace qzfi::tool

@@ -1,6 +1,8 @@
 // Progress of long operations on standard error, and the signals that end them.
 #pragma once
 
+#include <string>
+
 #include <qzfi_fi.h>
 
 namespace qzfi::tool {
@@ -29,8 +31,7 @@ public:
     Interruptible &operator=(const Interruptible &) = delete;
 };
 
-bool interrupted();
-/// Throws Failure with `exit_interrupted` when a signal came.
-void check_interrupted();
+/// Throws Failure with `exit_interrupted` when a signal came; `action` as for `check`.
+void check_interrupted(const std::string &action);
 
 } // namespace qzfi::tool

@@ -13,19 +13,17 @@ namespace qzfi::tool {
 namespace {
 
 struct Kind {
-    const char *name;
+    const char *name, *asked, *asked_with; // "Replace PATH by IMAGE"
     int32_t (*operation)(qfi_domain *, const qfi_restore_options *, qfi_report **);
 };
-constexpr Kind restoring = {"restore", qfi_op_restore}, resyncing = {"resync", qfi_op_resync};
+constexpr Kind restoring = {"restore", "Replace ", " by image ", qfi_op_restore},
+               resyncing = {"resync", "Make ", " equal to image ", qfi_op_resync};
 
 // What would be changed, one line each: a dry run's report says nothing else.
 void print_plan(const qfi_report &report) {
     for (uint64_t index = 0; index < report.shown; ++index) {
         const qfi_report_item &item = report.items[index];
-        std::string path = item.object;
-        if (*item.path != '\0')
-            path += (path == "/" ? "" : "/") + std::string(item.path);
-        std::cout << printable(path + ": " + item.detail) << '\n';
+        std::cout << printable(path_below(item.object, item.path) + ": " + item.detail) << '\n';
     }
     if (report.count > report.shown)
         std::cout << "and " << grouped(report.count - report.shown) << " more\n";
@@ -35,10 +33,8 @@ void print_plan(const qfi_report &report) {
 
 std::string question(const Kind &kind, const std::string &what, const ImageName &name) {
     const ImageList images = find_images(name);
-    const std::string image = "image " + name.id + " of " + time_text(images->image.time);
-    if (kind.operation == qfi_op_restore)
-        return "Replace " + printable(what) + " by " + image + "? What was changed there since is lost.";
-    return "Make " + printable(what) + " equal to " + image + "? What was changed there since is lost.";
+    return kind.asked + what + kind.asked_with + name.id + " of " + time_text(images->image.time) +
+           "? What was changed there since is lost.";
 }
 
 int run(const Settings &settings, const RestoreOptions &options, const Kind &kind) {
@@ -98,7 +94,7 @@ void add_restoring(Arguments &command, RestoreOptions &options) {
         .type_name("SUB");
     command.add_flag("--dry-run", options.dry_run, "Only list what would be changed");
     command.add_flag("--digest", options.digest, "Compare data too where sizes and times agree");
-    command.add_option("--workers", options.workers, "Threads that copy; 2 unless given").within(1, 64);
+    add_workers(command, options.workers);
     add_yes(command, options.yes);
     add_json(command, options.json);
 }

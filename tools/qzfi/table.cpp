@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
+#include <limits>
 #include <numeric>
-#include <sstream>
 #include <string_view>
 #include <unistd.h>
 
@@ -31,22 +31,6 @@ std::size_t total_of(const std::vector<std::size_t> &widths) {
     return std::accumulate(widths.begin(), widths.end(), gap * (widths.size() - 1));
 }
 
-// Words in lines of so many columns, each indented; one that is longer has a line of its own.
-void print_below(const std::string &text, std::size_t room) {
-    const std::string indent(4, ' ');
-    std::string line;
-    std::istringstream words(text);
-    for (std::string word; words >> word;) {
-        if (!line.empty() && columns_of(indent + line + ' ' + word) > room) {
-            std::cout << indent << line << '\n';
-            line.clear();
-        }
-        line += (line.empty() ? "" : " ") + word;
-    }
-    if (!line.empty())
-        std::cout << indent << line << '\n';
-}
-
 } // namespace
 
 std::vector<std::size_t> Table::natural_widths() const {
@@ -60,14 +44,29 @@ std::vector<std::size_t> Table::natural_widths() const {
     return widths;
 }
 
+// As many cells as there are widths in a line, those that are left below it.
+void Table::print_row(const std::vector<std::string> &cells, const std::vector<std::size_t> &widths, std::size_t room,
+                      std::string (*decorated)(const std::string &)) const {
+    std::string line, below;
+    for (std::size_t column = 0; column < widths.size(); ++column) {
+        const bool is_last = column + 1 == widths.size();
+        line += aligned(shortened(cells[column], widths[column]), widths[column], columns_[column].align, is_last);
+        line += is_last ? "" : std::string(gap, ' ');
+    }
+    for (std::size_t column = widths.size(); column < cells.size(); ++column)
+        below += (below.empty() || cells[column].empty() ? "" : std::string(gap, ' ')) + cells[column];
+    std::cout << decorated(line) << '\n';
+    if (!below.empty())
+        std::cout << decorated(wrapped("    " + below, room, 4)) << '\n';
+}
+
 void Table::print() const {
     std::vector<std::size_t> widths = natural_widths();
-    const bool is_terminal = isatty(STDOUT_FILENO) == 1;
-    const std::size_t room = is_terminal ? terminal_width(STDOUT_FILENO) : 0;
-    const bool is_below = is_terminal && columns_.back().may_go_below && total_of(widths) > room;
-    if (is_below)
+    const std::size_t room =
+        isatty(STDOUT_FILENO) == 1 ? terminal_width(STDOUT_FILENO) : std::numeric_limits<std::size_t>::max();
+    while (total_of(widths) > room && columns_[widths.size() - 1].may_go_below)
         widths.pop_back();
-    while (is_terminal && total_of(widths) > room) {
+    while (total_of(widths) > room) {
         std::size_t *widest = nullptr;
         for (std::size_t column = 0; column < widths.size(); ++column) {
             if (columns_[column].may_shrink && widths[column] > narrowest &&
@@ -78,23 +77,12 @@ void Table::print() const {
             break;
         --*widest;
     }
-    const auto print_row = [&](const auto &cell_of, bool is_title) {
-        std::string line;
-        for (std::size_t column = 0; column < widths.size(); ++column) {
-            const bool is_last = column + 1 == widths.size();
-            line +=
-                aligned(shortened(cell_of(column), widths[column]), widths[column], columns_[column].align, is_last);
-            if (!is_last)
-                line += std::string(gap, ' ');
-        }
-        std::cout << (is_title ? bold(line) : line) << '\n';
-    };
-    print_row([&](std::size_t column) { return std::string(columns_[column].title); }, true);
-    for (const auto &row : rows_) {
-        print_row([&](std::size_t column) { return row[column]; }, false);
-        if (is_below)
-            print_below(row.back(), room);
-    }
+    std::vector<std::string> titles;
+    for (const Column &column : columns_)
+        titles.emplace_back(column.title);
+    print_row(titles, widths, room, bold);
+    for (const auto &row : rows_)
+        print_row(row, widths, room, [](const std::string &text) { return text; });
 }
 
 void Facts::print() const {

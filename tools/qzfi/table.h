@@ -9,8 +9,8 @@ namespace qzfi::tool {
 
 enum class Align { left, right };
 
-/// A column. Of those that may shrink, the widest does first when the terminal is too narrow. Before that, the last
-/// column goes below its rows, whole, when it may.
+/// A column. When the terminal is too narrow, columns at the end go below their rows, whole, as many as need be of
+/// those that may. What does not fit even so is shortened, the widest first of the columns that may shrink.
 struct Column {
     const char *title;
     Align align = Align::left;
@@ -29,6 +29,8 @@ public:
 
 private:
     std::vector<std::size_t> natural_widths() const;
+    void print_row(const std::vector<std::string> &cells, const std::vector<std::size_t> &widths, std::size_t room,
+                   std::string (*decorated)(const std::string &)) const;
 
     std::vector<Column> columns_;
     std::vector<std::vector<std::string>> rows_;

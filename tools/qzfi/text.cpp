@@ -126,6 +126,19 @@ const char *entry_type_name(uint32_t type) {
     return name_of(std::array{"unknown", "file", "directory", "link", "block", "character", "fifo", "socket"}, type);
 }
 
+std::string joined(const std::vector<std::string> &words) {
+    std::string text;
+    for (const std::string &word : words)
+        text += (text.empty() ? "" : ", ") + word;
+    return text;
+}
+
+std::string path_below(const std::string &directory, std::string_view below) {
+    if (below.empty())
+        return directory;
+    return (directory == "/" ? "" : directory) + "/" + std::string(below);
+}
+
 std::string printable(std::string_view text) {
     std::string result;
     while (!text.empty()) {
@@ -170,6 +183,28 @@ std::string shortened(std::string_view text, std::size_t columns) {
     while (columns_of(rest) > back)
         rest.remove_prefix(first_character(rest).bytes);
     return result + "..." + std::string(rest);
+}
+
+std::string wrapped(std::string_view text, std::size_t columns, std::size_t indent) {
+    std::string result;
+    std::size_t taken = 0;
+    bool has_word = false; // in the present line
+    while (!text.empty()) {
+        const std::size_t begin = std::min(text.find_first_not_of(' '), text.size());
+        const std::string_view word = text.substr(begin, text.find(' ', begin) - begin);
+        const std::size_t width = begin + columns_of(word);
+        if (has_word && taken + width > columns) {
+            result += "\n" + std::string(indent, ' ');
+            taken = indent + width - begin;
+        } else {
+            result += text.substr(0, begin); // blanks of the text's own stay
+            taken += width;
+        }
+        result += word;
+        has_word = has_word || !word.empty();
+        text.remove_prefix(begin + word.size());
+    }
+    return result;
 }
 
 std::size_t terminal_width(int descriptor) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <qzfi_fi.h>
 
@@ -24,6 +25,11 @@ const char *state_name(uint32_t state);             ///< "complete", "removing",
 const char *change_name(uint32_t change);           ///< "added", "removed", "content", "type", "attribute", "all"
 const char *entry_type_name(uint32_t type);         ///< "file", "directory", "link", ...
 
+/// "A, B, C".
+std::string joined(const std::vector<std::string> &words);
+/// The path of what lies at `below` in a directory; the directory's own where that is empty.
+std::string path_below(const std::string &directory, std::string_view below);
+
 /// A text that is safe on a terminal: control characters and bytes that are not UTF-8 as "\xNN", a backslash doubled.
 std::string printable(std::string_view text);
 
@@ -31,6 +37,9 @@ std::string printable(std::string_view text);
 std::size_t columns_of(std::string_view text);
 /// At most so many columns: what is too long loses its middle to an ellipsis.
 std::string shortened(std::string_view text, std::size_t columns);
+/// The text in lines of at most so many columns, broken at blanks, each but the first indented so far. A word that is
+/// longer has a line of its own.
+std::string wrapped(std::string_view text, std::size_t columns, std::size_t indent);
 /// The columns of the terminal that `descriptor` is, or of COLUMNS; 80 when neither tells.
 std::size_t terminal_width(int descriptor);
 

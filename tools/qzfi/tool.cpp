@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <iostream>
 
+#include "tools/qzfi/library.h"
 #include "tools/qzfi/progress.h"
 #include "tools/qzfi/text.h"
 
@@ -23,18 +24,23 @@ void show_trace(qfi_handler *, const char *text, const char *, uint32_t) {
 void say_nothing(qfi_handler *, const char *, const char *, uint32_t) {}
 qfi_handler host = {say_nothing, nullptr, nullptr, nullptr};
 
-// The record of a library that does not load lacks what the loader said: it is asked again.
-std::string loader_words(const qfi_error_info *error) {
-    const char *const path = error->count == 3 ? error->arguments[2] : nullptr;
-    if (std::strcmp(error->message_id, "MSG_QFI_UTIL_E0060") != 0 || path == nullptr)
-        return "";
-    void *const library = dlopen(path, RTLD_LAZY);
-    if (library == nullptr) {
-        const char *const words = dlerror();
-        return words != nullptr ? std::string(": ") + words : "";
+// Why the API implementation library is not bound. Its record lacks the last argument, as every record does: the entry,
+// or what the loader said. So the loader is asked again.
+std::string library_obstacle() {
+    char *root = nullptr;
+    if (qzfi_get_install_root(&root) != QFI_STATUS_OK)
+        return "the framework is not started";
+    const std::string path = library_of(root);
+    std::free(root);
+    std::string obstacle = "it refuses to start";
+    try {
+        if (const std::vector<std::string> missing = missing_entries(path); !missing.empty())
+            obstacle = std::to_string(missing.size()) + " of " + std::to_string(entry_count) +
+                       " entries are missing, " + missing.front() + " first";
+    } catch (const std::exception &error) {
+        obstacle = error.what();
     }
-    dlclose(library);
-    return ": it loads now";
+    return path + " cannot be used: " + obstacle;
 }
 
 std::string record_text(const qfi_error_info *error) {
@@ -53,7 +59,7 @@ std::string record_text(const qfi_error_info *error) {
         std::replace(plain.begin(), plain.end(), '\n', ' ');
         while (!plain.empty() && (plain.back() == ' ' || plain.back() == ':'))
             plain.pop_back();
-        return plain + loader_words(error);
+        return plain;
     }
     std::string result = text;
     qfi_op_del_locale_message(text);
@@ -107,6 +113,10 @@ std::string status_text(int32_t status) {
 void check(int32_t status, const std::string &action) {
     if (status == QFI_STATUS_OK)
         return;
+    if (status == QFI_STATUS_NOT_STARTED) {
+        fi_del_all_errors(); // less than what is told here
+        throw Failure(action + ": " + library_obstacle(), exit_failed, {status_text(status)});
+    }
     std::vector<std::string> causes = take_errors();
     const int code = status == QFI_FI_CANCELLED ? exit_interrupted : exit_failed;
     throw Failure(action + ": " + status_text(status), code, std::move(causes));

@@ -1,13 +1,8 @@
 #include "tools/qzfi/trees.h"
 
-namespace qzfi::tool {
+#include "tools/qzfi/text.h"
 
-std::string joined(const std::vector<std::string> &words) {
-    std::string text;
-    for (const std::string &word : words)
-        text += (text.empty() ? "" : ", ") + word;
-    return text;
-}
+namespace qzfi::tool {
 
 Tree tree_of(const std::vector<std::string> &paths) {
     std::vector<qfi_object> objects;

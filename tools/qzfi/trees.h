@@ -11,7 +11,4 @@ namespace qzfi::tool {
 /// The tree of these directories. Throws Failure.
 Tree tree_of(const std::vector<std::string> &paths);
 
-/// "A, B, C", for texts.
-std::string joined(const std::vector<std::string> &words);
-
 } // namespace qzfi::tool

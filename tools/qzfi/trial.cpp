@@ -92,7 +92,7 @@ TrialResult try_out(Json (*work)(const std::string &), const std::string &argume
     if (WIFSIGNALED(status))
         return {{}, std::string("crashed (") + strsignal(WTERMSIG(status)) + ")"};
     if (WEXITSTATUS(status) == exit_threw)
-        return {{}, text};
+        return {{}, "failed: " + text};
     Json result = Json::parse(text, nullptr, false);
     if (WEXITSTATUS(status) != 0 || result.is_discarded())
         return {{}, "ended the process with exit code " + std::to_string(WEXITSTATUS(status))};
