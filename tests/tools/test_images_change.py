@@ -1,4 +1,5 @@
 """qzfi restore, resync, rm, prune, export and import: what changes originals, images and stores."""
+import os
 import unittest
 
 import support
@@ -44,6 +45,58 @@ class Restore(ToolTest):
         self.assertTrue((self.data / "new").exists())
         self.succeed("resync", identity, "--store", self.store, "--yes")
         self.assertFalse((self.data / "new").exists())
+
+
+class Set(ToolTest):
+    """Two objects on two file systems, frozen together, each into a store of its own file system."""
+
+    def setUp(self):
+        super().setUp()
+        self.disks = [support.loop_filesystem("xfs", 320), support.loop_filesystem("btrfs")]
+        self.objects = [disk / "data" for disk in self.disks]
+        for number, folder in enumerate(self.objects):
+            folder.mkdir()
+            (folder / "file").write_text(f"content {number}\n")
+        self.identity = self.freeze(*self.objects)
+        self.images = self.json("show", self.identity)["images"]
+
+    def change(self):
+        for folder in self.objects:
+            (folder / "file").write_text("changed\n")
+            (folder / "new").write_text("new")
+
+    def contents(self, folders):
+        return [{path.name: path.read_text() for path in folder.iterdir()} for folder in folders]
+
+    def test_it_is_brought_back_as_a_whole(self):
+        frozen = self.contents(self.objects)
+        self.assertEqual([image["method"] for image in self.images], ["reflink", "btrfs"])
+        self.assertEqual({image["set"] for image in self.images}, {self.identity})
+        for command in ("restore", "resync"):
+            self.change()
+            self.assertEqual(self.json("diff", self.identity)["count"] >= 4, True)
+            out = self.succeed(command, self.identity, "--yes")
+            self.assertRegex(out, f"^{self.objects[0]} and {self.objects[1]}: [0-9]+ entries changed\n$")
+            self.assertEqual(self.contents(self.objects), frozen, command)
+        self.assertEqual(self.succeed("diff", self.identity, "--exit-code"), "")
+        self.succeed("verify", self.identity)
+
+    def test_one_image_of_it_brings_back_its_own_object(self):
+        frozen = self.contents(self.objects)
+        self.change()
+        self.succeed("restore", self.images[0]["id"], "--yes")
+        contents = self.contents(self.objects)
+        self.assertEqual(contents[0], frozen[0])
+        self.assertEqual(contents[1]["file"], "changed\n")
+        self.assertIn("it has several objects", self.fail_with(2, "restore", self.identity, "--only", "file", "--yes"))
+
+    def test_it_goes_as_a_whole(self):
+        self.assertEqual(self.succeed("rm", self.identity, "--yes"), f"removed {self.identity}\n")
+        self.assertIn("(1024)", self.fail_with(1, "show", self.identity))
+        for image, disk in zip(self.images, self.disks):
+            self.assertEqual(image["store"], str(disk / ".qzfi"))
+            self.assertEqual(os.listdir(disk / ".qzfi" / "images"), [])
+        self.assertEqual([sorted(os.listdir(folder)) for folder in self.objects], [["file"], ["file"]])
 
 
 class Remove(ToolTest):

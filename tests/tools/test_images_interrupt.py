@@ -52,14 +52,20 @@ class Restoring(ToolTest):
         self.assertEqual(set(os.listdir(self.folder)), self.outside, "nothing half-made stays")
 
     def test_in_place_the_original_stays_as_it_was(self):
-        result = self.end_by_ctrl_c("restore", self.identity, "--yes")
-        self.assertEqual(result.code, 130, str(result))
-        self.assert_original_is_whole()
+        for end in (self.end_by_ctrl_c, self.end_by_sigterm):
+            with self.subTest(end.__name__):
+                result = end("restore", self.identity, "--yes")
+                self.assertEqual(result.code, 130, str(result))
+                self.assertIn(f"qzfi: restore {self.data} from image {self.identity}: Cancelled (1035)\n",
+                              result.out + result.err)
+                self.assert_original_is_whole()
 
     def test_elsewhere_no_folder_is_left(self):
-        result = self.end_by_sigterm("restore", self.identity, "--to", self.folder / "there")
-        self.assertEqual(result.code, 130, str(result))
-        self.assert_original_is_whole()
+        for end in (self.end_by_ctrl_c, self.end_by_sigterm):
+            with self.subTest(end.__name__):
+                result = end("restore", self.identity, "--to", self.folder / "there")
+                self.assertEqual(result.code, 130, str(result))
+                self.assert_original_is_whole()
 
     def test_a_resync_that_was_ended_is_made_up_for_by_the_next(self):
         for path in self.data.glob("file-*"):

@@ -78,14 +78,14 @@ class Full(ToolTest):
         self.assertEqual(self.json("verify", self.identity, "--store", self.store)["images"][0]["verdict"], "sound")
 
     def test_pruning_for_space_on_a_full_disk_keeps_the_newest(self):
-        mount_point = support.memory_filesystem("size=24m")
+        mount_point = support.loop_filesystem("ext4", 32)
         store = mount_point / "store"
         ids = [self.freeze(self.data, "--method", "copy", "--store", store) for _ in range(2)]
         with open(mount_point / "filler", "wb", buffering=0) as filler:
             with self.assertRaises(OSError):
                 while True:
                     filler.write(bytes(65536))
-        document = self.json("prune", "--keep-free", "20", "--store", store, "--yes")
+        document = self.json("prune", "--keep-free", "15", "--store", store, "--yes")
         self.assertEqual([one["removed"] for one in document["images"]], [True, False])
         self.assertTrue(document["stores"][0]["reached"])
         self.assertEqual(self.listed(store), ids[1:])

@@ -51,17 +51,22 @@ class Stores(ToolTest):
         self.assertEqual(self.listed(store), [identity])
 
     def test_a_full_disk_is_told_and_leaves_nothing(self):
-        mount_point = support.memory_filesystem("size=24m")
+        for make in (support.memory_filesystem, "size=24m"), (support.loop_filesystem, "ext4", 40):
+            with self.subTest(make[1]):
+                self.fill_and_freeze(make[0](*make[1:]))
+
+    def fill_and_freeze(self, mount_point):
         store = mount_point / "store"
+        (self.data / "large").unlink(missing_ok=True)
         first = self.freeze(self.data, "--method", "copy", "--store", store)
         (self.data / "large").write_bytes(os.urandom(8 << 20))
         # It is large enough until the pre command has run.
         post = self.folder / "post"
         error = self.fail_with(1, "freeze", self.data, "--method", "copy", "--store", store, "--post", f"touch {post}",
-                               "--pre", f"head -c 18M /dev/zero >{mount_point}/filler")
+                               "--pre", f"head -c 1G /dev/zero >{mount_point}/filler || true")
         self.assertIn(f"qzfi: freeze {self.data}: No space left (1029)\n", error)
         self.assertIn(f"\n  qzfi_split: no space left on the file system of {store}/images/", error)
-        self.assertTrue(post.exists())
+        post.unlink()
         self.assertEqual(self.listed(store), [first])
         self.assertEqual(os.listdir(store / "images"), [first])
 
@@ -70,6 +75,27 @@ class Stores(ToolTest):
         (self.data / "large").write_bytes(bytes(8 << 20))
         error = self.fail_with(1, "freeze", self.data, "--method", "copy", "--store", mount_point / "store")
         self.assertRegex(error, "the store's file system has [0-9]+ bytes left, and the copy needs about [0-9]+")
+
+    def test_freezing_and_pruning_at_once_leave_whole_images_and_nothing_else(self):
+        for number in range(500):
+            (self.data / f"file-{number}").touch()
+        first = self.freeze()
+        freezes = [support.start("freeze", self.data, "--method", "copy", "--store", self.store) for _ in range(3)]
+        while any(process.poll() is None for process in freezes):
+            result = support.qzfi("prune", "--keep-last", "1", "--yes", "--store", self.store)
+            self.assertEqual((result.code, result.err), (0, ""), str(result))
+        made = []
+        for process in freezes:
+            out, error = process.communicate(timeout=support.PATIENCE)
+            self.assertEqual((process.returncode, error), (0, ""))
+            made.append(out.strip())
+        self.succeed("prune", "--keep-last", "1", "--yes", "--store", self.store)
+        left, = self.listed()
+        self.assertIn(left, made)
+        self.assertNotEqual(left, first)
+        self.assertEqual(os.listdir(self.store / "images"), [left])
+        self.succeed("verify", left, "--store", self.store)
+        self.assertEqual(self.succeed("diff", left, "--store", self.store, "--exit-code"), "")
 
     def test_two_at_once_make_two_images(self):
         for number in range(2000):
