@@ -23,7 +23,7 @@ QZFI_BEGIN_DECLS
 #define QFI_PROVIDER_PREFIX "qzfi_provider_"
 /** Their directory below the root. */
 #define QFI_PROVIDER_SUBDIR "/lib/qzfi/plugins/"
-/** The variable that names another directory. */
+/** The variable that names another directory, with a "/" at its end. */
 #define QFI_PROVIDER_ENV "QFI_DIR"
 /** Name of the exported entry: `const qfi_provider_ops *qfi_provider_entry(void)`. */
 #define QFI_PROVIDER_ENTRY "qfi_provider_entry"
