@@ -171,7 +171,13 @@ class Doctor(ToolTest):
         self.assertEqual(self.doctor()["store", str(self.store)][0], "warning")
         told = support.run([*command, "doctor"]).out
         hint, = re.findall(r"`qzfi (repair --forget [^`]*)`", told)
-        self.assertEqual(support.run([*command, *hint.split()]).code, 0)
+        for others in (["repair"], ["verify", "--all"]):
+            result = support.run([*command, *others])
+            self.assertEqual((result.code, result.err),
+                             (1, f"qzfi: look at store {self.store}: The store cannot be used (1028)\n"), str(result))
+        for words in (hint.split(), ["repair"], ["verify", "--all"]):
+            result = support.run([*command, *words])
+            self.assertEqual((result.code, result.err), (0, ""), str(result))
         self.assertNotIn(("store", str(self.store)), self.doctor())
 
     def test_a_trace_that_was_left_on_is_a_warning(self):

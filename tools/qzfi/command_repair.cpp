@@ -63,7 +63,8 @@ int run(const Settings &settings, const Options &options) {
     } else {
         print_text(*report, stores);
     }
-    return report->count > 0 ? exit_differs : exit_done;
+    const int code = tell_unusable(stores);
+    return report->count > 0 ? exit_differs : code;
 }
 
 } // namespace

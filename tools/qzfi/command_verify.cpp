@@ -4,6 +4,7 @@
 #include "tools/qzfi/commands.h"
 #include "tools/qzfi/json.h"
 #include "tools/qzfi/progress.h"
+#include "tools/qzfi/stores.h"
 #include "tools/qzfi/table.h"
 #include "tools/qzfi/text.h"
 
@@ -98,7 +99,8 @@ int run(const Settings &settings, const Options &options) {
     }
     if (options.json)
         print(Json{{"images", std::move(list)}});
-    return is_damaged ? exit_differs : has_failed ? exit_failed : exit_done;
+    const int code = options.all ? tell_unusable(find_stores(options.image.store)) : exit_done;
+    return is_damaged ? exit_differs : has_failed ? exit_failed : code;
 }
 
 } // namespace

@@ -17,6 +17,16 @@ std::vector<Store> find_stores(const std::string &path) {
     return stores;
 }
 
+int tell_unusable(const std::vector<Store> &stores) {
+    int code = exit_done;
+    for (const Store &store : stores)
+        if (store.status != QFI_STATUS_OK) {
+            tell(Failure("look at store " + store.path + ": " + store.why));
+            code = exit_failed;
+        }
+    return code;
+}
+
 Json json_of(const Store &store) {
     return {{"path", json_text(store.path)}, {"status", store.status}, {"why", store.why},
             {"images", store.images},        {"debris", store.debris}, {"capacity", store.capacity},

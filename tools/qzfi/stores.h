@@ -21,4 +21,7 @@ std::vector<Store> find_stores(const std::string &path);
 
 Json json_of(const Store &store);
 
+/// Tells on standard error which of them cannot be used; `exit_failed` when there is one.
+int tell_unusable(const std::vector<Store> &stores);
+
 } // namespace qzfi::tool
