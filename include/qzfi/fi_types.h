@@ -80,7 +80,7 @@ typedef enum qfi_consistency {
 typedef enum qfi_technology {
     QFI_TECHNOLOGY_SNAPSHOT = 1, /**< of the file system itself */
     QFI_TECHNOLOGY_CLONE = 2,    /**< files that share their data */
-    QFI_TECHNOLOGY_COPY = 3      /**< a full copy */
+    QFI_TECHNOLOGY_COPY = 3      /**< copied files; within one Btrfs or XFS they may share blocks */
 } qfi_technology;
 
 /** What `qfi_qs_combo.qsc_libpriv` points at, in the combinations of this library; lives as long as they do. */

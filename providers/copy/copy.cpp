@@ -1,4 +1,5 @@
-// The provider "copy": an image is a full copy of the tree, on any file system.
+// The provider "copy": an image is a copy of the tree, on any file system. The kernel copies, and lets files of one
+// Btrfs or XFS share their blocks; with digests all is read and written.
 #include <cinttypes>
 #include <cstdio>
 
@@ -28,6 +29,7 @@ int32_t probe(int source, int store, const char *, uint32_t, qfi_probe *result) 
         }
         out.combo_class = QFI_SERIAL_FS;
         out.consistency = QFI_CONSISTENCY_FUZZY;
+        // Whether blocks will be shared only copying tells: room is asked for as if none were.
         out.cost_bytes = sum.bytes + sum.entries * bytes_per_entry;
         out.cost_ms = 1 + sum.bytes / bytes_per_ms + sum.entries / entries_per_ms;
     });
@@ -39,7 +41,7 @@ int32_t split(qfi_provider_job *job) {
 }
 
 const qfi_provider_ops operations = provider::operations_of(
-    {"copy", "A full copy, on any file system; files that change meanwhile may be of different moments", 100,
+    {"copy", "A copy, on any file system; files that change meanwhile may be of different moments", 100,
      QFI_CONSISTENCY_FUZZY, QFI_TECHNOLOGY_COPY},
     probe, split);
 

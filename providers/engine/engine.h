@@ -16,7 +16,8 @@ namespace qzfi::engine {
 enum class Data {
     clone,         // FICLONE; where it does not work the copy fails
     clone_or_copy, // FICLONE where it works, else copied
-    copy,          // copied, holes kept
+    copy,          // copied, holes kept: by copy_file_range, which lets Btrfs and XFS share blocks; read and written
+                   // where that does not work, and for digests
 };
 
 struct Options {

@@ -79,7 +79,11 @@ Directory *Copier::open_root(Worker &worker, int source, int target, const char 
                         filesystem.f_type == EXT4_SUPER_MAGIC || filesystem.f_type == TMPFS_MAGIC;
     }
     // Btrfs lets one thread at a time write a file, and those that wait only cost.
-    shares_files_ = fstatfs(target, &filesystem) != 0 || filesystem.f_type != BTRFS_SUPER_MAGIC;
+    const bool is_known = fstatfs(target, &filesystem) == 0;
+    shares_files_ = !is_known || filesystem.f_type != BTRFS_SUPER_MAGIC;
+    if (!shares_files_)
+        means_.least_in_kernel = 0; // there writing costs more than sharing
+    shares_blocks_ = is_known && (filesystem.f_type == BTRFS_SUPER_MAGIC || filesystem.f_type == XFS_SUPER_MAGIC);
     bool is_there = false;
     if (lies_apart(worker, root, target, name) && updates_ &&
         !open_existing(worker, target, root, name, *root, is_there))

@@ -57,16 +57,25 @@ Extent next_extent(int from, uint64_t position, uint64_t end) {
     return {start, hole < 0 ? end : std::min(static_cast<uint64_t>(hole), end)};
 }
 
-/// Copies what it can without a way through this process; the new position. Errors are left to those who read.
+/// One call of copy_file_range at the same place of both files; learns what never works between two file systems.
+ssize_t copy_piece(Means &means, int from, int to, uint64_t position, std::size_t size) {
+    ssize_t moved;
+    do {
+        off64_t in = static_cast<off64_t>(position), out = in;
+        moved = copy_file_range(from, &in, to, &out, size, 0);
+    } while (moved < 0 && errno == EINTR);
+    if (moved < 0 && (errno == EXDEV || errno == EOPNOTSUPP || errno == ENOSYS))
+        means.copies_in_kernel.store(false, std::memory_order_relaxed);
+    return moved;
+}
+
+/// Copies what it can without a way through this process; the new position. Errors are left to those who read: they
+/// know on which side it fails.
 uint64_t copy_in_kernel(Run &run, Worker &worker, Means &means, int from, int to, uint64_t position, uint64_t end) {
     while (position < end && !run.is_stopped()) {
-        off64_t in = static_cast<off64_t>(position), out = in;
-        const ssize_t moved = copy_file_range(from, &in, to, &out, std::min(end - position, most_in_kernel), 0);
-        if (moved <= 0) {
-            if (moved < 0 && (errno == EXDEV || errno == EOPNOTSUPP || errno == ENOSYS))
-                means.copies_in_kernel.store(false, std::memory_order_relaxed);
+        const ssize_t moved = copy_piece(means, from, to, position, std::min(end - position, most_in_kernel));
+        if (moved <= 0)
             break;
-        }
         position += static_cast<uint64_t>(moved);
         worker.bytes += static_cast<uint64_t>(moved);
         run.progress(worker, static_cast<uint32_t>(moved / static_cast<ssize_t>(data_size)));
@@ -203,6 +212,10 @@ Moved copy_range_of(Run &run, Worker &worker, int from, int to, uint64_t start, 
     return pass_data(run, worker, from, to, start, end, sparse, digest, nullptr);
 }
 
+bool copies_in_kernel(Means &means, int from, int to) noexcept {
+    return means.copies_in_kernel.load(std::memory_order_relaxed) && copy_piece(means, from, to, 0, 0) == 0;
+}
+
 Moved move_data(Run &run, Worker &worker, Means &means, int from, int to, const Stat &stat, uint8_t (*out)[16]) {
     if (stat.stx_size == 0) {
         if (out != nullptr)
@@ -226,14 +239,19 @@ Moved move_data(Run &run, Worker &worker, Means &means, int from, int to, const 
             return moved;
     }
     const bool sparse = is_sparse(stat);
-    if (stat.stx_size <= data_size && !sparse)
-        return copy_small(worker, from, to, stat.stx_size, out);
+    Means *const in_kernel = out != nullptr ? nullptr : &means; // a digest is of data that came by here
+    if (stat.stx_size <= data_size && !sparse) {
+        uint64_t done = 0;
+        if (in_kernel != nullptr && stat.stx_size >= means.least_in_kernel &&
+            means.copies_in_kernel.load(std::memory_order_relaxed))
+            done = copy_in_kernel(run, worker, means, from, to, 0, stat.stx_size);
+        if (done == 0)
+            return copy_small(worker, from, to, stat.stx_size, out);
+        return pass_range(run, worker, from, to, done, stat.stx_size, nullptr);
+    }
     Digest digest;
     if (out != nullptr)
         digest.start();
-    // Within the kernel data may become shared instead of copied: not where copies were asked for. Where nothing can be
-    // shared, as on ext4, that is no faster than reading and writing.
-    Means *const in_kernel = run.options.data == Data::copy || out != nullptr ? nullptr : &means;
     moved = pass_data(run, worker, from, to, 0, stat.stx_size, sparse, out != nullptr ? &digest : nullptr, in_kernel);
     if (moved.operation == nullptr && sparse && ftruncate(to, static_cast<off_t>(stat.stx_size)) != 0)
         return failed("ftruncate", true);

@@ -20,6 +20,7 @@ struct Moved {
 struct Means {
     std::atomic<bool> clones{true};
     std::atomic<bool> copies_in_kernel{true};
+    uint64_t least_in_kernel = 16384; // smaller files are read and written sooner than XFS shares them
 };
 
 /// A digest in the making: of one buffer, or of many.
@@ -43,6 +44,8 @@ inline bool is_sparse(const Stat &stat) noexcept {
     return stat.stx_blocks * 512 < stat.stx_size;
 }
 
+/// Whether the kernel copies between two files, as far as a copy of nothing tells.
+bool copies_in_kernel(Means &means, int from, int to) noexcept;
 /// Moves the data of a file to an empty one, in the way that the options ask for; its digest too when `out` is given.
 Moved move_data(Run &run, Worker &worker, Means &means, int from, int to, const Stat &stat, uint8_t (*out)[16]);
 /// Copies a range of data; the target has its size already. `digest` may be null.

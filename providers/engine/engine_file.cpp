@@ -272,8 +272,10 @@ bool Copier::share(Worker &worker, FileCopy &copy) {
     const uint64_t size = copy.stat.stx_size;
     if (size < least_to_share || options.workers < 2 || options.digest || !shares_files_)
         return false;
-    if (options.data != Data::copy)
+    if (options.data != Data::copy && means_.clones)
         return false; // a clone is one call
+    if (shares_blocks_ && copies_in_kernel(means_, copy.from.get(), copy.to.get()))
+        return false;
     if (ftruncate(copy.to.get(), static_cast<off_t>(size)) != 0) {
         fail_target(worker, "ftruncate", copy.directory, copy.name, errno);
         give_up(worker, copy);

@@ -125,11 +125,14 @@ TEST_F(EngineTest, a_file_that_cannot_be_cloned_for_its_own_sake_is_remarked) {
 class UpdateFaults : public Faults {};
 TEST_P(UpdateFaults, are_told) {
     make_tree();
+    sh("head -c 100000 /dev/urandom > s/middle");
     options.sync = true;
+    options.digest = GetParam().call == Call::read || GetParam().call == Call::write; // else the kernel copies
     const auto wanted = described("s");
     each(
         [&] {
-            sh("cp -a s c; cd c; rm -r d/e; printf other > f; mkdir extra; ln big extra/big; rm l; printf l > l; "
+            sh("cp -a s c; cd c; rm -r d/e; printf other > f; mkdir extra; ln big extra/big; : > middle; : > big; rm "
+               "l; printf l > l; "
                "chmod 777 x; setfattr -n user.c -v d x");
         },
         [&] { return bring_up_to_date(source->fd, target->fd, "c", options, host_record); },
@@ -174,6 +177,7 @@ const Fault memory{"memory", Call::allocation, 0}, opening{"open", Call::open, 0
     writing{"write", Call::write, 0}, full{"full", Call::write, ENOSPC}, listing{"list", Call::readdir, 0},
     making{"make", Call::make, 0}, removing{"remove", Call::remove, 0}, attribute{"attribute", Call::attribute, 0},
     extended{"xattr", Call::xattr, 0}, flag{"ioctl", Call::ioctl, 0}, thread_start{"thread", Call::thread, 0},
+    copying_elsewhere{"copy_elsewhere", Call::copy, EXDEV}, copying{"copy", Call::copy, EIO},
     syncing{"sync", Call::sync, 0}, seeking{"seek", Call::seek, 0}, duplicating{"fcntl", Call::fcntl, 0};
 
 const auto name_of = [](const auto &row) { return row.param.name; };
@@ -185,7 +189,7 @@ INSTANTIATE_TEST_SUITE_P(, CopyFaults,
 INSTANTIATE_TEST_SUITE_P(, UpdateFaults,
                          testing::Values(memory, opening, opening_denied, looking, reading, writing, full, listing,
                                          making, removing, attribute, extended, flag, thread_start, syncing,
-                                         duplicating),
+                                         duplicating, copying, copying_elsewhere),
                          name_of);
 INSTANTIATE_TEST_SUITE_P(, RemovalFaults,
                          testing::Values(memory, opening, opening_denied, looking, listing, removing, thread_start),

@@ -43,7 +43,7 @@ constexpr const char *call_names[] = {"allocation", "construction", "open",    "
                                       "dup",        "fork",         "waitpid", "kill",   "select",  "poll",    "ioctl",
                                       "fcntl",      "stat",         "access",  "getcwd", "opendir", "readdir", "mmap",
                                       "munmap",     "fopen",        "tempnam", "dlopen", "dlsym",   "make",    "remove",
-                                      "attribute",  "xattr",        "seek",    "sync",   "thread"};
+                                      "attribute",  "xattr",        "copy",    "seek",   "sync",    "thread"};
 static_assert(std::size(call_names) == static_cast<std::size_t>(Call::thread) + 1);
 
 constexpr int disarmed = -1;

@@ -56,6 +56,7 @@ enum class Call {
     remove,    // unlinkat
     attribute, // owners, modes, times
     xattr,
+    copy, // within the kernel
     seek,
     sync,
     thread,
