@@ -42,6 +42,7 @@ class Methods(ToolTest):
         self.assertRegex(lines[0], "^METHOD +FILE SYSTEM +CAN +CONSISTENCY +COST +TIME +STORE +WHY NOT$")
         self.assertEqual(len(lines), 4)
         self.assertTrue(all(str(self.store) in line for line in lines[1:]))
+        self.assertEqual(lines, [line.rstrip() for line in lines], "no blanks where the last column is empty")
 
     def test_what_is_not_there_is_told(self):
         error = self.fail_with(1, "methods", self.folder / "nowhere")

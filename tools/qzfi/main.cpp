@@ -60,7 +60,7 @@ void declare(CommandLine &line) {
     CLI::App &app = line.app();
     app.name("qzfi");
     app.description("Frozen images: point-in-time copies of directory trees");
-    app.set_version_flag("--version", "qzfi 7.0.0");
+    app.set_version_flag("--version", "qzfi " QZFI_VERSION);
     app.require_subcommand(1);
     // Options of all commands may stand behind the subcommand too.
     app.fallthrough();

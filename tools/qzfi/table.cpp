@@ -16,11 +16,9 @@ namespace {
 
 constexpr std::size_t gap = 2, narrowest = 12;
 
-std::string aligned(const std::string &text, std::size_t width, Align align, bool is_last) {
+std::string aligned(const std::string &text, std::size_t width, Align align) {
     const std::string padding(width - std::min(width, columns_of(text)), ' ');
-    if (align == Align::right)
-        return padding + text;
-    return is_last ? text : text + padding;
+    return align == Align::right ? padding + text : text + padding;
 }
 
 std::string coloured(const std::string &text, const char *code) {
@@ -48,11 +46,10 @@ std::vector<std::size_t> Table::natural_widths() const {
 void Table::print_row(const std::vector<std::string> &cells, const std::vector<std::size_t> &widths, std::size_t room,
                       std::string (*decorated)(const std::string &)) const {
     std::string line, below;
-    for (std::size_t column = 0; column < widths.size(); ++column) {
-        const bool is_last = column + 1 == widths.size();
-        line += aligned(shortened(cells[column], widths[column]), widths[column], columns_[column].align, is_last);
-        line += is_last ? "" : std::string(gap, ' ');
-    }
+    for (std::size_t column = 0; column < widths.size(); ++column)
+        line += aligned(shortened(cells[column], widths[column]), widths[column], columns_[column].align) +
+                std::string(gap, ' ');
+    line.erase(line.find_last_not_of(' ') + 1);
     for (std::size_t column = widths.size(); column < cells.size(); ++column)
         below += (below.empty() || cells[column].empty() ? "" : std::string(gap, ' ')) + cells[column];
     std::cout << decorated(line) << '\n';

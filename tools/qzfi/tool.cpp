@@ -28,7 +28,7 @@ qfi_handler host = {say_nothing, nullptr, nullptr, nullptr};
 // or what the loader said. So the loader is asked again.
 std::string library_obstacle() {
     char *root = nullptr;
-    if (qzfi_get_install_root(&root) != QFI_STATUS_OK)
+    if (qzfi_get_install_root(&root) != QFI_STATUS_OK || root == nullptr)
         return "the framework is not started";
     const std::string path = library_of(root);
     std::free(root);
