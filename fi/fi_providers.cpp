@@ -144,7 +144,7 @@ bool is_better(const Provider &one, const Provider &other) {
 
 void load_all() {
     const std::string root = installation_root();
-    // Each call gives one more. The bound ends it when plugins go on being refused for lack of memory.
+    // Each call gives one more, until there is none that was not given or refused before.
     while (qzfi_newpgn(&QFI_PROVIDER_SUBDIR[1], QFI_PROVIDER_ENV, QFI_PROVIDER_PREFIX, &loaded().plugins, accept, 0,
                        root.c_str()) != nullptr) {
     }

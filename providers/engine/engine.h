@@ -14,7 +14,7 @@ namespace qzfi::engine {
 
 /// How file data reaches the copy.
 enum class Data {
-    clone,         // FICLONE; where it does not work the copy fails
+    clone,         // FICLONE; where it does not work the copy fails, but a swap file in use is only remarked
     clone_or_copy, // FICLONE where it works, else copied
     copy,          // copied, holes kept: by copy_file_range, which lets Btrfs and XFS share blocks; read and written
                    // where that does not work, and for digests
