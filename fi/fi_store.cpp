@@ -153,7 +153,7 @@ std::shared_ptr<Store> Store::open(const std::string &given, bool create, const 
     };
     try {
         const Hush hush;
-        store->state_->removed_debris += end_pending(*store->state_, remove_tree, operation);
+        store->state_->removed_debris += end_pending(*store->state_, remove_tree, operation).removed;
         store->state_->removed_debris += remove_debris(*store->state_, remove_tree, operation);
     } catch (const Failure &) {
     }
@@ -275,7 +275,9 @@ Store::Repair Store::repair(const char *operation) {
     if (!state_->is_writable && count_debris(*state_, operation) == 0)
         return repair;
     require_writable(operation);
-    repair.debris += end_pending(*state_, remove_tree, operation);
+    EndedPending ended = end_pending(*state_, remove_tree, operation);
+    repair.debris += ended.removed;
+    repair.waiting = std::move(ended.waiting);
     repair.debris += remove_debris(*state_, remove_tree, operation);
     return repair;
 }

@@ -138,11 +138,11 @@ public:
     std::string image_path(const std::string &id) const;
 
     /// Removes half-made and half-removed images whose makers are gone, each object of them through the provider that
-    /// can; gives their number, and the ids of recorded images whose folder is missing. What cannot be removed is
-    /// thrown at the end, after everything else was.
+    /// can; gives their number, the ids of recorded images whose folder is missing, and of pending ones whose set
+    /// cannot be looked at in another store. What cannot be removed is thrown at the end, after everything else was.
     struct Repair {
         uint64_t debris = 0;
-        std::vector<std::string> damaged;
+        std::vector<std::string> damaged, waiting;
     };
     Repair repair(const char *operation);
     uint64_t debris_count();

@@ -69,8 +69,12 @@ uint64_t remove_debris(const Store::State &store, const RemoveTree &remove_tree,
 uint64_t count_debris(const Store::State &store, const char *operation);
 
 /// Settles or removes the images of sets whose makers are gone between their commits; all of it is tried before a
-/// failure is thrown. Gives the number of those removed.
-uint64_t end_pending(const Store::State &store, const RemoveTree &remove_tree, const char *operation);
+/// failure is thrown. Gives the number of those removed, and the ids of those that wait for another store.
+struct EndedPending {
+    uint64_t removed = 0;
+    std::vector<std::string> waiting;
+};
+EndedPending end_pending(const Store::State &store, const RemoveTree &remove_tree, const char *operation);
 
 /// A store's path as it is recorded and compared: without empty parts, "." and last slashes. Id documents hold it, and
 /// read no other.

@@ -62,35 +62,36 @@ std::optional<Claim> claim_pending(const Store::State &store, const std::string 
     return is_pending ? std::move(claim) : std::nullopt;
 }
 
-// True when it was removed.
-bool end_one(const Store::State &store, Claim claim, const std::string &id, const RemoveTree &remove_tree,
-             const char *operation) {
-    const Fate fate = fate_of(store, claim, operation);
-    if (fate == Fate::whole)
-        store.catalog->settle(id, operation);
-    if (fate != Fate::incomplete)
-        return false;
-    store.catalog->erase(id, operation);
-    remove_folder(store, std::move(claim), id, remove_tree, operation);
-    return true;
+void end_one(const Store::State &store, Claim claim, const std::string &id, const RemoveTree &remove_tree,
+             EndedPending &ended, const char *operation) {
+    switch (fate_of(store, claim, operation)) {
+    case Fate::whole:
+        return store.catalog->settle(id, operation);
+    case Fate::unknown:
+        return ended.waiting.push_back(id);
+    case Fate::incomplete:
+        store.catalog->erase(id, operation);
+        remove_folder(store, std::move(claim), id, remove_tree, operation);
+        ++ended.removed;
+    }
 }
 
 } // namespace
 
-uint64_t end_pending(const Store::State &store, const RemoveTree &remove_tree, const char *operation) {
-    uint64_t removed = 0;
+EndedPending end_pending(const Store::State &store, const RemoveTree &remove_tree, const char *operation) {
+    EndedPending ended;
     std::exception_ptr failure;
     for (const std::string &id : store.catalog->pending(operation)) {
         try {
             if (std::optional<Claim> claim = claim_pending(store, id, operation))
-                removed += end_one(store, std::move(*claim), id, remove_tree, operation) ? 1 : 0;
+                end_one(store, std::move(*claim), id, remove_tree, ended, operation);
         } catch (const Failure &) {
             failure = std::current_exception();
         }
     }
     if (failure)
         std::rethrow_exception(failure);
-    return removed;
+    return ended;
 }
 
 } // namespace qzfi::fi

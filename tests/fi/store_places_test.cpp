@@ -181,6 +181,30 @@ TEST_F(PlacesTest, repairing_what_cannot_be_written_tells_of_damage_and_fails_fo
     EXPECT_EQ(status_of_call([&] { Store::open(path, false, op)->repair(op); }), QFI_FI_NO_RIGHT);
 }
 
+TEST_F(PlacesTest, an_image_whose_set_lies_elsewhere_too_waits_for_that_store_which_a_repair_tells) {
+    const std::string other = folder.path() + "/other", id = new_image_id(), sister = new_image_id();
+    const auto make_pending = [&](const std::string &at, const std::string &image) {
+        const std::shared_ptr<Store> store = Store::open(at, true, op);
+        NewImage made = store->begin(image, op);
+        ImageRecord record = record_of(image);
+        record.state = 0;
+        made.commit(record, write_fiid({record.set_id, {{record_of(id), path}, {record_of(sister), other}}}, op), op);
+        kill(getpid(), SIGKILL);
+    };
+    EXPECT_EQ(in_child([&] { make_pending(path, id); }), -SIGKILL);
+    EXPECT_EQ(in_child([&] { make_pending(other, sister); }), -SIGKILL);
+    std::filesystem::rename(other, folder.path() + "/away");
+    const std::shared_ptr<Store> store = Store::open(path, false, op);
+    const Store::Repair repair = store->repair(op);
+    EXPECT_EQ(repair.waiting, std::vector<std::string>{id});
+    EXPECT_EQ(repair.debris, 0u);
+    EXPECT_TRUE(store->list(op).empty());
+    std::filesystem::rename(folder.path() + "/away", other);
+    EXPECT_TRUE(store->repair(op).waiting.empty());
+    EXPECT_EQ(ids_of(*store), std::vector<std::string>{id});
+    EXPECT_EQ(ids_of(*Store::open(other, false, op)), std::vector<std::string>{sister});
+}
+
 TEST_F(PlacesTest, who_cannot_write_reads_whole_catalogs_while_others_write) {
     if (const std::string obstacle = mount_tmpfs(path); !obstacle.empty())
         GTEST_SKIP() << obstacle;
