@@ -297,8 +297,8 @@ void repair(const char *given, Findings &report, const char *operation) {
             for (const std::string &id : repaired.damaged)
                 report.add({QFI_REMARK_WARNING, 0, store->path(), id, "the image's files are missing"});
             for (const std::string &id : repaired.waiting)
-                report.add({QFI_REMARK_WARNING, 0, store->path(), id,
-                            "the image waits for its set: a store of it cannot be looked into"});
+                report.add({QFI_REMARK_SKIPPED, 0, store->path(), id,
+                            "the image waits for its set, of which another store cannot be looked into"});
         } catch (const Failure &) {
             failure = std::current_exception();
         }

@@ -1,6 +1,9 @@
 """methods, repair, providers, nodes, errmsg and log."""
+import contextlib
 import os
+import re
 import shutil
+import sqlite3
 import unittest
 
 import support
@@ -88,6 +91,21 @@ class Repair(ToolTest):
         error = self.fail_with(1, "repair", "--forget", self.store)
         self.assertIn(f"qzfi: forget store {self.store}: ", error)
         self.assertIn(": it is not known\n", error)
+
+    def test_an_image_that_waits_for_another_store_of_its_set_is_told_and_is_no_damage(self):
+        identity, sister = self.freeze(), "20200101T000000Z-00000000"
+        document = self.store / "images" / identity / "fiid.xml"
+        image = re.search("  <image .*</image>\n", document.read_text(), re.DOTALL).group(0)
+        other = image.replace(identity, sister).replace(f'store="{self.store}"', f'store="{self.folder}/none"')
+        document.write_text(document.read_text().replace(image, image + other))
+        with contextlib.closing(sqlite3.connect(self.store / "catalog.db")) as catalog, catalog:
+            catalog.execute("UPDATE image SET state = 0")
+        detail = "the image waits for its set, of which another store cannot be looked into"
+        self.assertEqual(self.succeed("repair", "--store", self.store), "no debris was removed\n"
+                         f"waiting: image {identity} in store {self.store}: {detail}\n")
+        found = self.json("repair", "--store", self.store)
+        self.assertEqual((found["damaged"], found["waiting"]),
+                         ([], [{"id": identity, "store": str(self.store), "detail": detail}]))
 
     def test_a_store_that_is_none_is_told(self):
         error = self.fail_with(1, "repair", "--store", self.folder / "none")

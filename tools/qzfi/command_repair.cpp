@@ -1,5 +1,8 @@
 // qzfi repair: removes what a crash left in the stores, and tells what is damaged there.
+#include <algorithm>
 #include <iostream>
+
+#include <qzfi_provider.h>
 
 #include "tools/qzfi/commands.h"
 #include "tools/qzfi/json.h"
@@ -16,6 +19,11 @@ struct Options {
     bool json = false;
 };
 
+// Else it waits for another store of its set.
+bool is_damaged(const qfi_report_item &item) {
+    return item.kind != QFI_REMARK_SKIPPED;
+}
+
 void print_text(const qfi_report &report, const std::vector<Store> &stores) {
     std::cout << (report.changed == 0 ? "no debris was removed"
                                       : grouped(report.changed) + " half-made image" +
@@ -23,8 +31,9 @@ void print_text(const qfi_report &report, const std::vector<Store> &stores) {
               << '\n';
     for (uint64_t index = 0; index < report.shown; ++index) {
         const qfi_report_item &item = report.items[index];
-        std::cout << "damaged: image " << item.path << " in store " << printable(item.object) << ": "
-                  << printable(item.detail) << "; `qzfi rm` forgets it\n";
+        std::cout << (is_damaged(item) ? "damaged" : "waiting") << ": image " << item.path << " in store "
+                  << printable(item.object) << ": " << printable(item.detail)
+                  << (is_damaged(item) ? "; `qzfi rm` forgets it\n" : "\n");
     }
     for (const Store &store : stores)
         if (store.debris > 0)
@@ -32,14 +41,15 @@ void print_text(const qfi_report &report, const std::vector<Store> &stores) {
                       << ": still being made, or could not be removed\n";
 }
 
-Json damaged_json(const qfi_report &report) {
-    Json damaged = Json::array();
+Json images_json(const qfi_report &report, bool damaged) {
+    Json images = Json::array();
     for (uint64_t index = 0; index < report.shown; ++index) {
         const qfi_report_item &item = report.items[index];
-        damaged.push_back(
-            {{"id", json_text(item.path)}, {"store", json_text(item.object)}, {"detail", json_text(item.detail)}});
+        if (is_damaged(item) == damaged)
+            images.push_back(
+                {{"id", json_text(item.path)}, {"store", json_text(item.object)}, {"detail", json_text(item.detail)}});
     }
-    return damaged;
+    return images;
 }
 
 int run(const Settings &settings, const Options &options) {
@@ -59,12 +69,16 @@ int run(const Settings &settings, const Options &options) {
         Json list = Json::array();
         for (const Store &store : stores)
             list.push_back(json_of(store));
-        print(Json{{"removed", report->changed}, {"damaged", damaged_json(*report)}, {"stores", std::move(list)}});
+        print(Json{{"removed", report->changed},
+                   {"damaged", images_json(*report, true)},
+                   {"waiting", images_json(*report, false)},
+                   {"stores", std::move(list)}});
     } else {
         print_text(*report, stores);
     }
     const int code = tell_unusable(stores);
-    return report->count > 0 ? exit_differs : code;
+    const bool has_damaged = std::any_of(report->items, report->items + report->shown, is_damaged);
+    return has_damaged ? exit_differs : code;
 }
 
 } // namespace
