@@ -8,39 +8,11 @@
 
 #include "fi/fi_engine_host.h"
 #include "fi/fi_place.h"
+#include "fi/fi_temporary.h"
 
 namespace qzfi::fi {
 
 namespace {
-
-// A folder for a manifest that is needed for one comparison.
-class Scratch {
-public:
-    explicit Scratch(const char *operation) {
-        const char *const given = secure_getenv("TMPDIR");
-        path_ = std::string(given != nullptr && *given == '/' ? given : "/tmp") + "/qzfi-compare-XXXXXX";
-        if (mkdtemp(path_.data()) == nullptr)
-            fail_call(operation, "mkdtemp", path_, errno, false);
-        directory_.reset(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!directory_) {
-            const int error = errno;
-            rmdir(path_.c_str());
-            fail_call(operation, "open", path_, error, true);
-        }
-    }
-    ~Scratch() {
-        unlinkat(directory_.get(), name, 0);
-        rmdir(path_.c_str());
-    }
-    Scratch(const Scratch &) = delete;
-    Scratch &operator=(const Scratch &) = delete;
-    int directory() const noexcept { return directory_.get(); }
-    static constexpr const char *name = "manifest";
-
-private:
-    std::string path_;
-    Descriptor directory_;
-};
 
 Difference difference(uint32_t change, const std::string &object, const ManifestEntry *from, const ManifestEntry *to) {
     Difference result{};
@@ -79,8 +51,9 @@ Descriptor open_original(const std::string &path, const char *operation) {
 } // namespace
 
 ManifestReader walked(int directory, const std::string &object, const WalkOptions &options, const char *operation) {
-    const Scratch scratch(operation);
-    ManifestWriter writer(scratch.directory(), Scratch::name, operation, object);
+    constexpr const char *name = "manifest";
+    const TemporaryFolder scratch("qzfi-compare-", operation);
+    ManifestWriter writer(scratch.directory(), name, operation, object);
     EngineHost host(operation, object, options.progress);
     host.on_entry([&](const qfi_entry &entry) { return writer.add(entry); });
     // Data that nobody can read must not pass for data that did not change.
@@ -98,7 +71,7 @@ ManifestReader walked(int directory, const std::string &object, const WalkOption
     if (result.status != QFI_STATUS_NO_MEMORY && result.status != QFI_FI_CANCELLED)
         writer.finish(); // what it could not write is the better cause
     host.check(result, true);
-    return ManifestReader(scratch.directory(), Scratch::name, operation, object);
+    return ManifestReader(scratch.directory(), name, operation, object);
 }
 
 ManifestReader entries_of(const HeldImage &image, std::size_t index, const WalkOptions &options,

@@ -9,6 +9,7 @@
 
 #include "fi/fi_guard.h"
 #include "fi/fi_guard_folder.h"
+#include "fi/fi_temporary.h"
 #include "fi/fi_tree.h"
 
 namespace qzfi::fi {
@@ -199,8 +200,7 @@ struct PostGuard::State {
     }
 
     void make_folder() {
-        const char *const wanted = secure_getenv("TMPDIR");
-        const std::string base = wanted != nullptr && wanted[0] == '/' ? wanted : "/tmp";
+        const std::string base = temporary_base();
         remove_left_guard_folders(base);
         std::string made = base + "/" + guard_folder_prefix + "XXXXXX";
         if (mkdtemp(made.data()) == nullptr)

@@ -6,6 +6,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "fi/fi_temporary.h"
+
 namespace qzfi::fi {
 
 namespace {
@@ -47,8 +49,7 @@ bool comes_before(const char *a, const char *a_end, const char *b, const char *b
 }
 
 int open_temporary() {
-    const char *const given = secure_getenv("TMPDIR");
-    const std::string base = given != nullptr && given[0] == '/' ? given : "/tmp";
+    const std::string base = temporary_base();
     const int fd = open(base.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
     if (fd >= 0 || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
         return fd;

@@ -8,6 +8,7 @@
 
 #include "fi/fi_fiid_text.h"
 #include "fi/fi_store_sqlite.h"
+#include "fi/fi_temporary.h"
 
 namespace qzfi::fi {
 
@@ -121,39 +122,10 @@ void make_private(int directory, const CatalogPlace &place) {
         fail_call(place.operation, "open", place.store + "/" + database_name, errno, false);
 }
 
-// A private folder for a copy of a catalog and its log.
-class PrivateFolder {
-public:
-    explicit PrivateFolder(const char *operation) {
-        const char *const base = secure_getenv("TMPDIR");
-        path_ = std::string(base != nullptr && base[0] == '/' ? base : "/tmp") + "/qzfi-catalog-XXXXXX";
-        if (mkdtemp(path_.data()) == nullptr)
-            fail_call(operation, "mkdtemp", path_, errno, false);
-        directory_.reset(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (directory_)
-            return;
-        const int error = errno;
-        rmdir(path_.c_str());
-        fail_call(operation, "open", path_, error, true);
-    }
-    ~PrivateFolder() {
-        for (const char *const name : {database_name, wal_name, "catalog.db-shm"})
-            unlinkat(directory_.get(), name, 0);
-        rmdir(path_.c_str());
-    }
-    PrivateFolder(const PrivateFolder &) = delete;
-    PrivateFolder &operator=(const PrivateFolder &) = delete;
-    int directory() const noexcept { return directory_.get(); }
-
-private:
-    std::string path_;
-    Descriptor directory_;
-};
-
 } // namespace
 
 struct Catalog::Connection {
-    std::unique_ptr<PrivateFolder> copy; // outlives the database
+    std::unique_ptr<TemporaryFolder> copy; // outlives the database
     sqlite3 *database = nullptr;
     bool is_writable = false;
 
@@ -234,7 +206,7 @@ void Catalog::open(bool writable, bool create, const char *operation) {
         return;
     }
     // Others may write to what this process cannot, and it can take no lock against them.
-    connection_->copy = std::make_unique<PrivateFolder>(operation);
+    connection_->copy = std::make_unique<TemporaryFolder>("qzfi-catalog-", operation);
     const int copy = connection_->copy->directory();
     copy_catalog(directory_, copy, place);
     connection_->connect(copy, SQLITE_OPEN_READWRITE, place);
