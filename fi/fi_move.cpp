@@ -26,15 +26,11 @@ off_t copy_data(int from, int to, off_t position, off_t end, std::string &buffer
                 const char *operation) {
     while (position < end) {
         const auto size = static_cast<std::size_t>(std::min<off_t>(end - position, static_cast<off_t>(buffer.size())));
-        const ssize_t count = pread(from, buffer.data(), size, position);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            fail_call(operation, "read", path, errno, true);
+        const std::size_t count = read_at(from, buffer.data(), size, position, path, operation);
         if (count == 0)
             return std::numeric_limits<off_t>::max();
-        write_to(to, {buffer.data(), static_cast<std::size_t>(count)}, path, operation);
-        position += count;
+        write_to(to, {buffer.data(), count}, path, operation);
+        position += static_cast<off_t>(count);
     }
     return position;
 }

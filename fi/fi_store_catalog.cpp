@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "fi/fi_fiid_text.h"
+#include "fi/fi_store_folders.h"
 #include "fi/fi_store_sqlite.h"
 #include "fi/fi_temporary.h"
 
@@ -67,18 +68,14 @@ void copy_file(int from_directory, int to_directory, const char *name, const Cat
     const Descriptor to(openat(to_directory, name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!to)
         fail_call(place.operation, "open", std::string("temporary copy of ") + name, errno, false);
-    for (char buffer[65536];;) {
-        const ssize_t count = read(from.get(), buffer, sizeof buffer);
+    std::string buffer(65536, '\0');
+    for (off_t position = 0;;) {
+        const std::size_t count =
+            read_at(from.get(), buffer.data(), buffer.size(), position, place.store + "/" + name, place.operation);
         if (count == 0)
             return;
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            fail_call(place.operation, "read", place.store + "/" + name, errno, true);
-        const ssize_t written = write(to.get(), buffer, static_cast<std::size_t>(count));
-        if (written != count)
-            fail_call(place.operation, "write", std::string("temporary copy of ") + name, written < 0 ? errno : ENOSPC,
-                      false);
+        write_to(to.get(), {buffer.data(), count}, std::string("temporary copy of ") + name, place.operation);
+        position += static_cast<off_t>(count);
     }
 }
 

@@ -202,17 +202,25 @@ int rename_directory(int from, const char *name, int to, const char *new_name) n
     return errno == EINVAL ? renameat(from, name, to, new_name) : -1;
 }
 
+std::size_t read_at(int fd, char *buffer, std::size_t size, off_t position, const std::string &path,
+                    const char *operation) {
+    ssize_t count = 0;
+    do
+        count = pread(fd, buffer, size, position);
+    while (count < 0 && errno == EINTR);
+    if (count < 0)
+        fail_call(operation, "read", path, errno, true);
+    return static_cast<std::size_t>(count);
+}
+
 std::string read_file(int fd, const std::string &path, std::size_t limit, const char *operation) {
-    std::string content;
-    for (std::string buffer(65536, '\0'); content.size() <= limit;) {
-        const ssize_t count = read(fd, buffer.data(), buffer.size());
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            fail_call(operation, "read", path, errno, true);
+    std::string content, buffer(65536, '\0');
+    while (content.size() <= limit) {
+        const std::size_t count =
+            read_at(fd, buffer.data(), buffer.size(), static_cast<off_t>(content.size()), path, operation);
         if (count == 0)
             break;
-        content.append(buffer, 0, static_cast<std::size_t>(count));
+        content.append(buffer, 0, count);
     }
     return content;
 }

@@ -89,6 +89,9 @@ Descriptor write_file(int directory, const char *name, const std::string &path, 
                       const char *operation);
 /// Renames a directory to a name that is free; an empty directory may be replaced. errno says why not.
 int rename_directory(int from, const char *name, int to, const char *new_name) noexcept;
+/// Reads what is at a position; 0 at the end. Throws.
+std::size_t read_at(int fd, char *buffer, std::size_t size, off_t position, const std::string &path,
+                    const char *operation);
 /// Reads a file to its end, or to somewhere beyond `limit`. Throws.
 std::string read_file(int fd, const std::string &path, std::size_t limit, const char *operation);
 /// Syncs a file or directory. Throws.
