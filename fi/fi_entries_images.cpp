@@ -341,7 +341,7 @@ int32_t qzfi_query_valid_secondaries(void *path, void *reserved, void *result) {
 }
 
 int32_t qzfi_free_valid_sec_list(void *list, void *) {
-    return traced_entry("qzfi_free_valid_sec_list", [&] { free_images(static_cast<qfi_image_list *>(list)); });
+    return traced_entry("qzfi_free_valid_sec_list", [&] { free_chain(static_cast<qfi_image_list *>(list)); });
 }
 
 int32_t qzfi_query_tree_status(void *node, void *state, void *result) {
@@ -374,14 +374,7 @@ int32_t qzfi_query_res_status(void *path, void *reserved, void *result) {
 }
 
 int32_t qzfi_free_res_status_list(void *list) {
-    return traced_entry("qzfi_free_res_status_list", [&] {
-        auto *node = static_cast<qfi_store_status *>(list);
-        while (node != nullptr) {
-            qfi_store_status *const next = node->next;
-            std::free(node);
-            node = next;
-        }
-    });
+    return traced_entry("qzfi_free_res_status_list", [&] { free_chain(static_cast<qfi_store_status *>(list)); });
 }
 
 int32_t qzfi_snapreplica_list(void *set_id, void *store, void *result) {
@@ -395,7 +388,7 @@ int32_t qzfi_snapreplica_list(void *set_id, void *store, void *result) {
 }
 
 int32_t qzfi_free_snapreplica_list(void *list) {
-    return traced_entry("qzfi_free_snapreplica_list", [&] { free_images(static_cast<qfi_image_list *>(list)); });
+    return traced_entry("qzfi_free_snapreplica_list", [&] { free_chain(static_cast<qfi_image_list *>(list)); });
 }
 
 int32_t qzfi_is_snap_imported(void *image_id, void *result) {

@@ -251,16 +251,8 @@ void fill_image(Block &block, const FoundImage &found) {
 
 } // namespace
 
-void free_images(qfi_image_list *list) noexcept {
-    while (list != nullptr) {
-        qfi_image_list *const next = list->next;
-        std::free(list);
-        list = next;
-    }
-}
-
 qfi_image_list *give_images(const std::vector<FoundImage> &images) {
-    std::unique_ptr<qfi_image_list, void (*)(qfi_image_list *)> first(nullptr, free_images);
+    std::unique_ptr<qfi_image_list, void (*)(qfi_image_list *)> first(nullptr, free_chain);
     for (auto image = images.rbegin(); image != images.rend(); ++image) {
         auto *const node =
             static_cast<qfi_image_list *>(Block::build([&](Block &block) { fill_image(block, *image); }));
@@ -336,19 +328,11 @@ StoreState look_at_store(const std::string &path, const char *operation) {
     return state;
 }
 
-void free_states(qfi_store_status *list) noexcept {
-    while (list != nullptr) {
-        qfi_store_status *const next = list->next;
-        std::free(list);
-        list = next;
-    }
-}
-
 } // namespace
 
 qfi_store_status *store_states(const char *path, const char *operation) {
     const std::vector<std::string> paths = path != nullptr ? std::vector<std::string>{path} : known_stores();
-    std::unique_ptr<qfi_store_status, void (*)(qfi_store_status *)> first(nullptr, free_states);
+    std::unique_ptr<qfi_store_status, void (*)(qfi_store_status *)> first(nullptr, free_chain);
     for (auto one = paths.rbegin(); one != paths.rend(); ++one) {
         const StoreState state = look_at_store(*one, operation);
         auto *const node = static_cast<qfi_store_status *>(Block::build([&](Block &block) {

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fi/fi_tree.h"
@@ -77,7 +78,12 @@ std::vector<std::string> stores_of(const Tree &tree);
 
 /// A list for hosts, one block a node; null for none.
 qfi_image_list *give_images(const std::vector<FoundImage> &images);
-void free_images(qfi_image_list *list) noexcept;
+/// Releases a list, one block a node.
+template <class Node>
+void free_chain(Node *list) noexcept {
+    while (list != nullptr)
+        std::free(std::exchange(list, list->next));
+}
 
 // The operations behind the entries.
 void verify(TreeLock &tree, Findings &report, const char *operation);
