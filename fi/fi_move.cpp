@@ -97,10 +97,12 @@ public:
             filesystem.store->require_writable(operation_);
         Workshop workshop(place_, operation_);
         std::string document = begun_before();
-        if (document.empty())
+        if (document.empty()) {
             document = publish(workshop);
-        else
+        } else {
+            sync_file(place_.parent.get(), place_.path, operation_); // which who was killed may not have come to
             move(claim_moved());
+        }
         for (const TreeFilesystem &filesystem : tree_->filesystems)
             if (!is_moved(filesystem))
                 remove_image(*filesystem.store, filesystem.record, operation_);
@@ -122,6 +124,8 @@ private:
         try {
             const Hush hush;
             folder_ = open_without_links(place_.path, O_RDONLY | O_DIRECTORY, operation_);
+            if (!is_own(folder_.get()))
+                return {};
             std::string document = read_export_document(folder_.get(), place_.path, operation_);
             const Fiid fiid = read_fiid(document, operation_);
             for (const TreeFilesystem &filesystem : tree_->filesystems) {
@@ -140,6 +144,12 @@ private:
                 throw;
             return {};
         }
+    }
+
+    // Whether nobody else can have filled a folder: what is taken to be there is removed from its store.
+    static bool is_own(int folder) {
+        struct stat status {};
+        return fstat(folder, &status) == 0 && status.st_uid == geteuid() && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
     }
 
     static bool is_named(const TreeFilesystem &filesystem, const Fiid &fiid) {

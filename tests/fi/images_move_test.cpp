@@ -93,6 +93,35 @@ TEST_P(Move, an_image_to_another_file_system_and_back) {
     EXPECT_EQ(differences(object, tree.image_path()), "");
 }
 
+TEST_P(Move, an_export_that_was_cut_short_is_completed_in_a_folder_that_nobody_else_can_have_filled) {
+    const Tree tree = freeze({object}, store, "copy");
+    const std::string id = tree.image_id();
+    qfi_fiid *fiid = nullptr;
+    ASSERT_EQ(qfi_op_get_fiid(tree.get(), &fiid), 0) << last_error();
+    fs::create_directory(exported);
+    write_file(exported / "fiid.xml", std::string(fiid->document, fiid->length));
+    qfi_op_free_fiid(fiid);
+    const auto refused = [&] {
+        EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), QFI_FI_EXISTS);
+        EXPECT_EQ(last_error(), "qzfi_deport_tree: " + exported.string() + " exists already\n");
+        EXPECT_FALSE(fs::exists(exported / id));
+        EXPECT_EQ(differences(object, tree.image_path()), "");
+    };
+    for (const mode_t mode : {0770, 0707}) {
+        ASSERT_EQ(chmod(exported.c_str(), mode), 0);
+        refused();
+    }
+    ASSERT_EQ(chmod(exported.c_str(), 0700), 0);
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown(exported.c_str(), 1, 1), 0);
+        refused();
+        ASSERT_EQ(chown(exported.c_str(), 0, 0), 0);
+    }
+    ASSERT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), 0) << last_error();
+    EXPECT_EQ(differences(object, exported / id / "objects" / "0"), "");
+    expect_nothing_imported();
+}
+
 TEST_P(Move, options_last_until_the_shutdown) {
     export_one();
     set_options(0, 1);
