@@ -24,11 +24,15 @@ int open_leased(int directory, const char *name) noexcept {
     }
     char path[32];
     snprintf(path, sizeof path, "/proc/self/fd/%d", file.get());
-    int descriptor = -1;
-    do
-        descriptor = open(path, O_RDONLY | O_CLOEXEC);
-    while (descriptor < 0 && errno == EINTR);
-    return descriptor;
+    const auto opened = [&](int flags) {
+        int descriptor = -1;
+        do
+            descriptor = open(path, O_RDONLY | O_CLOEXEC | flags);
+        while (descriptor < 0 && errno == EINTR);
+        return descriptor;
+    };
+    const int descriptor = opened(O_NOATIME);
+    return descriptor >= 0 || errno != EPERM ? descriptor : opened(0);
 }
 
 void open_side(Descriptor &at, const char *path) noexcept {

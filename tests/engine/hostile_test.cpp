@@ -307,7 +307,8 @@ private:
 };
 
 TEST_F(Hostile, a_file_that_a_file_server_has_leased_to_a_client_is_waited_for) {
-    sh("mkdir s; printf data > s/f");
+    sh("mkdir s; printf data > s/f; touch -a -d 2001-01-01 s/f");
+    const std::string accessed = output("stat -c %x s/f");
     options.entries = options.digest = true;
     {
         const Lease lease(at + "/s/f");
@@ -316,6 +317,7 @@ TEST_F(Hostile, a_file_that_a_file_server_has_leased_to_a_client_is_waited_for) 
         EXPECT_EQ(copy("s", "c").status, 0) << host.failed_operation;
     }
     EXPECT_TRUE(host.remarks.empty()) << host.remarks[0].detail << " " << host.remarks[0].error;
+    EXPECT_EQ(output("stat -c %x s/f"), accessed);
     expect_equal("s", "c");
     host.entries.clear();
     const Lease lease(at + "/s/f");
