@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
+#include <xxhash.h>
 
 #include <filesystem>
 
@@ -55,6 +56,12 @@ TestHost::TestHost() {
 bool TestHost::has_remark(uint32_t kind, const std::string &path) const {
     return std::any_of(remarks.begin(), remarks.end(),
                        [&](const Remark &remark) { return remark.kind == kind && remark.path == path; });
+}
+
+std::string digest_of(const std::string &data) {
+    XXH128_canonical_t canonical;
+    XXH128_canonicalFromHash(&canonical, XXH3_128bits(data.data(), data.size()));
+    return {reinterpret_cast<const char *>(canonical.digest), sizeof canonical.digest};
 }
 
 Folder::Folder(const std::string &path) : fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {

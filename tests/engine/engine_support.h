@@ -36,6 +36,9 @@ struct TestHost {
     bool has_remark(uint32_t kind, const std::string &path) const;
 };
 
+/// The digest of data, as entries have it.
+std::string digest_of(const std::string &data);
+
 /// A descriptor of a directory for the test's length.
 struct Folder {
     explicit Folder(const std::string &path);
