@@ -140,6 +140,15 @@ class Usage(ToolTest):
             with self.subTest(arguments):
                 self.assertEqual(support.qzfi(*arguments).err, f"qzfi: {text}\n")
 
+    def test_an_empty_value_is_not_taken_for_none(self):
+        for command, *arguments, option in (("restore", "latest", "--yes", "--to"), ("restore", "latest", "--yes", "--only"),
+                                            ("resync", "latest", "--yes", "--only"), ("export", "latest", "--to"),
+                                            ("prune", "--keep-last", "1", "--yes", "--object"), ("list", "--store"),
+                                            ("repair", "--forget")):
+            with self.subTest((command, option)):
+                self.assertEqual(self.fail_with(2, command, *arguments, option, ""),
+                                 f"qzfi: {command}: {option}: its value is empty; `qzfi {command} --help` tells more\n")
+
     def test_help_and_version_succeed(self):
         for arguments in (("--help",), ("--version",), ("freeze", "--help"), ("-h",)):
             with self.subTest(arguments):

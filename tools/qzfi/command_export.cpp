@@ -37,7 +37,8 @@ void add_export(CommandLine &line) {
                                             "also on another host.");
                              add_image(command, options.image);
                              command.add_option("--to", options.to, "The new folder; else one named as the image, here")
-                                 .type_name("DIR");
+                                 .type_name("DIR")
+                                 .not_empty();
                          });
 }
 

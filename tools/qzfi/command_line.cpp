@@ -25,6 +25,11 @@ Argument &Argument::within(Number least, Number most) {
     return *this;
 }
 
+Argument &Argument::not_empty() {
+    option_->check(CLI::Validator([](std::string &value) { return value.empty() ? "its value is empty" : ""; }, ""));
+    return *this;
+}
+
 Argument &Argument::excludes(const std::string &other) {
     option_->excludes(other);
     return *this;
@@ -40,10 +45,8 @@ Argument Arguments::add_flag(const std::string &names, bool &value, const std::s
 }
 
 Argument Arguments::add_directory(const std::string &names, std::string &value, const std::string &description) {
-    const auto keep = [&value](const std::string &given) {
-        value = given.empty() ? "" : std::filesystem::absolute(given);
-    };
-    return Argument(command_->add_option_function<std::string>(names, keep, description)->type_name("DIR"));
+    const auto keep = [&value](const std::string &given) { value = std::filesystem::absolute(given); };
+    return Argument(command_->add_option_function<std::string>(names, keep, description)->type_name("DIR")).not_empty();
 }
 
 void Arguments::footer(const std::string &text) {

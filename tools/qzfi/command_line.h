@@ -27,6 +27,8 @@ public:
     /// Numbers from `least` to `most`.
     template <typename Number>
     Argument &within(Number least, Number most);
+    /// An empty value, as of a variable that is not set, would count for none; it is refused instead.
+    Argument &not_empty();
     /// Not together with another one that was declared before.
     Argument &excludes(const std::string &other);
 
@@ -43,7 +45,7 @@ public:
     template <typename Value>
     Argument add_option(const std::string &names, Value &value, const std::string &description);
     Argument add_flag(const std::string &names, bool &value, const std::string &description);
-    /// A directory's path, made absolute: the library keeps it, and may be asked from elsewhere.
+    /// A directory's path, never empty, made absolute: the library keeps it, and may be asked from elsewhere.
     Argument add_directory(const std::string &names, std::string &value, const std::string &description);
     /// What the help says below the options.
     void footer(const std::string &text);

@@ -330,7 +330,7 @@ void add_prune(CommandLine &line) {
             .type_name("PCT")
             .within(0.0, 100.0);
         add_store(command, options.store, "Only images of this store");
-        command.add_option("--object", options.object, "Only images of this directory").type_name("PATH");
+        command.add_option("--object", options.object, "Only images of this directory").type_name("PATH").not_empty();
         command.add_flag("--dry-run", options.dry_run, "Only list what would be removed, and why the rest stays");
         add_yes(command, options.yes);
         add_json(command, options.json);

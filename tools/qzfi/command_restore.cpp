@@ -11,7 +11,8 @@ void add_restore(CommandLine &line) {
                            "the original is whole. With --digest, --dry-run compares data too.");
             add_restoring(command, options);
             command.add_option("--to", options.to, "Restore into this new folder; nothing is replaced, nothing asked")
-                .type_name("DIR");
+                .type_name("DIR")
+                .not_empty();
         });
 }
 

@@ -91,7 +91,8 @@ int run_resync(const Settings &settings, const RestoreOptions &options) {
 void add_restoring(Arguments &command, RestoreOptions &options) {
     add_image(command, options.image);
     command.add_option("--only", options.only, "Only what lies there: below the object, or the original's path")
-        .type_name("SUB");
+        .type_name("SUB")
+        .not_empty();
     command.add_flag("--dry-run", options.dry_run, "Only list what would be changed");
     command.add_flag("--digest", options.digest, "Compare data too where sizes and times agree");
     add_workers(command, options.workers);
