@@ -1,5 +1,6 @@
 """qzfi restore, resync, rm, prune, export and import: what changes originals, images and stores."""
 import os
+import shutil
 import unittest
 
 import support
@@ -116,6 +117,24 @@ class Remove(ToolTest):
         document = self.json("prune", "--keep-last", "1", "--store", self.store, "--yes")
         self.assertEqual([one["removed"] for one in document["images"]], [True, True, False])
         self.assertEqual(self.listed(), ids[2:])
+
+    def test_an_object_that_cannot_be_looked_at_prunes_nothing(self):
+        ids = [self.freeze() for _ in range(2)]
+        loop = self.folder / "loop"
+        loop.symlink_to("loop")
+        error = self.fail_with(1, "prune", "--object", loop, "--keep-last", "1", "--store", self.store, "--yes")
+        self.assertEqual(error, f"qzfi: look at {loop}: Too many levels of symbolic links\n")
+        self.assertEqual(self.listed(), ids)
+
+    def test_an_object_that_is_gone_is_known_by_its_path(self):
+        other = self.folder / "other"
+        other.mkdir()
+        self.freeze(other, "--method", "copy", "--store", self.store)
+        ids = [self.freeze() for _ in range(2)]
+        shutil.rmtree(self.data)
+        images = self.json("prune", "--object", f"{self.data}/", "--keep-last", "1", "--store", self.store,
+                           "--dry-run")["images"]
+        self.assertEqual([(one["id"], one["action"]) for one in images], [(ids[0], "remove"), (ids[1], "keep")])
 
     def test_an_image_goes_out_and_comes_back(self):
         identity = self.freeze()

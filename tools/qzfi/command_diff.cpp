@@ -39,32 +39,22 @@ bool touches(const qfi_domain *from, const std::string &path) {
     return false;
 }
 
-std::string resolved(const std::filesystem::path &given) {
-    std::error_code error;
-    std::string path = std::filesystem::weakly_canonical(given, error).string();
-    if (error)
-        throw Failure("look at " + given.string() + ": " + error.message());
-    if (path.size() > 1 && path.back() == '/')
-        path.pop_back();
-    return path;
-}
-
 // A path in the image's originals, as the image names them; empty for one elsewhere. It may be gone: that is a
 // difference. A link at its end is meant itself when it lies in the image, else what it leads to.
 std::string original_path(const qfi_domain *from, const std::string &given) {
     const std::filesystem::path path = std::filesystem::absolute(given);
     const std::string name = path.filename().string();
     if (!name.empty() && name != "." && name != "..") {
-        const std::string above = resolved(path.parent_path());
+        const std::string above = resolved_path(path.parent_path());
         if (std::string itself = (above == "/" ? "" : above) + "/" + name; touches(from, itself))
             return itself;
     }
-    const std::string target = resolved(path);
+    const std::string target = resolved_path(path);
     return touches(from, target) ? target : "";
 }
 
 void use_directory(Other &other, const qfi_domain *from, const std::string &given) {
-    other.directory = resolved(std::filesystem::absolute(given));
+    other.directory = resolved_path(given);
     std::error_code error;
     if (!std::filesystem::is_directory(other.directory, error))
         throw Failure("compare image " + id_of(from) + " with " + other.directory + ": it is no path of the image, " +

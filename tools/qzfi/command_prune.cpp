@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cmath>
 #include <fcntl.h>
-#include <filesystem>
 #include <iostream>
 #include <linux/magic.h>
 #include <set>
@@ -13,6 +12,7 @@
 
 #include "tools/qzfi/commands.h"
 #include "tools/qzfi/json.h"
+#include "tools/qzfi/places.h"
 #include "tools/qzfi/progress.h"
 #include "tools/qzfi/prune_policy.h"
 #include "tools/qzfi/removing.h"
@@ -273,10 +273,8 @@ int tell_goals(const std::vector<StoreGoal> &goals, const Options &options) {
 int run(const Settings &settings, const Options &given) {
     require_options(given);
     Options options = given;
-    if (!options.object.empty()) {
-        std::error_code error; // it may be gone
-        options.object = std::filesystem::weakly_canonical(given.object, error).string();
-    }
+    if (!given.object.empty())
+        options.object = resolved_path(given.object); // it may be gone
     const Session session(settings);
     Plan plan = plan_of(all_images(options.store).get(), options);
     std::vector<StoreGoal> goals = goals_of(plan, options);

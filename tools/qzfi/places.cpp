@@ -1,5 +1,7 @@
 #include "tools/qzfi/places.h"
 
+#include <filesystem>
+
 #include "tools/qzfi/text.h"
 
 namespace qzfi::tool {
@@ -38,6 +40,16 @@ std::vector<const qfi_domain *> object_nodes(const qfi_domain *tree) {
         for (const qfi_domain *object = filesystem->fid_children; object != nullptr; object = object->fid_siblings)
             nodes.push_back(object);
     return nodes;
+}
+
+std::string resolved_path(const std::string &given) {
+    std::error_code error;
+    std::string path = std::filesystem::absolute(given, error).string();
+    if (!error)
+        path = std::filesystem::weakly_canonical(path, error).string();
+    if (error)
+        throw Failure("look at " + given + ": " + error.message());
+    return tidy(path);
 }
 
 bool lies_within(const std::string &path, const std::string &directory) {

@@ -36,6 +36,10 @@ Place find_place(const qfi_domain *tree, const PlaceName &name);
 /// What lies below the one object of a tree, for operations that take only that. Throws Failure as `find_place`.
 std::string below_the_object(const qfi_domain *tree, const std::string &file);
 
+/// A path without links, dots and slashes at its end; of what is not there as far as it goes. Throws Failure, so that
+/// one that cannot be looked at never passes for none.
+std::string resolved_path(const std::string &given);
+
 /// True for the path itself and what lies below it.
 bool lies_within(const std::string &path, const std::string &directory);
 
