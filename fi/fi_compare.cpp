@@ -1,6 +1,7 @@
 #include "fi/fi_compare.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
 #include <map>
 #include <sys/stat.h>
@@ -220,6 +221,9 @@ void verify_object(const HeldImage &image, std::size_t index, const WalkOptions 
     const std::string &path = image.filesystem().objects[index].path;
     const Descriptor directory = image.object(index);
     if (!image.has_manifest(index)) {
+        if (image.record().entries != 0) // they were counted when it was written
+            fail(message::damaged, QFI_FI_DAMAGED, operation,
+                 {image.record().id, HeldImage::manifest_name(index), error_text(ENOENT)});
         report.add({QFI_REMARK_WARNING, 0, path, "", "without a manifest: only that the image is there was verified"});
         return;
     }

@@ -264,7 +264,7 @@ private:
         const std::string manifest = HeldImage::manifest_name(index);
         struct stat status {};
         if (fstatat(image.directory(), manifest.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            if (record.has_digests)
+            if (record.entries != 0) // they were counted when it was written
                 fail_folder(record.id, path_of(record, manifest), "it is missing", operation_);
             return;
         }

@@ -191,6 +191,14 @@ TEST_P(Compare, verify_says_when_there_is_no_manifest) {
                   {QFI_REMARK_WARNING, object, "", "without a manifest: only that the image is there was verified"}}));
 }
 
+TEST_P(Compare, verify_misses_a_manifest) {
+    const Tree tree = freeze({object}, store);
+    fs::remove(store / "images" / tree.image_id() / "manifest.0");
+    EXPECT_EQ(qfi_op_objctl(tree.get(), QFI_OBJCTL_VERIFY, nullptr, nullptr), QFI_FI_DAMAGED);
+    EXPECT_EQ(last_error(),
+              "qzfi_objctl: image " + tree.image_id() + " is damaged: manifest.0: No such file or directory (2)\n");
+}
+
 TEST_P(Compare, verify_misses_an_object) {
     const Tree tree = freeze({object}, store, "copy");
     fs::remove_all(tree.image_path());

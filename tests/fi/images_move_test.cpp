@@ -260,6 +260,18 @@ TEST_P(Move, verifies_what_it_imports_when_told_to) {
     EXPECT_EQ(import(), 0) << last_error();
 }
 
+TEST_P(Move, verifying_misses_a_manifest_of_an_image_without_digests_too) {
+    Tree tree = freeze({object}, store, "copy", false);
+    const std::string id = tree.image_id();
+    ASSERT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), 0) << last_error();
+    fs::remove(exported / id / "manifest.0");
+    set_options(1, 0);
+    EXPECT_EQ(import(), QFI_FI_DAMAGED);
+    EXPECT_EQ(last_error(), "qzfi_import_tree: image " + id +
+                                " is damaged: " + (exported / id / "manifest.0").string() + ": it is missing\n");
+    expect_nothing_imported();
+}
+
 TEST_P(Move, of_an_image_that_is_read_is_busy) {
     Tree tree = freeze({object}, store, "copy");
     const int lock = open((store / "images" / tree.image_id() / "lock").c_str(), O_RDONLY | O_CLOEXEC);
