@@ -1,6 +1,8 @@
 """qzfi show, tree, path, cat, diff and verify: what is told of an image."""
+import json
 import os
 import re
+import subprocess
 import unittest
 
 import support
@@ -124,7 +126,6 @@ class PathAndCat(ToolTest):
 
     def cat(self, name):
         command = support.tool_command("cat", self.identity, "--store", self.store)
-        import subprocess
         return subprocess.run([*command, name], env=support.environment(), capture_output=True, check=False)
 
     def test_paths_are_printed_as_they_are(self):
@@ -262,10 +263,34 @@ T {self.data}/type
   qzfi_objctl: image {gone} is damaged: {self.store}/images/{gone}: No such file or directory (2)
 """)
         result = support.qzfi("verify", "--all", "--json", "--store", self.store)
-        import json
         document = json.loads(result.out)
         self.check_schema(document, "verify")
         self.assertEqual([one["verdict"] for one in document["images"]], ["sound", "damaged", "damaged"])
+
+    def test_a_missing_manifest_is_damage(self):
+        for options in ((), ("--digest",)):
+            with self.subTest(options):
+                identity = self.freeze(self.data, "--method", "copy", "--store", self.store, *options)
+                (self.store / "images" / identity / "manifest.0").unlink()
+                result = support.qzfi("verify", identity, "--store", self.store)
+                self.assertEqual((result.code, result.err), (3, ""), str(result))
+                self.assertEqual(result.out, f"""\
+{identity}  damaged
+  The image is damaged (1032)
+  qzfi_objctl: image {identity} is damaged: manifest.0: No such file or directory (2)
+""")
+
+    @unittest.skipIf(os.geteuid() != 0, "only root can become a user who may not read")
+    def test_an_image_that_may_not_be_read_is_told_as_a_failure(self):
+        identity = self.freeze()
+        for folder in (support.scratch(), self.folder, self.store, self.store / "images"):
+            folder.chmod(0o755)
+        (self.store / "catalog.db").chmod(0o644)
+        (self.store / "images" / identity).chmod(0o700)
+        result = support.qzfi("verify", identity, "--store", self.store, user=65534, group=65534, extra_groups=[])
+        self.assertEqual((result.code, result.out), (1, f"{identity}  not verified\n"), str(result))
+        self.assertEqual(result.err, f"qzfi: verify image {identity}: Not permitted (1041)\n"
+                                     f"  qzfi_objctl: no right to open {self.store}/images/{identity}\n")
 
 
 if __name__ == "__main__":

@@ -22,8 +22,8 @@ enum class Verdict { sound, damaged, failed };
 struct Verified {
     std::string id;
     Verdict verdict = Verdict::sound;
-    Report report; // null when the image could not be looked at
-    std::vector<std::string> causes;
+    Report report;                   // null when the image could not be looked at
+    std::vector<std::string> causes; // the status first
 };
 
 Verified verify(const qfi_image &image) {
@@ -51,7 +51,7 @@ void print_verified(const Verified &one) {
     else
         std::cout << one.id << "  " << red(one.verdict == Verdict::damaged ? "damaged" : "not verified") << '\n';
     const bool tells_entries = report != nullptr && report->count > 0;
-    if (!tells_entries)
+    if (one.verdict == Verdict::damaged && !tells_entries)
         for (const std::string &cause : one.causes)
             std::cout << "  " << printable(cause) << '\n';
     for (uint64_t index = 0; tells_entries && index < report->shown; ++index) {
@@ -96,6 +96,9 @@ int run(const Settings &settings, const Options &options) {
             list.push_back(json_of_verified(one));
         else
             print_verified(one);
+        if (one.verdict == Verdict::failed)
+            tell(Failure("verify image " + one.id + ": " + one.causes.front(), exit_failed,
+                         {one.causes.begin() + 1, one.causes.end()}));
     }
     if (options.json)
         print(Json{{"images", std::move(list)}});
