@@ -1,6 +1,8 @@
 """What people see: tables, progress and colour on terminals of several widths; and wrong usage."""
 import os
 import re
+import signal
+import time
 import unittest
 
 import support
@@ -101,6 +103,38 @@ class Progress(ToolTest):
                 self.assertRegex(result.out, r"\r\x1b\[Ksplit .*ent")
                 self.assertRegex(result.out, rf"\r\x1b\[K{IMAGE_ID}\n$")
                 self.assertLess(columns_of(result.out), columns)
+
+    def fill(self):
+        """So many files that copying them takes longer than a signal."""
+        for number in range(20000):
+            (self.data / f"file-{number}").write_bytes(b"x")
+
+    def pause(self, process, seconds):
+        """Lets time go by for a command that copies."""
+        process.send_signal(signal.SIGSTOP)
+        time.sleep(seconds)
+        process.send_signal(signal.SIGCONT)
+
+    def test_the_bar_tells_rate_and_time_left(self):
+        self.fill()
+        restore = ("restore", self.freeze(), "--to", self.folder / "there", "--store", self.store, "--workers", "1")
+        with support.Terminal(support.tool_command(*restore), columns=200) as terminal:
+            terminal.read_until(r"restore \[")
+            self.pause(terminal.process, 1.1)
+            result = terminal.finish()
+        self.assertEqual(result.code, 0, str(result))
+        self.assertRegex(result.out, r"restore \[#*\.*\] [0-9]+%  [0-9,]+ entries  [0-9.]+ \S+  [0-9.]+ \S+/s  "
+                                     r"[0-9]+:[0-9]{2} min left  ")
+
+    def test_a_pipe_gets_a_line_after_ten_seconds(self):
+        self.fill()
+        process = support.start(*self.arguments)
+        support.wait_for(lambda: any(self.store.glob("images/.new-*/objects/0/file-*")), "the copying")
+        self.pause(process, 10.1)
+        out, error = process.communicate(timeout=support.PATIENCE)
+        self.assertEqual(process.returncode, 0, error)
+        self.assertRegex(out, rf"^{IMAGE_ID}\n$")
+        self.assertRegex(error, r"^(split [^\n]+: [0-9,]+ entries  [0-9.]+ \S+  [0-9.]+ \S+/s\n)+$")
 
     def test_a_terminal_without_cursor_movement_gets_none(self):
         result = support.on_terminal(*self.arguments, env=support.environment(TERM="dumb"))
