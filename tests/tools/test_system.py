@@ -186,6 +186,10 @@ class Log(ToolTest):
         self.log("--off")
         self.assertEqual((self.json("log")["levels"], self.configuration.read_text()), ([], ""))
 
+    def test_quiet_silences_what_is_done_and_not_what_is_asked(self):
+        self.assertEqual(self.log("--level", "WARN", "--quiet"), "")
+        self.assertIn("Levels:        WARN\n", self.log("--quiet"))
+
     def test_other_lines_stay_as_they_are(self):
         self.configuration.write_text("# debug_level=INFO\nother = 1\ndebug_level = WARN\nlast = 2\ndebug_level=INFO")
         self.configuration.chmod(0o640)

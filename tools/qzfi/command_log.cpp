@@ -197,12 +197,13 @@ void print_text(const std::string &root, const LogFolder &folder) {
 }
 
 int run(const Settings &settings, const Options &options) {
-    if (options.off || !options.levels.empty())
+    const bool sets = options.off || !options.levels.empty();
+    if (sets)
         set_levels(settings.root, levels_of(options.levels));
     const LogFolder folder = log_folder(settings.root);
     if (options.json)
         print(json_of(settings.root, folder));
-    else if (!settings.quiet)
+    else if (!sets || !settings.quiet)
         print_text(settings.root, folder);
     return exit_done;
 }

@@ -35,6 +35,8 @@ void print_text(const qfi_report &report, const std::vector<Store> &stores) {
                   << printable(item.object) << ": " << printable(item.detail)
                   << (is_damaged(item) ? "; `qzfi rm` forgets it\n" : "\n");
     }
+    if (report.count > report.shown)
+        std::cout << "and " << grouped(report.count - report.shown) << " more\n";
     for (const Store &store : stores)
         if (store.debris > 0)
             std::cout << "left: " << grouped(store.debris) << " half-made in store " << printable(store.path)

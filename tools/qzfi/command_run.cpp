@@ -148,7 +148,7 @@ void add_run(CommandLine &line) {
         [](Arguments &command, Options &options) {
             command.footer(
                 "Write \"--\" before the command. One word is a text for /bin/bash; several are a command and "
-                "its arguments. It starts\nafter two seconds, has nothing to read on standard input, and its exit "
+                "its arguments. It starts after two seconds, has nothing to read on standard input, and its exit "
                 "code becomes that of qzfi.");
             command.add_option("COMMAND", options.words, "The command, with its arguments").required();
         });

@@ -70,7 +70,7 @@ void declare(CommandLine &line) {
     app.add_option("--root", line.settings.root, "The installation root; else QFI_ROOT, else /usr/lumen")
         ->type_name("DIR")
         ->check(CLI::Validator(CLI::ExistingDirectory).description(""));
-    app.add_flag("-q,--quiet", line.settings.quiet, "No progress and no remarks on standard error");
+    app.add_flag("-q,--quiet", line.settings.quiet, "No progress, no remarks, no word of what was done");
     app.add_flag("--trace", line.settings.trace, "Show trace lines on standard error; `qzfi log` chooses which");
     // Not in the help: whoever installs needs it, once.
     app.add_option_function<std::string>(

@@ -43,8 +43,7 @@ int run(const Settings &settings, const RestoreOptions &options, const Kind &kin
     const Tree tree = open_tree(name);
     const std::string only = options.only.empty() ? "" : below_the_object(tree.get(), options.only);
     const std::string to = options.to.empty() ? "" : std::filesystem::absolute(options.to).string();
-    const std::string what =
-        objects_text(tree.get()) + (only.empty() ? "" : "/" + only); // with a part there is only one object
+    const std::string what = path_below(objects_text(tree.get()), only); // with a part there is only one object
     if (!options.dry_run && to.empty() && !confirm(question(kind, what, name), options.yes))
         throw Failure("nothing was changed");
     qfi_restore_options how;
