@@ -17,7 +17,7 @@ void tell(char step) {
         _exit(1);
 }
 
-/// Versions are four signed 16-bit numbers, the first in the lowest bits.
+// Versions are four signed 16-bit numbers, the first in the lowest bits.
 constexpr bool is_newer(uint64_t version, uint64_t than) {
     for (int bits = 0; bits < 64; bits += 16) {
         const auto number = static_cast<int16_t>(version >> bits), other = static_cast<int16_t>(than >> bits);

@@ -71,17 +71,17 @@ static int open_plain_file(int directory, const char *name, struct stat *status)
     return -1;
 }
 
-static int copy_data(int from, int to) {
+static int32_t copy_data(const qfi_provider_job *job, int from, int to, const char *name) {
     char buffer[65536];
     ssize_t length;
     while ((length = read(from, buffer, sizeof(buffer))) > 0)
         for (ssize_t done = 0; done < length;) {
             const ssize_t written = write(to, buffer + done, (size_t)(length - done));
             if (written < 0)
-                return -1;
+                return fail_write(job, "write", name);
             done += written;
         }
-    return length < 0 ? -1 : 0;
+    return length < 0 ? fail_read(job, "read", name) : 0;
 }
 
 static int keep_attributes(int to, const struct stat *status) {
@@ -113,9 +113,9 @@ static int32_t copy_file(const qfi_provider_job *job, int directory, const char 
     if (from < 0)
         return fail_read(job, "opening a plain file", name);
     const int to = openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    int32_t result = 0;
-    if (to < 0 || copy_data(from, to) != 0 || keep_attributes(to, &status) != 0)
-        result = fail_write(job, "copying", name);
+    int32_t result = to < 0 ? fail_write(job, "creating", name) : copy_data(job, from, to, name);
+    if (result == 0 && keep_attributes(to, &status) != 0)
+        result = fail_write(job, "keeping owner, mode and times", name);
     if (result == 0 && flistxattr(from, NULL, 0) > 0)
         remark(job, QFI_REMARK_ATTRIBUTE, name, "extended attributes");
     if (result == 0 && status.st_nlink > 1)

@@ -32,6 +32,8 @@ int open_leased(int directory, const char *name) noexcept {
         return descriptor;
     };
     const int descriptor = opened(O_NOATIME);
+    if (descriptor < 0 && errno == ENOENT)
+        errno = EAGAIN; // no /proc: the file is there
     return descriptor >= 0 || errno != EPERM ? descriptor : opened(0);
 }
 
