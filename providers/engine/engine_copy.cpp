@@ -36,7 +36,7 @@ uint32_t read_umask() {
 Copier::Copier(const Options &given, const qfi_provider_host &to, bool updates)
     : Run(given, to), updates_(updates), links_(directories, given.digest), umask_(read_umask()),
       most_waiting_(std::clamp<std::size_t>(eighth_of_descriptors() / std::max(given.workers, 1u) / 2, 1, 32)),
-      waiting_(std::max(given.workers, 1u)), creators_(std::clamp(given.workers / 2, 1u, 64u)) {}
+      waiting_(std::max(given.workers, 1u)) {}
 
 Copier::~Copier() {
     for (LateFlags &late : late_)
@@ -81,7 +81,6 @@ Directory *Copier::open_root(Worker &worker, int source, int target, const char 
     // Btrfs lets one thread at a time write a file, and those that wait only cost.
     const bool is_known = fstatfs(target, &filesystem) == 0;
     shares_files_ = !is_known || filesystem.f_type != BTRFS_SUPER_MAGIC;
-    takes_turns_ = shares_files_ && options.workers > 1; // on Btrfs all steps wait for one tree: nothing is won
     if (!shares_files_)
         means_.least_in_kernel = 0; // there writing costs more than sharing
     shares_blocks_ = is_known && (filesystem.f_type == BTRFS_SUPER_MAGIC || filesystem.f_type == XFS_SUPER_MAGIC);

@@ -1,7 +1,6 @@
 // The run that copies a tree, into a new directory or over an existing one.
 #pragma once
 
-#include <semaphore>
 #include <unordered_map>
 
 #include "providers/engine/engine_attributes.h"
@@ -101,9 +100,6 @@ private:
     uint32_t umask_ = 0;
     std::size_t most_waiting_;                   // files of a worker
     std::vector<std::vector<FileCopy>> waiting_; // by worker; all of one directory
-    std::counting_semaphore<64> creators_;       // half of the workers
-    bool takes_turns_ = true;                    // where they wait for each other
-    std::atomic<int> turns_{0};                  // batches that are still made so
     bool lists_inodes_ = false;                  // a listing's inodes are those of the files
     bool shares_files_ = true;                   // several threads write one file faster than one
     bool shares_blocks_ = false;                 // where the kernel copies, it copies a file at once

@@ -6,7 +6,6 @@
 #include <linux/fs.h>
 #include <new>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 
 #include <qzfi_fi.h>
 
@@ -22,34 +21,6 @@ constexpr uint32_t forbidding_flags = FS_IMMUTABLE_FL | FS_APPEND_FL;
 void put_name(char (&out)[256], const char *name) {
     memcpy(out, name, strlen(name) + 1);
 }
-
-constexpr std::size_t least_to_take_turns = 8; // files
-constexpr int turns_after_waiting = 8;
-
-/// How often this thread gave the processor away to wait.
-long waits_so_far() noexcept {
-    rusage usage{};
-    return getrusage(RUSAGE_THREAD, &usage) == 0 ? usage.ru_nvcsw : 0;
-}
-
-/// Has a place in a semaphore, if there is one.
-using Semaphore = std::counting_semaphore<64>;
-class Turn {
-public:
-    explicit Turn(Semaphore *semaphore) : semaphore_(semaphore) {
-        if (semaphore_ != nullptr)
-            semaphore_->acquire();
-    }
-    ~Turn() {
-        if (semaphore_ != nullptr)
-            semaphore_->release();
-    }
-    Turn(const Turn &) = delete;
-    Turn &operator=(const Turn &) = delete;
-
-private:
-    Semaphore *const semaphore_;
-};
 
 } // namespace
 
@@ -110,29 +81,16 @@ bool Copier::may_wait(const FileCopy &copy) const noexcept {
 }
 
 /// Copies the files that wait, all of them step by step: the kernel is faster at what it just did, and two workers at
-/// different steps hinder each other less. Where they wait for each other as they make files (an allocation group of
-/// XFS is one's at a time, and each wait costs a change of threads), for a while only half of them do so at a time.
+/// different steps hinder each other less.
 void Copier::end_entries(Worker &worker) {
     std::vector<FileCopy> &waiting = waiting_[worker.index];
-    if (waiting.empty())
-        return;
     const auto each = [&](auto step) {
         for (FileCopy &copy : waiting) {
             if (copy.from && !is_stopped() && !step(copy))
                 copy.from.reset();
         }
     };
-    const bool is_crowd = takes_turns_ && waiting.size() >= least_to_take_turns;
-    const bool takes_turn = is_crowd && turns_.load(std::memory_order_relaxed) > 0;
-    {
-        const Turn turn(takes_turn ? &creators_ : nullptr);
-        const long before = is_crowd ? waits_so_far() : 0;
-        each([&](FileCopy &copy) { return create(worker, copy); });
-        if (is_crowd && waits_so_far() - before > static_cast<long>(waiting.size() / 4))
-            turns_.store(turns_after_waiting, std::memory_order_relaxed);
-        else if (takes_turn)
-            turns_.fetch_sub(1, std::memory_order_relaxed);
-    }
+    each([&](FileCopy &copy) { return create(worker, copy); });
     each([&](FileCopy &copy) {
         reached(Point::created, copy.name);
         keep_early_flags(copy.to.get(), copy.flags, false);

@@ -113,24 +113,6 @@ TEST_P(Between, a_large_file_can_be_cancelled) {
     EXPECT_LE(host.progress_calls, 3);
 }
 
-class Crowd : public EngineTest, public testing::WithParamInterface<const char *> {};
-TEST_P(Crowd, many_workers_that_wait_for_each_other_copy_all) {
-    if (const auto obstacle = LoopFilesystem::obstacle(GetParam()))
-        GTEST_SKIP() << *obstacle;
-    const LoopFilesystem disk(GetParam(), 600);
-    use(disk.path());
-    sh("mkdir s; cd s; for i in $(seq 40); do mkdir d$i; for j in $(seq 100); do echo $i.$j > d$i/f$j; done; done");
-    for (const Data data : {Data::clone_or_copy, Data::copy}) {
-        options.data = data;
-        options.workers = 8;
-        EXPECT_EQ(copy("s", "c").entries, 4041u);
-        EXPECT_EQ(output("diff -r s c; find c -type f | wc -l"), "4000\n");
-        EXPECT_EQ(remove("c").status, 0);
-    }
-    EXPECT_TRUE(host.remarks.empty());
-}
-INSTANTIATE_TEST_SUITE_P(, Crowd, testing::Values("xfs", "btrfs", "ext4"), [](const auto &one) { return one.param; });
-
 INSTANTIATE_TEST_SUITE_P(, Between,
                          testing::Values(Case{"btrfs", "btrfs", 2}, Case{"xfs", "xfs", 2}, Case{"ext4", "ext4", 2},
                                          Case{"ext4", "ext4", 1}, Case{"ext4", "xfs", 2}, Case{"xfs", "btrfs", 2},
