@@ -107,7 +107,7 @@ TEST_P(Move, an_export_that_was_cut_short_is_completed_in_a_folder_that_nobody_e
         EXPECT_FALSE(fs::exists(exported / id));
         EXPECT_EQ(differences(object, tree.image_path()), "");
     };
-    for (const mode_t mode : {0770, 0707}) {
+    for (const mode_t mode : {mode_t{0770}, mode_t{0707}}) {
         ASSERT_EQ(chmod(exported.c_str(), mode), 0);
         refused();
     }
