@@ -3,14 +3,12 @@
 
 #include <fcntl.h>
 #include <fstream>
-#include <linux/fiemap.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <qzfi_fi.h>
 
+#include "support/extents.h"
 #include "support/loop_filesystem.h"
 #include "support/sanitized.h"
 
@@ -57,16 +55,7 @@ protected:
 
 /// Whether another file has the blocks of a file's beginning too.
 bool is_shared(const std::string &path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    fsync(fd);
-    alignas(fiemap) char memory[sizeof(fiemap) + sizeof(fiemap_extent)] = {};
-    fiemap *const map = reinterpret_cast<fiemap *>(memory);
-    map->fm_length = 4096;
-    map->fm_extent_count = 1;
-    EXPECT_EQ(ioctl(fd, FS_IOC_FIEMAP, map), 0) << path;
-    EXPECT_EQ(map->fm_mapped_extents, 1u) << path;
-    close(fd);
-    return (map->fm_extents[0].fe_flags & FIEMAP_EXTENT_SHARED) != 0;
+    return (first_extent(path).fe_flags & FIEMAP_EXTENT_SHARED) != 0;
 }
 
 TEST_P(Between, files_of_all_sizes_arrive_with_their_holes) {

@@ -1,15 +1,13 @@
 // The providers "reflink" and "copy", whose images are trees of their own, on the file systems that they serve.
 #include <fcntl.h>
-#include <linux/fiemap.h>
-#include <linux/fs.h>
 #include <optional>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <btrfsutil.h>
 
 #include "provider_support.h"
+#include "support/extents.h"
 #include "support/loop_filesystem.h"
 
 namespace {
@@ -46,20 +44,6 @@ protected:
     const Plugin plugin{GetParam().provider};
 };
 
-/// Where the data of a file's first extent lies on the device.
-uint64_t first_extent(const fs::path &path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    fsync(fd);
-    alignas(fiemap) char memory[sizeof(fiemap) + sizeof(fiemap_extent)] = {};
-    fiemap *const map = reinterpret_cast<fiemap *>(memory);
-    map->fm_length = 4096;
-    map->fm_extent_count = 1;
-    EXPECT_EQ(ioctl(fd, FS_IOC_FIEMAP, map), 0) << path;
-    EXPECT_EQ(map->fm_mapped_extents, 1u) << path;
-    close(fd);
-    return map->fm_extents[0].fe_physical;
-}
-
 TEST_P(Trees, the_probe_offers_what_the_provider_can) {
     const qfi_probe result = probe(plugin, root / "data", root / "store");
     EXPECT_EQ(result.combo_class, QFI_SERIAL_FS);
@@ -85,7 +69,8 @@ TEST_P(Trees, a_split_makes_an_image_that_later_changes_do_not_reach) {
     ASSERT_EQ(plugin->split(&job), 0) << job.failed_operation << " " << job.failed_object;
     EXPECT_EQ(job.subpath(), "");
     EXPECT_TRUE(job.remarks.empty());
-    EXPECT_EQ(first_extent(root / "data/file") == first_extent(root / "store/image/file"), shares_blocks());
+    EXPECT_EQ(first_extent(root / "data/file").fe_physical == first_extent(root / "store/image/file").fe_physical,
+              shares_blocks());
     write_file(root / "data/file", "changed");
     fs::remove_all(root / "data/folder");
     EXPECT_EQ(listing(root / "store/image"), before);
@@ -95,7 +80,8 @@ TEST_P(Trees, a_split_makes_an_image_that_later_changes_do_not_reach) {
 TEST_P(Trees, a_copy_with_digests_is_of_blocks_of_its_own) {
     Job job(root / "data", root / "store", "image", QFI_JOB_MANIFEST | QFI_JOB_DIGEST);
     ASSERT_EQ(plugin->split(&job), 0) << job.failed_operation << " " << job.failed_object;
-    EXPECT_EQ(first_extent(root / "data/file") == first_extent(root / "store/image/file"), clones());
+    EXPECT_EQ(first_extent(root / "data/file").fe_physical == first_extent(root / "store/image/file").fe_physical,
+              clones());
     EXPECT_EQ(listing(root / "store/image"), before);
 }
 
