@@ -99,8 +99,9 @@ TEST_P(Between, a_large_file_can_be_cancelled) {
     sh("head -c 200000000 /dev/zero > " + source + "/f");
     host.cancel_at = 2;
     EXPECT_EQ(copied(), static_cast<int32_t>(QFI_FI_CANCELLED));
-    if (options.workers == 1) // another worker may tell more before this one has taken in what its call returned
+    if (options.workers == 1) { // another one may tell more before this one has taken in what its call returned
         EXPECT_LE(host.progress_calls, 3);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(, Between,
