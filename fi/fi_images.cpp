@@ -53,22 +53,18 @@ HeldImage::~HeldImage() {
 }
 
 Descriptor HeldImage::object(std::size_t index) const {
-    return open_frozen(filesystem_, directory_.get(), index, operation_);
-}
-
-Descriptor open_frozen(const TreeFilesystem &filesystem, int image, std::size_t index, const char *operation) {
-    const std::string &subpath = filesystem.objects[index].image.subpath;
+    const std::string &subpath = filesystem_.objects[index].image.subpath;
     std::string path = std::string(objects_name) + "/" + NewImage::object_name(index);
     if (!subpath.empty())
         path += "/" + subpath;
-    Descriptor object(open_beneath(image, path.c_str(), O_RDONLY | O_DIRECTORY));
+    Descriptor object(open_beneath(directory_.get(), path.c_str(), O_RDONLY | O_DIRECTORY));
     if (object)
         return object;
     const int error = errno;
-    const std::string &id = filesystem.record.id, shown = filesystem.store->image_path(id) + "/" + path;
+    const std::string &id = record().id, shown = filesystem_.store->image_path(id) + "/" + path;
     if (error == ENOENT || error == ENOTDIR || error == ELOOP || error == EXDEV)
-        fail(message::damaged, QFI_FI_DAMAGED, operation, {id, shown, error_text(error)});
-    fail_call(operation, "open", shown, error, true);
+        fail(message::damaged, QFI_FI_DAMAGED, operation_, {id, shown, error_text(error)});
+    fail_call(operation_, "open", shown, error, true);
 }
 
 std::string HeldImage::manifest_name(std::size_t index) {

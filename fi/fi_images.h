@@ -24,7 +24,7 @@ public:
     int directory() const noexcept { return directory_.get(); }
     const ImageRecord &record() const noexcept { return filesystem_.record; }
     const TreeFilesystem &filesystem() const noexcept { return filesystem_; }
-    /// The root of an object's frozen tree.
+    /// The root of an object's frozen tree, opened without a link followed. Throws QFI_FI_DAMAGED.
     Descriptor object(std::size_t index) const;
     bool has_manifest(std::size_t index) const noexcept;
     static std::string manifest_name(std::size_t index);
@@ -34,9 +34,6 @@ private:
     const char *operation_;
     Descriptor directory_, lock_;
 };
-
-/// The root of an object's frozen tree, below the image's directory, without a link followed. Throws QFI_FI_DAMAGED.
-Descriptor open_frozen(const TreeFilesystem &filesystem, int image, std::size_t index, const char *operation);
 
 /// The provider of an image; throws QFI_FI_NO_SUCH_PROVIDER when it is not loaded.
 const Provider &provider_of(const TreeFilesystem &filesystem, const char *operation);

@@ -250,8 +250,8 @@ std::string image_path(const NodePlace &place, const char *subpath, const char *
     require(place.filesystem->is_frozen, operation, "the node's image was removed");
     const auto index = static_cast<std::size_t>(place.object);
     std::string path = image_object_path(*place.filesystem, index);
-    const Descriptor directory = place.filesystem->store->open_image(place.filesystem->record.id, operation);
-    const Descriptor image = open_frozen(*place.filesystem, directory.get(), index, operation);
+    // Held, so that an image which others remove meanwhile does not look like a damaged one.
+    const Descriptor image = HeldImage(*place.filesystem, operation).object(index);
     if (subpath == nullptr || *subpath == '\0')
         return path;
     // A link at the end is shown as it is; one on the way would lead out of the image.

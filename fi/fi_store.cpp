@@ -237,6 +237,9 @@ Descriptor Store::open_image(const std::string &id, const char *operation) {
     if (image)
         return image;
     const int error = errno;
+    // Whoever removes an image takes its record first: it may have gone since the caller found it.
+    if (error == ENOENT && !state_->catalog->has(id, operation))
+        fail_missing(id, operation);
     if (error == ENOENT || error == ENOTDIR || error == ELOOP)
         fail(message::damaged, QFI_FI_DAMAGED, operation, {id, image_path(id), error_text(error)});
     fail_call(operation, "open", image_path(id), error, true);

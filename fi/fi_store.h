@@ -132,7 +132,8 @@ public:
     void remove(const std::string &id, const char *operation, RemoveObject &&remove_object) {
         remove_with(id, operation, std::forward<RemoveObject>(remove_object));
     }
-    /// The image's own directory, opened; throws when it is missing (QFI_FI_DAMAGED).
+    /// The image's own directory, opened; throws when it is missing: QFI_FI_DAMAGED, or QFI_FI_NO_SUCH_IMAGE when the
+    /// catalog has no such image either.
     Descriptor open_image(const std::string &id, const char *operation);
     /// The path of an image's directory.
     std::string image_path(const std::string &id) const;

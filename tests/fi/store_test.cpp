@@ -167,6 +167,15 @@ TEST_F(StoreTest, a_missing_folder_makes_an_image_damaged) {
     EXPECT_TRUE(store->list(op).empty());
 }
 
+// Found, and removed by another process before it is opened.
+TEST_F(StoreTest, an_image_removed_meanwhile_is_no_damaged_one) {
+    const std::shared_ptr<Store> store = open();
+    const std::string id = make_image(*store);
+    ASSERT_TRUE(store->find(id, op));
+    open()->remove(id, op, remove_all);
+    EXPECT_EQ(status_of_call([&] { store->open_image(id, op); }), QFI_FI_NO_SUCH_IMAGE);
+}
+
 TEST_F(StoreTest, links_in_the_place_of_store_images_or_image_are_refused) {
     open();
     std::filesystem::rename(path, folder.path() + "/moved");
