@@ -60,6 +60,8 @@ void prepare_filesystem(const Tree &tree, TreeFilesystem &filesystem, const char
         fail(message::method_refused, QFI_FI_NO_METHOD, operation,
              {provider.ops->fim_id, filesystem.root, chosen.reason});
     filesystem.consistency = chosen.consistency;
+    filesystem.foretold_entries = chosen.entries;
+    filesystem.foretold_bytes = chosen.bytes;
     filesystem.store = Store::open(filesystem.store_path, true, operation);
     require_room(chosen, filesystem.store->images(), operation);
     remember_store(filesystem.store->path());
@@ -356,12 +358,29 @@ void check_cancelled(const Tree &tree, Progress &progress, const char *operation
         fail(message::cancelled, QFI_FI_CANCELLED, operation, {tree.name});
 }
 
+// Of all file systems or none: a part would look like the whole. A snapshot that nobody walks takes no time.
+void tell_totals(const Tree &tree, Progress &progress) {
+    uint64_t entries = 0, bytes = 0;
+    bool knows_bytes = true;
+    for (const TreeFilesystem &filesystem : tree.filesystems) {
+        if (!wants_manifest(tree, filesystem))
+            continue;
+        if (filesystem.foretold_entries == 0)
+            return;
+        entries += filesystem.foretold_entries;
+        bytes += filesystem.foretold_bytes;
+        knows_bytes = knows_bytes && filesystem.foretold_bytes != 0;
+    }
+    progress.totals(entries, knows_bytes ? bytes : 0);
+}
+
 } // namespace
 
 void split(Tree &tree, Progress &progress, const char *operation) {
     tree.remarks.clear();
     tree.remark_count = 0;
     try {
+        tell_totals(tree, progress);
         check_cancelled(tree, progress, operation);
         for (TreeFilesystem &filesystem : tree.filesystems) {
             split_filesystem(tree, filesystem, progress, operation);

@@ -185,9 +185,10 @@ void probe_objects(Estimate &sum, const Tree &tree, const TreeFilesystem &filesy
         sum.reason = "the store " + sum.store + " cannot be opened: " + error_text(errno);
         return;
     }
+    bool knows_entries = true, knows_bytes = true;
     for (const TreeObject &object : filesystem.objects) {
         const Descriptor source = open_object(object, operation);
-        qfi_probe probe{};
+        qfi_probe probe{}; // what an earlier provider does not fill in stays 0
         probe.size = sizeof probe;
         const int32_t status =
             ops.probe(source.get(), folder.get(), object.path.c_str(), job_flags(tree.options), &probe);
@@ -197,6 +198,10 @@ void probe_objects(Estimate &sum, const Tree &tree, const TreeFilesystem &filesy
             sum.reason = "the provider failed with status " + std::to_string(status);
         else
             add_probe(sum, filesystem, object, probe);
+        knows_entries = knows_entries && probe.entries != 0;
+        knows_bytes = knows_bytes && probe.bytes != 0;
+        sum.entries = knows_entries ? sum.entries + probe.entries : 0;
+        sum.bytes = knows_bytes ? sum.bytes + probe.bytes : 0;
     }
 }
 

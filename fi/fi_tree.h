@@ -34,10 +34,12 @@ struct TreeFilesystem {
     std::vector<TreeObject> objects;
     const Provider *provider = nullptr; // once selected
     std::string store_path;             // once selected
-    uint32_t consistency = 0;           // once prepared: what the provider promised
-    std::shared_ptr<Store> store;       // once prepared, or found
-    std::unique_ptr<NewImage> image;    // between prepare and the end of split
-    ImageRecord record;                 // once split, or found
+    uint32_t consistency = 0;           // once prepared: what the provider promised,
+    uint64_t foretold_entries = 0;      // and how much it will tell of; 0 when not known
+    uint64_t foretold_bytes = 0;
+    std::shared_ptr<Store> store;    // once prepared, or found
+    std::unique_ptr<NewImage> image; // between prepare and the end of split
+    ImageRecord record;              // once split, or found
     bool is_frozen = false;
 };
 
@@ -199,8 +201,9 @@ struct Estimate {
     int32_t combo_class;
     uint32_t consistency;
     uint64_t cost_bytes, cost_ms;
-    std::string reason; // empty when it can
-    bool same_instant;  // of all objects
+    std::string reason;              // empty when it can
+    bool same_instant;               // of all objects
+    uint64_t entries = 0, bytes = 0; // that the split will tell of; 0 when not known of each object
     bool can() const noexcept { return reason.empty(); }
 };
 Estimate estimate(const Tree &tree, const TreeFilesystem &filesystem, const Provider &provider, const char *store,

@@ -129,6 +129,9 @@ typedef struct qfi_probe {
     uint64_t cost_ms;      /**< milliseconds that the split takes; an estimate */
     char reason[256];      /**< why it cannot freeze the object, English; empty when it can */
     uint32_t same_instant; /**< 1 when several objects of the file system are frozen at one instant, by `earlier` */
+    uint64_t entries;      /**< up to which the split's calls of `progress` will count; 0 when not known, or when it
+                              makes none. It becomes the total that hosts are told: no guess, no upper bound */
+    uint64_t bytes;        /**< the same of bytes; 0 too where they are no measure of the work that is done */
 } qfi_probe;
 
 /**
@@ -152,7 +155,8 @@ typedef struct qfi_provider_ops {
     void (*stop)(void);
     /**
      * Tells whether and how the tree below a directory can be frozen into a store on the file system of `store`
-     * (-1: the object's own file system). Returns 0 also when it cannot: the probe says why.
+     * (-1: the object's own file system). Returns 0 also when it cannot: the probe says why. It comes zeroed, and may
+     * be of an earlier kit: no more of it than its `size` is filled in.
      */
     int32_t (*probe)(int source, int store, const char *object, uint32_t flags, qfi_probe *out);
     /** Makes the image `target/name` of `source`, complete or not at all. For an image of more than the object (the

@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -226,31 +227,34 @@ static int32_t make(qfi_provider_job *job) {
 static int32_t probe(int source, int store, const char *object, uint32_t flags, qfi_probe *out) {
     (void)object, (void)flags;
     struct stat status;
-    if (out == NULL || out->size < sizeof(*out))
+    qfi_probe made = {.combo_class = QFI_SERIAL_FS, .consistency = QFI_CONSISTENCY_FUZZY};
+    /* A caller of an earlier kit has room for less, which is no reason to refuse it. */
+    if (out == NULL || out->size < offsetof(qfi_probe, entries))
         return QFI_STATUS_INVALID_ARGUMENT;
+    made.size = out->size < sizeof(made) ? out->size : (uint32_t)sizeof(made);
     DIR *const files = open_stream(source, ".");
     if (files == NULL)
         return QFI_FI_READ;
-    memset(out, 0, sizeof(*out));
-    out->size = sizeof(*out);
-    out->combo_class = QFI_SERIAL_FS;
-    out->consistency = QFI_CONSISTENCY_FUZZY;
     if (store >= 0 && faccessat(store, ".", W_OK, AT_EACCESS) != 0)
-        snprintf(out->reason, sizeof(out->reason), "the store cannot be written: %s", strerror(errno));
-    for (const struct dirent *entry; out->reason[0] == '\0' && (entry = readdir(files)) != NULL;) {
+        snprintf(made.reason, sizeof(made.reason), "the store cannot be written: %s", strerror(errno));
+    for (const struct dirent *entry; made.reason[0] == '\0' && (entry = readdir(files)) != NULL;) {
         if (is_dot(entry->d_name))
             continue;
         if (fstatat(source, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode))
-            out->cost_bytes += (uint64_t)status.st_size;
+            made.bytes += (uint64_t)status.st_size;
         else
-            snprintf(out->reason, sizeof(out->reason), "it holds \"%.180s\", which is no plain file", entry->d_name);
+            snprintf(made.reason, sizeof(made.reason), "it holds \"%.180s\", which is no plain file", entry->d_name);
+        ++made.entries;
     }
     closedir(files);
-    out->cost_ms = 1 + out->cost_bytes / 100000;
-    if (out->reason[0] != '\0') {
-        out->combo_class = QFI_CLASS_NOTSUP;
-        out->consistency = QFI_CONSISTENCY_NONE;
+    made.cost_bytes = made.bytes;
+    made.cost_ms = 1 + made.bytes / 100000;
+    if (made.reason[0] != '\0') {
+        made.combo_class = QFI_CLASS_NOTSUP;
+        made.consistency = QFI_CONSISTENCY_NONE;
+        made.entries = made.bytes = 0;
     }
+    memcpy(out, &made, made.size);
     return 0;
 }
 

@@ -13,7 +13,7 @@ constexpr uint64_t bytes_per_entry = 4096;
 constexpr uint64_t bytes_per_ms = 200'000;
 constexpr uint64_t entries_per_ms = 10;
 
-int32_t probe(int source, int store, const char *, uint32_t, qfi_probe *result) {
+int32_t probe(int source, int store, const char *, uint32_t flags, qfi_probe *result) {
     return provider::fenced_probe(source, result, [&](qfi_probe &out) {
         if (const std::string obstacle = provider::store_obstacle(source, store); !obstacle.empty())
             return provider::refuse(out, obstacle);
@@ -32,6 +32,7 @@ int32_t probe(int source, int store, const char *, uint32_t, qfi_probe *result) 
         // Whether blocks will be shared only copying tells: room is asked for as if none were.
         out.cost_bytes = sum.bytes + sum.entries * bytes_per_entry;
         out.cost_ms = 1 + sum.bytes / bytes_per_ms + sum.entries / entries_per_ms;
+        provider::foretell(out, sum, flags, true);
     });
 }
 

@@ -40,6 +40,7 @@ public:
     bool count(int source, Estimate &sum) {
         std::vector<Level> levels;
         Descriptor at = open_directory(source, "");
+        ++sum.entries;
         if (at && !enter(at.get(), levels, sum))
             return false;
         while (!levels.empty()) {
@@ -103,15 +104,22 @@ private:
             return true;
         if (left_out_ == std::pair(status.st_dev, status.st_ino))
             return true;
+        if (S_ISSOCK(status.st_mode))
+            return true; // never part of an image
         if (++sum.entries > counted_entries)
             return false;
         if (S_ISDIR(status.st_mode)) {
+            sum.has_others = sum.has_others || status.st_dev != device_;
             if (status.st_dev == device_)
                 below.push_back(name);
             return true;
         }
-        if (status.st_nlink == 1 || links_.insert(status.st_ino).second)
-            sum.bytes += static_cast<uint64_t>(status.st_blocks) * 512;
+        if (status.st_nlink == 1 || links_.insert(status.st_ino).second) {
+            const uint64_t allocated = static_cast<uint64_t>(status.st_blocks) * 512;
+            sum.bytes += allocated;
+            if (S_ISREG(status.st_mode))
+                sum.data += std::min(allocated, static_cast<uint64_t>(status.st_size));
+        }
         return true;
     }
 
@@ -276,6 +284,13 @@ Estimate estimate(int source, int store) {
     const uint64_t inodes = status.f_files - status.f_ffree; // 0 where they are not counted, as on Btrfs
     sum.entries = std::max(sum.entries, inodes != 0 ? inodes : sum.bytes / bytes_per_entry);
     return sum;
+}
+
+void foretell(qfi_probe &out, const Estimate &sum, uint32_t flags, bool reads) noexcept {
+    if (!sum.counted || ((flags & QFI_JOB_NESTED) != 0 && sum.has_others))
+        return;
+    out.entries = sum.entries;
+    out.bytes = reads ? sum.data : 0;
 }
 
 uint64_t free_bytes(int directory) noexcept {

@@ -2,7 +2,10 @@
 // and the operations of a provider whose image is a tree of files of its own.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <exception>
 #include <new>
 #include <string>
@@ -63,15 +66,20 @@ int32_t fenced(qfi_provider_job *job, Body &&body) noexcept {
     }
 }
 
-/// Runs a probe's body, which fills in a probe that refuses nothing yet.
+/// What the first kit's probes held.
+constexpr std::size_t least_probe = offsetof(qfi_probe, entries);
+
+/// Runs a probe's body, which fills in a probe that refuses nothing yet. The caller is given as much as it has room
+/// for.
 template <class Body>
 int32_t fenced_probe(int source, qfi_probe *out, Body &&body) noexcept {
-    if (source < 0 || out == nullptr || out->size < sizeof(*out))
+    if (source < 0 || out == nullptr || out->size < least_probe)
         return QFI_STATUS_INVALID_ARGUMENT;
-    *out = qfi_probe{};
-    out->size = sizeof(*out);
+    qfi_probe made{};
+    made.size = static_cast<uint32_t>(std::min<std::size_t>(out->size, sizeof(made)));
     try {
-        body(*out);
+        body(made);
+        std::memcpy(out, &made, made.size);
         return QFI_STATUS_OK;
     } catch (const std::bad_alloc &) {
         return QFI_STATUS_NO_MEMORY;
@@ -95,11 +103,17 @@ bool same_file_system(int one, int other) noexcept;
 
 /// How much a tree holds. Small trees are counted; of larger ones only a bound is known, from their file system.
 struct Estimate {
-    uint64_t entries = 0;
-    uint64_t bytes = 0; // allocated ones
+    uint64_t entries = 0; // the directory itself too
+    uint64_t bytes = 0;   // allocated ones
+    uint64_t data = 0;    // to be read of the files, holes left out; only when counted
     bool counted = false;
+    bool has_others = false; // other file systems, or subvolumes, lie within; they are not counted
 };
 Estimate estimate(int source, int store);
+
+/// Tells how much a run of the engine over the tree will count; what is only bounded stays unknown. `reads` is whether
+/// it looks at data, which otherwise is no measure of its work.
+void foretell(qfi_probe &out, const Estimate &sum, uint32_t flags, bool reads) noexcept;
 
 /// Bytes that this user may still write on a file system.
 uint64_t free_bytes(int directory) noexcept;

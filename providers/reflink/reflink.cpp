@@ -31,7 +31,7 @@ int try_to_clone(int directory) {
     return ioctl(to.get(), FICLONE, from.get()) == 0 ? 0 : errno;
 }
 
-int32_t probe(int source, int store, const char *, uint32_t, qfi_probe *result) {
+int32_t probe(int source, int store, const char *, uint32_t flags, qfi_probe *result) {
     return provider::fenced_probe(source, result, [&](qfi_probe &out) {
         if (const std::string obstacle = provider::store_obstacle(source, store); !obstacle.empty())
             return provider::refuse(out, obstacle);
@@ -46,6 +46,7 @@ int32_t probe(int source, int store, const char *, uint32_t, qfi_probe *result) 
         out.consistency = QFI_CONSISTENCY_PER_FILE;
         out.cost_bytes = sum.entries * bytes_per_clone;
         out.cost_ms = 1 + sum.entries / clones_per_ms;
+        provider::foretell(out, sum, flags, (flags & QFI_JOB_DIGEST) != 0);
     });
 }
 

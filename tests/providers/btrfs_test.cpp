@@ -64,6 +64,20 @@ TEST_F(Btrfs, the_probe_offers_an_atomic_image) {
     EXPECT_STREQ(probe_own(btrfs, root / "vol/data").reason, "");
 }
 
+TEST_F(Btrfs, the_probe_foretells_what_is_read_for_digests) {
+    EXPECT_EQ(probe(btrfs, root / "vol/data", root / "store").entries, 0u);
+    const qfi_probe result = probe(btrfs, root / "vol/data", root / "store", QFI_JOB_DIGEST);
+    Job job(root / "vol/data", root / "store", "image", QFI_JOB_DIGEST | QFI_JOB_MANIFEST);
+    ASSERT_EQ(btrfs->split(&job), 0) << job.failed_operation << " " << job.failed_object;
+    EXPECT_EQ(result.entries, 4u);
+    EXPECT_EQ(result.bytes, 6u);
+    EXPECT_EQ(job.told_entries, result.entries);
+    EXPECT_EQ(job.told_bytes, result.bytes);
+    make_subvolume(root / "vol/data/inner");
+    EXPECT_EQ(probe(btrfs, root / "vol/data", root / "store", QFI_JOB_DIGEST).entries, 5u) << "an empty directory";
+    EXPECT_EQ(probe(btrfs, root / "vol/data", root / "store", QFI_JOB_DIGEST | QFI_JOB_NESTED).entries, 0u);
+}
+
 TEST_F(Btrfs, the_probe_promises_no_more_than_one_moment_a_file_once_nested_subvolumes_are_included) {
     EXPECT_EQ(probe(btrfs, root / "vol/data", root / "store", QFI_JOB_NESTED).consistency,
               uint32_t{QFI_CONSISTENCY_ATOMIC});

@@ -41,6 +41,8 @@ TEST_F(Flat, plain_files_are_copied_out_and_removed) {
     EXPECT_EQ(result.combo_class, QFI_SERIAL_FS);
     EXPECT_STREQ(result.reason, "");
     EXPECT_EQ(result.cost_bytes, 100000u);
+    EXPECT_EQ(result.entries, 2u);
+    EXPECT_EQ(result.bytes, 100000u);
     Job job(root / "data", root / "store", "image", QFI_JOB_MANIFEST | QFI_JOB_SYNC);
     ASSERT_EQ(flat->split(&job), 0) << job.failed_operation << " " << job.failed_object;
     EXPECT_EQ(listing(root / "store/image"), listing(root / "data"));
@@ -94,8 +96,17 @@ TEST_F(Flat, records_of_an_earlier_kit_are_refused) {
     for (const auto operation : {flat->split, flat->copy_out, flat->remove})
         EXPECT_EQ(operation(&job), QFI_STATUS_INVALID_ARGUMENT);
     qfi_probe small{};
-    small.size = sizeof small - 1;
+    small.size = offsetof(qfi_probe, entries) - 1;
     EXPECT_EQ(flat->probe(Directory(root / "data"), -1, "", 0, &small), QFI_STATUS_INVALID_ARGUMENT);
+}
+
+TEST_F(Flat, a_probe_of_an_earlier_kit_is_filled_in_as_far_as_it_goes) {
+    qfi_probe small{};
+    small.size = offsetof(qfi_probe, entries);
+    small.entries = 7;
+    EXPECT_EQ(flat->probe(Directory(root / "data"), -1, "", 0, &small), 0);
+    EXPECT_EQ(small.cost_bytes, 100000u);
+    EXPECT_EQ(small.entries, 7u);
 }
 
 TEST_F(Flat, digests_are_not_offered) {

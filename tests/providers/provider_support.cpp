@@ -62,8 +62,12 @@ Job::Job(const fs::path &source, const fs::path &target, std::string name, uint3
         const std::lock_guard lock(job.mutex_);
         job.remarks.push_back({remark->kind, remark->path, remark->detail, remark->error});
     };
-    host_.progress = [](void *context, uint64_t, uint64_t) -> int32_t {
-        return static_cast<Job *>(context)->cancel ? 1 : 0;
+    host_.progress = [](void *context, uint64_t entries_told, uint64_t bytes_told) -> int32_t {
+        Job &job = *static_cast<Job *>(context);
+        const std::lock_guard lock(job.mutex_);
+        job.told_entries = entries_told;
+        job.told_bytes = bytes_told;
+        return job.cancel ? 1 : 0;
     };
     host_.fail = [](void *context, const char *operation, const char *object, int32_t error) {
         Job &job = *static_cast<Job *>(context);

@@ -70,6 +70,7 @@ public:
     std::vector<Remark> remarks;
     std::string failed_operation, failed_object;
     int32_t failed_error = 0;
+    uint64_t told_entries = 0, told_bytes = 0; // by the last call of progress
     bool cancel = false;
 
 private:

@@ -43,8 +43,19 @@ TEST_P(Table, a_probe_of_nothing_is_refused) {
     result.size = sizeof(result);
     EXPECT_EQ(plugin->probe(-1, -1, "", 0, &result), QFI_STATUS_INVALID_ARGUMENT);
     EXPECT_EQ(plugin->probe(Directory("/tmp"), -1, "", 0, nullptr), QFI_STATUS_INVALID_ARGUMENT);
-    result.size = sizeof(result) - 1;
+    result.size = offsetof(qfi_probe, entries) - 1;
     EXPECT_EQ(plugin->probe(Directory("/tmp"), -1, "", 0, &result), QFI_STATUS_INVALID_ARGUMENT);
+}
+
+TEST_P(Table, a_probe_of_an_earlier_kit_is_filled_in_as_far_as_it_goes) {
+    qfi_probe result{};
+    result.size = offsetof(qfi_probe, entries);
+    result.entries = result.bytes = 0x5a5a5a5a;
+    EXPECT_EQ(plugin->probe(Directory("/tmp"), -1, "", 0, &result), QFI_STATUS_OK);
+    EXPECT_EQ(result.size, offsetof(qfi_probe, entries));
+    EXPECT_NE(result.combo_class, 0);
+    EXPECT_EQ(result.entries, 0x5a5a5a5au);
+    EXPECT_EQ(result.bytes, 0x5a5a5a5au);
 }
 
 TEST_P(Table, names_that_leave_the_directory_are_refused_by_every_operation) {

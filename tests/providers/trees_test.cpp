@@ -1,5 +1,6 @@
 // The providers "reflink" and "copy", whose images are trees of their own, on the file systems that they serve.
 #include <fcntl.h>
+#include <fstream>
 #include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -52,6 +53,26 @@ TEST_P(Trees, the_probe_offers_what_the_provider_can) {
     EXPECT_STREQ(probe_own(plugin, root / "data").reason, "");
     EXPECT_EQ(listing(root / "store").size(), 0u) << "the probe leaves nothing behind";
     EXPECT_EQ(listing(root / "data"), before);
+}
+
+TEST_P(Trees, the_probe_foretells_what_the_split_tells_of) {
+    {
+        std::ofstream sparse(root / "data/sparse");
+        sparse << "beginning";
+    }
+    fs::resize_file(root / "data/sparse", 100 << 20);
+    ASSERT_EQ(mkfifo((root / "data/fifo").c_str(), 0600), 0);
+    for (const uint32_t flags : {0u, uint32_t{QFI_JOB_DIGEST}}) {
+        const qfi_probe result = probe(plugin, root / "data", root / "store", flags);
+        Job job(root / "data", root / "store", "image" + std::to_string(flags), flags);
+        ASSERT_EQ(plugin->split(&job), 0) << job.failed_operation << " " << job.failed_object;
+        EXPECT_EQ(result.entries, 9u);
+        EXPECT_EQ(job.told_entries, result.entries);
+        if (clones() && flags == 0)
+            EXPECT_EQ(result.bytes, 0u) << "sharing data is no work that grows with it";
+        else
+            EXPECT_EQ(job.told_bytes, result.bytes);
+    }
 }
 
 TEST_P(Trees, the_probe_refuses_a_read_only_file_system) {
@@ -254,6 +275,21 @@ TEST_F(Disks, copy_tells_what_it_will_cost_and_refuses_what_cannot_fit) {
     EXPECT_LT(fits.cost_bytes, 4u << 20);
     const std::string reason = probe(copy, object, small.path()).reason;
     EXPECT_EQ(reason, "the store's file system has 1048576 bytes left, and the copy needs about 3248128");
+}
+
+TEST_F(Disks, of_a_tree_that_is_too_large_to_count_nothing_is_foretold) {
+    NEED("tmpfs");
+    const LoopFilesystem disk("tmpfs", 64);
+    const fs::path object = make_object(disk);
+    const Plugin copy("copy");
+    EXPECT_EQ(probe(copy, object, disk.path() + "/store").entries, 2u);
+    for (int number = 0; number < 100'000; ++number)
+        fs::create_hard_link(object / "file", object / std::to_string(number));
+    const qfi_probe result = probe(copy, object, disk.path() + "/store");
+    EXPECT_STREQ(result.reason, "");
+    EXPECT_GT(result.cost_bytes, 0u);
+    EXPECT_EQ(result.entries, 0u);
+    EXPECT_EQ(result.bytes, 0u);
 }
 
 TEST_F(Disks, a_full_store_fails_and_leaves_nothing) {
