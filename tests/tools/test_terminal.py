@@ -100,7 +100,7 @@ class Progress(ToolTest):
             with self.subTest(columns):
                 result = support.on_terminal(*self.arguments, columns=columns)
                 self.assertEqual(result.code, 0, str(result))
-                self.assertRegex(result.out, r"\r\x1b\[Ksplit .*ent")
+                self.assertRegex(result.out, r"\r\x1b\[Kfreeze \[#*\.*\] [0-9]+%[ \r]")
                 self.assertRegex(result.out, rf"\r\x1b\[K{IMAGE_ID}\n$")
                 self.assertLess(columns_of(result.out), columns)
 
@@ -118,23 +118,40 @@ class Progress(ToolTest):
     def test_the_bar_tells_rate_and_time_left(self):
         self.fill()
         restore = ("restore", self.freeze(), "--to", self.folder / "there", "--store", self.store, "--workers", "1")
-        with support.Terminal(support.tool_command(*restore), columns=200) as terminal:
-            terminal.read_until(r"restore \[")
-            self.pause(terminal.process, 1.1)
-            result = terminal.finish()
-        self.assertEqual(result.code, 0, str(result))
-        self.assertRegex(result.out, r"restore \[#*\.*\] [0-9]+%  [0-9,]+ entries  [0-9.]+ \S+  [0-9.]+ \S+/s  "
-                                     r"[0-9]+:[0-9]{2} min left  ")
+        told = {200: r"[0-9,]+ entries  [0-9.]+ \S+  [0-9.]+ \S+/s  [0-9]+:[0-9]{2} min left  /",
+                80: r"[0-9.]+ \S+/s  [0-9]+:[0-9]{2} min left", 40: r"[0-9]+:[0-9]{2} min left"}
+        for command, columns in ((restore, 200), *((self.arguments, columns) for columns in told)):
+            with self.subTest((command[0], columns)):
+                with support.Terminal(support.tool_command(*command), columns=columns) as terminal:
+                    terminal.read_until(rf"{command[0]} \[")
+                    self.pause(terminal.process, 1.1)
+                    result = terminal.finish()
+                self.assertEqual(result.code, 0, str(result))
+                self.assertRegex(result.out, rf"{command[0]} \[#*\.*\] [0-9]+%  (\S.*)?{told[columns]}")
+                self.assertLess(columns_of(result.out), columns)
+
+    def test_every_work_is_called_as_people_call_it(self):
+        identity, at = self.freeze(), ("--store", self.store)
+        folder = self.folder / "out"
+        for command, word in ((("verify", identity), "verify"), (("diff", identity), "compare"),
+                              (("export", identity, "--to", folder), "export"), (("import", folder), "import"),
+                              (("resync", identity, "--yes"), "resync")):
+            with self.subTest(command[0]):
+                result = support.on_terminal(*command, *at)
+                self.assertEqual(result.code, 0, str(result))
+                self.assertEqual(set(re.findall(r"\r\x1b\[K(\w+) [\[ ]", result.out)) - {word}, set())
+                self.assertRegex(result.out, rf"\r\x1b\[K{word} ")
 
     def test_a_pipe_gets_a_line_after_ten_seconds(self):
         self.fill()
         process = support.start(*self.arguments)
-        support.wait_for(lambda: any(self.store.glob("images/.new-*/objects/0/file-*")), "the copying")
+        support.wait_for(lambda: len(list(self.store.glob("images/.new-*/objects/0/file-*"))) > 1000, "the copying")
         self.pause(process, 10.1)
         out, error = process.communicate(timeout=support.PATIENCE)
         self.assertEqual(process.returncode, 0, error)
         self.assertRegex(out, rf"^{IMAGE_ID}\n$")
-        self.assertRegex(error, r"^(split [^\n]+: [0-9,]+ entries  [0-9.]+ \S+  [0-9.]+ \S+/s\n)+$")
+        self.assertRegex(error, rf"^(freeze {self.data}: [0-9]+%, [0-9,]+ entries, [0-9.]+ \S+, [0-9.]+ \S+/s, "
+                                r"[0-9]+:[0-9]{2} min left\n)+$")
 
     def test_a_terminal_without_cursor_movement_gets_none(self):
         result = support.on_terminal(*self.arguments, env=support.environment(TERM="dumb"))

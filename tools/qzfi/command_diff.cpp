@@ -101,7 +101,7 @@ int run(const Settings &settings, const Options &options) {
     Diff diff;
     {
         const Interruptible interruptible;
-        const ShownProgress progress(settings.quiet);
+        const ShownProgress progress(settings.quiet, "compare");
         qfi_diff_options how;
         QFI_INIT(how);
         how.digest = options.digest;

@@ -21,7 +21,7 @@ int run(const Settings &settings, const Options &options) {
     const Tree tree = open_tree(name);
     const std::string folder = std::filesystem::absolute(options.to.empty() ? name.id : options.to).string();
     {
-        const ShownProgress progress(settings.quiet);
+        const ShownProgress progress(settings.quiet, "export");
         check(qfi_op_deport_tree(tree.get(), folder.c_str(), nullptr), "export image " + name.id + " to " + folder);
     }
     std::cout << folder << '\n';

@@ -47,7 +47,7 @@ int run(const Settings &settings, const Options &options) {
     Report report;
     int32_t post_command;
     {
-        const ShownProgress progress(settings.quiet);
+        const ShownProgress progress(settings.quiet, "freeze");
         post_command = make_images(tree.get(), options, what, report);
     }
     if (report && !settings.quiet)

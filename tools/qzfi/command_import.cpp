@@ -41,7 +41,7 @@ int run(const Settings &settings, const Options &options) {
     check(qfi_op_set_import_options(&how, nullptr, 0, nullptr), "set how to import");
     Tree tree;
     {
-        const ShownProgress progress(settings.quiet);
+        const ShownProgress progress(settings.quiet, "import");
         check(qfi_op_import_tree(folder.c_str(), or_null(options.store), nullptr, Out(tree)), "import " + folder);
     }
     std::cout << id_of(tree.get()) << '\n';

@@ -87,7 +87,7 @@ int run(const Settings &settings, const Options &options) {
         check_interrupted(std::string("verify image ") + node->image.image_id);
         Verified one;
         {
-            const ShownProgress progress(settings.quiet);
+            const ShownProgress progress(settings.quiet, "verify");
             one = verify(node->image);
         }
         is_damaged = is_damaged || one.verdict == Verdict::damaged;

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string_view>
 #include <unistd.h>
+#include <vector>
 
 #include "tools/qzfi/text.h"
 #include "tools/qzfi/tool.h"
@@ -34,6 +35,7 @@ struct Display {
     bool shown = false;
     bool terminal = false;
     bool line_open = false;
+    std::string work;
     std::string operation; // of the last progress; rates count from its first one
     Clock::time_point began, last_line;
     uint64_t bytes_at_start = 0;
@@ -44,44 +46,88 @@ double seconds_between(Clock::time_point from, Clock::time_point to) {
     return std::chrono::duration<double>(to - from).count();
 }
 
-// How far it is, between 0 and 1; by bytes where they are known. Negative: not known.
-double share_done(const qfi_progress &progress) {
-    if (progress.bytes_total > 0)
-        return std::min(1.0, static_cast<double>(progress.bytes_done) / static_cast<double>(progress.bytes_total));
-    if (progress.entries_total > 0)
-        return std::min(1.0, static_cast<double>(progress.entries_done) / static_cast<double>(progress.entries_total));
-    return -1;
+// What an entry costs beside its data, in bytes of data: many small files are work too.
+constexpr double bytes_per_entry = 16384;
+
+double work_of(uint64_t entries, uint64_t bytes) {
+    return static_cast<double>(entries) * bytes_per_entry + static_cast<double>(bytes);
 }
 
-std::string numbers(const qfi_progress &progress, double seconds) {
-    std::string text = counted(progress.entries_done, "entry", "entries");
+// How far it is, between 0 and 1; by bytes where they are known. Negative: not known.
+double share_done(const qfi_progress &progress) {
+    if (progress.entries_total == 0 && progress.bytes_total == 0)
+        return -1;
+    const bool by_entries = progress.entries_total > 0, by_bytes = progress.bytes_total > 0;
+    return std::min(1.0, work_of(by_entries ? progress.entries_done : 0, by_bytes ? progress.bytes_done : 0) /
+                             work_of(progress.entries_total, progress.bytes_total));
+}
+
+std::string percent_text(double share) {
+    return std::to_string(static_cast<int>(share * 100)) + "%";
+}
+
+// Entries, bytes, rate and time left, as far as they are known; the last ones say the most.
+std::vector<std::string> numbers(const qfi_progress &progress, double share, double seconds) {
+    std::vector<std::string> texts = {counted(progress.entries_done, "entry", "entries")};
     if (progress.bytes_done > 0)
-        text += "  " + size_text(progress.bytes_done);
+        texts.push_back(size_text(progress.bytes_done));
     if (seconds >= 0.5 && progress.bytes_done > display.bytes_at_start)
-        text += "  " +
-                size_text(static_cast<uint64_t>(static_cast<double>(progress.bytes_done - display.bytes_at_start) /
-                                                seconds)) +
-                "/s";
-    return text;
+        texts.push_back(size_text(static_cast<uint64_t>(
+                            static_cast<double>(progress.bytes_done - display.bytes_at_start) / seconds)) +
+                        "/s");
+    if (share > 0.01 && seconds >= 1)
+        texts.push_back(clock_text(seconds * (1 - share) / share) + " left");
+    return texts;
+}
+
+std::string bar(double share, std::size_t columns) {
+    const std::size_t cells = columns < 60 ? 8 : columns < 100 ? 12 : 20;
+    const auto full = static_cast<std::size_t>(share * static_cast<double>(cells));
+    return " [" + std::string(full, '#') + std::string(cells - full, '.') + "] " + percent_text(share);
+}
+
+// What has no room is left out, what says the least first: the object, then entries, bytes, rate.
+std::string bar_line(const qfi_progress &progress, double seconds, std::size_t columns) {
+    constexpr std::size_t least_of_object = 12;
+    const double share = share_done(progress);
+    std::string line = display.work + (share >= 0 ? bar(share, columns) : "");
+    std::vector<std::string> texts = numbers(progress, share, seconds);
+    const auto needed = [&] {
+        std::size_t sum = columns_of(line);
+        for (const std::string &text : texts)
+            sum += 2 + columns_of(text);
+        return sum;
+    };
+    while (!texts.empty() && needed() > columns)
+        texts.erase(texts.begin());
+    for (const std::string &text : texts)
+        line += "  " + text;
+    if (const std::size_t used = columns_of(line); used + 2 + least_of_object <= columns)
+        line += "  " + shortened(printable(progress.object), columns - used - 2);
+    return shortened(line, columns);
 }
 
 void draw_bar(const qfi_progress &progress, double seconds) {
-    constexpr std::size_t cells = 20;
-    std::string line = progress.operation;
-    const double share = share_done(progress);
-    if (share >= 0) {
-        const auto full = static_cast<std::size_t>(share * cells);
-        line += " [" + std::string(full, '#') + std::string(cells - full, '.') + "] " +
-                std::to_string(static_cast<int>(share * 100)) + "%";
-    }
-    line += "  " + numbers(progress, seconds);
-    if (share > 0.01 && seconds >= 1)
-        line += "  " + clock_text(seconds * (1 - share) / share) + " left";
-    line += "  " + printable(progress.object);
     // A line that wraps could not be drawn over.
-    std::fprintf(stderr, "\r\033[K%s", shortened(line, terminal_width(STDERR_FILENO) - 1).c_str());
+    const std::size_t columns = terminal_width(STDERR_FILENO) - 1;
+    std::fprintf(stderr, "\r\033[K%s", bar_line(progress, seconds, columns).c_str());
     (void)std::fflush(stderr);
     display.line_open = true;
+}
+
+// For a log that is read afterwards: "freeze /data: 45%, 12,000 entries, 1.5 GiB, 120 MiB/s, 0:15 min left".
+void print_line(const qfi_progress &progress, double seconds) {
+    const double share = share_done(progress);
+    std::vector<std::string> texts = numbers(progress, share, seconds);
+    if (share >= 0)
+        texts.insert(texts.begin(), percent_text(share));
+    std::fprintf(stderr, "%s %s: %s\n", display.work.c_str(), printable(progress.object).c_str(),
+                 joined(texts).c_str());
+}
+
+bool is_line_due(Clock::time_point now) {
+    const auto pause = std::max<Clock::duration>(std::chrono::seconds(10), (now - display.began) / 10);
+    return now - display.last_line >= pause;
 }
 
 int32_t on_progress(qfi_progress_handler *, const qfi_progress *progress) {
@@ -94,10 +140,9 @@ int32_t on_progress(qfi_progress_handler *, const qfi_progress *progress) {
     }
     if (display.shown && display.terminal) {
         draw_bar(*progress, seconds_between(display.began, now));
-    } else if (display.shown && now - display.last_line >= std::chrono::seconds(10)) {
+    } else if (display.shown && is_line_due(now)) {
         display.last_line = now;
-        std::fprintf(stderr, "%s %s: %s\n", progress->operation, printable(progress->object).c_str(),
-                     numbers(*progress, seconds_between(display.began, now)).c_str());
+        print_line(*progress, seconds_between(display.began, now));
     }
     return signal_came;
 }
@@ -114,8 +159,9 @@ qfi_progress_handler *progress_handler() {
     return &handler;
 }
 
-ShownProgress::ShownProgress(bool quiet) {
+ShownProgress::ShownProgress(bool quiet, const char *work) {
     const std::lock_guard lock(display.mutex);
+    display.work = work;
     display.shown = !quiet;
     // A bar is drawn again and again in its place, which not every terminal can do.
     const char *const kind = std::getenv("TERM");

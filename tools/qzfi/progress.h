@@ -11,11 +11,11 @@ namespace qzfi::tool {
 /// operation once a signal came while an `Interruptible` lives.
 qfi_progress_handler *progress_handler();
 
-/// While it lives, progress is shown: a bar with rate and time left on a terminal, else a line every ten seconds.
-/// Nothing when `quiet`. The bar is gone afterwards.
+/// While it lives, progress is shown as that of `work`, such as "freeze": a bar with rate and time left on a terminal,
+/// else a line every ten seconds, and less often the longer it takes. Nothing when `quiet`. The bar is gone afterwards.
 class ShownProgress {
 public:
-    explicit ShownProgress(bool quiet);
+    ShownProgress(bool quiet, const char *work);
     ~ShownProgress();
     ShownProgress(const ShownProgress &) = delete;
     ShownProgress &operator=(const ShownProgress &) = delete;

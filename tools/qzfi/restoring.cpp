@@ -56,7 +56,7 @@ int run(const Settings &settings, const RestoreOptions &options, const Kind &kin
     Report report;
     {
         const Interruptible interruptible;
-        const ShownProgress progress(settings.quiet);
+        const ShownProgress progress(settings.quiet, kind.name);
         check(kind.operation(tree.get(), &how, Out(report)),
               std::string(kind.name) + " " + what + (to.empty() ? "" : " to " + to) + " from image " + name.id);
     }
