@@ -191,6 +191,22 @@ class Usage(ToolTest):
             with self.subTest(arguments):
                 self.assertEqual(support.qzfi(*arguments).err, f"qzfi: {text}\n")
 
+    def test_a_number_that_cannot_be_is_named_with_those_that_can(self):
+        for command, option, value, text in (
+                ("prune", "--keep-free", "200", "200 is no number from 0 to 100"),
+                ("prune", "--keep-free", "nan", "nan is no number from 0 to 100"),
+                ("prune", "--keep-free", "-0.5", "-0.5 is no number from 0 to 100"),
+                ("prune", "--keep-last", "-1", "-1 is no whole number from 0 to 1000000000"),
+                ("prune", "--keep-daily", "1.5", "1.5 is no whole number from 0 to 1000000000"),
+                ("prune", "--keep-weekly", "99999999999", "99999999999 is no whole number from 0 to 1000000000"),
+                ("freeze", "--workers", "many", "many is no whole number from 1 to 64"),
+                ("restore", "--workers", "0", "0 is no whole number from 1 to 64")):
+            with self.subTest((option, value)):
+                self.assertEqual(self.fail_with(2, command, option, value),
+                                 f"qzfi: {command}: {option}: {text}; `qzfi {command} --help` tells more\n")
+        self.assertEqual(self.fail_with(2, "errmsg", "x"), "qzfi: errmsg: STATUS: x is no whole number from 0 to "
+                                                           "2147483647; `qzfi errmsg --help` tells more\n")
+
     def test_an_empty_value_is_not_taken_for_none(self):
         for command, *arguments, option in (("restore", "latest", "--yes", "--to"), ("restore", "latest", "--yes", "--only"),
                                             ("resync", "latest", "--yes", "--only"), ("export", "latest", "--to"),

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <sstream>
+#include <type_traits>
 #include <utility>
 
 #include <CLI/CLI.hpp>
@@ -21,7 +23,17 @@ Argument &Argument::type_name(const std::string &name) {
 
 template <typename Number>
 Argument &Argument::within(Number least, Number most) {
-    option_->check(CLI::Range(least, most));
+    const auto obstacle = [least, most](const std::string &given) {
+        Number value{};
+        // Asked so that what no number is equal to, "nan", is not in between.
+        if (CLI::detail::lexical_cast(given, value) && value >= least && value <= most)
+            return std::string();
+        std::ostringstream text;
+        text << given << (std::is_integral_v<Number> ? " is no whole number" : " is no number") << " from " << least
+             << " to " << most;
+        return text.str();
+    };
+    option_->check(CLI::Validator(obstacle, ""));
     return *this;
 }
 

@@ -24,6 +24,8 @@ namespace qzfi::tool {
 
 namespace {
 
+constexpr uint32_t most_kept = 1000000000;
+
 struct Options {
     PrunePolicy policy;
     std::optional<double> keep_free;
@@ -312,27 +314,31 @@ int run(const Settings &settings, const Options &given) {
 } // namespace
 
 void add_prune(CommandLine &line) {
-    add_command<
-        Options>(line, "prune", "Remove the images that no rule keeps", run, [](Arguments &command, Options &options) {
-        command.footer(
-            "The rules count within the images of the same objects in the same store; what one of them keeps "
-            "stays. Days, ISO weeks and months are those of the local time zone. With --keep-free the oldest of "
-            "what the rules keep go too, until enough is free, but never the newest image of its objects. Damaged "
-            "images neither count nor go.");
-        command.add_option("--keep-last", options.policy.last, "Keep the newest N").type_name("N");
-        command.add_option("--keep-daily", options.policy.daily, "Keep the newest of each of N days").type_name("N");
-        command.add_option("--keep-weekly", options.policy.weekly, "Keep the newest of each of N weeks").type_name("N");
-        command.add_option("--keep-monthly", options.policy.monthly, "Keep the newest of each of N months")
-            .type_name("N");
-        command.add_option("--keep-free", options.keep_free, "Keep so many percent of the store's file system free")
-            .type_name("PCT")
-            .within(0.0, 100.0);
-        add_store(command, options.store, "Only images of this store");
-        command.add_option("--object", options.object, "Only images of this directory").type_name("PATH").not_empty();
-        command.add_flag("--dry-run", options.dry_run, "Only list what would be removed, and why the rest stays");
-        add_yes(command, options.yes);
-        add_json(command, options.json);
-    });
+    add_command<Options>(
+        line, "prune", "Remove the images that no rule keeps", run, [](Arguments &command, Options &options) {
+            command.footer(
+                "The rules count within the images of the same objects in the same store; what one of them keeps "
+                "stays. Days, ISO weeks and months are those of the local time zone. With --keep-free the oldest of "
+                "what the rules keep go too, until enough is free, but never the newest image of its objects. Damaged "
+                "images neither count nor go.");
+            const auto add_rule = [&](const char *name, std::optional<uint32_t> &count, const char *description) {
+                command.add_option(name, count, description).type_name("N").within(0u, most_kept);
+            };
+            add_rule("--keep-last", options.policy.last, "Keep the newest N");
+            add_rule("--keep-daily", options.policy.daily, "Keep the newest of each of N days");
+            add_rule("--keep-weekly", options.policy.weekly, "Keep the newest of each of N weeks");
+            add_rule("--keep-monthly", options.policy.monthly, "Keep the newest of each of N months");
+            command.add_option("--keep-free", options.keep_free, "Keep so many percent of the store's file system free")
+                .type_name("PCT")
+                .within(0.0, 100.0);
+            add_store(command, options.store, "Only images of this store");
+            command.add_option("--object", options.object, "Only images of this directory")
+                .type_name("PATH")
+                .not_empty();
+            command.add_flag("--dry-run", options.dry_run, "Only list what would be removed, and why the rest stays");
+            add_yes(command, options.yes);
+            add_json(command, options.json);
+        });
 }
 
 } // namespace qzfi::tool
