@@ -118,6 +118,15 @@ class Remove(ToolTest):
         self.assertEqual([one["removed"] for one in document["images"]], [True, True, False])
         self.assertEqual(self.listed(), ids[2:])
 
+    def test_rules_that_keep_nothing_prune_nothing(self):
+        ids = [self.freeze() for _ in range(2)]
+        for rules in (("--keep-last", "0"), ("--keep-daily", "0", "--keep-monthly", "0", "--keep-free", "1")):
+            error = self.fail_with(2, "prune", *rules, "--store", self.store, "--yes")
+            self.assertEqual(error, "qzfi: prune: rules of 0 keep nothing; what is to go is named to `qzfi rm`\n")
+        self.assertEqual(self.listed(), ids)
+        document = self.json("prune", "--keep-last", "1", "--keep-daily", "0", "--store", self.store, "--yes")
+        self.assertEqual([one["removed"] for one in document["images"]], [True, False])
+
     def test_an_object_that_cannot_be_looked_at_prunes_nothing(self):
         ids = [self.freeze() for _ in range(2)]
         loop = self.folder / "loop"

@@ -256,6 +256,9 @@ void require_options(const Options &options) {
         throw Failure("prune: say what to keep, by --keep-last, --keep-daily, --keep-weekly, --keep-monthly or "
                       "--keep-free",
                       exit_usage);
+    // As a variable that came out as 0 would have it.
+    if (options.policy.has_rule() && !options.policy.keeps_any())
+        throw Failure("prune: rules of 0 keep nothing; what is to go is named to `qzfi rm`", exit_usage);
 }
 
 // What was not reached, though nothing more could go.

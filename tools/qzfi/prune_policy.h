@@ -26,6 +26,9 @@ struct PrunePolicy {
     std::optional<uint32_t> monthly; ///< of months
 
     bool has_rule() const { return last || daily || weekly || monthly; }
+    bool keeps_any() const {
+        return last.value_or(0) > 0 || daily.value_or(0) > 0 || weekly.value_or(0) > 0 || monthly.value_or(0) > 0;
+    }
 };
 
 enum class PruneAction { keep, remove, leave };
