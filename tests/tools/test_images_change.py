@@ -31,6 +31,25 @@ class Restore(ToolTest):
             self.assertEqual((self.data / "file").read_text(), content)
         self.assertFalse((self.data / "new").exists())
 
+    def test_what_was_not_confirmed_is_named(self):
+        first, second = self.freeze(), self.freeze()
+        at = ("--store", self.store)
+        for command, answer, text in (
+                (("restore", first, *at), "n\n", f"restore {self.data} from image {first}: not confirmed, nothing was changed"),
+                (("resync", first, *at), "\n", f"resync {self.data} from image {first}: not confirmed, nothing was changed"),
+                (("rm", first, *at), "\x04", f"remove image {first}: not confirmed, nothing was removed"),
+                (("rm", first, second, *at), "n\n",
+                 f"remove images {first}, {second}: not confirmed, nothing was removed"),
+                (("prune", "--keep-last", "1", *at), "n\n",
+                 f"prune store {self.store}: not confirmed, nothing was removed")):
+            with self.subTest(command), Terminal(tool_command(*command)) as terminal:
+                terminal.read_until(r"\[y/N\] ")
+                terminal.send(answer)
+                result = terminal.finish()
+                self.assertEqual(result.code, 1, str(result))
+                self.assertTrue(result.out.endswith(f"\nqzfi: {text}\n"), str(result))
+        self.assertEqual(self.listed(), [first, second])
+
     def test_in_place_elsewhere_and_in_part(self):
         identity = self.freeze()
         self.change()

@@ -295,7 +295,8 @@ int run(const Settings &settings, const Options &given) {
     int code = exit_done;
     if (!options.dry_run) {
         if (count + spares.size() > 0 && !confirm(question(count, spares.size(), options), options.yes))
-            throw Failure("nothing was removed");
+            throw Failure((options.store.empty() ? "prune the known stores" : "prune store " + options.store) +
+                          ": not confirmed, nothing was removed");
         const Interruptible interruptible;
         for (std::size_t index = 0; index < plan.units.size(); ++index)
             if (plan.decisions[index].action == PruneAction::remove)

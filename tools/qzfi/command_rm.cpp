@@ -41,7 +41,8 @@ int run(const Settings &settings, const Options &options) {
     const Session session(settings);
     const std::vector<std::string> ids = whole_ids(options);
     if (!confirm(question(ids, options.store), options.yes))
-        throw Failure("nothing was removed");
+        throw Failure((ids.size() > 1 ? "remove images " : "remove image ") + joined(ids) +
+                      ": not confirmed, nothing was removed");
     const Interruptible interruptible;
     int code = exit_done;
     for (const std::string &id : ids)

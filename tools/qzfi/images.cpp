@@ -126,7 +126,9 @@ bool confirm(const std::string &question, bool assume_yes) {
         throw Failure(question + " Nobody can be asked here: say --yes", exit_usage);
     std::cerr << printable(question) << " [y/N] " << std::flush;
     std::string answer;
-    return std::getline(std::cin, answer) && (answer == "y" || answer == "Y" || answer == "yes");
+    if (!std::getline(std::cin, answer))
+        std::cerr << '\n'; // nobody pressed return
+    return answer == "y" || answer == "Y" || answer == "yes";
 }
 
 } // namespace qzfi::tool

@@ -44,8 +44,10 @@ int run(const Settings &settings, const RestoreOptions &options, const Kind &kin
     const std::string only = options.only.empty() ? "" : below_the_object(tree.get(), options.only);
     const std::string to = options.to.empty() ? "" : std::filesystem::absolute(options.to).string();
     const std::string what = path_below(objects_text(tree.get()), only); // with a part there is only one object
+    const std::string action =
+        std::string(kind.name) + " " + what + (to.empty() ? "" : " to " + to) + " from image " + name.id;
     if (!options.dry_run && to.empty() && !confirm(question(kind, what, name), options.yes))
-        throw Failure("nothing was changed");
+        throw Failure(action + ": not confirmed, nothing was changed");
     qfi_restore_options how;
     QFI_INIT(how);
     how.workers = options.workers;
@@ -57,8 +59,7 @@ int run(const Settings &settings, const RestoreOptions &options, const Kind &kin
     {
         const Interruptible interruptible;
         const ShownProgress progress(settings.quiet, kind.name);
-        check(kind.operation(tree.get(), &how, Out(report)),
-              std::string(kind.name) + " " + what + (to.empty() ? "" : " to " + to) + " from image " + name.id);
+        check(kind.operation(tree.get(), &how, Out(report)), action);
     }
     if (options.json) {
         print(Json{{"id", name.id},
