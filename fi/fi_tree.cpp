@@ -38,6 +38,10 @@ std::string canonical_path(const std::string &given, const char *operation) {
     constexpr std::size_t longest = 2047; // an absolute path grows no longer by being made canonical
     if (!canonical && given[0] == '/' && given.size() <= longest)
         throw std::bad_alloc();
+    char folder[PATH_MAX];
+    if (!canonical && given[0] != '/' && getcwd(folder, sizeof folder) == nullptr)
+        fail(message::no_such_object, QFI_FI_NO_SUCH_OBJECT, operation,
+             {given, "the working folder cannot be told: " + error_text(errno)});
     if (!canonical)
         fail(message::no_such_object, QFI_FI_NO_SUCH_OBJECT, operation, {given, "the path is too long"});
     const Text real(realpath(canonical.get(), nullptr), std::free);

@@ -235,6 +235,35 @@ class Usage(ToolTest):
         self.assertEqual(result.code, 2, str(result))
 
 
+class WorkingFolder(ToolTest):
+    """One that is gone: somebody's shell still stands in it."""
+
+    def told(self, *command):
+        gone = self.folder / "gone"
+        gone.mkdir()
+        result = support.run(["sh", "-c", 'cd "$1" && rmdir "$1" && shift && exec "$@"', "sh", gone, *command])
+        self.assertEqual((result.code, result.out), (1, ""), str(result))
+        return result.err
+
+    def test_a_relative_path_is_told_with_what_was_tried(self):
+        identity, at = self.freeze(), ("--store", self.store)
+        cause = "the path is relative, and the working folder cannot be told: No such file or directory\n"
+        for command, action in ((("list", "--store", "x"), "list --store x"), (("import", "x"), "import x"),
+                                (("repair", "--forget", "x"), "repair --forget x"),
+                                (("export", identity, *at), f"export image {identity} to {identity}"),
+                                (("restore", identity, "--to", "x", *at), f"restore image {identity} to x"),
+                                (("diff", identity, "./x", *at), "look at ./x"),
+                                (("prune", "--keep-last", "1", "--object", "x", *at), "look at x")):
+            with self.subTest(command):
+                self.assertEqual(self.told(*support.tool_command(*command)), f"qzfi: {action}: {cause}")
+        self.assertEqual(self.told("env", "QFI_ROOT=x", support.root() / "bin/qzfi", "list"),
+                         f"qzfi: find the root x: {cause}")
+        self.assertEqual(self.told(*support.tool_command("freeze", "x")),
+                         "qzfi: look at x: No such directory (1025)\n"
+                         "  qzfi_gentree: x: the working folder cannot be told: No such file or directory (2)\n")
+        self.assertEqual(self.listed(), [identity])
+
+
 class Root(ToolTest):
     def setUp(self):
         super().setUp()

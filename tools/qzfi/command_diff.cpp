@@ -42,7 +42,7 @@ bool touches(const qfi_domain *from, const std::string &path) {
 // A path in the image's originals, as the image names them; empty for one elsewhere. It may be gone: that is a
 // difference. A link at its end is meant itself when it lies in the image, else what it leads to.
 std::string original_path(const qfi_domain *from, const std::string &given) {
-    const std::filesystem::path path = std::filesystem::absolute(given);
+    const std::filesystem::path path = absolute_path(given, "look at " + given);
     const std::string name = path.filename().string();
     if (!name.empty() && name != "." && name != "..") {
         const std::string above = resolved_path(path.parent_path());

@@ -1,5 +1,4 @@
 // qzfi export: moves an image out of its store into a folder of its own, from where another store can take it over.
-#include <filesystem>
 #include <iostream>
 
 #include "tools/qzfi/commands.h"
@@ -19,10 +18,11 @@ int run(const Settings &settings, const Options &options) {
     const Interruptible interruptible;
     const ImageName name{whole_id(options.image), options.image.store};
     const Tree tree = open_tree(name);
-    const std::string folder = std::filesystem::absolute(options.to.empty() ? name.id : options.to).string();
+    const std::string to = options.to.empty() ? name.id : options.to, action = "export image " + name.id + " to ";
+    const std::string folder = absolute_path(to, action + to);
     {
         const ShownProgress progress(settings.quiet, "export");
-        check(qfi_op_deport_tree(tree.get(), folder.c_str(), nullptr), "export image " + name.id + " to " + folder);
+        check(qfi_op_deport_tree(tree.get(), folder.c_str(), nullptr), action + folder);
     }
     std::cout << folder << '\n';
     return exit_done;

@@ -18,7 +18,7 @@ constexpr const char *document_name = "fiid.xml";
 
 // The folder, also when its id document was named.
 std::string folder_of(const std::string &given) {
-    const std::filesystem::path path = std::filesystem::absolute(given);
+    const std::filesystem::path path = absolute_path(given, "import " + given);
     std::error_code error;
     if (std::filesystem::is_directory(path, error))
         return path.string();
@@ -55,14 +55,16 @@ int run(const Settings &settings, const Options &options) {
 } // namespace
 
 void add_import(CommandLine &line) {
-    add_command<Options>(
-        line, "import", "Take an exported image over into a store; its id is printed", run,
-        [](Arguments &command, Options &options) {
-            command.add_option("PATH", options.path, "The exported folder, or the fiid.xml in it").required();
-            add_store(command, options.store, "The store; else the default one");
-            command.add_flag("--verify", options.verify, "Compare with the manifests; when it differs, nothing comes");
-            command.add_flag("--keep-source", options.keep_source, "Leave the folder where it is");
-        });
+    add_command<Options>(line, "import", "Take an exported image over into a store; its id is printed", run,
+                         [](Arguments &command, Options &options) {
+                             command.add_option("PATH", options.path, "The exported folder, or the fiid.xml in it")
+                                 .required()
+                                 .not_empty();
+                             add_store(command, options.store, "The store; else the default one");
+                             command.add_flag("--verify", options.verify,
+                                              "Compare with the manifests; when it differs, nothing comes");
+                             command.add_flag("--keep-source", options.keep_source, "Leave the folder where it is");
+                         });
 }
 
 } // namespace qzfi::tool

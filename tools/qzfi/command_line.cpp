@@ -1,7 +1,6 @@
 #include "tools/qzfi/command_line.h"
 
 #include <cstdint>
-#include <filesystem>
 #include <optional>
 #include <sstream>
 #include <type_traits>
@@ -57,7 +56,9 @@ Argument Arguments::add_flag(const std::string &names, bool &value, const std::s
 }
 
 Argument Arguments::add_directory(const std::string &names, std::string &value, const std::string &description) {
-    const auto keep = [&value](const std::string &given) { value = std::filesystem::absolute(given); };
+    const auto keep = [&value, names, command = command_](const std::string &given) {
+        value = absolute_path(given, command->get_name() + " " + names + " " + given);
+    };
     return Argument(command_->add_option_function<std::string>(names, keep, description)->type_name("DIR")).not_empty();
 }
 

@@ -122,18 +122,17 @@ int told_usage(const CLI::App &app, const CLI::ParseError &error) {
 int run(int argc, char **argv) {
     CommandLine line;
     declare(line);
-    try {
-        line.app().parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        return told_usage(line.app(), error);
-    }
-    // The framework, and what it starts, may be elsewhere.
-    line.settings.root = std::filesystem::absolute(line.settings.root).lexically_normal();
-    if (line.settings.root.size() > 1 && line.settings.root.ends_with('/'))
-        line.settings.root.pop_back();
     int code = exit_done;
     try {
+        line.app().parse(argc, argv);
+        // The framework, and what it starts, may be elsewhere.
+        std::string &root = line.settings.root;
+        root = std::filesystem::path(absolute_path(root, "find the root " + root)).lexically_normal();
+        if (root.size() > 1 && root.ends_with('/'))
+            root.pop_back();
         code = line.act();
+    } catch (const CLI::ParseError &error) {
+        return told_usage(line.app(), error);
     } catch (const Failure &failure) {
         tell(failure);
         return failure.code();

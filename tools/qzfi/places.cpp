@@ -44,9 +44,8 @@ std::vector<const qfi_domain *> object_nodes(const qfi_domain *tree) {
 
 std::string resolved_path(const std::string &given) {
     std::error_code error;
-    std::string path = std::filesystem::absolute(given, error).string();
-    if (!error)
-        path = std::filesystem::weakly_canonical(path, error).string();
+    const std::string whole = absolute_path(given, "look at " + given);
+    const std::string path = std::filesystem::weakly_canonical(whole, error).string();
     if (error)
         throw Failure("look at " + given + ": " + error.message());
     return tidy(path);

@@ -1,6 +1,5 @@
 #include "tools/qzfi/restoring.h"
 
-#include <filesystem>
 #include <iostream>
 
 #include "tools/qzfi/json.h"
@@ -42,7 +41,8 @@ int run(const Settings &settings, const RestoreOptions &options, const Kind &kin
     const ImageName name{whole_id(options.image), options.image.store};
     const Tree tree = open_tree(name);
     const std::string only = options.only.empty() ? "" : below_the_object(tree.get(), options.only);
-    const std::string to = options.to.empty() ? "" : std::filesystem::absolute(options.to).string();
+    const std::string to =
+        options.to.empty() ? "" : absolute_path(options.to, "restore image " + name.id + " to " + options.to);
     const std::string what = path_below(objects_text(tree.get()), only); // with a part there is only one object
     const std::string action =
         std::string(kind.name) + " " + what + (to.empty() ? "" : " to " + to) + " from image " + name.id;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 
 #include "tools/qzfi/library.h"
@@ -120,6 +121,14 @@ void check(int32_t status, const std::string &action) {
     std::vector<std::string> causes = take_errors();
     const int code = status == QFI_FI_CANCELLED ? exit_interrupted : exit_failed;
     throw Failure(action + ": " + status_text(status), code, std::move(causes));
+}
+
+std::string absolute_path(const std::string &path, const std::string &action) {
+    std::error_code error;
+    std::string result = std::filesystem::absolute(path, error).string();
+    if (error)
+        throw Failure(action + ": the path is relative, and the working folder cannot be told: " + error.message());
+    return result;
 }
 
 void tell(const Failure &failure) {

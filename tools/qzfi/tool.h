@@ -62,6 +62,9 @@ std::string status_text(int32_t status);
 /// `action` says what was tried with what, as in "freeze /data".
 void check(int32_t status, const std::string &action);
 
+/// The path from the root on. Throws Failure as `check` where it is relative and there is no working folder any more.
+std::string absolute_path(const std::string &path, const std::string &action);
+
 /// Tells a failure on standard error.
 void tell(const Failure &failure);
 
