@@ -51,7 +51,12 @@ class Doctor(ToolTest):
         self.assertEqual(checks["probe program", f"{self.root}/lib/qzfi/qzfi_provider_probe"], ("ok", "there"))
         for provider, consistency in (("btrfs", "atomic"), ("reflink", "per-file"), ("copy", "fuzzy")):
             self.assertEqual(checks["provider", provider], ("ok", f"loaded; at best {consistency}"))
+        self.assertEqual(checks["store", "-"], ("ok", "none yet: the first freeze makes one"))
         self.assertEqual({health for health, _ in checks.values()} - {"warning"}, {"ok"})
+        command = [str(self.root / "bin" / "qzfi"), "--root", str(self.root)]
+        for words in (["list", "--quiet"], ["repair"], ["verify", "--all"]):
+            result = support.run([*command, *words])
+            self.assertEqual((result.code, result.err), (0, ""), "that there is no store yet is no fault")
         self.assertEqual({check for check, _ in checks},
                          {"root", "library", "entries", "probe program", "provider", "file system", "store",
                           "catalogs", "locale", "ICU_DATA", "log"})
@@ -171,14 +176,31 @@ class Doctor(ToolTest):
         self.assertEqual(self.doctor()["store", str(self.store)][0], "warning")
         told = support.run([*command, "doctor"]).out
         hint, = re.findall(r"`qzfi (repair --forget [^`]*)`", told)
-        for others in (["repair"], ["verify", "--all"]):
+        all_known = (["list"], ["prune", "--keep-last", "1"], ["repair"], ["verify", "--all"])
+        for others in all_known:
             result = support.run([*command, *others])
-            self.assertEqual((result.code, result.err),
-                             (1, f"qzfi: look at store {self.store}: The store cannot be used (1028)\n"), str(result))
-        for words in (hint.split(), ["repair"], ["verify", "--all"]):
+            self.assertEqual((result.code, [line for line in result.err.splitlines() if line != "no images"]),
+                             (1, [f"qzfi: look at store {self.store}: The store cannot be used (1028)",
+                                  f"  qzfi_snapreplica_list: store {self.store} cannot be used: No such file or "
+                                  "directory (2)", "  `qzfi doctor` tells what to do about it"]), str(result))
+        for words in (hint.split(), ["repair"], ["verify", "--all"], ["list", "--quiet"]):
             result = support.run([*command, *words])
             self.assertEqual((result.code, result.err), (0, ""), str(result))
         self.assertNotIn(("store", str(self.store)), self.doctor())
+
+    def test_a_default_store_that_somebody_took_away_is_a_warning(self):
+        command = [str(self.root / "bin" / "qzfi"), "--root", str(self.root)]
+        support.run([*command, "freeze", self.data, "--method", "copy"])
+        store = self.root / "arcvault" / "images"
+        self.assertEqual(self.doctor()["store", str(store)][0], "ok")
+        (store / "catalog.db").rename(self.folder / "catalog.db")
+        health, text = self.doctor()["store", str(store)]
+        self.assertEqual(health, "warning")
+        self.assertIn("it has no catalog", text)
+        self.assertNotIn("--forget", support.run([*command, "doctor"]).out)
+        store.rename(self.folder / "elsewhere")
+        store.symlink_to(self.folder / "nowhere")
+        self.assertEqual([health for (check, _), (health, _) in self.doctor().items() if check == "store"], ["warning"])
 
     def test_a_trace_that_was_left_on_is_a_warning(self):
         (self.root / "lib" / ".qzms.rc").write_text("debug_level=WARN\n")

@@ -1,4 +1,5 @@
 """Signals during restores, and two restores to one place."""
+import json
 import os
 import signal
 import unittest
@@ -100,6 +101,59 @@ class Restoring(ToolTest):
         self.assertEqual(self.contents(there), {"old"})
         self.assertEqual(len(os.listdir(there)), COUNT)
         self.assertEqual(set(os.listdir(self.folder)), self.outside | {"there"})
+
+
+class Documents(ToolTest):
+    """A signal in the middle of many images: what was done before is told."""
+
+    def setUp(self):
+        super().setUp()
+        self.folder = support.memory_filesystem("size=2g")
+        self.data, self.store = self.folder / "data", self.folder / "store"
+        self.data.mkdir()
+
+    def fill(self, count):
+        for number in range(count):
+            (self.data / f"file-{number}").write_text("content")
+
+    def test_prune_tells_what_it_removed(self):
+        self.fill(3000)
+        ids = [self.freeze() for _ in range(16)]
+        process = support.start("prune", "--keep-last", "1", "--yes", "--json", "--store", self.store)
+        support.wait_for(lambda: not (self.store / "images" / ids[0]).exists(), "the first removal")
+        process.send_signal(signal.SIGTERM)
+        out, error = process.communicate(timeout=support.PATIENCE)
+        self.assertEqual(process.returncode, 130, error)
+        self.assertRegex(error, rf"^qzfi: remove image {support.IMAGE_ID}: Cancelled \(1035\)\n$")
+        document = json.loads(out)
+        self.check_schema(document, "prune")
+        self.assertEqual((document["dry_run"], document["interrupted"]), (False, True))
+        self.assertEqual([one["id"] for one in document["images"]], ids)
+        removed = [one["removed"] for one in document["images"]]
+        self.assertTrue(removed[0])
+        self.assertEqual(removed, sorted(removed, reverse=True), "from the oldest on")
+        self.assertEqual(self.listed(), [identity for identity, gone in zip(ids, removed) if not gone])
+        document = self.json("prune", "--keep-last", "1", "--yes", "--store", self.store)
+        self.assertFalse(document["interrupted"])
+        self.assertEqual(self.listed(), ids[-1:])
+
+    def test_verify_tells_what_it_found(self):
+        small = self.folder / "small"
+        small.mkdir()
+        first = self.freeze(small, "--method", "copy", "--store", self.store)
+        self.fill(COUNT)
+        self.freeze(self.data, "--method", "copy", "--store", self.store, "--digest")
+        arguments = ("verify", "--all", "--json", "--store", self.store)
+        with support.Terminal(support.tool_command(*arguments), columns=200) as terminal:
+            terminal.read_until(rf"verify \[.*{self.data}")
+            terminal.send("\x03")
+            result = terminal.finish()
+        self.assertEqual(result.code, 130, str(result))
+        document, end = json.JSONDecoder().raw_decode(result.out[result.out.index("{"):])
+        self.check_schema(document, "verify")
+        self.assertTrue(document["interrupted"])
+        self.assertEqual([(one["id"], one["verdict"]) for one in document["images"]], [(first, "sound")])
+        self.assertIn(": Cancelled (1035)\n", result.out[end:])
 
 
 if __name__ == "__main__":

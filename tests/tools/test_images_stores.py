@@ -1,5 +1,8 @@
 """The images' life on Btrfs and by reflinks, on read-only and on full file systems."""
+import json
 import os
+import shutil
+import subprocess
 import unittest
 
 import support
@@ -39,6 +42,78 @@ class Life(ToolTest):
 
     def test_by_reflinks(self):
         self.live(support.loop_filesystem("xfs", 320), "reflink")
+
+
+class Unusable(ToolTest):
+    """Of two known stores one is gone, as that of a disk which is not mounted."""
+
+    def setUp(self):
+        super().setUp()
+        self.other = self.folder / "other"
+        self.identity = self.freeze()
+        self.newer = self.freeze(self.data, "--method", "copy", "--store", self.other)
+        self.other.rename(self.folder / "away")
+        self.addCleanup(lambda: support.qzfi("repair", "--forget", self.other))
+        self.causes = [f"qzfi_snapreplica_list: store {self.other} cannot be used: No such file or directory (2)"]
+
+    def document(self, *arguments):
+        result = support.qzfi(*arguments, "--json")
+        self.assertEqual(result.code, 1, str(result))
+        self.assertIn(f"qzfi: look at store {self.other}: The store cannot be used (1028)\n  {self.causes[0]}\n",
+                      result.err)
+        document = json.loads(result.out)
+        self.check_schema(document, arguments[0])
+        store, = [store for store in document["unusable"] if store["path"] == str(self.other)]
+        self.assertEqual((store["status"], store["causes"]), (1028, self.causes))
+        return document
+
+    def test_what_looks_into_all_stores_names_it_and_goes_on_with_the_others(self):
+        self.assertIn(self.identity, [image["id"] for image in self.document("list")["images"]])
+        self.assertIn(self.identity, [image["id"] for image in self.document("verify", "--all")["images"]])
+        again = self.freeze()
+        pruned = self.document("prune", "--keep-last", "1", "--object", self.data, "--yes")
+        self.assertEqual([(one["id"], one["removed"]) for one in pruned["images"]],
+                         [(self.identity, True), (again, False)])
+        table = support.qzfi("list")
+        self.assertEqual((table.code, again in table.out), (1, True), str(table))
+
+    def test_one_store_is_looked_into_without_a_word(self):
+        self.assertEqual(self.json("list", "--store", self.store)["unusable"], [])
+        self.assertEqual(self.json("verify", "--all", "--store", self.store)["unusable"], [])
+        self.assertEqual(self.json("prune", "--keep-last", "1", "--store", self.store)["unusable"], [])
+        self.succeed("show", self.identity)
+
+    def test_the_latest_image_is_not_known_then(self):
+        error = self.fail_with(1, "rm", "latest", "--yes")
+        self.assertEqual(error.splitlines()[0], "qzfi: find image latest: a newer one may be where nobody can look; "
+                                                "name the image, or a store by --store")
+        self.assertIn(f"  store {self.other}: The store cannot be used (1028)\n  {self.causes[0]}\n", error)
+        self.assertEqual(self.listed(), [self.identity])
+        self.assertEqual(self.json("show", "latest", "--store", self.store)["id"], self.identity)
+
+    def test_an_image_that_is_not_found_may_be_there(self):
+        error = self.fail_with(1, "show", self.newer)
+        self.assertEqual(error.splitlines()[0], f"qzfi: find image {self.newer}: No such image (1024) in any known store")
+        self.assertIn(f"  store {self.other}: The store cannot be used (1028)\n  {self.causes[0]}\n", error)
+
+
+class OtherLibrary(ToolTest):
+    def test_a_library_that_tells_nothing_of_a_store_is_told(self):
+        """All entries are those of the library that is installed, but for one."""
+        ids = [self.freeze() for _ in range(2)]
+        library = self.folder / "libfi_without_stores.so"
+        compiler = shutil.which("cc") or shutil.which("gcc") or shutil.which("clang")
+        if not compiler:
+            self.skipTest("no C compiler")
+        folder = support.root() / "lib"
+        subprocess.run([compiler, "-shared", "-fPIC", "-o", library, "-x", "c", "-", "-x", "none", "-Wl,--no-as-needed",
+                        folder / "libfi.so", f"-Wl,-rpath,{folder}"], text=True, check=True,
+                       input="int qzfi_query_res_status(void *path, void *reserved, void **list) "
+                             "{ (void)path; (void)reserved; *list = 0; return 0; }")
+        environment = support.environment(QFI_API_LIB=str(library))
+        error = self.fail_with(1, "prune", "--keep-free", "50", "--yes", "--store", self.store, env=environment)
+        self.assertEqual(error, f"qzfi: look at store {self.store}: the library tells nothing of it\n")
+        self.assertEqual(self.listed(), ids)
 
 
 class ReadOnly(ToolTest):

@@ -3,6 +3,7 @@
 
 #include "tools/qzfi/commands.h"
 #include "tools/qzfi/json.h"
+#include "tools/qzfi/stores.h"
 #include "tools/qzfi/table.h"
 #include "tools/qzfi/text.h"
 
@@ -37,17 +38,18 @@ void print_table(const qfi_image_list *images) {
 int run(const Settings &settings, const Options &options) {
     const Session session(settings);
     const ImageList images = all_images(options.store);
+    const std::vector<Store> unusable = passed_over(options.store);
     if (options.json) {
         Json list = Json::array();
         for (const qfi_image_list *node = images.get(); node != nullptr; node = node->next)
             list.push_back(json_of(node->image));
-        print(Json{{"images", std::move(list)}});
+        print(Json{{"images", std::move(list)}, {"unusable", json_of(unusable)}});
     } else if (images) {
         print_table(images.get());
     } else if (!settings.quiet) {
         std::cerr << "no images\n";
     }
-    return exit_done;
+    return tell_unusable(unusable);
 }
 
 } // namespace

@@ -98,9 +98,8 @@ Plan plan_of(const qfi_image_list *images, const Options &options) {
     return plan;
 }
 
-double free_percent(const Store &store) {
-    if (store.status != QFI_STATUS_OK)
-        throw Failure("look at store " + store.path + ": " + store.why);
+double free_percent(const std::string &path) {
+    const Store store = usable_store(path);
     return store.capacity == 0 ? 0 : 100.0 * static_cast<double>(store.available) / static_cast<double>(store.capacity);
 }
 
@@ -123,7 +122,7 @@ void look_at(StoreGoal &goal, double wanted) {
     const bool may_grow = frees_later(goal.path);
     int patience = 20;
     for (;;) {
-        const double present = free_percent(find_stores(goal.path).at(0));
+        const double present = free_percent(goal.path);
         patience = present > goal.free_percent ? 20 : patience - 1;
         goal.free_percent = present;
         goal.is_reached = present >= wanted;
@@ -142,7 +141,7 @@ std::vector<StoreGoal> goals_of(const Plan &plan, const Options &options) {
             paths.insert(unit.stores.begin(), unit.stores.end());
     std::vector<StoreGoal> goals;
     for (const std::string &path : paths) {
-        const double present = free_percent(find_stores(path).at(0));
+        const double present = free_percent(path);
         goals.push_back({path, present, present >= *options.keep_free});
     }
     return goals;
@@ -183,7 +182,8 @@ void print_plan(const Plan &plan, const std::vector<std::size_t> &spares, bool h
     table.print();
 }
 
-Json json_of(const Plan &plan, const std::vector<StoreGoal> &goals, const Options &options) {
+Json json_of(const Plan &plan, const std::vector<StoreGoal> &goals, const std::vector<Store> &unusable,
+             const Options &options, bool was_interrupted) {
     const auto texts = [](const auto &range) {
         Json list = Json::array();
         for (const std::string &text : range)
@@ -208,7 +208,11 @@ Json json_of(const Plan &plan, const std::vector<StoreGoal> &goals, const Option
                           {"wanted_percent", *options.keep_free},
                           {"free_percent", goal.free_percent},
                           {"reached", goal.is_reached}});
-    return {{"dry_run", options.dry_run}, {"images", std::move(images)}, {"stores", std::move(stores)}};
+    return {{"dry_run", options.dry_run},
+            {"interrupted", was_interrupted},
+            {"images", std::move(images)},
+            {"stores", std::move(stores)},
+            {"unusable", qzfi::tool::json_of(unusable)}};
 }
 
 // False when it could not be removed, which is told.
@@ -275,6 +279,15 @@ int tell_goals(const std::vector<StoreGoal> &goals, const Options &options) {
     return code;
 }
 
+void carry_out(Plan &plan, std::vector<StoreGoal> &goals, const Settings &settings, const Options &options, int &code) {
+    for (std::size_t index = 0; index < plan.units.size(); ++index)
+        if (plan.decisions[index].action == PruneAction::remove)
+            remove(plan, index, settings, options, code);
+    for (StoreGoal &goal : goals)
+        make_space(plan, goal, settings, options, code);
+    code = std::max(code, tell_goals(goals, options));
+}
+
 int run(const Settings &settings, const Options &given) {
     require_options(given);
     Options options = given;
@@ -282,6 +295,7 @@ int run(const Settings &settings, const Options &given) {
         options.object = resolved_path(given.object); // it may be gone
     const Session session(settings);
     Plan plan = plan_of(all_images(options.store).get(), options);
+    const std::vector<Store> unusable = passed_over(options.store);
     std::vector<StoreGoal> goals = goals_of(plan, options);
     const std::vector<std::size_t> spares = spares_of(plan, goals);
     if (!options.json && !plan.units.empty())
@@ -292,18 +306,20 @@ int run(const Settings &settings, const Options &given) {
         static_cast<uint64_t>(std::count_if(plan.decisions.begin(), plan.decisions.end(), [](const auto &decision) {
             return decision.action == PruneAction::remove;
         }));
-    int code = exit_done;
+    int code = tell_unusable(unusable);
     if (!options.dry_run) {
         if (count + spares.size() > 0 && !confirm(question(count, spares.size(), options), options.yes))
             throw Failure((options.store.empty() ? "prune the known stores" : "prune store " + options.store) +
                           ": not confirmed, nothing was removed");
-        const Interruptible interruptible;
-        for (std::size_t index = 0; index < plan.units.size(); ++index)
-            if (plan.decisions[index].action == PruneAction::remove)
-                remove(plan, index, settings, options, code);
-        for (StoreGoal &goal : goals)
-            make_space(plan, goal, settings, options, code);
-        code = std::max(code, tell_goals(goals, options));
+        try {
+            const Interruptible interruptible;
+            carry_out(plan, goals, settings, options, code);
+        } catch (const Failure &failure) {
+            // What was removed before is gone all the same.
+            if (options.json)
+                print(json_of(plan, goals, unusable, options, failure.code() == exit_interrupted));
+            throw;
+        }
     } else if (!settings.quiet) {
         for (const StoreGoal &goal : goals)
             if (!goal.is_reached)
@@ -311,7 +327,7 @@ int run(const Settings &settings, const Options &given) {
                           << " are free now; what a removal frees cannot be told beforehand\n";
     }
     if (options.json)
-        print(json_of(plan, goals, options));
+        print(json_of(plan, goals, unusable, options, false));
     return code;
 }
 

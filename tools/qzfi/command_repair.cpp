@@ -68,13 +68,10 @@ int run(const Settings &settings, const Options &options) {
     check_interrupted(action);
     const std::vector<Store> stores = find_stores(options.store);
     if (options.json) {
-        Json list = Json::array();
-        for (const Store &store : stores)
-            list.push_back(json_of(store));
         print(Json{{"removed", report->changed},
                    {"damaged", images_json(*report, true)},
                    {"waiting", images_json(*report, false)},
-                   {"stores", std::move(list)}});
+                   {"stores", json_of(stores)}});
     } else {
         print_text(*report, stores);
     }

@@ -75,35 +75,53 @@ Json json_of_verified(const Verified &one) {
             {"report", one.report ? json_of(*one.report) : Json()}};
 }
 
-int run(const Settings &settings, const Options &options) {
-    if (options.all == !options.image.id.empty())
-        throw Failure("verify: name an image, or say --all", exit_usage);
-    const Session session(settings);
-    const Interruptible interruptible;
-    const ImageList images = options.all ? all_images(options.image.store) : find_images(options.image);
-    Json list = Json::array();
+struct Verification {
+    Json images = Json::array();
     bool is_damaged = false, has_failed = false;
-    for (const qfi_image_list *node = images.get(); node != nullptr; node = node->next) {
+};
+
+void verify_all(Verification &done, const qfi_image_list *images, const Settings &settings, bool json) {
+    for (const qfi_image_list *node = images; node != nullptr; node = node->next) {
         check_interrupted(std::string("verify image ") + node->image.image_id);
         Verified one;
         {
             const ShownProgress progress(settings.quiet, "verify");
             one = verify(node->image);
         }
-        is_damaged = is_damaged || one.verdict == Verdict::damaged;
-        has_failed = has_failed || one.verdict == Verdict::failed;
-        if (options.json)
-            list.push_back(json_of_verified(one));
+        done.is_damaged = done.is_damaged || one.verdict == Verdict::damaged;
+        done.has_failed = done.has_failed || one.verdict == Verdict::failed;
+        if (json)
+            done.images.push_back(json_of_verified(one));
         else
             print_verified(one);
         if (one.verdict == Verdict::failed)
             tell(Failure("verify image " + one.id + ": " + one.causes.front(), exit_failed,
                          {one.causes.begin() + 1, one.causes.end()}));
     }
-    if (options.json)
-        print(Json{{"images", std::move(list)}});
-    const int code = options.all ? tell_unusable(find_stores(options.image.store)) : exit_done;
-    return is_damaged ? exit_differs : has_failed ? exit_failed : code;
+}
+
+int run(const Settings &settings, const Options &options) {
+    if (options.all == !options.image.id.empty())
+        throw Failure("verify: name an image, or say --all", exit_usage);
+    const Session session(settings);
+    const Interruptible interruptible;
+    const ImageList images = options.all ? all_images(options.image.store) : find_images(options.image);
+    const std::vector<Store> unusable = options.all ? passed_over(options.image.store) : std::vector<Store>();
+    Verification done;
+    const auto print_document = [&](bool was_interrupted) {
+        if (options.json)
+            print(Json{
+                {"interrupted", was_interrupted}, {"images", std::move(done.images)}, {"unusable", json_of(unusable)}});
+    };
+    try {
+        verify_all(done, images.get(), settings, options.json);
+    } catch (const Failure &failure) {
+        print_document(failure.code() == exit_interrupted); // what was found may have taken hours
+        throw;
+    }
+    print_document(false);
+    const int code = tell_unusable(unusable);
+    return done.is_damaged ? exit_differs : done.has_failed ? exit_failed : code;
 }
 
 } // namespace

@@ -50,15 +50,27 @@ void look_at_filesystems(Json &findings) {
         findings.push_back(finding("ok", "file system", filesystem.path, joined(filesystem.providers)));
 }
 
+std::string joined_causes(const Store &store) {
+    std::string text = store.why;
+    for (const std::string &cause : store.causes)
+        text += "; " + cause;
+    return text;
+}
+
 void look_at_stores(Json &findings) {
-    for (const Store &store : find_stores("")) {
+    const std::vector<Store> stores = find_stores("");
+    if (stores.empty())
+        findings.push_back(finding("ok", "store", "-", "none yet: the first freeze makes one"));
+    for (const Store &store : stores) {
         const std::string content = counted(store.images, "image", "images") + ", " + grouped(store.debris) +
                                     " half-made, " + size_text(store.available) + " free of " +
                                     size_text(store.capacity);
         if (store.status != QFI_STATUS_OK)
             findings.push_back(
-                finding("warning", "store", store.path, store.why,
-                        "mount it; when it is gone for good, `qzfi repair --forget " + store.path + "`"));
+                finding("warning", "store", store.path, joined_causes(store),
+                        store.path.ends_with("/arcvault/images")
+                            ? "mount it, or bring it back: it is the default store, with the list of the others"
+                            : "mount it; when it is gone for good, `qzfi repair --forget " + store.path + "`"));
         else if (store.debris > 0)
             findings.push_back(finding("warning", "store", store.path, content,
                                        "`qzfi repair` removes what is half-made and nobody is making"));

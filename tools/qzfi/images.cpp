@@ -8,6 +8,7 @@
 #include <string_view>
 #include <unistd.h>
 
+#include "tools/qzfi/stores.h"
 #include "tools/qzfi/text.h"
 
 namespace qzfi::tool {
@@ -32,6 +33,24 @@ std::string slip_text(const std::string &id) {
     return id.size() < shortest_beginning ? "; a beginning has at least 4 characters" : "";
 }
 
+// The known stores that were searched in vain, as nobody can look into them.
+std::vector<std::string> obstacles(const ImageName &name) {
+    std::vector<std::string> texts;
+    for (const Store &store : passed_over(name.store)) {
+        texts.push_back("store " + store.path + ": " + store.why);
+        texts.insert(texts.end(), store.causes.begin(), store.causes.end());
+    }
+    return texts;
+}
+
+// There may be a newer one where nobody can look, and what follows may be a restore.
+void require_all_stores(const ImageName &name) {
+    if (const std::vector<std::string> texts = obstacles(name); !texts.empty())
+        throw Failure(
+            "find image latest: a newer one may be where nobody can look; name the image, or a store by --store",
+            exit_failed, texts);
+}
+
 } // namespace
 
 ImageList all_images(const std::string &store) {
@@ -49,8 +68,10 @@ std::string whole_id(const ImageName &name) {
         const qfi_image &image = node->image;
         if (name.id == image.image_id || name.id == image.set_id)
             return name.id;
-        if (name.id == "latest" && node->next == nullptr)
+        if (name.id == "latest" && node->next == nullptr) {
+            require_all_stores(name);
             return is_alone(list.get(), image) ? image.image_id : image.set_id; // with it all that were made together
+        }
         if (name.id.size() < shortest_beginning)
             continue;
         if (std::string_view(image.image_id).starts_with(name.id))
@@ -69,7 +90,8 @@ std::string whole_id(const ImageName &name) {
     }
     if (fitting.empty())
         throw Failure("find image " + name.id + ": " + status_text(QFI_FI_NO_SUCH_IMAGE) + " in " +
-                      (name.store.empty() ? "any known store" : "store " + name.store) + slip_text(name.id));
+                          (name.store.empty() ? "any known store" : "store " + name.store) + slip_text(name.id),
+                      exit_failed, obstacles(name));
     return *fitting.begin();
 }
 
