@@ -91,6 +91,7 @@ show_on() {
   show "$method" "$disk"
   umount "$disk"
   rm "$disk.img"
+  run qzfi repair --forget "$disk/.qzfi" # its disk is gone for good
 }
 
 mkdir "$work/copy"
