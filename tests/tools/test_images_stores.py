@@ -91,6 +91,27 @@ class Unusable(ToolTest):
         self.assertEqual(self.listed(), [self.identity])
         self.assertEqual(self.json("show", "latest", "--store", self.store)["id"], self.identity)
 
+    def test_a_set_that_is_there_in_part_does_not_pass_for_all_of_it(self):
+        disks = [support.loop_filesystem("btrfs"), support.loop_filesystem("btrfs")]
+        objects = [disk / "data" for disk in disks]
+        for folder in objects:
+            folder.mkdir()
+            (folder / "file").write_text("content")
+        identity = self.freeze(*objects, "--method", "reflink")
+        self.succeed("show", identity)  # the store that is away has none of it
+        first, second = self.json("show", identity)["images"]
+        (disks[0] / ".qzfi").rename(disks[0] / "away")
+        for command in (("show",), ("verify",), ("restore", "--yes"), ("resync", "--yes"), ("rm", "--yes"), ("diff",)):
+            with self.subTest(command[0]):
+                error = self.fail_with(1, command[0], identity, *command[1:])
+                self.assertEqual(error.splitlines()[:2], [
+                    f"qzfi: find set {identity}: some of its images may be where nobody can look; name those that are "
+                    f"there: {second['id']}", f"  qzfi_reaccess_tree: no known store has image {first['id']}"])
+                self.assertIn(f"  store {disks[0]}/.qzfi: The store cannot be used (1028)\n", error)
+        self.succeed("verify", second["id"])
+        (disks[0] / "away").rename(disks[0] / ".qzfi")
+        self.succeed("rm", identity, "--yes")
+
     def test_an_image_that_is_not_found_may_be_there(self):
         error = self.fail_with(1, "show", self.newer)
         self.assertEqual(error.splitlines()[0], f"qzfi: find image {self.newer}: No such image (1024) in any known store")

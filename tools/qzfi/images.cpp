@@ -3,7 +3,9 @@
 #include <array>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <set>
 #include <string_view>
 #include <unistd.h>
@@ -51,6 +53,38 @@ void require_all_stores(const ImageName &name) {
             exit_failed, texts);
 }
 
+std::string content_of(const std::string &path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// Half of a set must not pass for all of it. Each image's id document names them all; one that was removed on purpose
+// is missing too, but that is known only once all stores can be looked into.
+void require_whole_set(const ImageName &name, const qfi_image_list *images, const std::string &id) {
+    std::vector<std::string> there;
+    std::string document;
+    for (const qfi_image_list *node = images; node != nullptr; node = node->next) {
+        if (id == node->image.image_id)
+            return;
+        if (id != node->image.set_id)
+            continue;
+        there.emplace_back(node->image.image_id);
+        document = content_of(std::string(node->image.store) + "/images/" + node->image.image_id + "/fiid.xml");
+    }
+    std::vector<std::string> texts = obstacles(name);
+    if (texts.empty() || document.empty())
+        return;
+    Tree tree;
+    const qfi_fiid fiid = {document.data(), document.size()};
+    if (qfi_op_reaccess_tree(&fiid, Out(tree), nullptr, nullptr, nullptr, 0) != QFI_FI_NO_SUCH_IMAGE)
+        return;
+    const std::vector<std::string> errors = take_errors();
+    texts.insert(texts.begin(), errors.begin(), errors.end());
+    throw Failure("find set " + id +
+                      ": some of its images may be where nobody can look; name those that are there: " + joined(there),
+                  exit_failed, texts);
+}
+
 } // namespace
 
 ImageList all_images(const std::string &store) {
@@ -60,8 +94,10 @@ ImageList all_images(const std::string &store) {
     return list;
 }
 
-std::string whole_id(const ImageName &name) {
-    const ImageList list = all_images(name.store);
+namespace {
+
+// What the name stands for among these images; it may be a set of which others cannot be seen.
+std::string fitting_id(const ImageName &name, const ImageList &list) {
     // A set is looked for only where no image fits, as an image and its set begin alike.
     std::set<std::string> images, sets;
     for (const qfi_image_list *node = list.get(); node != nullptr; node = node->next) {
@@ -93,6 +129,15 @@ std::string whole_id(const ImageName &name) {
                           (name.store.empty() ? "any known store" : "store " + name.store) + slip_text(name.id),
                       exit_failed, obstacles(name));
     return *fitting.begin();
+}
+
+} // namespace
+
+std::string whole_id(const ImageName &name) {
+    const ImageList list = all_images(name.store);
+    const std::string id = fitting_id(name, list);
+    require_whole_set(name, list.get(), id);
+    return id;
 }
 
 ImageList find_images(const ImageName &name) {
