@@ -183,6 +183,7 @@ class Usage(ToolTest):
     def test_what_is_wrong_is_named(self):
         for arguments, text in ((("nothing",), "no command nothing; `qzfi --help` tells more"),
                                 (("--nothing",), "no option --nothing; `qzfi --help` tells more"),
+                                ((), "no command; `qzfi --help` tells more"),
                                 (("freeze",), "freeze: PATH is required; `qzfi freeze --help` tells more"),
                                 (("log", "--level", "INFO,LOUD"), "log --level LOUD: there are INFO, WARN, TRC_TOP, "
                                                                   "TRC_LOW, PARAM_IN, PARAM_OUT, PARAM_FULL"),
@@ -211,10 +212,19 @@ class Usage(ToolTest):
         for command, *arguments, option in (("restore", "latest", "--yes", "--to"), ("restore", "latest", "--yes", "--only"),
                                             ("resync", "latest", "--yes", "--only"), ("export", "latest", "--to"),
                                             ("prune", "--keep-last", "1", "--yes", "--object"), ("list", "--store"),
-                                            ("repair", "--forget")):
+                                            ("repair", "--forget"), ("freeze", "/tmp", "--pre"),
+                                            ("freeze", "/tmp", "--post"), ("freeze", "/tmp", "--method")):
             with self.subTest((command, option)):
                 self.assertEqual(self.fail_with(2, command, *arguments, option, ""),
                                  f"qzfi: {command}: {option}: its value is empty; `qzfi {command} --help` tells more\n")
+
+    def test_an_empty_argument_is_no_argument_either(self):
+        for name, *command in (("ID", "show", ""), ("ID", "rm", "--yes", ""), ("ID", "verify", ""), ("PATH", "freeze", ""),
+                               ("PATH", "freeze", "/tmp", ""), ("PATH", "methods", ""), ("OTHER", "diff", "latest", ""),
+                               ("FILE", "path", "latest", ""), ("FILE", "cat", "latest", ""), ("PATH", "import", "")):
+            with self.subTest(command):
+                self.assertEqual(self.fail_with(2, *command), f"qzfi: {command[0]}: {name}: its value is empty; "
+                                                              f"`qzfi {command[0]} --help` tells more\n")
 
     def test_help_and_version_succeed(self):
         for arguments in (("--help",), ("--version",), ("freeze", "--help"), ("-h",)):

@@ -110,7 +110,9 @@ int run(const Settings &settings, const Options &options) {
 void add_cat(CommandLine &line) {
     add_command<Options>(line, "cat", "Print a file from an image", run, [](Arguments &command, Options &options) {
         add_image(command, options.image);
-        command.add_option("FILE", options.place.file, "Below the object, or the original's path").required();
+        command.add_option("FILE", options.place.file, "Below the object, or the original's path")
+            .required()
+            .not_empty();
         add_object(command, options.place.object);
     });
 }

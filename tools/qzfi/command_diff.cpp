@@ -143,7 +143,8 @@ void add_diff(CommandLine &line) {
                     "OTHER", options.other,
                     "Another image's id, a path within the original to compare only that, or another directory; "
                     "else the originals")
-                .type_name("ID|PATH");
+                .type_name("ID|PATH")
+                .not_empty();
             command.add_flag("--digest", options.digest, "Compare data where sizes and times agree");
             command.add_flag("--exit-code", options.exit_code, "End with 3 when there are differences");
             add_json(command, options.json);

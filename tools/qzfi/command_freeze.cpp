@@ -74,17 +74,20 @@ void add_freeze(CommandLine &line) {
     add_command<Options>(
         line, "freeze", "Make an image of directories; its id is the last line of output", run,
         [](Arguments &command, Options &options) {
-            command.add_option("PATH", options.paths, "Directories; several are one set").required();
+            command.add_option("PATH", options.paths, "Directories; several are one set").required().not_empty();
             command.add_option("--method", options.method, "btrfs, reflink, copy or another provider's; else the best")
-                .type_name("NAME");
+                .type_name("NAME")
+                .not_empty();
             add_store(command, options.store, "Where the image is kept; else the method's own place");
             command.add_option("--label", options.label, "A text for people").type_name("TEXT");
             command
                 .add_option("--pre", options.pre_command,
                             "Run by the shell before the instant; failing, nothing is frozen")
-                .type_name("CMD");
+                .type_name("CMD")
+                .not_empty();
             command.add_option("--post", options.post_command, "Run by the shell afterwards, whatever happened")
-                .type_name("CMD");
+                .type_name("CMD")
+                .not_empty();
             add_workers(command, options.workers);
             command.add_flag("--digest", options.digest, "Keep a digest of every file, for verify and diff");
             command.add_flag("--nested", options.nested, "Include nested subvolumes");

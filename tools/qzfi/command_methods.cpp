@@ -88,12 +88,13 @@ int run(const Settings &settings, const Options &options) {
 } // namespace
 
 void add_methods(CommandLine &line) {
-    add_command<Options>(line, "methods", "Tell what could freeze directories, and why the rest cannot", run,
-                         [](Arguments &command, Options &options) {
-                             command.add_option("PATH", options.paths, "Directories, as for freeze").required();
-                             add_store(command, options.store, "A store instead of each method's own");
-                             add_json(command, options.json);
-                         });
+    add_command<Options>(
+        line, "methods", "Tell what could freeze directories, and why the rest cannot", run,
+        [](Arguments &command, Options &options) {
+            command.add_option("PATH", options.paths, "Directories, as for freeze").required().not_empty();
+            add_store(command, options.store, "A store instead of each method's own");
+            add_json(command, options.json);
+        });
 }
 
 } // namespace qzfi::tool

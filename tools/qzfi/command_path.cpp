@@ -53,8 +53,8 @@ void add_path(CommandLine &line) {
         line, "path", "Print the path under which an image, or a file in it, can be read", run,
         [](Arguments &command, Options &options) {
             add_image(command, options.image);
-            command.add_option("FILE", options.place.file,
-                               "Below the object, or the original's path; else each object");
+            command.add_option("FILE", options.place.file, "Below the object, or the original's path; else each object")
+                .not_empty();
             add_object(command, options.place.object);
             add_json(command, options.json);
             command.add_flag("-0,--null", options.null_ended, "End each path by a null byte instead of a newline")

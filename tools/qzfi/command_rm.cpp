@@ -55,7 +55,8 @@ int run(const Settings &settings, const Options &options) {
 void add_rm(CommandLine &line) {
     add_command<Options>(line, "rm", "Remove images", run, [](Arguments &command, Options &options) {
         command.add_option("ID", options.ids, "Ids of images or sets, unique beginnings of them, or \"latest\"")
-            .required();
+            .required()
+            .not_empty();
         add_store(command, options.store, "Look in this store instead of the known ones");
         add_yes(command, options.yes);
     });

@@ -51,7 +51,9 @@ inline void add_workers(Arguments &command, uint32_t &workers) {
 
 /// The argument ID and the option --store.
 inline void add_image(Arguments &command, ImageName &image, bool is_required = true) {
-    command.add_option("ID", image.id, "An image's id, a unique beginning of it, or \"latest\"").required(is_required);
+    command.add_option("ID", image.id, "An image's id, a unique beginning of it, or \"latest\"")
+        .required(is_required)
+        .not_empty();
     add_store(command, image.store, "Look in this store instead of the known ones");
 }
 

@@ -110,6 +110,8 @@ int told_usage(const CLI::App &app, const CLI::ParseError &error) {
         return exit_done;
     }
     std::string text = error.what();
+    if (text == "A subcommand is required")
+        text = "no command";
     const std::vector<std::string> unknown = app.remaining();
     if (app.get_subcommands().empty() && !unknown.empty())
         text = (unknown.front().starts_with('-') ? "no option " : "no command ") + unknown.front();
