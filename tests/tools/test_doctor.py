@@ -156,6 +156,18 @@ class Doctor(ToolTest):
         checks = self.doctor(1, user=65534, group=65534, extra_groups=[])
         self.assertEqual(checks["root", str(plugins)], ("failure", "Permission denied"))
 
+    @unittest.skipIf(os.geteuid() != 0, "only root can become a user who may not read")
+    def test_a_store_of_somebody_else_is_no_store_that_is_gone(self):
+        command = [str(self.root / "bin" / "qzfi"), "--root", str(self.root)]
+        support.run([*command, "freeze", self.data, "--method", "copy"])
+        for folder in (support.scratch(), self.folder):
+            folder.chmod(0o755)
+        user = {"user": 65534, "group": 65534, "extra_groups": []}
+        health, text = self.doctor(**user)["store", f"{self.root}/arcvault/images"]
+        self.assertEqual(health, "warning")
+        self.assertIn("Not permitted (1041)", text)
+        self.assertIn("-> look into it as root, or as the user who made it\n", support.run([*command, "doctor"], **user).out)
+
     def test_a_store_with_debris_that_cannot_be_removed_is_a_warning(self):
         mount_point = support.memory_filesystem("size=16m")
         store = mount_point / "store"

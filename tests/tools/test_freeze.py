@@ -37,6 +37,11 @@ class Freeze(ToolTest):
         self.assertTrue(post.exists())
         self.assertEqual(self.listed(), [])
 
+    def test_what_a_failing_command_said_keeps_its_lines(self):
+        error = self.fail_with(1, "freeze", self.data, "--method", "copy", "--store", self.store, "--pre",
+                               "printf 'first\\nsecond\\033[31m\\n'; exit 3")
+        self.assertTrue(error.endswith("failed with exit code 3: first\n  | second\\x1b[31m\n"), error)
+
     def test_a_failing_post_command_leaves_the_image_and_says_so(self):
         result = support.qzfi("freeze", self.data, "--method", "copy", "--store", self.store, "--post", "exit 5")
         self.assertEqual(result.code, 4, str(result))

@@ -50,6 +50,14 @@ void look_at_filesystems(Json &findings) {
         findings.push_back(finding("ok", "file system", filesystem.path, joined(filesystem.providers)));
 }
 
+std::string cure_of(const Store &store) {
+    if (store.status == QFI_FI_NO_RIGHT)
+        return "look into it as root, or as the user who made it";
+    if (store.path.ends_with("/arcvault/images"))
+        return "mount it, or bring it back: it is the default store, with the list of the others";
+    return "mount it; when it is gone for good, `qzfi repair --forget " + store.path + "`";
+}
+
 std::string joined_causes(const Store &store) {
     std::string text = store.why;
     for (const std::string &cause : store.causes)
@@ -66,11 +74,7 @@ void look_at_stores(Json &findings) {
                                     " half-made, " + size_text(store.available) + " free of " +
                                     size_text(store.capacity);
         if (store.status != QFI_STATUS_OK)
-            findings.push_back(
-                finding("warning", "store", store.path, joined_causes(store),
-                        store.path.ends_with("/arcvault/images")
-                            ? "mount it, or bring it back: it is the default store, with the list of the others"
-                            : "mount it; when it is gone for good, `qzfi repair --forget " + store.path + "`"));
+            findings.push_back(finding("warning", "store", store.path, joined_causes(store), cure_of(store)));
         else if (store.debris > 0)
             findings.push_back(finding("warning", "store", store.path, content,
                                        "`qzfi repair` removes what is half-made and nobody is making"));

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <sstream>
 
 #include "tools/qzfi/library.h"
 #include "tools/qzfi/progress.h"
@@ -134,8 +135,13 @@ std::string absolute_path(const std::string &path, const std::string &action) {
 void tell(const Failure &failure) {
     std::cout.flush();
     std::cerr << "qzfi: " << printable(failure.what()) << '\n';
-    for (const std::string &cause : failure.causes())
-        std::cerr << "  " << printable(cause) << '\n';
+    // What a command said may have lines of its own. Those of a name are marked too, so that it cannot pass for ours.
+    for (const std::string &cause : failure.causes()) {
+        std::istringstream lines(cause);
+        const char *begin = "  ";
+        for (std::string line; std::getline(lines, line); begin = "  | ")
+            std::cerr << begin << printable(line) << '\n';
+    }
 }
 
 } // namespace qzfi::tool
