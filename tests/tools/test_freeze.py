@@ -37,6 +37,19 @@ class Freeze(ToolTest):
         self.assertTrue(post.exists())
         self.assertEqual(self.listed(), [])
 
+    def test_a_post_command_that_fails_after_a_failed_freeze_is_told(self):
+        post = "echo still held; exit 5"
+        told = ["  and afterwards: The post command failed (1031)",
+                f'  qzfi_unquiesce: post command "{post}" failed with exit code 5: still held']
+        at = ("--method", "copy", "--store", self.store, "--post", post)
+        error = self.fail_with(1, "freeze", self.data, *at, "--pre", "exit 3")
+        self.assertEqual(error.splitlines()[0], f"qzfi: quiesce {self.data}: The pre command failed (1030)")
+        self.assertEqual(error.splitlines()[2:], told)
+        error = self.fail_with(1, "freeze", self.data, *at, "--pre", f"rm -r {self.store}/images/.new-*")
+        self.assertRegex(error.splitlines()[0], rf"^qzfi: freeze {self.data}: ")
+        self.assertEqual(error.splitlines()[-2:], told)
+        self.assertEqual(self.listed(), [])
+
     def test_what_a_failing_command_said_keeps_its_lines(self):
         error = self.fail_with(1, "freeze", self.data, "--method", "copy", "--store", self.store, "--pre",
                                "printf 'first\\nsecond\\033[31m\\n'; exit 3")

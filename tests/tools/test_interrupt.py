@@ -76,6 +76,19 @@ class Interrupt(ToolTest):
         self.assertTrue(self.post.exists(), "it has run when the command ends")
         self.assert_nothing_was_made()
 
+    def test_a_post_command_that_fails_after_a_signal_is_told(self):
+        self.arguments[-1] += "; exit 5"
+        process = support.start(*self.arguments, "--pre",
+                                f"touch {self.began}; while [ ! -e {self.go} ]; do sleep 0.05; done")
+        support.wait_for(self.began.exists)
+        process.send_signal(signal.SIGTERM)
+        self.go.touch()
+        _, error = process.communicate(timeout=support.PATIENCE)
+        self.assertEqual(process.returncode, 130, error)
+        self.assertEqual(error.splitlines()[:2], [f"qzfi: freeze {self.data}: Cancelled (1035)",
+                                                  "  and afterwards: The post command failed (1031)"])
+        self.assert_nothing_was_made()
+
     def test_sigterm_lets_the_pre_command_end(self):
         self.end_by(signal.SIGTERM)
 

@@ -18,8 +18,19 @@ struct Options {
     bool digest = false, nested = false, json = false;
 };
 
-// Quiesce to unquiesce. After quiesce the post command runs whatever happens: when something throws here, with the
-// tree. Gives the failure of the post command, as then the images are there all the same.
+// The post command has run whatever became of the freeze, or runs now. When it failed, the application may still be
+// held.
+Failure with_post_command(qfi_domain *tree, const Failure &failure) {
+    if (qfi_op_unquiesce(tree) != QFI_FI_POST_COMMAND)
+        return failure;
+    std::vector<std::string> causes = failure.causes();
+    causes.push_back("and afterwards: " + status_text(QFI_FI_POST_COMMAND));
+    for (const std::string &cause : take_errors())
+        causes.push_back(cause);
+    return Failure(failure.what(), failure.code(), std::move(causes));
+}
+
+// Gives the failure of the post command, as then the images are there all the same.
 int32_t make_images(qfi_domain *tree, const Options &options, const std::string &what, Report &report) {
     qfi_freeze_options freeze;
     QFI_INIT(freeze);
@@ -32,10 +43,14 @@ int32_t make_images(qfi_domain *tree, const Options &options, const std::string 
     check(qfi_op_select(tree, nullptr, or_null(options.method), or_null(options.store)), "choose a method for " + what);
     check(qfi_op_prepare(tree, 0, &freeze, nullptr), "prepare the freeze of " + what);
     check_interrupted("freeze " + what);
-    const int32_t quiesced = qfi_op_quiesce(tree);
-    check_interrupted("freeze " + what); // what made the pre command fail, perhaps
-    check(quiesced, "quiesce " + what);
-    check(qfi_op_split(tree, nullptr, Out(report)), "freeze " + what);
+    try {
+        const int32_t quiesced = qfi_op_quiesce(tree);
+        check_interrupted("freeze " + what); // what made the pre command fail, perhaps
+        check(quiesced, "quiesce " + what);
+        check(qfi_op_split(tree, nullptr, Out(report)), "freeze " + what);
+    } catch (const Failure &failure) {
+        throw with_post_command(tree, failure);
+    }
     return qfi_op_unquiesce(tree);
 }
 
