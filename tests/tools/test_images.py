@@ -68,6 +68,19 @@ no remarks
                       self.fail_with(1, "diff", first, "data", "--store", self.store, cwd=self.folder))
         self.assertIn("ID is required", self.fail_with(2, "show"))
 
+    def test_an_image_whose_report_is_gone_is_shown_with_what_else_is_known(self):
+        identity = self.freeze()
+        (self.store / "images" / identity / "report").unlink()
+        for options in ((), ("--json",)):
+            result = support.qzfi("show", identity, "--store", self.store, *options)
+            self.assertEqual(result.code, 1, str(result))
+            self.assertEqual(result.err.splitlines()[0],
+                             f"qzfi: read the report of image {identity}: The image is damaged (1032)")
+            self.assertIn(f"{self.store}/images/{identity}/objects/0", result.out)
+        document = json.loads(result.out)
+        self.check_schema(document, "show")
+        self.assertIsNone(document["report"])
+
     def test_an_image_whose_files_are_gone_is_shown_damaged(self):
         identity = self.freeze()
         support.run(["rm", "-rf", self.store / "images" / identity])

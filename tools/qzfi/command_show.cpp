@@ -1,6 +1,7 @@
 // qzfi show: what is known of an image, or of the images of a set.
 #include <array>
 #include <iostream>
+#include <optional>
 
 #include <qzfi_provider.h>
 
@@ -89,6 +90,13 @@ void print_report(const qfi_report &report) {
         std::cout << "  and " << grouped(report.count - report.shown) << " more that were not kept\n";
 }
 
+int ended(const std::optional<Failure> &obstacle) {
+    if (!obstacle)
+        return exit_done;
+    tell(*obstacle);
+    return obstacle->code();
+}
+
 int run(const Settings &settings, const Options &options) {
     const Session session(settings);
     const ImageName name{whole_id(options.image), options.image.store};
@@ -97,13 +105,19 @@ int run(const Settings &settings, const Options &options) {
         return exit_done;
     }
     const ImageList images = find_images(name);
-    const Report report = report_of(name, images.get(), name.id);
+    Report report;
+    std::optional<Failure> obstacle; // what else is known is shown all the same
+    try {
+        report = report_of(name, images.get(), name.id);
+    } catch (const Failure &failure) {
+        obstacle = failure;
+    }
     if (options.json) {
         Json list = Json::array();
         for (const qfi_image_list *node = images.get(); node != nullptr; node = node->next)
             list.push_back(json_of(node->image));
         print(Json{{"id", name.id}, {"images", std::move(list)}, {"report", report ? json_of(*report) : Json()}});
-        return exit_done;
+        return ended(obstacle);
     }
     for (const qfi_image_list *node = images.get(); node != nullptr; node = node->next) {
         print_image(node->image);
@@ -113,9 +127,9 @@ int run(const Settings &settings, const Options &options) {
     std::cout << '\n';
     if (report)
         print_report(*report);
-    else
+    else if (!obstacle)
         std::cout << red("its report is not there any more") << '\n';
-    return exit_done;
+    return ended(obstacle);
 }
 
 } // namespace

@@ -53,6 +53,9 @@ void look_at_filesystems(Json &findings) {
 std::string cure_of(const Store &store) {
     if (store.status == QFI_FI_NO_RIGHT)
         return "look into it as root, or as the user who made it";
+    if (store.status == QFI_FI_CATALOG)
+        return "bring catalog.db back from a backup; until then the images are readable below " + store.path +
+               "/images";
     if (store.path.ends_with("/arcvault/images"))
         return "mount it, or bring it back: it is the default store, with the list of the others";
     return "mount it; when it is gone for good, `qzfi repair --forget " + store.path + "`";
