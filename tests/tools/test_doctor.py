@@ -54,7 +54,7 @@ class Doctor(ToolTest):
         self.assertEqual(checks["store", "-"], ("ok", "none yet: the first freeze makes one"))
         self.assertEqual({health for health, _ in checks.values()} - {"warning"}, {"ok"})
         command = [str(self.root / "bin" / "qzfi"), "--root", str(self.root)]
-        for words in (["list", "--quiet"], ["repair"], ["verify", "--all"]):
+        for words in (["list", "--quiet"], ["repair"], ["verify", "--all", "--quiet"]):
             result = support.run([*command, *words])
             self.assertEqual((result.code, result.err), (0, ""), "that there is no store yet is no fault")
         self.assertEqual({check for check, _ in checks},
@@ -195,7 +195,7 @@ class Doctor(ToolTest):
                              (1, [f"qzfi: look at store {self.store}: The store cannot be used (1028)",
                                   f"  qzfi_snapreplica_list: store {self.store} cannot be used: No such file or "
                                   "directory (2)", "  `qzfi doctor` tells what to do about it"]), str(result))
-        for words in (hint.split(), ["repair"], ["verify", "--all"], ["list", "--quiet"]):
+        for words in (hint.split(), ["repair"], ["verify", "--all", "--quiet"], ["list", "--quiet"]):
             result = support.run([*command, *words])
             self.assertEqual((result.code, result.err), (0, ""), str(result))
         self.assertNotIn(("store", str(self.store)), self.doctor())

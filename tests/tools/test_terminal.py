@@ -85,6 +85,10 @@ class Tables(ToolTest):
         support.qzfi("rm", "--yes", "--store", empty, self.listed(empty)[0])
         result = support.qzfi("list", "--store", empty)
         self.assertEqual((result.code, result.out, result.err), (0, "", "no images\n"))
+        for others in (("verify", "--all"), ("prune", "--keep-last", "1")):
+            result = support.qzfi(*others, "--store", empty)
+            self.assertEqual((result.code, result.out, result.err), (0, "", "no images\n"), str(result))
+            self.assertEqual(support.qzfi(*others, "--store", empty, "--quiet").err, "")
         self.assertEqual(support.qzfi("list", "--store", empty, "--quiet").err, "")
 
 
