@@ -103,6 +103,30 @@ TEST(LoopFilesystem, an_unknown_type_is_an_obstacle) {
     EXPECT_NE(LoopFilesystem::obstacle("nosuchfs"), std::nullopt);
 }
 
+TEST(LoopFilesystem, one_that_a_process_serves_is_gone_afterwards_too) {
+    if (const auto obstacle = LoopFilesystem::obstacle("exfat"))
+        GTEST_SKIP() << *obstacle;
+    std::string path;
+    {
+        const LoopFilesystem disk("exfat", 64);
+        path = disk.path();
+        std::ofstream(path + "/File") << "text";
+        EXPECT_EQ(fs::file_size(path + "/fILE"), 4u) << "it is really this one";
+    }
+    EXPECT_FALSE(fs::exists(path));
+}
+
+TEST(LoopFilesystem, arguments_of_mkfs_are_given_to_it) {
+    if (const auto obstacle = LoopFilesystem::obstacle("ext4"))
+        GTEST_SKIP() << *obstacle;
+    const LoopFilesystem disk("ext4", 32, "", {"-L", "a label"});
+    char name[17] = "";
+    std::ifstream device(disk.device(), std::ios::binary);
+    device.seekg(1024 + 120);
+    device.read(name, 16);
+    EXPECT_STREQ(name, "a label");
+}
+
 TEST(LoopFilesystem, a_file_system_that_mkfs_refuses_throws_and_leaves_nothing) {
     if (const auto obstacle = LoopFilesystem::obstacle("btrfs"))
         GTEST_SKIP() << *obstacle;

@@ -264,27 +264,70 @@ bool has_same_extended(Worker &worker, const Place &from, const Place &to) {
     return true;
 }
 
+bool keeps_what_it_takes(int directory) noexcept {
+    constexpr mode_t odd = 01700, usual = 0700;
+    constexpr timespec times[2] = {{0, UTIME_OMIT}, {int64_t{1} << 32, 123456789}};
+    Stat kept{};
+    const bool is_kept = futimens(directory, times) == 0 && fchmod(directory, odd) == 0 &&
+                         stat_of(directory, kept) == 0 && (kept.stx_mode & 07777) == odd &&
+                         kept.stx_mtime.tv_sec == times[1].tv_sec &&
+                         kept.stx_mtime.tv_nsec == static_cast<uint32_t>(times[1].tv_nsec);
+    return fchmod(directory, usual) == 0 && is_kept;
+}
+
+namespace {
+
+/// What could not be kept, as far as it was said.
+struct Told {
+    bool owner = false, mode = false, times = false;
+};
+
+void look_at_kept(const Subject &subject, const Place &target, const Stat &stat, mode_t wanted, const Told &told) {
+    Stat kept;
+    if ((target.descriptor >= 0 ? stat_of(target.descriptor, kept) : stat_of(target.directory, target.name, kept)) != 0)
+        return remark_attribute(subject, "attributes", errno);
+    const auto tell = [&](const char *detail) {
+        subject.run.remark(subject.worker, QFI_REMARK_ATTRIBUTE, subject.directory, subject.name, detail, 0);
+    };
+    if (!told.owner && (kept.stx_uid != stat.stx_uid || kept.stx_gid != stat.stx_gid))
+        tell("owner");
+    if (!told.mode && !S_ISLNK(stat.stx_mode) && (kept.stx_mode & 07777) != wanted)
+        tell("mode");
+    if (!told.times && !is_same_time(kept.stx_mtime, stat.stx_mtime))
+        tell("times");
+}
+
+} // namespace
+
 void keep_attributes(const Subject &subject, const Place &source, const Place &target, const Stat &stat,
                      const Known &known, bool with_extended, uint32_t flags) {
     const bool is_link = S_ISLNK(stat.stx_mode);
     mode_t wanted = stat.stx_mode & 07777;
     mode_t present = known.mode & 07777;
+    Told told;
     if (known.uid != stat.stx_uid || known.gid != stat.stx_gid) {
         if (change_owner(target, stat.stx_uid, stat.stx_gid) == 0) {
             present &= static_cast<mode_t>(~(S_ISUID | S_ISGID)); // as the kernel does
         } else {
             remark_attribute(subject, "owner", errno);
             wanted &= static_cast<mode_t>(~(S_ISUID | S_ISGID)); // rights of another owner than the one they were for
+            told.owner = true;
         }
     }
-    if (!is_link && present != wanted && change_mode(target, wanted) != 0)
+    if (!is_link && present != wanted && change_mode(target, wanted) != 0) {
         remark_attribute(subject, "mode", errno);
+        told.mode = true;
+    }
     if (with_extended)
         keep_extended(subject, source, target, known.is_exact);
-    if (change_times(target, stat) != 0)
+    if (change_times(target, stat) != 0) {
         remark_attribute(subject, "times", errno);
+        told.times = true;
+    }
     if (target.descriptor >= 0 && (flags != 0 || known.is_exact))
         keep_flags(subject, target.descriptor, flags);
+    if (subject.run.looks_at_kept)
+        look_at_kept(subject, target, stat, wanted, told);
 }
 
 } // namespace qzfi::engine

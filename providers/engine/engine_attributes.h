@@ -45,7 +45,12 @@ int has_extended(Worker &worker, const Place &place);
 /// Whether two entries have the same ones.
 bool has_same_extended(Worker &worker, const Place &source, const Place &target);
 
-/// Gives the target all attributes of the source, flags that forbid changes last. What cannot be kept is remarked.
+/// Whether a new directory of this process keeps the modes and times that it takes. FAT keeps few modes, and most file
+/// systems but not all keep nanoseconds; none says so. The directory is a private one afterwards.
+bool keeps_what_it_takes(int directory) noexcept;
+
+/// Gives the target all attributes of the source, flags that forbid changes last. What cannot be kept is remarked; in a
+/// run that looks at what was kept, also what nobody said of. Access times are not looked at: they move by themselves.
 /// `with_extended` false: neither has extended attributes.
 void keep_attributes(const Subject &subject, const Place &source, const Place &target, const Stat &stat,
                      const Known &known, bool with_extended, uint32_t flags);

@@ -109,6 +109,7 @@ Directory *Copier::open_root(Worker &worker, int source, int target, const char 
         fremovexattr(root->target, "system.posix_acl_default");
         drop_inherited_flags(root->target);
     }
+    looks_at_kept = is_there || !keeps_what_it_takes(root->target); // what is there is not to be tried out on
     const Place place{root->source};
     root->has_attributes = has_extended(worker, place) != 0 || flags_of(root->source) != 0;
     directories.adopt(*root);

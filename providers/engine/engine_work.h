@@ -172,6 +172,7 @@ public:
     const qfi_provider_host &host;
     Directories directories;
     const std::string root_path; // path of the root itself, with a "/" behind, in runs within runs
+    bool looks_at_kept = false;  // the target may take attributes that it does not keep, and say nothing
 
 protected:
     Run(const Options &options, const qfi_provider_host &host, std::string root_path);

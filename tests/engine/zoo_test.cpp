@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <optional>
+#include <set>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -162,6 +163,51 @@ TEST_P(LoopZoo, inherits_no_flags_from_the_folder_that_the_copy_is_made_in) {
 }
 
 INSTANTIATE_TEST_SUITE_P(, LoopZoo, testing::Values("btrfs", "xfs", "ext4"), [](const auto &row) { return row.param; });
+
+/// What was remarked of attributes, each "path: detail".
+std::set<std::string> attributes_of(const TestHost &host) {
+    std::set<std::string> all;
+    for (const TestHost::Remark &remark : host.remarks)
+        if (remark.kind == QFI_REMARK_ATTRIBUTE)
+            all.insert(remark.path + ": " + remark.detail);
+    return all;
+}
+
+TEST_F(Zoo, on_a_file_system_without_nanoseconds_is_remarked_where_it_loses_them) {
+    if (const auto obstacle = LoopFilesystem::obstacle("ext4"))
+        GTEST_SKIP() << *obstacle;
+    const LoopFilesystem disk("ext4", 32, "", {"-I", "128"});
+    sh("mkdir -p s/d/e; printf x > s/f; printf y > s/d/g; ln -s f s/d/l; mkfifo s/p; chmod 4751 s/f; chown 3:4 s/p;"
+       "touch -h -d '2020-01-02 03:04:05.5' s/d/l s/d/g s/p; touch -d '2020-01-02 03:04:05' s/f s/d/e s/d s");
+    const std::set<std::string> expected{"d/g: times", "d/l: times", "p: times"};
+    const Folder source(at + "/s"), target(disk.path());
+    EXPECT_EQ(copy_tree(source.fd, target.fd, "c", options, host.record).status, 0);
+    EXPECT_EQ(attributes_of(host), expected);
+    EXPECT_EQ(output("find " + disk.path() + "/c -printf '%P %m %U:%G %Ts\\n' | sort"),
+              output("find s -printf '%P %m %U:%G %Ts\\n' | sort"));
+    host.remarks.clear();
+    EXPECT_EQ(bring_up_to_date(source.fd, target.fd, "c", options, host.record).status, 0);
+    EXPECT_EQ(attributes_of(host), expected) << "as in a copy";
+}
+
+TEST_F(Zoo, on_a_file_system_that_keeps_no_modes_is_remarked_entry_by_entry) {
+    if (const auto obstacle = LoopFilesystem::obstacle("exfat"))
+        GTEST_SKIP() << *obstacle;
+    const LoopFilesystem disk("exfat", 64);
+    sh("mkdir -p s/d; printf x > s/f; printf y > s/d/g; printf z > s/d/G; printf z > s/mine; ln s/f s/d/hard; ln -s f "
+       "s/l;"
+       "chmod 700 s s/d s/d/g s/d/G s/mine; chmod 640 s/f; chown 3:4 s/d/g; chown 3:4 s/d/G;"
+       "find s -exec touch -h -d '2020-01-02 03:04:06' {} +; touch -d '2020-01-02 03:04:06.5' s/mine");
+    options.workers = 1;
+    EXPECT_EQ(copy_tree(Folder(at + "/s").fd, Folder(disk.path()).fd, "c", options, host.record).status, 0);
+    std::set<std::string> told = attributes_of(host);
+    const std::string kept = output("ls " + disk.path() + "/c/d"), other = kept[0] == 'g' ? "d/G" : "d/g";
+    const std::string first = kept[0] == 'g' ? "d/g" : "d/G";
+    EXPECT_TRUE(host.has_remark(QFI_REMARK_WARNING, other));
+    EXPECT_TRUE(host.has_remark(QFI_REMARK_SKIPPED, "l"));
+    EXPECT_EQ(told.erase("f: hard link") + told.erase("d/hard: hard link"), 1u);
+    EXPECT_EQ(told, (std::set<std::string>{first + ": owner", "f: mode", "d/hard: mode", "mine: times"}));
+}
 
 class Mounted : public EngineTest {
 protected:

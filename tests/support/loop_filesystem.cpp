@@ -69,6 +69,8 @@ std::vector<std::string> mkfs_command(const std::string &type) {
         return {"mkfs.xfs", "-q", "-f", "-m", "reflink=1"};
     if (type == "ext4")
         return {"mkfs.ext4", "-q", "-F"};
+    if (type == "exfat")
+        return {"mkfs.exfat"};
     throw std::runtime_error("no loop file system of type " + type);
 }
 
@@ -163,18 +165,20 @@ std::optional<std::string> LoopFilesystem::obstacle(const std::string &type) {
     return found != known.end() ? found->second : known[type] = try_to_make(type);
 }
 
-LoopFilesystem::LoopFilesystem(const std::string &type, unsigned megabytes, const std::string &options) {
+LoopFilesystem::LoopFilesystem(const std::string &type, unsigned megabytes, const std::string &options,
+                               const std::vector<std::string> &made_with) {
     path_ = "/tmp/qzfi-mount-XXXXXX";
     require(mkdtemp(path_.data()) != nullptr, "mkdtemp of " + path_);
     try {
-        make(type, megabytes, options);
+        make(type, megabytes, options, made_with);
     } catch (...) {
         release();
         throw;
     }
 }
 
-void LoopFilesystem::make(const std::string &type, unsigned megabytes, const std::string &options) {
+void LoopFilesystem::make(const std::string &type, unsigned megabytes, const std::string &options,
+                          const std::vector<std::string> &made_with) {
     if (type == "tmpfs") {
         const std::string all =
             "mode=0755,size=" + std::to_string(megabytes) + "m" + (options.empty() ? "" : "," + options);
@@ -183,9 +187,15 @@ void LoopFilesystem::make(const std::string &type, unsigned megabytes, const std
     }
     std::vector<std::string> mkfs = mkfs_command(type);
     const BackingFile file(megabytes);
+    mkfs.insert(mkfs.end(), made_with.begin(), made_with.end());
     mkfs.push_back(file.path);
     run(mkfs);
     const Descriptor loop(attach(file.fd, device_));
+    if (type == "exfat") {
+        // It is mounted when the program ends; a process that it leaves behind ends with the mount.
+        run({"mount.exfat-fuse", "-o", "umask=077", device_, path_});
+        return;
+    }
     require(mount(device_.c_str(), path_.c_str(), type.c_str(), 0, options.c_str()) == 0,
             "mount of " + device_ + " as " + type);
     require(chmod(path_.c_str(), 0755) == 0, "chmod of " + path_);

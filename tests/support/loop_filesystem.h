@@ -16,16 +16,19 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 class LoopFilesystem {
 public:
-    /// Why a file system of this type ("btrfs", "xfs", "ext4", "tmpfs") cannot be made here, to be skipped with;
-    /// nothing when it can.
+    /// Why a file system of this type ("btrfs", "xfs", "ext4", "tmpfs", "exfat") cannot be made here, to be skipped
+    /// with; nothing when it can.
     static std::optional<std::string> obstacle(const std::string &type);
 
-    /// Makes and mounts one. "xfs" needs 300 megabytes at least and can clone files; "btrfs" needs 110. `options` are
-    /// mount options, as in "noatime". Throws std::exception when the system refuses, which fails the test.
-    explicit LoopFilesystem(const std::string &type, unsigned megabytes = 512, const std::string &options = "");
+    /// Makes and mounts one. "xfs" needs 300 megabytes at least and can clone files; "btrfs" needs 110; "exfat" runs
+    /// in a process of its own, and everything on it is root's alone. `options` are mount options, as in "noatime",
+    /// `made_with` more arguments of mkfs. Throws std::exception when the system refuses, which fails the test.
+    explicit LoopFilesystem(const std::string &type, unsigned megabytes = 512, const std::string &options = "",
+                            const std::vector<std::string> &made_with = {});
     ~LoopFilesystem();
     LoopFilesystem(const LoopFilesystem &) = delete;
     LoopFilesystem &operator=(const LoopFilesystem &) = delete;
@@ -39,7 +42,8 @@ public:
     void remount(bool read_only);
 
 private:
-    void make(const std::string &type, unsigned megabytes, const std::string &options);
+    void make(const std::string &type, unsigned megabytes, const std::string &options,
+              const std::vector<std::string> &made_with);
     void release() noexcept;
 
     std::string path_, device_;
