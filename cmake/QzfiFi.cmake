@@ -72,6 +72,7 @@ qzfi_inner_library(qzfi_fi
   fi/fi_temporary.cpp
   fi/fi_tree.cpp
   fi/fi_trees.cpp
+  fi/fi_unkept.cpp
   fi/fi_unsupported.cpp
 )
 target_link_libraries(qzfi_fi PUBLIC qzfi_engine SQLite::SQLite3 LibXml2::LibXml2)

@@ -24,6 +24,7 @@ struct JobHost::State {
 
     // Guards what follows: providers speak from any thread.
     mutable std::mutex mutex;
+    std::function<void(const qfi_remark &)> take_remark;
     std::vector<Remark> remarks;
     uint64_t remark_count = 0;
     bool has_torn = false;
@@ -71,6 +72,8 @@ JobHost::JobHost(const char *operation, std::string object, Progress *progress) 
             const std::lock_guard lock(state.mutex);
             ++state.remark_count;
             state.has_torn = state.has_torn || (remark != nullptr && remark->kind == QFI_REMARK_TORN);
+            if (remark != nullptr && state.take_remark)
+                state.take_remark(*remark);
             if (remark != nullptr)
                 keep_remark(state.remarks, {remark->kind, remark->error, state.object, text_or_empty(remark->path),
                                             text_or_empty(remark->detail)});
@@ -108,6 +111,11 @@ const qfi_provider_host *JobHost::record() const noexcept {
 
 void JobHost::on_entry(std::function<int32_t(const qfi_entry &)> take) {
     state_->take = std::move(take);
+}
+
+void JobHost::on_remark(std::function<void(const qfi_remark &)> take) {
+    const std::lock_guard lock(state_->mutex);
+    state_->take_remark = std::move(take);
 }
 
 uint64_t JobHost::entries() const noexcept {

@@ -188,29 +188,48 @@ private:
             moved_.push_back(&filesystem);
             return record;
         }
-        copy(image);
+        copy(image, record);
         for (ImageObject &object : record.objects)
             object.subpath.clear(); // copied without what is around it
         return record;
     }
 
-    void copy(const HeldImage &image) const {
-        const std::string path = place_.path + "/" + image.record().id;
-        const Descriptor directory = make_directory(folder_.get(), image.record().id, path, operation_);
+    // The store's image goes, so the copy must be all of it.
+    void copy(const HeldImage &image, ImageRecord &record) const {
+        const std::string path = place_.path + "/" + record.id;
+        const Descriptor directory = make_directory(folder_.get(), record.id, path, operation_);
         const Descriptor objects = make_directory(directory.get(), objects_name, path + "/objects", operation_);
-        Findings report; // of the copy: an image was reported when it was made
-        const CopyOut how{operation_, tree_->options.workers, &tree_.progress(), &report};
+        Findings counts;
+        Unkept unkept;
+        const CopyOut how{operation_, tree_->options.workers, &tree_.progress(), &counts, &unkept};
         for (std::size_t index = 0; index < image.filesystem().objects.size(); ++index) {
             copy_out(image, index, "", objects.get(), NewImage::object_name(index).c_str(), how);
-            if (image.has_manifest(index))
-                copy_plain_file(image.directory(), directory.get(), HeldImage::manifest_name(index).c_str(),
-                                path + "/" + HeldImage::manifest_name(index), operation_);
+            copy_if_there(image, directory.get(), HeldImage::manifest_name(index), path);
         }
-        struct stat status {};
-        if (fstatat(image.directory(), report_name, &status, AT_SYMLINK_NOFOLLOW) == 0)
-            copy_plain_file(image.directory(), directory.get(), report_name, path + "/" + report_name, operation_);
+        unkept.require_noted();
+        if (unkept.count() != 0)
+            unkept.refuse(record.id, operation_);
+        if (unkept.remark_count() == 0)
+            copy_if_there(image, directory.get(), report_name, path);
+        else
+            add_to_report(image, directory.get(), unkept, record, path);
         sync_file(objects.get(), path + "/objects", operation_);
         sync_file(directory.get(), path, operation_);
+    }
+
+    void copy_if_there(const HeldImage &image, int directory, const std::string &name, const std::string &path) const {
+        struct stat status {};
+        if (fstatat(image.directory(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+            copy_plain_file(image.directory(), directory, name.c_str(), path + "/" + name, operation_);
+    }
+
+    void add_to_report(const HeldImage &image, int directory, const Unkept &unkept, ImageRecord &record,
+                       const std::string &path) const {
+        StoredReport report = report_so_far(image.directory(), record.remarks, operation_, record.id);
+        unkept.put(report);
+        record.remarks = report.count;
+        sync_file(write_report(directory, std::move(report.remarks), report.count, operation_, path).get(),
+                  path + "/" + report_name, operation_);
     }
 
     // Alone with each image that is to be moved, before anything of them is touched.

@@ -46,6 +46,8 @@ public:
     const qfi_provider_host *record() const noexcept;
     /// Where entries go; none by default.
     void on_entry(std::function<int32_t(const qfi_entry &)> take);
+    /// Who is told each remark as it is made, one at a time; it must not throw.
+    void on_remark(std::function<void(const qfi_remark &)> take);
     uint64_t entries() const noexcept;
     uint64_t bytes() const noexcept;
     /// The remarks so far, all counted, and as many kept as `keep_remark` does.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include "fi/fi_store_folders.h"
 
@@ -97,11 +98,17 @@ bool parse(std::string_view content, StoredReport &report) {
 
 } // namespace
 
-void write_report(int directory, std::vector<JobHost::Remark> remarks, uint64_t count, const char *operation,
-                  const std::string &image) {
+void StoredReport::add(JobHost::Remark remark) {
+    if (has_all_losses())
+        keep_remark(remarks, std::move(remark));
+    ++count;
+}
+
+Descriptor write_report(int directory, std::vector<JobHost::Remark> remarks, uint64_t count, const char *operation,
+                        const std::string &image) {
     std::stable_partition(remarks.begin(), remarks.end(), [](const auto &remark) { return is_loss(remark.kind); });
     const std::string path = image + "/" + report_name;
-    write_file(directory, report_name, path, content_of(remarks, count), operation);
+    return write_file(directory, report_name, path, content_of(remarks, count), operation);
 }
 
 StoredReport read_report(int directory, const char *operation, const std::string &image) {
@@ -115,6 +122,25 @@ StoredReport read_report(int directory, const char *operation, const std::string
     if (!parse(content, report))
         fail(message::damaged, QFI_FI_DAMAGED, operation, {image, report_name, "it is no report"});
     return report;
+}
+
+StoredReport report_so_far(int directory, uint64_t remarks, const char *operation, const std::string &image) {
+    struct stat status {};
+    if (remarks == 0 && fstatat(directory, report_name, &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT)
+        return {};
+    KeptFailure kept;
+    try {
+        const Keep keep(kept);
+        return read_report(directory, operation, image);
+    } catch (const Failure &failure) {
+        if (failure.status != QFI_FI_DAMAGED) {
+            kept.raise_here();
+            throw;
+        }
+    }
+    StoredReport unknown;
+    unknown.count = std::max<uint64_t>(remarks, 1);
+    return unknown;
 }
 
 } // namespace qzfi::fi

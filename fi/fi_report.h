@@ -16,9 +16,9 @@ inline constexpr char report_name[] = "report";
 /// A report is written no longer, and not read when it is: it is held in memory, and an imported one is anybody's.
 inline constexpr std::size_t report_limit = std::size_t{64} << 20;
 
-/// Writes the report into an image's directory. Throws Failure.
-void write_report(int directory, std::vector<JobHost::Remark> remarks, uint64_t count, const char *operation,
-                  const std::string &image);
+/// Writes the report into an image's directory, and gives the file. Throws Failure.
+Descriptor write_report(int directory, std::vector<JobHost::Remark> remarks, uint64_t count, const char *operation,
+                        const std::string &image);
 
 struct StoredReport {
     std::vector<JobHost::Remark> remarks;
@@ -27,8 +27,12 @@ struct StoredReport {
     bool has_all_losses() const noexcept {
         return count == remarks.size() || (!remarks.empty() && !is_loss(remarks.back().kind));
     }
+    /// Adds one that is no loss. It is only counted where others are not known: it must not look as if they were.
+    void add(JobHost::Remark remark);
 };
 /// Reads it. Throws Failure: QFI_FI_DAMAGED when it is none, or missing.
 StoredReport read_report(int directory, const char *operation, const std::string &image);
+/// Reads it to be added to. Of one that is none, or missing although there were `remarks`, nothing is known.
+StoredReport report_so_far(int directory, uint64_t remarks, const char *operation, const std::string &image);
 
 } // namespace qzfi::fi

@@ -48,6 +48,8 @@ void copy_directory(const HeldImage &image, const std::string &shown, int source
     if (provider.ops->copy_out == nullptr)
         fail(message::not_supported, QFI_STATUS_NOT_SUPPORTED, how.operation, {provider.ops->provider_id, shown});
     JobHost host(how.operation, shown, how.progress);
+    if (how.unkept != nullptr)
+        host.on_remark([&](const qfi_remark &remark) { how.unkept->add(remark, source, shown); });
     qfi_provider_job job{};
     job.size = sizeof job;
     job.host = host.record();

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "fi/fi_images.h"
+#include "fi/fi_unkept.h"
 
 namespace qzfi::fi {
 
@@ -14,6 +15,7 @@ struct CopyOut {
     uint32_t workers;
     Progress *progress;
     Findings *report;
+    Unkept *unkept = nullptr; // told of whole directories only
 };
 
 /// Whether the entry at a subpath of an object's frozen tree is a directory. Throws when there is none.

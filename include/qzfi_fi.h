@@ -97,6 +97,7 @@ static inline int32_t qfi_op_access(const qfi_domain *node, const char *subpath,
     return qzfiapi_access((void *)node, (void *)subpath, (void *)path);
 }
 /** Exports a tree's images into the new folder `directory` with their id document, and removes them from their store.
+ * 4, with nothing changed, when one must be copied to a file system that cannot keep all that it holds (MSG_QFI_E2033).
  * `fiid` may be null; `*fiid` is released by `qfi_op_free_fiid`. */
 static inline int32_t qfi_op_deport_tree(qfi_domain *tree, const char *directory, qfi_fiid **fiid) {
     return qzfiapi_deport_tree(tree, (void *)directory, (void *)fiid);

@@ -12,6 +12,7 @@ endfunction()
 qzfi_add_images_test(images_restore_test images_restore_test.cpp)
 qzfi_add_images_test(images_compare_test images_compare_test.cpp)
 qzfi_add_images_test(images_move_test images_move_test.cpp)
+qzfi_add_images_test(images_unkept_test images_unkept_test.cpp)
 qzfi_add_images_test(images_lists_test images_lists_test.cpp)
 qzfi_add_images_test(images_bounds_test images_bounds_test.cpp)
 set_target_properties(images_bounds_test PROPERTIES ENABLE_EXPORTS ON) # libfi.so finds what the test puts in the way
