@@ -9,6 +9,7 @@
 
 #include "fi/fi_engine_host.h"
 #include "fi/fi_place.h"
+#include "fi/fi_report.h"
 #include "fi/fi_temporary.h"
 
 namespace qzfi::fi {
@@ -198,6 +199,36 @@ qfi_diff *give_diff(const std::vector<Difference> &differences) {
     }));
 }
 
+LostAttributes::LostAttributes(const std::vector<JobHost::Remark> &remarks, uint64_t remark_count,
+                               const std::string &object)
+    : are_all_known_(remark_count == remarks.size()) {
+    constexpr std::string_view seen[] = {"owner", "mode", "times"}; // of what a manifest holds
+    for (const JobHost::Remark &remark : remarks)
+        if (remark.kind == QFI_REMARK_ATTRIBUTE && remark.object == object &&
+            std::find(std::begin(seen), std::end(seen), remark.detail) != std::end(seen))
+            paths_.insert(remark.path);
+}
+
+bool LostAttributes::explain(const ManifestEntry &expected, const ManifestEntry &present) const {
+    // Of remarks that were not kept some are like those that were.
+    if (paths_.count(expected.path) == 0 && (are_all_known_ || paths_.empty()))
+        return false;
+    ManifestEntry same = expected;
+    same.mode = present.mode;
+    same.uid = present.uid;
+    same.gid = present.gid;
+    same.mtime_ns = present.mtime_ns;
+    return change_between(same, present) == QFI_CHANGE_NONE;
+}
+
+void compare_with_manifest(ManifestReader &expected, ManifestReader &present, const LostAttributes &lost,
+                           const std::function<void(uint32_t, const ManifestEntry *, const ManifestEntry *)> &differs) {
+    compare_manifests(expected, present, [&](uint32_t change, const ManifestEntry *old, const ManifestEntry *now) {
+        if (old == nullptr || now == nullptr || !lost.explain(*old, *now))
+            differs(change, old, now);
+    });
+}
+
 namespace {
 
 const char *in_words(uint32_t change) {
@@ -215,6 +246,20 @@ const char *in_words(uint32_t change) {
     }
 }
 
+// Nothing is explained by a report that is damaged, or missing.
+LostAttributes lost_attributes(const HeldImage &image, const std::string &object, const char *operation) {
+    StoredReport report;
+    try {
+        const Hush hush;
+        if (image.record().remarks != 0)
+            report = read_report(image.directory(), operation, image.record().id);
+    } catch (const Failure &failure) {
+        if (failure.status == QFI_STATUS_NO_MEMORY)
+            throw;
+    }
+    return LostAttributes(report.remarks, report.count, object);
+}
+
 void verify_object(const HeldImage &image, std::size_t index, const WalkOptions &options, Findings &report,
                    std::string &first, const char *operation) {
     const std::string object = image_object_path(image.filesystem(), index);
@@ -229,11 +274,14 @@ void verify_object(const HeldImage &image, std::size_t index, const WalkOptions 
     }
     ManifestReader expected(image.directory(), HeldImage::manifest_name(index).c_str(), operation, object);
     ManifestReader present = walked(directory.get(), object, options, operation);
-    compare(expected, present, path, [&](Difference &&one) {
-        if (report.changed++ == 0)
-            first = path + (one.path.empty() ? "" : "/" + one.path) + ": " + in_words(one.change);
-        report.add({QFI_REMARK_WARNING, 0, path, one.path, in_words(one.change)});
-    });
+    const LostAttributes lost = lost_attributes(image, path, operation);
+    compare_with_manifest(expected, present, lost,
+                          [&](uint32_t change, const ManifestEntry *old, const ManifestEntry *now) {
+                              const std::string &below = now != nullptr ? now->path : old->path;
+                              if (report.changed++ == 0)
+                                  first = path + (below.empty() ? "" : "/" + below) + ": " + in_words(change);
+                              report.add({QFI_REMARK_WARNING, 0, path, below, in_words(change)});
+                          });
 }
 
 } // namespace

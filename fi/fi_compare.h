@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <set>
 
 #include "fi/fi_images.h"
 #include "fi/fi_left_out.h"
@@ -39,6 +40,21 @@ void compare_with_original(const HeldImage &image, std::size_t index, const Walk
 std::vector<Difference> compare_trees(Tree &from, Tree *to, const WalkOptions &options, const char *operation);
 /// Every entry of a tree's images, as QFI_CHANGE_NONE.
 std::vector<Difference> all_entries(Tree &tree, const WalkOptions &options, const char *operation);
+
+/// Owners, modes and times of an object's entries that were remarked not to have been kept.
+class LostAttributes {
+public:
+    LostAttributes(const std::vector<JobHost::Remark> &remarks, uint64_t remark_count, const std::string &object);
+    /// Whether a difference from the manifest is only in what was lost.
+    bool explain(const ManifestEntry &expected, const ManifestEntry &present) const;
+
+private:
+    std::set<std::string> paths_;
+    bool are_all_known_;
+};
+/// Calls `differs` for what is not as its manifest says.
+void compare_with_manifest(ManifestReader &expected, ManifestReader &present, const LostAttributes &lost,
+                           const std::function<void(uint32_t, const ManifestEntry *, const ManifestEntry *)> &differs);
 
 /// One block for the host.
 qfi_diff *give_diff(const std::vector<Difference> &differences);

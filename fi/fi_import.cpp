@@ -16,6 +16,7 @@
 #include "fi/fi_place.h"
 #include "fi/fi_report.h"
 #include "fi/fi_store_folders.h"
+#include "fi/fi_unkept.h"
 
 namespace qzfi::fi {
 
@@ -93,12 +94,12 @@ public:
     }
 
     // As a freeze does: all of the set appear or none, also when this process dies meanwhile.
-    void take_over(Store &store) const {
+    void take_over(Store &store) {
         std::vector<NewImage> images;
         Fiid document{fiid_.set_id, {}};
         for (const FiidImage &image : fiid_.images) {
-            images.push_back(copied(store, image.record));
             document.images.push_back({image.record, store.path()});
+            images.push_back(copied(store, document.images.back().record));
             for (ImageObject &object : document.images.back().record.objects)
                 object.subpath.clear(); // copied without what is around it
         }
@@ -109,6 +110,8 @@ public:
     void remove_source(Tree &tree) const {
         if (options_.keep_source != 0)
             return;
+        if (!unkept_.empty())
+            return tell_that_source_stays(tree);
         KeptFailure failure;
         try {
             const Keep keep(failure);
@@ -126,6 +129,16 @@ public:
     const Fiid &fiid() const noexcept { return fiid_; }
 
 private:
+    // It has what the store has not.
+    void tell_that_source_stays(Tree &tree) const {
+        for (const auto &[id, unkept] : unkept_)
+            tell(message::source_stays, operation_,
+                 {id, unkept.path(), unkept.cause(), std::to_string(unkept.count())});
+        tree.import_remarks.push_back(
+            {QFI_REMARK_WARNING, 0, place_.path, "",
+             "imported, but this folder stays: it has attributes that the store does not keep"});
+    }
+
     std::string path_of(const ImageRecord &record, const std::string &below = "") const {
         return place_.path + "/" + record.id + (below.empty() ? "" : "/" + below);
     }
@@ -209,18 +222,31 @@ private:
         }
     }
 
-    NewImage copied(Store &store, const ImageRecord &exported) const {
-        refuse_present(store, exported.id);
-        NewImage image = store.begin(exported.id, operation_);
-        const Descriptor directory = open_image(exported);
-        for (std::size_t index = 0; index < exported.objects.size(); ++index) {
-            copy_object(exported, index, image);
-            copy_if_there(directory.get(), image.directory(), HeldImage::manifest_name(index), exported);
+    // Changes the record where the copy is not all that the exported image is.
+    NewImage copied(Store &store, ImageRecord &record) {
+        refuse_present(store, record.id);
+        NewImage image = store.begin(record.id, operation_);
+        const Descriptor directory = open_image(record);
+        Unkept unkept;
+        for (std::size_t index = 0; index < record.objects.size(); ++index) {
+            copy_object(record, index, image, unkept);
+            copy_if_there(directory.get(), image.directory(), HeldImage::manifest_name(index), record);
             if (options_.verify != 0)
-                verify_object(exported, index, image);
+                verify_object(record, index, image, unkept);
         }
-        copy_if_there(directory.get(), image.directory(), report_name, exported);
+        take_report(directory.get(), image, unkept, record);
+        if (unkept.count() != 0)
+            unkept_.emplace_back(record.id, std::move(unkept));
         return image;
+    }
+
+    void take_report(int directory, const NewImage &image, const Unkept &unkept, ImageRecord &record) const {
+        if (unkept.remark_count() == 0)
+            return copy_if_there(directory, image.directory(), report_name, record);
+        StoredReport report = report_so_far(directory, record.remarks, operation_, record.id);
+        unkept.put(report);
+        record.remarks = report.count;
+        write_report(image.directory(), std::move(report.remarks), report.count, operation_, path_of(record));
     }
 
     // A record whose files are gone, as a deport that was cut short leaves it, makes way.
@@ -239,7 +265,9 @@ private:
             copy_plain_file(from, to, name.c_str(), path_of(record, name), operation_);
     }
 
-    void copy_object(const ImageRecord &record, std::size_t index, const NewImage &image) const {
+    // An image that lacks entries is none; attributes that cannot be kept, such as owners by a user who may give
+    // nothing away, are remarks.
+    void copy_object(const ImageRecord &record, std::size_t index, const NewImage &image, Unkept &unkept) const {
         const Descriptor source = open_object(record, index);
         const std::string name = NewImage::object_name(index);
         const std::string path = path_of(record, std::string(objects_name) + "/" + name);
@@ -247,6 +275,7 @@ private:
         EngineHost host(operation_, path, &progress);
         std::string lost;
         host.on_remark([&](const qfi_remark &remark) {
+            unkept.add(remark, source.get(), record.objects[index].path);
             if (is_loss(remark.kind))
                 lost = std::string(remark.path) + ": " + remark.detail +
                        (remark.error != 0 ? ": " + error_text(remark.error) : "");
@@ -257,10 +286,14 @@ private:
         host.check(engine::copy_tree(source.get(), image.objects(), name.c_str(), options, host.record()), false);
         if (!lost.empty())
             fail_folder(record.id, path, lost, operation_);
+        unkept.require_noted();
+        if (unkept.lacks_entries())
+            unkept.refuse(record.id, operation_);
         progress.finish();
     }
 
-    void verify_object(const ImageRecord &record, std::size_t index, const NewImage &image) const {
+    void verify_object(const ImageRecord &record, std::size_t index, const NewImage &image,
+                       const Unkept &unkept) const {
         const std::string manifest = HeldImage::manifest_name(index);
         struct stat status {};
         if (fstatat(image.directory(), manifest.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -279,11 +312,13 @@ private:
         options.progress = &progress;
         ManifestReader expected(image.directory(), manifest.c_str(), operation_, path);
         ManifestReader present = walked(copy.get(), path, options, operation_);
-        compare_manifests(expected, present, [&](uint32_t, const ManifestEntry *old, const ManifestEntry *now) {
-            const std::string &below = old != nullptr ? old->path : now->path;
-            fail_folder(record.id, path + (below.empty() ? "" : "/" + below), "it is not as its manifest says",
-                        operation_);
-        });
+        const LostAttributes lost(unkept.remarks(), unkept.remark_count(), record.objects[index].path);
+        compare_with_manifest(expected, present, lost,
+                              [&](uint32_t, const ManifestEntry *old, const ManifestEntry *now) {
+                                  const std::string &below = old != nullptr ? old->path : now->path;
+                                  fail_folder(record.id, path + (below.empty() ? "" : "/" + below),
+                                              "it is not as its manifest says", operation_);
+                              });
     }
 
     // Read-only snapshots, which an export by renaming leaves as they are.
@@ -313,6 +348,7 @@ private:
     Place place_;
     Descriptor folder_;
     Fiid fiid_;
+    std::vector<std::pair<std::string, Unkept>> unkept_; // of images, by their ids
 };
 
 } // namespace

@@ -68,7 +68,9 @@ struct Message {
       "%s: %s cannot be replaced: what was unreadable when image %s was made is not all known; restore to another place\n") \
     X(folder_stays, "MSG_QFI_E2032", 2, "%s: imported, but %s could not be removed: %s\n") \
     X(not_kept, "MSG_QFI_E2033", 3, \
-      "%s: image %s stays where it is: %s would not be kept in the new place: %s; items not kept: %s\n")
+      "%s: image %s stays where it is: %s would not be kept in the new place: %s; items not kept: %s\n") \
+    X(source_stays, "MSG_QFI_E2034", 2, \
+      "%s: image %s is imported, and its exported folder stays: the store does not keep %s: %s; items not kept: %s\n")
 
 // Own statuses and their texts, in order, from 1024 on; message ids "MSG_QFI_E1024" and so on.
 #define FI_STATUS_TEXTS(X) \

@@ -1,6 +1,5 @@
 #include "fi/fi_unkept.h"
 
-#include <algorithm>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -49,14 +48,6 @@ void Unkept::put(StoredReport &report) const {
     for (const JobHost::Remark &remark : remarks_)
         report.add(remark);
     report.count += remark_count_ - remarks_.size();
-}
-
-bool Unkept::explains(const std::string &object, const std::string &path) const {
-    if (remark_count_ > remarks_.size())
-        return true;
-    return std::any_of(remarks_.begin(), remarks_.end(), [&](const JobHost::Remark &remark) {
-        return remark.kind == QFI_REMARK_ATTRIBUTE && remark.object == object && remark.path == path;
-    });
 }
 
 } // namespace qzfi::fi

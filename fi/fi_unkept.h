@@ -23,8 +23,9 @@ public:
     /// The first, or the first entry if any is lacking.
     const std::string &path() const noexcept { return path_; }
     const std::string &cause() const noexcept { return cause_; }
-    /// Sockets included.
+    /// Sockets included, and as many as are kept.
     uint64_t remark_count() const noexcept { return remark_count_; }
+    const std::vector<JobHost::Remark> &remarks() const noexcept { return remarks_; }
 
     /// Throws std::bad_alloc for what could not be noted.
     void require_noted() const;
@@ -32,14 +33,12 @@ public:
     [[noreturn]] void refuse(const std::string &image, const char *operation) const;
     /// Makes the remarks, none of which is a loss, a part of the image's report.
     void put(StoredReport &report) const;
-    /// Whether a difference between an entry and its copy is one that was remarked: of attributes.
-    bool explains(const std::string &object, const std::string &path) const;
 
 private:
     uint64_t count_ = 0, remark_count_ = 0;
     bool lacks_entries_ = false, is_short_of_memory_ = false;
     std::string path_, cause_;
-    std::vector<JobHost::Remark> remarks_; // as many as are kept
+    std::vector<JobHost::Remark> remarks_;
 };
 
 } // namespace qzfi::fi

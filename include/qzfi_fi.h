@@ -104,9 +104,10 @@ static inline int32_t qfi_op_deport_tree(qfi_domain *tree, const char *directory
 }
 /** Takes exported images over into a store (null: the default store), as `qfi_op_set_import_options` says: into
  * `*tree`, which is released by `qfi_op_detach`, or with `tree` null into the store only. `expected` (or null) is the
- * document of the images that must be in the folder, else 1033. A folder that cannot be removed afterwards is no
- * failure: the images are in the store, the host's handler is told (MSG_QFI_E2032), and the tree's report (`objctl`
- * "report") has a remark. */
+ * document of the images that must be in the folder, else 1033. Attributes that the store cannot keep are remarks in
+ * the images' reports, and the folder stays (MSG_QFI_E2034); entries that it cannot keep fail the import with 4. A
+ * folder that cannot be removed afterwards is no failure: the images are in the store, the host's handler is told
+ * (MSG_QFI_E2032), and the tree's report (`objctl` "report") has a remark. */
 static inline int32_t qfi_op_import_tree(const char *directory, const char *store, const qfi_fiid *expected,
                                          qfi_domain **tree) {
     return qzfiapi_import_tree((void *)directory, (void *)store, (void *)expected, (void *)tree);

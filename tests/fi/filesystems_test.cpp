@@ -1,6 +1,8 @@
 // Trees on real file systems: several in one set, default stores, and what is left out of images.
 #include <atomic>
+#include <fcntl.h>
 #include <filesystem>
+#include <sys/stat.h>
 #include <thread>
 
 #include "host.h"
@@ -248,6 +250,40 @@ TEST_F(Filesystems, an_imported_folder_that_stays_is_told_to_the_host_also_witho
                                        " could not be removed: provider copy failed on " + exported + "/" + id +
                                        "/objects/0/file: unlinkat: Read-only file system (30)\n"});
     EXPECT_EQ(last_error(), "") << "it succeeded";
+    unsetenv("ICU_DATA");
+    stop();
+    start();
+}
+
+TEST_F(Filesystems, an_exported_folder_that_has_more_than_the_store_is_told_to_the_host) {
+    const LoopFilesystem coarse("ext4", 64, "", {"-I", "128"});
+    const std::string exported = path("exported"), object = fill(path("object"));
+    qfi_domain *const tree = tree_of({object});
+    ASSERT_EQ(qfi_op_make(tree, nullptr, nullptr), 0) << last_error();
+    const std::string id = text(tree->fid_children, "image");
+    const timespec times[2] = {{1000000000, 0}, {1000000000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, image_of(tree->fid_children->fid_children).c_str(), times, 0), 0);
+    ASSERT_EQ(qfi_op_deport_tree(tree, exported.c_str(), nullptr), 0) << last_error();
+    qfi_op_detach(tree, nullptr, 0, nullptr);
+    struct Listener : qfi_handler {
+        std::vector<std::string> texts;
+    } listener{};
+    listener.error = [](qfi_handler *self, const char *text, const char *, uint32_t severity) {
+        if (severity == 2)
+            static_cast<Listener *>(self)->texts.emplace_back(text);
+    };
+    stop();
+    setenv("ICU_DATA", path("no bundles").c_str(), 1);
+    ASSERT_EQ(qzfiapi_set_init_env(root().c_str(), nullptr), 0);
+    ASSERT_EQ(qzfiapi_start(&listener, QFI_API_VERSION), 0);
+    const std::string store = coarse.path() + "/store";
+    EXPECT_EQ(qfi_op_import_tree(exported.c_str(), store.c_str(), nullptr, nullptr), 0) << last_error();
+    EXPECT_EQ(listener.texts,
+              std::vector<std::string>{"qzfi_import_tree: image " + id +
+                                       " is imported, and its exported folder stays: the store does not keep " +
+                                       object + "/file: attribute \"times\"; items not kept: 1\n"});
+    EXPECT_EQ(last_error(), "") << "it succeeded";
+    EXPECT_TRUE(std::filesystem::exists(exported + "/fiid.xml"));
     unsetenv("ICU_DATA");
     stop();
     start();

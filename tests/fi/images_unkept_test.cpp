@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <set>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <qzfi_provider.h>
@@ -147,6 +148,145 @@ TEST_P(Unkept, a_socket_is_no_reason_to_refuse_an_export_and_is_in_its_report) {
     ASSERT_EQ(qfi_op_import_tree(exported.c_str(), store.c_str(), nullptr, &tree), 0) << last_error();
     EXPECT_EQ(remarks_of(tree), 1u);
     EXPECT_EQ(report_of(tree).lines, (std::vector<Line>{{QFI_REMARK_SKIPPED, object, "sub/socket", "a socket"}}));
+}
+
+class UnkeptImport : public Unkept {
+protected:
+    // Gives the image's id.
+    std::string export_one() {
+        const Tree tree = freeze({object}, store, "copy");
+        const std::string id = tree.image_id();
+        EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported().c_str(), nullptr), 0) << last_error();
+        return id;
+    }
+    void import(const fs::path &into, Tree &tree, bool verify) const {
+        qfi_import_options options;
+        QFI_INIT(options);
+        options.verify = verify ? 1 : 0;
+        ASSERT_EQ(qfi_op_set_import_options(&options, nullptr, 0, nullptr), 0);
+        ASSERT_EQ(qfi_op_import_tree(exported().c_str(), into.c_str(), nullptr, &tree), 0) << last_error();
+    }
+    fs::path exported() const { return top / "exported"; }
+    Line stays() const {
+        return {QFI_REMARK_WARNING, exported(), "",
+                "imported, but this folder stays: it has attributes that the store does not keep"};
+    }
+};
+INSTANTIATE_TEST_SUITE_P(On, UnkeptImport, testing::Values("copy", "ext4", "xfs", "btrfs"), name_of);
+
+TEST_P(UnkeptImport, of_times_is_remarked_and_keeps_the_exported_folder) {
+    if (const std::string obstacle = missing({"ext4"}); !obstacle.empty())
+        GTEST_SKIP() << obstacle;
+    const LoopFilesystem coarse("ext4", 64, "", {"-I", "128"});
+    set_times({"sub/file", "sub"});
+    const std::string id = export_one();
+    const std::string before = run({"find", exported(), "-printf", "%P %s %T@\\n"});
+    const fs::path into = fs::path(coarse.path()) / "store";
+    {
+        Tree tree;
+        import(into, tree, true);
+        EXPECT_EQ(remarks_of(tree), 2u);
+        EXPECT_EQ(report_of(tree).lines, (std::vector<Line>{stays(),
+                                                            {QFI_REMARK_ATTRIBUTE, object, "sub", "times"},
+                                                            {QFI_REMARK_ATTRIBUTE, object, "sub/file", "times"}}));
+        EXPECT_EQ(run({"find", exported(), "-printf", "%P %s %T@\\n"}), before);
+        expect_sound(tree);
+    }
+    const Tree tree = Tree::of_image(id, into);
+    EXPECT_EQ(remarks_of(tree), 2u);
+    EXPECT_EQ(report_of(tree).lines.size(), 2u);
+    EXPECT_NE(content_of(into / "images" / id / "fiid.xml").find("remarks=\"2\""), std::string::npos);
+    // What the report does not tell of is damage, as is more than it tells of.
+    const fs::path image = tree.image_path();
+    set_time(image / "plain", 0);
+    EXPECT_EQ(qfi_op_objctl(tree.get(), QFI_OBJCTL_VERIFY, nullptr, nullptr), 0) << last_error();
+    fs::permissions(image / "plain", fs::perms{0711});
+    write_file(image / "sub" / "file", "CONTENT");
+    set_time(image / "sub" / "file", 0);
+    qfi_report *report = nullptr;
+    EXPECT_EQ(qfi_op_objctl(tree.get(), QFI_OBJCTL_VERIFY, nullptr, &report), QFI_FI_DAMAGED);
+    EXPECT_EQ(Report(report).lines, (std::vector<Line>{{QFI_REMARK_WARNING, object, "plain", "other owner or mode"},
+                                                       {QFI_REMARK_WARNING, object, "sub/file", "other content"}}));
+}
+
+TEST_P(Unkept, a_copy_in_a_store_that_keeps_less_is_no_damage) {
+    if (const std::string obstacle = missing({"ext4"}); !obstacle.empty())
+        GTEST_SKIP() << obstacle;
+    const LoopFilesystem coarse("ext4", 64, "", {"-I", "128"});
+    set_times({"sub/file"});
+    const Tree tree = freeze({object}, fs::path(coarse.path()) / "store", "copy");
+    EXPECT_EQ(report_of(tree).lines, (std::vector<Line>{{QFI_REMARK_ATTRIBUTE, object, "sub/file", "times"}}));
+    expect_sound(tree);
+}
+
+TEST_P(UnkeptImport, of_owners_by_a_user_without_root_is_remarked_and_keeps_the_exported_folder) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give files away";
+    constexpr uid_t user = 4321;
+    run({"chown", "-R", "4321:4321", object});
+    ASSERT_EQ(chown((object / "plain").c_str(), 77, 78), 0);
+    fs::permissions(object / "plain", fs::perms{04755});
+    const std::string id = export_one();
+    run({"chown", "-R", "4321:4321", exported()});
+    ASSERT_EQ(chown((exported() / id / "objects" / "0" / "plain").c_str(), 77, 78), 0);
+    fs::permissions(exported() / id / "objects" / "0" / "plain", fs::perms{04755});
+    fs::permissions(top, fs::perms{0777});
+    stop();
+    EXPECT_EQ(in_child([&] {
+                  ASSERT_EQ(setgid(user), 0);
+                  ASSERT_EQ(setuid(user), 0);
+                  const Framework framework(top / "own root");
+                  Tree tree;
+                  import(top / "own store", tree, true);
+                  expect_sound(tree);
+                  EXPECT_EQ(report_of(tree).lines,
+                            (std::vector<Line>{stays(), {QFI_REMARK_ATTRIBUTE, object, "plain", "owner"}}));
+                  EXPECT_TRUE(fs::exists(exported() / id / "objects" / "0" / "plain"));
+                  EXPECT_EQ(content_of(fs::path(tree.image_path()) / "plain"), "plain content");
+                  EXPECT_EQ(fs::status(fs::path(tree.image_path()) / "plain").permissions(), fs::perms{0755});
+              }),
+              0);
+    start();
+}
+
+TEST_P(UnkeptImport, of_device_nodes_by_a_user_without_root_is_refused) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can make device nodes";
+    constexpr uid_t user = 4321;
+    ASSERT_EQ(mknod((object / "node").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
+    const std::string id = export_one();
+    run({"chown", "-R", "4321:4321", exported()});
+    fs::permissions(top, fs::perms{0777});
+    stop();
+    EXPECT_EQ(in_child([&] {
+                  ASSERT_EQ(setgid(user), 0);
+                  ASSERT_EQ(setuid(user), 0);
+                  const Framework framework(top / "own root");
+                  EXPECT_EQ(qfi_op_import_tree(exported().c_str(), (top / "own store").c_str(), nullptr, nullptr),
+                            QFI_STATUS_NOT_SUPPORTED);
+                  EXPECT_EQ(last_error(),
+                            not_kept("qzfi_import_tree", id, object / "node",
+                                     "device nodes cannot be made there: Operation not permitted (1)", 1));
+                  EXPECT_TRUE(fs::is_empty(top / "own store" / "images"));
+              }),
+              0);
+    EXPECT_TRUE(fs::exists(exported() / id / "objects" / "0" / "node"));
+    start();
+}
+
+TEST_P(UnkeptImport, of_a_damaged_report_does_not_make_it_look_whole) {
+    if (const std::string obstacle = missing({"ext4"}); !obstacle.empty())
+        GTEST_SKIP() << obstacle;
+    const LoopFilesystem coarse("ext4", 64, "", {"-I", "128"});
+    set_times({"plain"});
+    const std::string id = export_one();
+    write_file(exported() / id / "report", "no report");
+    Tree tree;
+    import(fs::path(coarse.path()) / "store", tree, false);
+    EXPECT_EQ(remarks_of(tree), 2u) << "one that is not known, and one on the times";
+    EXPECT_EQ(qfi_op_restore(tree.get(), nullptr, nullptr), QFI_STATUS_NOT_SUPPORTED);
+    EXPECT_NE(last_error().find("what was unreadable when image " + id + " was made is not all known"),
+              std::string::npos);
 }
 
 } // namespace

@@ -30,6 +30,22 @@ std::string folder_of(const std::string &given) {
     throw Failure("import " + given + ": " + (error ? error.message() : "No such file or directory"));
 }
 
+// Why the folder is still there, which is no failure of the library's: a remark on it.
+void tell_if_it_stays(const qfi_domain *tree, const std::string &folder) {
+    std::error_code error;
+    if (!std::filesystem::exists(folder, error))
+        return;
+    const std::filesystem::path normal = (std::filesystem::path(folder) / "").lexically_normal().parent_path();
+    Report report;
+    if (qfi_op_objctl(const_cast<qfi_domain *>(tree), QFI_OBJCTL_REPORT, nullptr, Out(report)) == 0)
+        for (uint64_t index = 0; index < report->shown; ++index)
+            if (normal == report->items[index].object) {
+                std::cerr << remark_text(report->items[index]) << '\n';
+                return;
+            }
+    std::cerr << "the image is imported, but its folder stays: " << folder << '\n';
+}
+
 int run(const Settings &settings, const Options &options) {
     const std::string folder = folder_of(options.path);
     const Session session(settings);
@@ -45,10 +61,8 @@ int run(const Settings &settings, const Options &options) {
         check(qfi_op_import_tree(folder.c_str(), or_null(options.store), nullptr, Out(tree)), "import " + folder);
     }
     std::cout << id_of(tree.get()) << '\n';
-    // What could not be removed of the folder is no failure of the library's.
-    std::error_code error;
-    if (!options.keep_source && std::filesystem::exists(folder, error) && !settings.quiet)
-        std::cerr << "the image is imported, but its folder could not be removed: " << folder << '\n';
+    if (!options.keep_source && !settings.quiet)
+        tell_if_it_stays(tree.get(), folder);
     return exit_done;
 }
 
