@@ -223,7 +223,20 @@ bool LostAttributes::explain(const ManifestEntry &expected, const ManifestEntry 
 
 void compare_with_manifest(ManifestReader &expected, ManifestReader &present, const LostAttributes &lost,
                            const std::function<void(uint32_t, const ManifestEntry *, const ManifestEntry *)> &differs) {
+    const auto is_socket = [](const ManifestEntry *entry) {
+        return entry != nullptr && entry->type == QFI_ENTRY_SOCKET;
+    };
     compare_manifests(expected, present, [&](uint32_t change, const ManifestEntry *old, const ManifestEntry *now) {
+        if (is_socket(old)) {
+            old = nullptr;
+            change = QFI_CHANGE_ADDED;
+        }
+        if (is_socket(now)) {
+            now = nullptr;
+            change = QFI_CHANGE_REMOVED;
+        }
+        if (old == nullptr && now == nullptr)
+            return;
         if (old == nullptr || now == nullptr || !lost.explain(*old, *now))
             differs(change, old, now);
     });

@@ -52,7 +52,8 @@ private:
     std::set<std::string> paths_;
     bool are_all_known_;
 };
-/// Calls `differs` for what is not as its manifest says.
+/// Calls `differs` for what is not as its manifest says. Sockets do not count: those of a snapshot are in its manifest,
+/// and no copy of it has them.
 void compare_with_manifest(ManifestReader &expected, ManifestReader &present, const LostAttributes &lost,
                            const std::function<void(uint32_t, const ManifestEntry *, const ManifestEntry *)> &differs);
 

@@ -209,6 +209,25 @@ TEST_P(UnkeptImport, of_times_is_remarked_and_keeps_the_exported_folder) {
                                                        {QFI_REMARK_WARNING, object, "sub/file", "other content"}}));
 }
 
+TEST_P(UnkeptImport, of_an_image_with_a_socket_in_its_manifest_is_whole) {
+    ASSERT_EQ(mknod((object / "sub" / "socket").c_str(), S_IFSOCK | 0600, 0), 0);
+    Tree tree = freeze({object}, store); // a snapshot has the socket, a copy has not
+    expect_sound(tree);
+    ASSERT_EQ(qfi_op_deport_tree(tree.get(), exported().c_str(), nullptr), 0) << last_error();
+    tree = Tree();
+    import(store, tree, true);
+    EXPECT_FALSE(fs::exists(exported())) << "no copy has a socket, so there is nothing to keep it for";
+    EXPECT_EQ(report_of(tree).lines, (std::vector<Line>{{QFI_REMARK_SKIPPED, object, "sub/socket", "a socket"}}));
+    expect_sound(tree);
+    fs::remove(fs::path(tree.image_path()) / "plain");
+    write_file(fs::path(tree.image_path()) / "sub" / "socket", "a file");
+    qfi_report *report = nullptr;
+    EXPECT_EQ(qfi_op_objctl(tree.get(), QFI_OBJCTL_VERIFY, nullptr, &report), QFI_FI_DAMAGED);
+    EXPECT_EQ(Report(report).lines,
+              (std::vector<Line>{{QFI_REMARK_WARNING, object, "plain", "missing"},
+                                 {QFI_REMARK_WARNING, object, "sub/socket", "not in the manifest"}}));
+}
+
 TEST_P(Unkept, a_copy_in_a_store_that_keeps_less_is_no_damage) {
     if (const std::string obstacle = missing({"ext4"}); !obstacle.empty())
         GTEST_SKIP() << obstacle;
