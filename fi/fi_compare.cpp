@@ -20,6 +20,7 @@ Difference difference(uint32_t change, const std::string &object, const Manifest
     Difference result{};
     result.change = change;
     result.type = to != nullptr ? to->type : from->type;
+    result.old_type = from != nullptr ? from->type : to->type;
     result.old_size = from != nullptr ? from->size : 0;
     result.new_size = to != nullptr ? to->size : 0;
     result.object = object;

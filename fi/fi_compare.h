@@ -26,7 +26,8 @@ ManifestReader entries_of(const HeldImage &image, std::size_t index, const WalkO
 /// One difference.
 struct Difference {
     uint32_t change;
-    uint32_t type;
+    uint32_t type;     // as it is now, of what is gone as it was
+    uint32_t old_type; // as it was, or the same
     uint64_t old_size, new_size;
     std::string object, path;
 };

@@ -25,7 +25,7 @@ struct Plan {
     std::vector<std::string> stores;
     std::string to, only;
     CopyOut how;
-    bool may_go_elsewhere = false; // objects have places to be restored to; a resynchronisation looks at none
+    bool is_restore = false; // objects may have places to be restored to; a resynchronisation looks at none
 };
 
 std::string base_name(const std::string &path) {
@@ -197,6 +197,36 @@ const char *in_words(uint32_t change) {
     }
 }
 
+// What becomes of sockets: none is made, a restore takes all away, and a resynchronisation leaves those alone whose
+// directory stays. Differences come in order of path.
+class Sockets {
+public:
+    explicit Sockets(const Plan &plan) : stay_(!plan.is_restore) {}
+    // The change as it would be done; QFI_CHANGE_NONE for nothing.
+    uint32_t change_of(const Difference &one) {
+        const bool was_socket = one.old_type == QFI_ENTRY_SOCKET, is_socket = one.type == QFI_ENTRY_SOCKET;
+        if (one.type == QFI_ENTRY_DIRECTORY && (one.change == QFI_CHANGE_ADDED || one.change == QFI_CHANGE_TYPE))
+            going_.insert(one.path);
+        if (!was_socket && !is_socket)
+            return one.change;
+        if (one.change == QFI_CHANGE_REMOVED)
+            return QFI_CHANGE_NONE;
+        if (one.change == QFI_CHANGE_TYPE)
+            return was_socket ? QFI_CHANGE_ADDED : QFI_CHANGE_TYPE;
+        return stay_ && !is_going(one.path) ? QFI_CHANGE_NONE : QFI_CHANGE_ADDED;
+    }
+
+private:
+    bool is_going(const std::string &path) const {
+        for (std::size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1))
+            if (going_.count(path.substr(0, slash)) != 0)
+                return true;
+        return false;
+    }
+    const bool stay_;
+    std::set<std::string> going_; // directories
+};
+
 void report_changes(const Plan &plan, const ObjectRef &one, bool digest, Findings &report) {
     const HeldImage image(*one.filesystem, plan.operation);
     if (!plan.only.empty())
@@ -208,13 +238,15 @@ void report_changes(const Plan &plan, const ObjectRef &one, bool digest, Finding
     const std::string &object = one.object().path;
     const LeftOut left_out(*one.filesystem, object);
     options.exclude = &left_out;
+    Sockets sockets(plan);
     compare_with_original(
         image, one.index, options,
         [&](Difference &&difference) {
-            if (!lies_at_or_below(difference.path, plan.only))
+            const uint32_t change = sockets.change_of(difference);
+            if (change == QFI_CHANGE_NONE || !lies_at_or_below(difference.path, plan.only))
                 return;
             ++report.changed;
-            report.add({QFI_REMARK_WARNING, 0, object, difference.path, in_words(difference.change)});
+            report.add({QFI_REMARK_WARNING, 0, object, difference.path, in_words(change)});
         },
         plan.operation);
 }
@@ -235,7 +267,7 @@ void report_made(const Plan &plan, const std::vector<ObjectRef> &objects, const 
         ManifestReader entries = entries_of(image, one.index, options, plan.operation);
         ManifestEntry entry;
         while (entries.next(entry)) {
-            if (!lies_at_or_below(entry.path, plan.only))
+            if (!lies_at_or_below(entry.path, plan.only) || entry.type == QFI_ENTRY_SOCKET)
                 continue;
             const std::size_t above = plan.only.empty() ? 0 : std::min(plan.only.size() + 1, entry.path.size());
             ++report.changed;
@@ -250,7 +282,7 @@ void report_all_changes(const Plan &plan, bool digest, Findings &report) {
     for (const ObjectRef &one : plan.objects) {
         if (!plan.to.empty())
             break;
-        if (one.object().restore_to.empty() || !plan.may_go_elsewhere)
+        if (one.object().restore_to.empty() || !plan.is_restore)
             report_changes(plan, one, digest, report);
         else
             report_made(plan, {one}, one.object().restore_to, report);
@@ -263,7 +295,7 @@ void report_all_changes(const Plan &plan, bool digest, Findings &report) {
 
 void restore(TreeLock &tree, const qfi_restore_options &options, Findings &report, const char *operation) {
     Plan plan = plan_of(tree, options, report, operation);
-    plan.may_go_elsewhere = true;
+    plan.is_restore = true;
     if (plan.to.empty())
         refuse_in_place(plan);
     else if (plan.objects.size() > 1)

@@ -48,7 +48,7 @@ Result copy_tree(int source, int target, const char *name, const Options &option
 
 /// Makes the existing tree `target/name` equal to `source`, changing only what differs: entries of other type, size,
 /// times, mode, owner or attributes, with digests also of other content. A changed file is replaced by a new one that
-/// was made beside it. What `source` does not have is removed.
+/// was made beside it. What `source` does not have is removed, but for sockets, which are remarked.
 Result bring_up_to_date(int source, int target, const char *name, const Options &options,
                         const qfi_provider_host &host);
 

@@ -301,7 +301,8 @@ Copier::Outcome Copier::special(Worker &worker, Directory &directory, const char
     }
     if (S_ISSOCK(mode)) {
         remark(worker, QFI_REMARK_SKIPPED, &directory, name, "a socket", 0);
-        if (updates_)
+        Stat present; // a socket there is somebody's who runs
+        if (updates_ && stat_of(directory.target, name, present) == 0 && !S_ISSOCK(present.stx_mode))
             remove_target(worker, directory, name);
         return Outcome::done;
     }

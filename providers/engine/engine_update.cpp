@@ -183,7 +183,8 @@ bool Copier::open_existing(Worker &worker, int parent, Directory *above, const c
     return true;
 }
 
-/// Removes what the source does not have. The target is listed piece by piece, and the source asked for each name.
+/// Removes what the source does not have. The target is listed piece by piece, and the source asked for each name. A
+/// socket stays: no copy has one, so that the source has none says nothing, and it is somebody's who runs.
 void Copier::remove_extra(Worker &worker, Directory &directory) {
     const Descriptor listed(open_within(directory.target, ".", O_RDONLY | O_DIRECTORY));
     const Bytes records = allocate(listing_size);
@@ -200,6 +201,11 @@ void Copier::remove_extra(Worker &worker, Directory &directory) {
                 continue;
             if (errno != ENOENT) {
                 passed_over(worker, "statx", directory, name, errno); // then it is no reason to remove what is there
+                continue;
+            }
+            if (record->type == DT_SOCK ||
+                (record->type == DT_UNKNOWN && stat_of(directory.target, name, stat) == 0 && S_ISSOCK(stat.stx_mode))) {
+                remark(worker, QFI_REMARK_SKIPPED, &directory, name, "not removed: a socket", 0);
                 continue;
             }
             if (remove_target(worker, directory, name))

@@ -104,6 +104,22 @@ TEST_F(Update, takes_no_attribute_away_because_those_of_the_source_cannot_be_rea
                         {.error = error});
 }
 
+TEST_F(Update, leaves_the_sockets_of_the_target_alone) {
+    const auto bind = [&](const std::string &path) {
+        sh("python3 -c 'import socket; socket.socket(socket.AF_UNIX).bind(\"" + path + "\")'");
+    };
+    sh("mkdir -p s/d c/d c/extra; printf x > s/file; printf y > c/other; touch -r s c");
+    for (const char *const path : {"s/both", "c/both", "c/d/only", "c/file", "s/other", "c/extra/gone"})
+        bind(path);
+    const std::string inodes = output("stat -c '%n %i' c/both c/d/only");
+    EXPECT_EQ(update("s", "c").status, 0) << host.failed_operation << " " << host.failed_object;
+    EXPECT_EQ(output("stat -c '%n %i' c/both c/d/only"), inodes);
+    EXPECT_EQ(output("find c -printf '%P %y\\n' | sort"), " d\nboth s\nd d\nd/only s\nfile f\n");
+    for (const char *const path : {"both", "d/only", "other"})
+        EXPECT_TRUE(host.has_remark(QFI_REMARK_SKIPPED, path)) << path;
+    EXPECT_EQ(update("s", "c").changed, 0u);
+}
+
 TEST_F(Update, clones_into_a_folder_that_would_pass_on_its_flags) {
     if (const auto obstacle = LoopFilesystem::obstacle("btrfs"))
         GTEST_SKIP() << *obstacle;

@@ -378,6 +378,46 @@ TEST_P(Restore, dry_runs_tell_what_would_be_done_and_do_nothing) {
     }
 }
 
+TEST_P(Restore, a_resynchronisation_leaves_sockets_alone_and_its_dry_run_does_not_list_them) {
+    const auto bind = [&](const char *name) { ASSERT_EQ(mknod((object / name).c_str(), S_IFSOCK | 0600, 0), 0); };
+    bind("before");
+    bind("now a file");
+    const Tree tree = freeze({object}, store);
+    fs::remove(object / "now a file");
+    write_file(object / "now a file", "x");
+    bind("sub/after");
+    fs::create_directory(object / "new");
+    bind("new/socket");
+    const std::string path = object;
+    const std::vector<Line> changes{{QFI_REMARK_WARNING, path, "new", "would be removed"},
+                                    {QFI_REMARK_WARNING, path, "new/socket", "would be removed"},
+                                    {QFI_REMARK_WARNING, path, "now a file", "would be removed"}};
+    const auto told_by = [&](auto operation) {
+        qfi_restore_options options;
+        QFI_INIT(options);
+        options.dry_run = 1;
+        qfi_report *report = nullptr;
+        EXPECT_EQ(operation(tree.get(), &options, &report), 0) << last_error();
+        return Report(report).lines;
+    };
+    EXPECT_EQ(told_by(qfi_op_resync), changes);
+    const std::vector<Line> restored = told_by(qfi_op_restore);
+    EXPECT_EQ(
+        std::count(restored.begin(), restored.end(), Line{QFI_REMARK_WARNING, path, "sub/after", "would be removed"}),
+        1);
+    struct stat before {
+    }, after{};
+    ASSERT_EQ(stat((object / "before").c_str(), &before), 0);
+    ASSERT_EQ(qfi_op_resync(tree.get(), nullptr, nullptr), 0) << last_error();
+    ASSERT_EQ(stat((object / "before").c_str(), &after), 0);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_EQ(before.st_ctim.tv_nsec, after.st_ctim.tv_nsec);
+    EXPECT_TRUE(fs::is_socket(object / "sub" / "after"));
+    EXPECT_FALSE(fs::exists(object / "new"));
+    EXPECT_FALSE(fs::exists(object / "now a file"));
+    EXPECT_EQ(told_by(qfi_op_resync), std::vector<Line>{});
+}
+
 TEST_P(Restore, dry_runs_to_a_new_place_tell_what_would_be_made_there) {
     const Tree tree = freeze({object}, store);
     const std::string to = top / "new";
