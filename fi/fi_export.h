@@ -8,6 +8,8 @@
 namespace qzfi::fi {
 
 inline constexpr char export_document[] = "fiid.xml";
+/// There while images that were copied may still be in their stores.
+inline constexpr char export_unfinished[] = "unfinished";
 
 /// Reads the id document of an exported folder. Throws, QFI_FI_BAD_FIID when there is none that can be one.
 std::string read_export_document(int folder, const std::string &path, const char *operation);

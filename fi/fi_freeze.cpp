@@ -12,6 +12,7 @@
 #include "fi/fi_left_out.h"
 #include "fi/fi_manifest.h"
 #include "fi/fi_report.h"
+#include "fi/fi_store_folders.h"
 #include "fi/fi_tree.h"
 
 namespace qzfi::fi {
@@ -435,9 +436,11 @@ void tell_failed_post_command(const Tree &tree, const char *operation, const Com
         tell(message::post_command_failed, operation, {tree.options.post_command, failed->how(), failed->output});
 }
 
-void remove_image(Store &store, const ImageRecord &record, const char *operation) {
-    const Provider *const provider = find_provider(record.provider_id);
-    store.remove(record.id, operation, [&](int objects, const char *name) {
+namespace {
+
+RemoveTree by_provider_of(const Store &store, const ImageRecord &record, const char *operation) {
+    return [&store, &record, operation](int objects, const char *name) {
+        const Provider *const provider = find_provider(record.provider_id);
         if (provider == nullptr || provider->ops->remove == nullptr)
             fail(message::no_such_provider, QFI_FI_NO_SUCH_PROVIDER, operation, {record.provider_id});
         const JobHost host(operation, store.image_path(record.id) + "/objects/" + name, nullptr);
@@ -450,7 +453,17 @@ void remove_image(Store &store, const ImageRecord &record, const char *operation
         job.name = name;
         job.workers = FreezeOptions().workers;
         host.check(provider->ops->remove(&job), *provider);
-    });
+    };
+}
+
+} // namespace
+
+void remove_image(Store &store, const ImageRecord &record, const char *operation) {
+    store.remove(record.id, operation, by_provider_of(store, record, operation));
+}
+
+void remove_image(Store &store, Claim claim, const ImageRecord &record, const char *operation) {
+    store.remove(std::move(claim), record.id, operation, by_provider_of(store, record, operation));
 }
 
 void remove_images(Tree &tree, const char *operation) {

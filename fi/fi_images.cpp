@@ -47,6 +47,12 @@ HeldImage::HeldImage(const TreeFilesystem &filesystem, const char *operation)
         fail(message::no_such_image, QFI_FI_NO_SUCH_IMAGE, operation, {id});
 }
 
+HeldImage::HeldImage(const TreeFilesystem &filesystem, int claimed, const char *operation)
+    : filesystem_(filesystem), operation_(operation), directory_(fcntl(claimed, F_DUPFD_CLOEXEC, 3)) {
+    if (!directory_)
+        fail_call(operation, "fcntl", filesystem.store->image_path(record().id), errno, true);
+}
+
 HeldImage::~HeldImage() {
     if (lock_)
         flock(lock_.get(), LOCK_UN); // a child that was forked meanwhile may still have the descriptor

@@ -18,6 +18,8 @@ namespace qzfi::fi {
 class HeldImage {
 public:
     HeldImage(const TreeFilesystem &filesystem, const char *operation);
+    /// One whose folder, open as `claimed`, is this caller's alone already.
+    HeldImage(const TreeFilesystem &filesystem, int claimed, const char *operation);
     ~HeldImage();
     HeldImage(const HeldImage &) = delete;
     HeldImage &operator=(const HeldImage &) = delete;

@@ -87,7 +87,7 @@ public:
         if (ids.size() != fiid_.images.size())
             fail(message::bad_fiid, QFI_FI_BAD_FIID, operation_, {"it names an image twice"});
         for (const std::string &name : names_in(folder_.get(), place_.path, operation_))
-            if (name != export_document && ids.count(name) == 0)
+            if (name != export_document && name != export_unfinished && ids.count(name) == 0)
                 fail_folder(fiid_.set_id, place_.path + "/" + name, "the id document does not name it", operation_);
         for (const FiidImage &image : fiid_.images)
             require_sound_image(image.record);

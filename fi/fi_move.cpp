@@ -91,35 +91,38 @@ public:
         : tree_(tree), operation_(operation), place_(open_place(directory, operation)) {}
 
     std::string run() {
-        refuse_in_store();
+        refuse_in_stores(place_, stores_of(*tree_), "nothing is exported into a store", operation_);
         // What could not be removed there afterwards would be in two places.
         for (const TreeFilesystem &filesystem : tree_->filesystems)
             filesystem.store->require_writable(operation_);
         Workshop workshop(place_, operation_);
         std::string document = begun_before();
-        if (document.empty()) {
+        claim_all(); // a reader is told of at once, not when all was copied
+        if (document.empty())
             document = publish(workshop);
-        } else {
+        else
             sync_file(place_.parent.get(), place_.path, operation_); // which who was killed may not have come to
-            move(claim_moved());
-        }
-        for (const TreeFilesystem &filesystem : tree_->filesystems)
-            if (!is_moved(filesystem))
-                remove_image(*filesystem.store, filesystem.record, operation_);
+        for (Part &part : parts_)
+            if (!part.is_there)
+                move(*part.filesystem, *part.claim);
+        for (Part &part : parts_)
+            if (part.is_there)
+                take_away(part);
+        if (unlinkat(folder_.get(), export_unfinished, 0) == 0)
+            sync_file(folder_.get(), place_.path, operation_);
         return document;
     }
 
 private:
-    void refuse_in_store() const {
-        refuse_in_stores(place_, stores_of(*tree_), "nothing is exported into a store", operation_);
-    }
+    // An image on its way into the folder.
+    struct Part {
+        const TreeFilesystem *filesystem;
+        bool is_there;              // in the folder
+        std::optional<Claim> claim; // of its folder in the store, if that is there
+    };
 
-    bool is_moved(const TreeFilesystem &filesystem) const {
-        return std::find(moved_.begin(), moved_.end(), &filesystem) != moved_.end();
-    }
-
-    // An export to this folder that was cut short before all images had been moved there: gives its document, and goes
-    // on with what is missing. What was copied was there when the folder was.
+    // An export to this folder that was cut short: gives its document, and goes on with what is missing there, or still
+    // in a store. What was copied was there when the folder was.
     std::string begun_before() {
         try {
             const Hush hush;
@@ -127,18 +130,7 @@ private:
             if (!is_own(folder_.get()))
                 return {};
             std::string document = read_export_document(folder_.get(), place_.path, operation_);
-            const Fiid fiid = read_fiid(document, operation_);
-            for (const TreeFilesystem &filesystem : tree_->filesystems) {
-                if (!is_named(filesystem, fiid))
-                    return {};
-                struct stat status {};
-                if (fstatat(folder_.get(), filesystem.record.id.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
-                    continue;
-                if (!same_mount(filesystem.store->images(), folder_.get()))
-                    return {};
-                moved_.push_back(&filesystem);
-            }
-            return moved_.empty() ? std::string() : document;
+            return is_unfinished(read_fiid(document, operation_)) ? document : std::string();
         } catch (const Failure &failure) {
             if (failure.status == QFI_STATUS_NO_MEMORY)
                 throw;
@@ -152,6 +144,31 @@ private:
         return fstat(folder, &status) == 0 && status.st_uid == geteuid() && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
     }
 
+    static bool has(int directory, const char *name) {
+        struct stat status {};
+        return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    }
+
+    // Of a finished export all is there, and an image that is in a store as well was imported again.
+    bool is_unfinished(const Fiid &fiid) {
+        bool is_begun = has(folder_.get(), export_unfinished), is_twice = false;
+        std::vector<Part> parts;
+        for (const TreeFilesystem &filesystem : tree_->filesystems) {
+            const char *const id = filesystem.record.id.c_str();
+            const int images = filesystem.store->images();
+            const bool is_there = has(folder_.get(), id), is_in_store = has(images, id);
+            if (!is_named(filesystem, fiid) || (!is_there && !(is_in_store && same_mount(images, folder_.get()))))
+                return false;
+            is_begun = is_begun || !is_there;
+            is_twice = is_twice || (is_there && is_in_store);
+            parts.push_back({&filesystem, is_there, std::nullopt});
+        }
+        if (is_twice && !is_begun)
+            return false;
+        parts_ = std::move(parts);
+        return true;
+    }
+
     static bool is_named(const TreeFilesystem &filesystem, const Fiid &fiid) {
         const ImageRecord &record = filesystem.record;
         const auto is_it = [&](const FiidImage &image) {
@@ -160,35 +177,63 @@ private:
         return std::any_of(fiid.images.begin(), fiid.images.end(), is_it);
     }
 
+    // Alone with each image, before anything of them is touched.
+    void claim_all() {
+        if (parts_.empty())
+            for (const TreeFilesystem &filesystem : tree_->filesystems)
+                parts_.push_back({&filesystem, false, std::nullopt});
+        for (Part &part : parts_)
+            claim(part);
+    }
+
+    void claim(Part &part) const {
+        Store &store = *part.filesystem->store;
+        const std::string &id = part.filesystem->record.id;
+        Claimed claimed;
+        {
+            const FileLock lock = lock_store(store.state(), operation_);
+            claimed = claim_folder(store.state(), id, part.claim, operation_);
+        }
+        if (claimed == Claimed::busy)
+            fail(message::busy, QFI_FI_BUSY, operation_, {id});
+        if (!store.find(id, operation_))
+            fail(message::no_such_image, QFI_FI_NO_SUCH_IMAGE, operation_, {id});
+        if (claimed == Claimed::missing && !part.is_there)
+            store.open_image(id, operation_); // says what is wrong with it
+    }
+
     // The folder appears complete and synced, but for what is moved by one rename each: nothing is lost at any moment.
     std::string publish(Workshop &workshop) {
-        moved_.clear();
         const bool over_empty = refuse_existing(place_, operation_);
         folder_ = make_directory(workshop.directory(), Workshop::tree, place_.path, operation_);
         Fiid fiid{tree_->set_id, {}};
-        for (const TreeFilesystem &filesystem : tree_->filesystems)
-            fiid.images.push_back({exported(filesystem), place_.path});
+        for (Part &part : parts_)
+            fiid.images.push_back({exported(part), place_.path});
         std::string document = write_fiid(fiid, operation_);
-        const std::string path = place_.path + "/" + export_document;
-        sync_file(write_file(folder_.get(), export_document, path, document, operation_).get(), path, operation_);
+        write_synced(export_document, document);
+        if (std::any_of(parts_.begin(), parts_.end(), [](const Part &part) { return part.is_there; }))
+            write_synced(export_unfinished, "");
         sync_file(folder_.get(), place_.path, operation_);
-        const std::vector<Claim> claims = claim_moved();
         workshop.put(over_empty);
-        move(claims);
         return document;
     }
 
+    void write_synced(const char *name, const std::string &content) const {
+        const std::string path = place_.path + "/" + name;
+        sync_file(write_file(folder_.get(), name, path, content, operation_).get(), path, operation_);
+    }
+
     // What the document says of an image, which was copied unless it can be moved.
-    ImageRecord exported(const TreeFilesystem &filesystem) {
+    ImageRecord exported(Part &part) const {
+        const TreeFilesystem &filesystem = *part.filesystem;
         ImageRecord record = filesystem.record;
-        const HeldImage image(filesystem, operation_);
+        const HeldImage image(filesystem, part.claim->directory.get(), operation_);
         for (std::size_t index = 0; index < filesystem.objects.size(); ++index)
             image.object(index); // there
-        if (same_mount(filesystem.store->images(), place_.parent.get())) {
-            moved_.push_back(&filesystem);
+        if (same_mount(filesystem.store->images(), place_.parent.get()))
             return record;
-        }
         copy(image, record);
+        part.is_there = true;
         for (ImageObject &object : record.objects)
             object.subpath.clear(); // copied without what is around it
         return record;
@@ -232,45 +277,30 @@ private:
                   path + "/" + report_name, operation_);
     }
 
-    // Alone with each image that is to be moved, before anything of them is touched.
-    std::vector<Claim> claim_moved() const {
-        std::vector<Claim> claims;
-        for (const TreeFilesystem *const filesystem : moved_) {
-            const Store::State &store = filesystem->store->state();
-            const FileLock lock = lock_store(store, operation_);
-            std::optional<Claim> claim;
-            switch (claim_folder(store, filesystem->record.id, claim, operation_)) {
-            case Claimed::yes:
-                claims.push_back(std::move(*claim));
-                break;
-            case Claimed::busy:
-                fail(message::busy, QFI_FI_BUSY, operation_, {filesystem->record.id});
-            case Claimed::missing:
-                fail(message::no_such_image, QFI_FI_NO_SUCH_IMAGE, operation_, {filesystem->record.id});
-            }
-        }
-        return claims;
+    void take_away(Part &part) const {
+        const TreeFilesystem &filesystem = *part.filesystem;
+        if (part.claim)
+            remove_image(*filesystem.store, std::move(*part.claim), filesystem.record, operation_);
+        else // it was moved already, but for its record
+            filesystem.store->state().catalog->erase(filesystem.record.id, operation_);
     }
 
-    void move(const std::vector<Claim> &claims) const {
-        for (std::size_t index = 0; index < moved_.size(); ++index) {
-            const TreeFilesystem &filesystem = *moved_[index];
-            const std::string &id = filesystem.record.id;
-            const int images = filesystem.store->images();
-            if (rename_directory(images, id.c_str(), folder_.get(), id.c_str()) != 0)
-                fail_call(operation_, "rename", filesystem.store->image_path(id), errno, false);
-            sync_file(folder_.get(), place_.path, operation_);
-            sync_file(images, filesystem.store->path() + "/images", operation_);
-            filesystem.store->state().catalog->erase(id, operation_);
-            unlinkat(claims[index].directory.get(), lock_name, 0);
-        }
+    void move(const TreeFilesystem &filesystem, const Claim &claim) const {
+        const std::string &id = filesystem.record.id;
+        const int images = filesystem.store->images();
+        if (rename_directory(images, id.c_str(), folder_.get(), id.c_str()) != 0)
+            fail_call(operation_, "rename", filesystem.store->image_path(id), errno, false);
+        sync_file(folder_.get(), place_.path, operation_);
+        sync_file(images, filesystem.store->path() + "/images", operation_);
+        filesystem.store->state().catalog->erase(id, operation_);
+        unlinkat(claim.directory.get(), lock_name, 0);
     }
 
     TreeLock &tree_;
     const char *operation_;
     Place place_;
     Descriptor folder_; // what is exported into
-    std::vector<const TreeFilesystem *> moved_;
+    std::vector<Part> parts_;
 };
 
 } // namespace

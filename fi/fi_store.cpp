@@ -265,6 +265,12 @@ void Store::remove_with(const std::string &id, const char *operation, const Remo
         remove_folder(*state_, std::move(*claim), id, remove_object, operation);
 }
 
+void Store::remove(Claim claim, const std::string &id, const char *operation, const RemoveTree &remove_object) {
+    require_writable(operation);
+    state_->catalog->erase(id, operation);
+    remove_folder(*state_, std::move(claim), id, remove_object, operation);
+}
+
 Store::Repair Store::repair(const char *operation) {
     const RemoveTree remove_tree = [&](int objects, const char *name) {
         remove_by_provider(objects, name, path(), operation);

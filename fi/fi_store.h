@@ -72,6 +72,7 @@ std::string new_image_id();
 bool is_image_id(std::string_view text) noexcept;
 
 class Store;
+struct Claim;
 
 /// An image in the making; abandoned, with all that was made, unless committed. Not thread-safe.
 class NewImage {
@@ -132,6 +133,9 @@ public:
     void remove(const std::string &id, const char *operation, RemoveObject &&remove_object) {
         remove_with(id, operation, std::forward<RemoveObject>(remove_object));
     }
+    /// The same of one whose folder is this caller's alone already.
+    void remove(Claim claim, const std::string &id, const char *operation,
+                const std::function<void(int, const char *)> &remove_object);
     /// The image's own directory, opened; throws when it is missing: QFI_FI_DAMAGED, or QFI_FI_NO_SUCH_IMAGE when the
     /// catalog has no such image either.
     Descriptor open_image(const std::string &id, const char *operation);

@@ -241,6 +241,7 @@ void tell_failed_post_command(const Tree &tree, const char *operation, const Com
 void remove_images(Tree &tree, const char *operation);
 /// Removes one image through its provider; without one, as plain files.
 void remove_image(Store &store, const ImageRecord &record, const char *operation);
+void remove_image(Store &store, Claim claim, const ImageRecord &record, const char *operation);
 
 /// Runs a command through the context process.
 CommandResult run_command(const std::string &command);

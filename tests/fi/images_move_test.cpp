@@ -284,6 +284,34 @@ TEST_P(Move, of_an_image_that_is_read_is_busy) {
     EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), 0) << last_error();
 }
 
+TEST_P(Move, of_an_image_that_is_read_is_busy_before_it_is_copied) {
+    if (const auto obstacle = LoopFilesystem::obstacle("ext4"))
+        GTEST_SKIP() << *obstacle;
+    const LoopFilesystem other("ext4", 64);
+    exported = fs::path(other.path()) / "exported";
+    Tree tree = freeze({object}, store, "copy");
+    const int lock = open((store / "images" / tree.image_id() / "lock").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(lock, 0);
+    ASSERT_EQ(flock(lock, LOCK_SH), 0);
+    for (int tries = 0; tries < 2; ++tries) {
+        EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), QFI_FI_BUSY);
+        EXPECT_EQ(last_error(), "qzfi_deport_tree: " + tree.image_id() + " is in use by another operation\n");
+        EXPECT_FALSE(fs::exists(exported));
+    }
+    close(lock);
+    EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), 0) << last_error();
+    expect_nothing_imported();
+}
+
+TEST_P(Move, an_image_whose_files_are_missing_is_damaged) {
+    const Tree tree = freeze({object}, store, "copy");
+    fs::rename(store / "images" / tree.image_id(), top / "aside");
+    EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), QFI_FI_DAMAGED);
+    EXPECT_EQ(last_error(), "qzfi_deport_tree: image " + tree.image_id() + " is damaged: " +
+                                (store / "images" / tree.image_id()).string() + ": No such file or directory (2)\n");
+    EXPECT_FALSE(fs::exists(exported));
+}
+
 TEST_P(Move, an_imported_folder_that_cannot_be_removed_is_told_in_the_report) {
     if (const auto obstacle = LoopFilesystem::obstacle("ext4"))
         GTEST_SKIP() << *obstacle;
