@@ -12,6 +12,13 @@ if(QZFI_SANITIZE)
                                               -fsanitize=${QZFI_SANITIZE} -fno-sanitize-recover=all
                                               $<$<BOOL:$<TARGET_PROPERTY:QZFI_IS_TEST>>:-fno-sanitize=undefined>)
   target_link_options(qzfi_flags INTERFACE -fsanitize=${QZFI_SANITIZE})
+  # The sanitizer's runtime in a library of its own, as it is with g++: the calls that tests wrap are then not its own.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND NOT QZFI_FUZZ)
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libclang_rt.asan-x86_64.so
+      OUTPUT_VARIABLE runtime OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    cmake_path(GET runtime PARENT_PATH runtime)
+    target_link_options(qzfi_flags INTERFACE -shared-libsan -Wl,-rpath,${runtime})
+  endif()
 elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
   set(CMAKE_C_FLAGS_RELEASE "-O2 -DNDEBUG")
   set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")

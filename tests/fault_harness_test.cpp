@@ -269,12 +269,13 @@ TEST(FaultHarness, counts_the_calls_of_forked_processes_and_learns_that_one_fail
     EXPECT_EQ(failed_there, 3);
 }
 
-#ifdef __SANITIZE_ADDRESS__
+#ifdef QZFI_ADDRESS_SANITIZER
 TEST(FaultHarnessDeathTest, finds_the_case_that_loses_memory) {
     const auto lose_memory_in_the_second_case = [] {
         fault::for_each(fault::Call::allocation, [](fault::Trial &trial) {
             trial.arm();
             char *first = strdup("first");
+            looked_at = first;
             char *second = strdup("second");
             trial.disarm();
             if (second != nullptr)
@@ -291,7 +292,7 @@ TEST(FaultHarnessDeathTest, finds_the_case_that_loses_memory) {
 }
 #endif
 
-#if defined(__SANITIZE_ADDRESS__) && !defined(__clang__) // clang's runtime leaves its operators out for the program's
+#ifdef QZFI_ADDRESS_SANITIZER
 TEST(FaultHarnessDeathTest, leaves_it_to_the_sanitizer_to_tell_how_memory_was_made) {
     const auto release = [](void *memory) {
         looked_at = memory;

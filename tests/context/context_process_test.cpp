@@ -3,6 +3,7 @@
 
 #include "context/context_support.h"
 #include "support/fault.h"
+#include "support/sanitized.h"
 
 namespace {
 
@@ -333,8 +334,9 @@ TEST_F(ContextProcess, a_text_ends_with_its_frame) {
     }
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // which end the process instead
 TEST_F(ContextProcess, a_length_that_no_memory_can_hold_is_status_5) {
+    if (is_sanitized)
+        GTEST_SKIP() << "a sanitizer ends the process instead";
     for (const uint64_t length : {UINT64_MAX, UINT64_MAX - 1, UINT64_MAX / 2}) {
         ASSERT_EQ(qzfi_create_context(), 0u);
         context::send_frame(length, "", 0);
@@ -344,7 +346,6 @@ TEST_F(ContextProcess, a_length_that_no_memory_can_hold_is_status_5) {
     }
     EXPECT_EQ(context::reported(), Texts{});
 }
-#endif
 
 TEST_F(ContextProcess, a_frame_may_arrive_byte_by_byte) {
     ASSERT_EQ(qzfi_create_context(), 0u);
