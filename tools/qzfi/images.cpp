@@ -135,7 +135,7 @@ std::string fitting_id(const ImageName &name, const ImageList &list) {
 
 std::string whole_id(const ImageName &name) {
     const ImageList list = all_images(name.store);
-    const std::string id = fitting_id(name, list);
+    std::string id = fitting_id(name, list);
     require_whole_set(name, list.get(), id);
     return id;
 }
