@@ -90,17 +90,14 @@ bool Copier::is_file_up_to_date(Worker &worker, FileCopy &copy, bool &is_done) {
     if (!is_right || (options.digest && !has_same_content(*this, worker, copy, target.get(), opened, copy.digest))) {
         copy.is_existing = true;
         temporary_name(copy.made_as);
-        if ((present.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND)) != 0) {
-            const Descriptor forbidden(open_within(directory.target, copy.name, O_RDONLY | O_NONBLOCK));
-            if (forbidden)
-                clear_forbidding_flags(forbidden.get());
-        }
         return false;
     }
     copy.has_digest = options.digest;
+    const uint32_t flags = flags_of(target.get());
     const bool has_same = is_same_kept(copy.stat, opened) &&
-                          has_same_extended(worker, Place{copy.from.get()}, Place{target.get()}) &&
-                          flags_of(target.get()) == flags_of(copy.from.get());
+                          has_same_extended(worker, Place{copy.from.get()}, Place{target.get()}) && flags == copy.flags;
+    if (has_same && (flags & unknown_flags) != 0)
+        remark(worker, QFI_REMARK_ATTRIBUTE, &directory, copy.name, "inode flags that cannot be read", 0);
     if (!has_same) {
         clear_forbidding_flags(target.get());
         const Known known{opened.stx_uid, opened.stx_gid, opened.stx_mode, true};
@@ -237,10 +234,21 @@ bool Copier::remove_target(Worker &worker, Directory &directory, const char *nam
     return false;
 }
 
+/// A file that forbids it is replaced all the same; it has lost nothing should that fail.
 bool Copier::put_in_place(Worker &worker, Directory &directory, const char *made_as, const char *name) {
-    if (renameat(directory.target, made_as, directory.target, name) == 0)
+    const auto put = [&] { return renameat(directory.target, made_as, directory.target, name) == 0; };
+    if (put())
         return true;
-    fail_target(worker, "renameat", &directory, name, errno);
+    int error = errno;
+    const Descriptor present(error == EPERM ? open_within(directory.target, name, O_RDONLY | O_NONBLOCK) : -1);
+    unsigned flags = 0;
+    if (present && ioctl(present.get(), FS_IOC_GETFLAGS, &flags) == 0 && clear_forbidding_flags(present.get())) {
+        if (put())
+            return true;
+        error = errno;
+        ioctl(present.get(), FS_IOC_SETFLAGS, &flags);
+    }
+    fail_target(worker, "renameat", &directory, name, error);
     return false;
 }
 

@@ -111,6 +111,36 @@ TEST_F(Update, takes_no_attribute_away_because_those_of_the_source_cannot_be_rea
                             }
                         },
                         {.error = error});
+    EXPECT_GE(told, 8);
+}
+
+TEST_F(Update, remarks_flags_that_can_be_read_on_neither_side) {
+    sh("mkdir -p s c; printf x > s/f; cp -a s/f c/f; touch -r s c");
+    const Folder source(at + "/s"), target(at);
+    Result result;
+    {
+        const fault::Armed armed(fault::Call::ioctl, 1, {.error = EIO, .from_then_on = true});
+        result = bring_up_to_date(source.fd, target.fd, "c", options, host.record);
+    }
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.changed, 0u);
+    EXPECT_TRUE(host.has_remark(QFI_REMARK_ATTRIBUTE, "f"));
+}
+
+TEST_F(Update, of_an_immutable_file_that_cannot_be_replaced_leaves_it_immutable) {
+    if (const auto obstacle = LoopFilesystem::obstacle("ext4"))
+        GTEST_SKIP() << *obstacle;
+    const LoopFilesystem disk("ext4", 16);
+    sh("mkdir s; head -c 20000000 /dev/urandom > s/f");
+    const std::string there = disk.path() + "/c";
+    sh("mkdir " + there + "; printf x > " + there + "/f; chattr +i " + there + "/f");
+    const Folder source(at + "/s"), target(disk.path());
+    EXPECT_EQ(bring_up_to_date(source.fd, target.fd, "c", options, host.record).status,
+              static_cast<int32_t>(QFI_FI_NO_SPACE));
+    EXPECT_EQ(output("lsattr " + there + "/f | cut -c5; cat " + there + "/f; ls " + there), "i\nxf\n");
+    sh("printf y > s/f");
+    EXPECT_EQ(bring_up_to_date(source.fd, target.fd, "c", options, host.record).status, 0);
+    EXPECT_EQ(output("lsattr " + there + "/f | cut -c5; cat " + there + "/f"), "-\ny");
 }
 
 TEST_F(Update, leaves_the_sockets_of_the_target_alone) {
