@@ -3,6 +3,7 @@
 //
 // Images are copied, with clones where the file system has them, even where they could be renamed: what lies in a store
 // without a record is debris, and a crash between the rename and the record would lose the only copy.
+#include <algorithm>
 #include <fcntl.h>
 #include <set>
 #include <sys/stat.h>
@@ -241,11 +242,13 @@ private:
     }
 
     void take_report(int directory, const NewImage &image, const Unkept &unkept, ImageRecord &record) const {
+        StoredReport report = report_so_far(directory, record.remarks, operation_, record.id);
+        // A document that says less than the report must not hide losses.
+        record.remarks = std::max(record.remarks, report.count);
         if (unkept.remark_count() == 0)
             return copy_if_there(directory, image.directory(), report_name, record);
-        StoredReport report = report_so_far(directory, record.remarks, operation_, record.id);
         unkept.put(report);
-        record.remarks = report.count;
+        record.remarks = std::max(record.remarks, report.count);
         write_report(image.directory(), std::move(report.remarks), report.count, operation_, path_of(record));
     }
 

@@ -87,7 +87,9 @@ void refuse_unread(const Plan &plan, const ObjectRef &one) {
     const Provider *const provider = find_provider(image.record().provider_id);
     if (provider != nullptr && provider->ops->technology == QFI_TECHNOLOGY_SNAPSHOT)
         return; // it holds what its digests could not be made of
-    if (image.record().remarks == 0)
+    struct stat status {};
+    if (image.record().remarks == 0 && fstatat(image.directory(), report_name, &status, AT_SYMLINK_NOFOLLOW) != 0 &&
+        errno == ENOENT)
         return;
     const std::string &object = one.object().path;
     const Descriptor original(open(object.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));

@@ -202,6 +202,35 @@ TEST_P(Move, an_image_whose_document_leads_into_a_store_is_not_restored_there) {
     EXPECT_FALSE(fs::exists(fs::path(kept) / "plain"));
 }
 
+TEST_P(Move, a_document_that_counts_no_remarks_hides_no_loss) {
+    write_file(object / "lost", "nowhere else");
+    const std::string id = export_one();
+    const auto lose = [&](const fs::path &image) {
+        write_file(image / "report", "qzfi-report 1\n" + std::to_string(QFI_REMARK_UNREADABLE) + " 13 " +
+                                         object.string() + " lost open\nend 1\n");
+    };
+    lose(exported / id);
+    fs::remove(exported / id / "objects" / "0" / "lost");
+    Tree tree;
+    ASSERT_EQ(import(&tree), 0) << last_error();
+    EXPECT_EQ(remarks_of(tree), 1u);
+    const auto refused = [&](const Tree &image) {
+        const std::string refusal = ": " + (object / "lost").string() + " would be lost: unreadable when image " +
+                                    image.image_id() + " was made; move it away first\n";
+        EXPECT_EQ(qfi_op_restore(image.get(), nullptr, nullptr), QFI_STATUS_NOT_SUPPORTED);
+        EXPECT_EQ(last_error(), "qzfi_restore" + refusal);
+        EXPECT_EQ(qfi_op_resync(image.get(), nullptr, nullptr), QFI_STATUS_NOT_SUPPORTED);
+        EXPECT_EQ(last_error(), "qzfi_resync" + refusal);
+    };
+    refused(tree);
+    // As one that was imported before the report was counted.
+    const Tree earlier = freeze({object}, store, "copy");
+    ASSERT_EQ(remarks_of(earlier), 0u);
+    lose(store / "images" / earlier.image_id());
+    refused(earlier);
+    EXPECT_EQ(content_of(object / "lost"), "nowhere else");
+}
+
 TEST_P(Move, refuses_links_in_the_folder) {
     const std::string id = export_one();
     const fs::path objects = exported / id / "objects";
