@@ -23,6 +23,7 @@ public:
 private:
     std::string path_;
     Descriptor directory_;
+    Descriptor to_list_; // had at once: at the end there may be no more descriptors
 };
 
 } // namespace qzfi::fi
