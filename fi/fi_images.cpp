@@ -293,6 +293,8 @@ void repair(const char *given, Findings &report, const char *operation) {
             for (const std::string &id : repaired.waiting)
                 report.add({QFI_REMARK_SKIPPED, 0, store->path(), id,
                             "the image waits for its set, of which another store cannot be looked into"});
+            if (repaired.failure)
+                failure = repaired.failure;
         } catch (const Failure &) {
             failure = std::current_exception();
         }

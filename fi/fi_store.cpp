@@ -154,7 +154,7 @@ std::shared_ptr<Store> Store::open(const std::string &given, bool create, const 
     try {
         const Hush hush;
         store->state_->removed_debris += end_pending(*store->state_, remove_tree, operation).removed;
-        store->state_->removed_debris += remove_debris(*store->state_, remove_tree, operation);
+        remove_debris(*store->state_, remove_tree, store->state_->removed_debris, operation);
     } catch (const Failure &) {
     }
     return store;
@@ -287,7 +287,12 @@ Store::Repair Store::repair(const char *operation) {
     EndedPending ended = end_pending(*state_, remove_tree, operation);
     repair.debris += ended.removed;
     repair.waiting = std::move(ended.waiting);
-    repair.debris += remove_debris(*state_, remove_tree, operation);
+    repair.failure = ended.failure;
+    try {
+        remove_debris(*state_, remove_tree, repair.debris, operation);
+    } catch (const Failure &) {
+        repair.failure = std::current_exception();
+    }
     return repair;
 }
 

@@ -144,12 +144,14 @@ public:
 
     /// Removes half-made and half-removed images whose makers are gone, each object of them through the provider that
     /// can; gives their number, the ids of recorded images whose folder is missing, and of pending ones whose set
-    /// cannot be looked at in another store. What cannot be removed is thrown at the end, after everything else was.
+    /// cannot be looked at in another store. What could not be removed is a failure for the caller to throw, when it
+    /// has told of the rest.
     struct Repair {
         uint64_t debris = 0;
         std::vector<std::string> damaged, waiting;
     };
     Repair repair(const char *operation);
+        std::exception_ptr failure;
     uint64_t debris_count();
     struct State; // inner
     const State &state() const noexcept { return *state_; }

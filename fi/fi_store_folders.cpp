@@ -281,8 +281,7 @@ void each_suspect(const Store::State &store, const char *operation, Visit &&visi
 
 } // namespace
 
-uint64_t remove_debris(const Store::State &store, const RemoveTree &remove_tree, const char *operation) {
-    uint64_t removed = 0;
+void remove_debris(const Store::State &store, const RemoveTree &remove_tree, uint64_t &removed, const char *operation) {
     std::exception_ptr failure;
     each_suspect(store, operation, [&](const std::string &name, const FolderName &read) {
         try {
@@ -299,7 +298,6 @@ uint64_t remove_debris(const Store::State &store, const RemoveTree &remove_tree,
     });
     if (failure)
         std::rethrow_exception(failure);
-    return removed;
 }
 
 uint64_t count_debris(const Store::State &store, const char *operation) {

@@ -64,17 +64,18 @@ void remove_plainly(int directory, const char *name, const char *operation);
 /// removed by its own only, so each tries. What none removes is removed plainly.
 void remove_by_provider(int directory, const char *name, const std::string &store, const char *operation);
 
-/// Removes the debris of makers that are gone; all of it is tried before a failure is thrown. Gives their number.
-uint64_t remove_debris(const Store::State &store, const RemoveTree &remove_tree, const char *operation);
+/// Removes the debris of makers that are gone, and counts it; all of it is tried before a failure is thrown.
+void remove_debris(const Store::State &store, const RemoveTree &remove_tree, uint64_t &removed, const char *operation);
 uint64_t count_debris(const Store::State &store, const char *operation);
 
-/// Settles or removes the images of sets whose makers are gone between their commits; all of it is tried before a
-/// failure is thrown. Gives the number of those removed, and the ids of those that wait for another store.
+/// Settles or removes the images of sets whose makers are gone between their commits. Gives the number of those
+/// removed, the ids of those that wait for another store, and what failed, the last of it, after all was tried.
 struct EndedPending {
     uint64_t removed = 0;
     std::vector<std::string> waiting;
 };
 EndedPending end_pending(const Store::State &store, const RemoveTree &remove_tree, const char *operation);
+    std::exception_ptr failure;
 
 /// A store's path as it is recorded and compared: without empty parts, "." and last slashes. Id documents hold it, and
 /// read no other.

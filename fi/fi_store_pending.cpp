@@ -80,17 +80,14 @@ void end_one(const Store::State &store, Claim claim, const std::string &id, cons
 
 EndedPending end_pending(const Store::State &store, const RemoveTree &remove_tree, const char *operation) {
     EndedPending ended;
-    std::exception_ptr failure;
     for (const std::string &id : store.catalog->pending(operation)) {
         try {
             if (std::optional<Claim> claim = claim_pending(store, id, operation))
                 end_one(store, std::move(*claim), id, remove_tree, ended, operation);
         } catch (const Failure &) {
-            failure = std::current_exception();
+            ended.failure = std::current_exception();
         }
     }
-    if (failure)
-        std::rethrow_exception(failure);
     return ended;
 }
 

@@ -316,7 +316,8 @@ TEST_F(StoreTest, whatever_fails_in_listing_and_repairing_nothing_is_lost) {
                 const std::shared_ptr<Store> store = Store::open(at, false, op);
                 store->list(op);
                 store->find(id, op);
-                store->repair(op);
+                if (const Store::Repair repaired = store->repair(op); repaired.failure)
+                    std::rethrow_exception(repaired.failure);
                 store->debris_count();
                 return std::string();
             });
