@@ -334,10 +334,15 @@ void split_filesystem(Tree &tree, TreeFilesystem &filesystem, Progress &progress
 void commit_all(Tree &tree, const char *operation) {
     const std::string document = fiid_document(tree, operation);
     const bool is_several = tree.filesystems.size() > 1;
+    std::vector<std::shared_ptr<Store>> stores;
+    for (const TreeFilesystem &filesystem : tree.filesystems)
+        stores.push_back(filesystem.store);
     try {
         for (TreeFilesystem &filesystem : tree.filesystems) {
             ImageRecord record = filesystem.record;
             record.state = is_several ? 0 : 1;
+            if (is_several)
+                filesystem.image->note_stores(stores, operation);
             filesystem.image->commit(record, document, operation);
         }
         if (is_several)

@@ -134,6 +134,7 @@ std::shared_ptr<Store> Store::open(const std::string &given, bool create, const 
         fail_call(operation, "fstat", state->path, errno, true);
     state->device = status.st_dev;
     state->inode = status.st_ino;
+    state->identity = store_identity(directory);
     state->is_writable = faccessat(directory, ".", W_OK | X_OK, AT_EACCESS) == 0;
     state->write_error = state->is_writable ? 0 : errno;
     if (create && state->is_writable) {

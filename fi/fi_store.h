@@ -8,7 +8,7 @@
 //         manifest.0, 1, ...      what each held (absent for snapshots without digests)
 //         report                  the remarks that were made
 //         fiid.xml                the id document
-//         lock                    locked by the maker and by the remover
+//         lock                    locked by the maker and by the remover; of a set's image, which stores it has
 //     STORE/images/.new-ID/       an image in the making
 //     STORE/images/.old-ID/       an image being removed
 //
@@ -89,6 +89,8 @@ public:
     /// throws, it is not. Report and manifests were written by the caller. What comes after is of this operation too.
     /// A record whose state is 0 stays out of sight, and the image this maker's, until it is settled or withdrawn.
     void commit(const ImageRecord &record, const std::string &fiid, const char *operation);
+    /// Notes the stores of its set with a pending image, before it is committed, so that no other is taken for one.
+    void note_stores(const std::vector<std::shared_ptr<Store>> &stores, const char *operation);
     void settle();
     /// Takes a commit back: what was made can be removed again, and goes with this.
     void withdraw() noexcept;
@@ -149,9 +151,9 @@ public:
     struct Repair {
         uint64_t debris = 0;
         std::vector<std::string> damaged, waiting;
+        std::exception_ptr failure;
     };
     Repair repair(const char *operation);
-        std::exception_ptr failure;
     uint64_t debris_count();
     struct State; // inner
     const State &state() const noexcept { return *state_; }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,6 +19,7 @@ struct Store::State {
     Descriptor images;
     uint64_t device = 0;
     uint64_t inode = 0;
+    std::string identity; ///< of the folder, whatever its path and wherever its file system is mounted
     bool is_writable = false;
     int write_error = 0; ///< errno: why it cannot be written
     std::unique_ptr<Catalog> catalog;
@@ -73,9 +75,17 @@ uint64_t count_debris(const Store::State &store, const char *operation);
 struct EndedPending {
     uint64_t removed = 0;
     std::vector<std::string> waiting;
+    std::exception_ptr failure;
 };
 EndedPending end_pending(const Store::State &store, const RemoveTree &remove_tree, const char *operation);
-    std::exception_ptr failure;
+
+/// Tells a store's folder from any other, as far as its file system knows when it was made.
+std::string store_identity(int directory);
+/// The stores of a set, as they were when it was made, lie in the lock of each image that may have to wait for them.
+void write_stores(int image, const std::vector<std::shared_ptr<Store>> &stores, const std::string &path,
+                  const char *operation);
+/// By path; empty for images of which nobody noted them.
+std::map<std::string, std::string> read_stores(int image, const std::string &path, const char *operation);
 
 /// A store's path as it is recorded and compared: without empty parts, "." and last slashes. Id documents hold it, and
 /// read no other.

@@ -197,6 +197,10 @@ void NewImage::commit(const ImageRecord &record, const std::string &fiid, const 
         state.claim->lock.reset();
 }
 
+void NewImage::note_stores(const std::vector<std::shared_ptr<Store>> &stores, const char *operation) {
+    write_stores(state_->claim->directory.get(), stores, state_->path(lock_name), operation);
+}
+
 void NewImage::settle() {
     state_->store->catalog->settle(state_->id, state_->operation);
 }

@@ -3,11 +3,49 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "fi/fi_fiid.h"
 
 namespace qzfi::fi {
+
+std::string store_identity(int directory) {
+    struct statx status {};
+    if (statx(directory, "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &status) != 0)
+        return {};
+    std::string identity = std::to_string(status.stx_ino);
+    if ((status.stx_mask & STATX_BTIME) != 0)
+        identity += "." + std::to_string(status.stx_btime.tv_sec) + "." + std::to_string(status.stx_btime.tv_nsec);
+    return identity;
+}
+
+// Each as "IDENTITY PATH" and a zero byte, for paths hold any other.
+void write_stores(int image, const std::vector<std::shared_ptr<Store>> &stores, const std::string &path,
+                  const char *operation) {
+    std::string content;
+    for (const std::shared_ptr<Store> &store : stores)
+        content += store->state().identity + " " + store->path() + '\0';
+    const Descriptor file(openat(image, lock_name, O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file)
+        fail_call(operation, "open", path, errno, false);
+    write_to(file.get(), content, path, operation);
+}
+
+std::map<std::string, std::string> read_stores(int image, const std::string &path, const char *operation) {
+    constexpr std::size_t longest = std::size_t{16} << 20;
+    const Descriptor file(openat(image, lock_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file)
+        fail_call(operation, "open", path, errno, true);
+    const std::string content = read_file(file.get(), path, longest, operation);
+    std::map<std::string, std::string> stores;
+    for (std::size_t start = 0, end; (end = content.find('\0', start)) != std::string::npos; start = end + 1) {
+        const std::string line = content.substr(start, end - start);
+        if (const std::size_t blank = line.find(' '); blank != std::string::npos)
+            stores[line.substr(blank + 1)] = line.substr(0, blank);
+    }
+    return stores;
+}
 
 namespace {
 
@@ -22,11 +60,16 @@ std::string read_document(int image, const std::string &path, const char *operat
     return read_file(file.get(), path, longest_document, operation);
 }
 
-// Another store, as it is at this moment: nothing there is locked, or settled in turn.
-bool is_recorded(const std::string &store, const std::string &id, const char *operation) {
+// Another store, as it is at this moment: nothing there is locked, or settled in turn. One that only has the path of
+// the set's, as when another disk is mounted there, says nothing.
+bool is_recorded(const std::string &store, const std::map<std::string, std::string> &identities, const std::string &id,
+                 const char *operation) {
     const Descriptor directory(open(store.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!directory)
         fail_call(operation, "open", store, errno, true);
+    const auto known = identities.find(store);
+    if (known != identities.end() && known->second != store_identity(directory.get()))
+        fail(message::store_unusable, QFI_FI_STORE, operation, {store, "it is another one than that of the set"});
     return Catalog(directory.get(), store, false, false, operation).has(id, operation);
 }
 
@@ -36,9 +79,11 @@ Fate fate_of(const Store::State &store, const Claim &claim, const char *operatio
     try {
         const Hush hush;
         const Fiid set = read_fiid(read_document(claim.directory.get(), path, operation), operation);
+        const auto identities = read_stores(claim.directory.get(), path, operation);
         for (const FiidImage &image : set.images) {
-            const bool is_there = image.store == store.path ? store.catalog->has(image.record.id, operation)
-                                                            : is_recorded(image.store, image.record.id, operation);
+            const bool is_there = image.store == store.path
+                                      ? store.catalog->has(image.record.id, operation)
+                                      : is_recorded(image.store, identities, image.record.id, operation);
             if (!is_there)
                 return Fate::incomplete;
         }

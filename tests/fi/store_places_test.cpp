@@ -1,16 +1,20 @@
 // Where stores lie: what their paths may say, whose they are, and what is read where nothing can be written.
 #include <algorithm>
 #include <csignal>
+#include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <optional>
 #include <sched.h>
 #include <set>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "fi/fi_fiid.h"
+#include "fi/fi_temporary.h"
 #include "store_support.h"
 
 using namespace qzfi::fi;
@@ -203,6 +207,84 @@ TEST_F(PlacesTest, an_image_whose_set_lies_elsewhere_too_waits_for_that_store_wh
     EXPECT_TRUE(store->repair(op).waiting.empty());
     EXPECT_EQ(ids_of(*store), std::vector<std::string>{id});
     EXPECT_EQ(ids_of(*Store::open(other, false, op)), std::vector<std::string>{sister});
+}
+
+TEST_F(PlacesTest, another_store_in_the_place_of_a_sets_says_nothing_of_the_set) {
+    const std::string other = folder.path() + "/other", id = new_image_id(), sister = new_image_id();
+    EXPECT_EQ(
+        in_child([&] {
+            const std::vector<std::shared_ptr<Store>> stores{Store::open(path, true, op), Store::open(other, true, op)};
+            std::vector<NewImage> images;
+            images.push_back(stores[0]->begin(id, op));
+            images.push_back(stores[1]->begin(sister, op));
+            for (std::size_t index = 0; index < images.size(); ++index) {
+                ImageRecord record = record_of(index == 0 ? id : sister);
+                record.state = 0;
+                const Fiid set{record.set_id, {{record_of(id), path}, {record_of(sister), other}}};
+                images[index].note_stores(stores, op);
+                images[index].commit(record, write_fiid(set, op), op);
+            }
+            kill(getpid(), SIGKILL);
+        }),
+        -SIGKILL);
+    std::filesystem::rename(other, folder.path() + "/away");
+    Store::open(other, true, op); // as on another disk that is mounted there
+    const std::shared_ptr<Store> store = Store::open(path, false, op);
+    const Store::Repair repair = store->repair(op);
+    EXPECT_EQ(repair.waiting, std::vector<std::string>{id});
+    EXPECT_EQ(repair.debris, 0u);
+    std::filesystem::remove_all(other);
+    std::filesystem::rename(folder.path() + "/away", other);
+    EXPECT_TRUE(store->repair(op).waiting.empty());
+    EXPECT_EQ(ids_of(*store), std::vector<std::string>{id});
+    EXPECT_EQ(ids_of(*Store::open(other, false, op)), std::vector<std::string>{sister});
+}
+
+TEST_F(PlacesTest, a_temporary_folder_goes_also_when_there_are_no_more_descriptors) {
+    const char *const before = getenv("TMPDIR");
+    const std::string usual = before != nullptr ? before : "";
+    setenv("TMPDIR", folder.path().c_str(), 1);
+    std::optional<TemporaryFolder> temporary;
+    temporary.emplace("qzfi-test-", op);
+    for (const char *const name : {"one", "two"})
+        ASSERT_GE(Descriptor(openat(temporary->directory(), name, O_WRONLY | O_CREAT | O_CLOEXEC, 0600)).get(), 0);
+    EXPECT_EQ(names_in(folder.path()).size(), 1u);
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none{0, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    temporary.reset();
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_TRUE(names_in(folder.path()).empty());
+    usual.empty() ? unsetenv("TMPDIR") : setenv("TMPDIR", usual.c_str(), 1);
+}
+
+TEST_F(PlacesTest, a_repair_tells_of_images_that_wait_also_when_another_cannot_be_removed) {
+    if (const std::string obstacle = mount_tmpfs(path); !obstacle.empty())
+        GTEST_SKIP() << obstacle;
+    const std::string gone = folder.path() + "/gone", waits = new_image_id(), stays = new_image_id();
+    const auto make_pending = [&](const std::string &image, const std::string &sisters_store) {
+        NewImage made = Store::open(path, true, op)->begin(image, op);
+        mkdirat(made.objects(), "0", 0700);
+        ImageRecord record = record_of(image);
+        record.state = 0;
+        const Fiid set{record.set_id, {{record_of(image), path}, {record_of(new_image_id()), sisters_store}}};
+        made.commit(record, write_fiid(set, op), op);
+        kill(getpid(), SIGKILL);
+    };
+    EXPECT_EQ(in_child([&] { make_pending(waits, gone); }), -SIGKILL);
+    EXPECT_EQ(in_child([&] { make_pending(stays, path); }), -SIGKILL);
+    const std::string busy = path + "/images/" + stays + "/objects/0";
+    ASSERT_EQ(mount("none", busy.c_str(), "tmpfs", 0, nullptr), 0);
+    const Store::Repair repair = Store::open(path, false, op)->repair(op);
+    EXPECT_EQ(repair.waiting, std::vector<std::string>{waits});
+    EXPECT_TRUE(repair.failure);
+    const std::string aside = path + "/images/.old-" + stays + "/objects/0";
+    EXPECT_EQ(umount(aside.c_str()), 0);
+    const Store::Repair again = Store::open(path, false, op)->repair(op);
+    EXPECT_EQ(again.waiting, std::vector<std::string>{waits});
+    EXPECT_FALSE(again.failure);
+    EXPECT_EQ(again.debris, 1u);
 }
 
 TEST_F(PlacesTest, who_cannot_write_reads_whole_catalogs_while_others_write) {
