@@ -102,7 +102,7 @@ private:
     std::vector<std::vector<FileCopy>> waiting_; // by worker; all of one directory
     bool lists_inodes_ = false;                  // a listing's inodes are those of the files
     bool shares_files_ = true;                   // several threads write one file faster than one
-    bool shares_blocks_ = false;                 // where the kernel copies, it copies a file at once
+    bool shares_blocks_ = false;                 // it may, and then the kernel copies a file at once
 
     struct LateFlags {
         Directory *directory; // referenced

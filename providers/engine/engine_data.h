@@ -44,8 +44,9 @@ inline bool is_sparse(const Stat &stat) noexcept {
     return stat.stx_blocks * 512 < stat.stx_size;
 }
 
-/// Whether the kernel copies between two files, as far as a copy of nothing tells.
-bool copies_in_kernel(Means &means, int from, int to) noexcept;
+/// Whether two files can have the same blocks, as far as their beginnings tell, which are shared then: an XFS may be
+/// one that cannot, and a copy of nothing succeeds on it all the same.
+bool shares_beginning(const Means &means, int from, int to) noexcept;
 /// Moves the data of a file to an empty one, in the way that the options ask for; its digest too when `out` is given.
 Moved move_data(Run &run, Worker &worker, Means &means, int from, int to, const Stat &stat, uint8_t (*out)[16]);
 /// Copies a range of data; the target has its size already. `digest` may be null.

@@ -274,7 +274,7 @@ bool Copier::share(Worker &worker, FileCopy &copy) {
         return false;
     if (options.data != Data::copy && means_.clones)
         return false; // a clone is one call
-    if (shares_blocks_ && copies_in_kernel(means_, copy.from.get(), copy.to.get()))
+    if (shares_blocks_ && shares_beginning(means_, copy.from.get(), copy.to.get()))
         return false;
     if (ftruncate(copy.to.get(), static_cast<off_t>(size)) != 0) {
         fail_target(worker, "ftruncate", copy.directory, copy.name, errno);

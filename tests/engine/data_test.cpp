@@ -1,6 +1,7 @@
 // How file data reaches a copy: shared, copied by the kernel, or read and written.
 #include "engine_support.h"
 
+#include <atomic>
 #include <fcntl.h>
 #include <fstream>
 #include <sys/stat.h>
@@ -8,6 +9,7 @@
 
 #include <qzfi_fi.h>
 
+#include "providers/engine/engine_work.h"
 #include "support/extents.h"
 #include "support/loop_filesystem.h"
 #include "support/sanitized.h"
@@ -102,6 +104,31 @@ TEST_P(Between, a_large_file_can_be_cancelled) {
     if (options.workers == 1) { // another one may tell more before this one has taken in what its call returned
         EXPECT_LE(host.progress_calls, 3);
     }
+}
+
+class Xfs : public EngineTest {
+protected:
+    /// How often the file was taken over at once, and not in ranges by several workers.
+    int times_at_once(const std::string &made_with) {
+        const LoopFilesystem disk("xfs", 400, "", {"-m", made_with});
+        sh("mkdir " + disk.path() + "/s; head -c 70000000 /dev/urandom > " + disk.path() + "/s/f");
+        static std::atomic<int> times;
+        times = 0;
+        test_hook = [](Point point, const char *) { times += point == Point::read_once ? 1 : 0; };
+        EXPECT_EQ(copy_tree(Folder(disk.path() + "/s").fd, Folder(disk.path()).fd, "c", options, host.record).status,
+                  0);
+        test_hook = nullptr;
+        EXPECT_EQ(output("cmp " + disk.path() + "/s/f " + disk.path() + "/c/f"), "");
+        return times;
+    }
+};
+
+TEST_F(Xfs, without_shared_blocks_has_a_large_file_copied_by_several_workers) {
+    if (const auto obstacle = LoopFilesystem::obstacle("xfs"))
+        GTEST_SKIP() << *obstacle;
+    options.workers = 2;
+    EXPECT_EQ(times_at_once("reflink=1"), 1);
+    EXPECT_EQ(times_at_once("reflink=0"), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(, Between,

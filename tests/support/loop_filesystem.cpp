@@ -66,7 +66,7 @@ std::vector<std::string> mkfs_command(const std::string &type) {
     if (type == "btrfs")
         return {"mkfs.btrfs", "-q", "-f"};
     if (type == "xfs")
-        return {"mkfs.xfs", "-q", "-f", "-m", "reflink=1"};
+        return {"mkfs.xfs", "-q", "-f"};
     if (type == "ext4")
         return {"mkfs.ext4", "-q", "-F"};
     if (type == "exfat")
@@ -187,6 +187,8 @@ void LoopFilesystem::make(const std::string &type, unsigned megabytes, const std
     }
     std::vector<std::string> mkfs = mkfs_command(type);
     const BackingFile file(megabytes);
+    if (type == "xfs" && made_with.empty())
+        mkfs.insert(mkfs.end(), {"-m", "reflink=1"});
     mkfs.insert(mkfs.end(), made_with.begin(), made_with.end());
     mkfs.push_back(file.path);
     run(mkfs);

@@ -24,9 +24,10 @@ public:
     /// with; nothing when it can.
     static std::optional<std::string> obstacle(const std::string &type);
 
-    /// Makes and mounts one. "xfs" needs 300 megabytes at least and can clone files; "btrfs" needs 110; "exfat" runs
-    /// in a process of its own, and everything on it is root's alone. `options` are mount options, as in "noatime",
-    /// `made_with` more arguments of mkfs. Throws std::exception when the system refuses, which fails the test.
+    /// Makes and mounts one. "xfs" needs 300 megabytes at least and can clone files (unless `made_with` says
+    /// otherwise); "btrfs" needs 110; "exfat" runs in a process of its own, and everything on it is root's alone.
+    /// `options` are mount options, as in "noatime", `made_with` more arguments of mkfs. Throws std::exception when the
+    /// system refuses, which fails the test.
     explicit LoopFilesystem(const std::string &type, unsigned megabytes = 512, const std::string &options = "",
                             const std::vector<std::string> &made_with = {});
     ~LoopFilesystem();
