@@ -262,16 +262,10 @@ const char *in_words(uint32_t change) {
 
 // Nothing is explained by a report that is damaged, or missing.
 LostAttributes lost_attributes(const HeldImage &image, const std::string &object, const char *operation) {
-    StoredReport report;
-    try {
-        const Hush hush;
-        if (image.record().remarks != 0)
-            report = read_report(image.directory(), operation, image.record().id);
-    } catch (const Failure &failure) {
-        if (failure.status == QFI_STATUS_NO_MEMORY)
-            throw;
-    }
-    return LostAttributes(report.remarks, report.count, object);
+    std::optional<StoredReport> report;
+    if (image.record().remarks != 0)
+        report = sound_report(image.directory(), operation, image.record().id, image.path());
+    return report ? LostAttributes(report->remarks, report->count, object) : LostAttributes({}, 0, object);
 }
 
 void verify_object(const HeldImage &image, std::size_t index, const WalkOptions &options, Findings &report,

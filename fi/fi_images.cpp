@@ -267,7 +267,7 @@ qfi_image_list *give_images(const std::vector<FoundImage> &images) {
 void stored_report(const Tree &tree, Findings &report, const char *operation) {
     for (const TreeFilesystem &filesystem : tree.filesystems) {
         const HeldImage image(filesystem, operation);
-        StoredReport stored = read_report(image.directory(), operation, filesystem.record.id);
+        StoredReport stored = read_report(image.directory(), operation, filesystem.record.id, image.path());
         report.remark_count += stored.count;
         for (JobHost::Remark &remark : stored.remarks)
             keep_remark(report.remarks, std::move(remark));

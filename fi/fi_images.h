@@ -24,6 +24,7 @@ public:
     HeldImage(const HeldImage &) = delete;
     HeldImage &operator=(const HeldImage &) = delete;
     int directory() const noexcept { return directory_.get(); }
+    std::string path() const { return filesystem_.store->image_path(record().id); }
     const ImageRecord &record() const noexcept { return filesystem_.record; }
     const TreeFilesystem &filesystem() const noexcept { return filesystem_; }
     /// The root of an object's frozen tree, opened without a link followed. Throws QFI_FI_DAMAGED.

@@ -242,7 +242,7 @@ private:
     }
 
     void take_report(int directory, const NewImage &image, const Unkept &unkept, ImageRecord &record) const {
-        StoredReport report = report_so_far(directory, record.remarks, operation_, record.id);
+        StoredReport report = report_so_far(directory, record.remarks, operation_, record.id, path_of(record));
         // A document that says less than the report must not hide losses.
         record.remarks = std::max(record.remarks, report.count);
         if (unkept.remark_count() == 0)

@@ -270,7 +270,7 @@ private:
 
     void add_to_report(const HeldImage &image, int directory, const Unkept &unkept, ImageRecord &record,
                        const std::string &path) const {
-        StoredReport report = report_so_far(image.directory(), record.remarks, operation_, record.id);
+        StoredReport report = report_so_far(image.directory(), record.remarks, operation_, record.id, image.path());
         unkept.put(report);
         record.remarks = report.count;
         sync_file(write_report(directory, std::move(report.remarks), report.count, operation_, path).get(),

@@ -111,11 +111,13 @@ Descriptor write_report(int directory, std::vector<JobHost::Remark> remarks, uin
     return write_file(directory, report_name, path, content_of(remarks, count), operation);
 }
 
-StoredReport read_report(int directory, const char *operation, const std::string &image) {
+StoredReport read_report(int directory, const char *operation, const std::string &image, const std::string &path) {
     const Descriptor file(openat(directory, report_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!file)
+    if (!file && (errno == ENOENT || errno == ELOOP))
         fail(message::damaged, QFI_FI_DAMAGED, operation, {image, report_name, error_text(errno)});
-    const std::string content = read_file(file.get(), image + "/" + report_name, report_limit, operation);
+    if (!file)
+        fail_call(operation, "open", path + "/" + report_name, errno, true);
+    const std::string content = read_file(file.get(), path + "/" + report_name, report_limit, operation);
     if (content.size() > report_limit)
         fail(message::damaged, QFI_FI_DAMAGED, operation, {image, report_name, "it is larger than 64 MiB"});
     StoredReport report;
@@ -124,20 +126,27 @@ StoredReport read_report(int directory, const char *operation, const std::string
     return report;
 }
 
-StoredReport report_so_far(int directory, uint64_t remarks, const char *operation, const std::string &image) {
-    struct stat status {};
-    if (remarks == 0 && fstatat(directory, report_name, &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT)
-        return {};
+std::optional<StoredReport> sound_report(int directory, const char *operation, const std::string &image,
+                                         const std::string &path) {
     KeptFailure kept;
     try {
         const Keep keep(kept);
-        return read_report(directory, operation, image);
+        return read_report(directory, operation, image, path);
     } catch (const Failure &failure) {
-        if (failure.status != QFI_FI_DAMAGED) {
-            kept.raise_here();
-            throw;
-        }
+        if (failure.status == QFI_FI_DAMAGED)
+            return std::nullopt;
+        kept.raise_here();
+        throw;
     }
+}
+
+StoredReport report_so_far(int directory, uint64_t remarks, const char *operation, const std::string &image,
+                           const std::string &path) {
+    struct stat status {};
+    if (remarks == 0 && fstatat(directory, report_name, &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT)
+        return {};
+    if (std::optional<StoredReport> report = sound_report(directory, operation, image, path))
+        return std::move(*report);
     StoredReport unknown;
     unknown.count = std::max<uint64_t>(remarks, 1);
     return unknown;

@@ -5,6 +5,7 @@
 // "end COUNT", tells the number of remarks, those not kept included. Losses stand first, so that they are kept first.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,9 +31,13 @@ struct StoredReport {
     /// Adds one that is no loss. It is only counted where others are not known: it must not look as if they were.
     void add(JobHost::Remark remark);
 };
-/// Reads it. Throws Failure: QFI_FI_DAMAGED when it is none, or missing.
-StoredReport read_report(int directory, const char *operation, const std::string &image);
+/// Reads it. Throws Failure: QFI_FI_DAMAGED when it is none, or missing. `path` is the image's directory.
+StoredReport read_report(int directory, const char *operation, const std::string &image, const std::string &path);
+/// Reads it where it may be missing or damaged: then there is none.
+std::optional<StoredReport> sound_report(int directory, const char *operation, const std::string &image,
+                                         const std::string &path);
 /// Reads it to be added to. Of one that is none, or missing although there were `remarks`, nothing is known.
-StoredReport report_so_far(int directory, uint64_t remarks, const char *operation, const std::string &image);
+StoredReport report_so_far(int directory, uint64_t remarks, const char *operation, const std::string &image,
+                           const std::string &path);
 
 } // namespace qzfi::fi

@@ -69,18 +69,6 @@ void clear(Workshop &workshop, const Place &place, Findings &report) {
     }
 }
 
-// Nothing where it is missing or damaged, which is no reason not to bring back what is there.
-std::optional<StoredReport> report_of(const HeldImage &image, const char *operation) {
-    try {
-        const Hush hush;
-        return read_report(image.directory(), operation, image.record().id);
-    } catch (const Failure &failure) {
-        if (failure.status == QFI_STATUS_NO_MEMORY)
-            throw;
-        return std::nullopt;
-    }
-}
-
 // What could not be read when the image was made may be there still, and nowhere else.
 void refuse_unread(const Plan &plan, const ObjectRef &one) {
     const HeldImage image(*one.filesystem, plan.operation);
@@ -95,7 +83,8 @@ void refuse_unread(const Plan &plan, const ObjectRef &one) {
     const Descriptor original(open(object.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!original)
         return;
-    const std::optional<StoredReport> report = report_of(image, plan.operation);
+    const std::optional<StoredReport> report =
+        sound_report(image.directory(), plan.operation, image.record().id, image.path());
     if (!report || !report->has_all_losses())
         fail(message::losses_unknown, QFI_STATUS_NOT_SUPPORTED, plan.operation,
              {joined(object, plan.only), image.record().id});

@@ -27,7 +27,7 @@ protected:
         std::ifstream in(folder.path() + "/report");
         return {std::istreambuf_iterator<char>(in), {}};
     }
-    StoredReport read() { return read_report(directory.get(), op, "ID"); }
+    StoredReport read() { return read_report(directory.get(), op, "ID", "DIRECTORY"); }
     Folder folder;
     Descriptor directory{open(folder.path().c_str(), O_RDONLY | O_DIRECTORY)};
 };
