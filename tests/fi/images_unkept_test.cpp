@@ -155,7 +155,7 @@ protected:
     // Gives the image's id.
     std::string export_one() {
         const Tree tree = freeze({object}, store, "copy");
-        const std::string id = tree.image_id();
+        std::string id = tree.image_id();
         EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported().c_str(), nullptr), 0) << last_error();
         return id;
     }
