@@ -66,6 +66,7 @@ qzfi_inner_library(qzfi_fi
   fi/fi_store_folders.cpp
   fi/fi_store_image.cpp
   fi/fi_store_known.cpp
+  fi/fi_store_locks.cpp
   fi/fi_store_pending.cpp
   fi/fi_store_sqlite.cpp
   fi/fi_store_vfs.cpp

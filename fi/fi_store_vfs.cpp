@@ -1,14 +1,15 @@
 #include "fi/fi_store_vfs.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <mutex>
 #include <new>
 #include <sqlite3.h>
-#include <sys/mman.h>
 #include <utility>
-#include <vector>
+
+#include "fi/fi_store_locks.h"
 
 namespace qzfi::fi {
 
@@ -21,15 +22,12 @@ sqlite3_vfs *original() noexcept {
     return unix_vfs;
 }
 
-struct Region {
-    void *start;
-    std::size_t size;
-};
-
 // What is kept behind SQLite's own record of a file, whose methods get the same pointer as ours.
 struct Behind {
     const sqlite3_io_methods *methods = nullptr; // SQLite's own
-    std::vector<Region> index;                   // the mapped wal-index
+    const char *path = nullptr;                  // SQLite keeps it until it closes the file
+    DatabaseLock lock;
+    WalIndex index;
 };
 
 std::size_t own_size() noexcept {
@@ -39,15 +37,6 @@ std::size_t own_size() noexcept {
 
 Behind &behind(sqlite3_file *file) noexcept {
     return *std::launder(reinterpret_cast<Behind *>(reinterpret_cast<char *>(file) + own_size()));
-}
-
-// A page that was mapped is backed by the file system only once it is written to; without room that is a signal. SQLite
-// writes to each page of the file when it extends it, which is what there is with kernels before 5.14: file systems
-// that overwrite in place need no more, and for the others nothing else would do, neither writing nor reserving.
-int back(const Region &region) noexcept {
-    if (madvise(region.start, region.size, MADV_POPULATE_WRITE) == 0 || errno == EINVAL)
-        return SQLITE_OK;
-    return errno == EFAULT ? SQLITE_FULL : SQLITE_IOERR_SHMMAP;
 }
 
 thread_local int last_error = 0;
@@ -80,46 +69,56 @@ int sync_file(sqlite3_file *file, int flags) {
     return noted(file, own, own.xSync(file, flags));
 }
 
+// Of what this library does itself.
+int noted(int result) noexcept {
+    if (result != SQLITE_OK && result != SQLITE_BUSY)
+        last_error = errno;
+    return result;
+}
+
+int lock_file(sqlite3_file *file, int level) {
+    return noted(behind(file).lock.raise(level));
+}
+
+int unlock_file(sqlite3_file *file, int level) {
+    return noted(behind(file).lock.lower(level));
+}
+
+int check_reserved(sqlite3_file *file, int *result) {
+    return noted(behind(file).lock.is_reserved(result));
+}
+
 int map_index(sqlite3_file *file, int number, int size, int extend, void volatile **start) {
     Behind &own = behind(file);
-    const int result = own.methods->xShmMap(file, number, size, extend, start);
-    if (result != SQLITE_OK || *start == nullptr)
-        return result;
-    const Region region{const_cast<void *>(*start), static_cast<std::size_t>(size)};
-    // Who may not extend the index only reads, for as long as no lock is taken.
-    int backed = extend != 0 ? back(region) : SQLITE_OK;
-    try {
-        if (backed == SQLITE_OK)
-            own.index.push_back(region);
-    } catch (const std::bad_alloc &) {
-        backed = SQLITE_NOMEM;
-    }
-    if (backed != SQLITE_OK)
+    int result = own.index.map(own.path, number, size, extend != 0, start);
+    if (result == SQLITE_OK && extend != 0)
+        result = own.index.back();
+    if (result != SQLITE_OK)
         *start = nullptr; // SQLite goes by it
-    return backed;
+    return noted(result);
 }
 
 // Whoever writes to the index holds a lock of it alone. File systems that never overwrite, such as Btrfs, need room
 // again for a page that was written back since.
 int lock_index(sqlite3_file *file, int offset, int count, int flags) {
-    Behind &own = behind(file);
-    const int result = own.methods->xShmLock(file, offset, count, flags);
+    WalIndex &index = behind(file).index;
+    int result = index.lock(offset, count, flags);
     if (result != SQLITE_OK || flags != (SQLITE_SHM_LOCK | SQLITE_SHM_EXCLUSIVE))
-        return result;
-    for (const Region &region : own.index) {
-        const int backed = back(region);
-        if (backed == SQLITE_OK)
-            continue;
-        own.methods->xShmLock(file, offset, count, SQLITE_SHM_UNLOCK | SQLITE_SHM_EXCLUSIVE);
-        return backed;
-    }
-    return SQLITE_OK;
+        return noted(result);
+    result = index.back();
+    if (result != SQLITE_OK)
+        index.lock(offset, count, SQLITE_SHM_UNLOCK | SQLITE_SHM_EXCLUSIVE);
+    return result;
+}
+
+void order_index(sqlite3_file *) {
+    std::atomic_thread_fence(std::memory_order_seq_cst);
 }
 
 int unmap_index(sqlite3_file *file, int remove) {
     Behind &own = behind(file);
-    own.index.clear();
-    return own.methods->xShmUnmap(file, remove);
+    own.index.unmap(own.path, remove != 0);
+    return SQLITE_OK;
 }
 
 int close_file(sqlite3_file *file) {
@@ -151,8 +150,12 @@ const sqlite3_io_methods *wrap(const sqlite3_io_methods &own) {
     methods.xTruncate = truncate_file;
     methods.xSync = sync_file;
     if (has_index) {
+        methods.xLock = lock_file;
+        methods.xUnlock = unlock_file;
+        methods.xCheckReservedLock = check_reserved;
         methods.xShmMap = map_index;
         methods.xShmLock = lock_index;
+        methods.xShmBarrier = order_index;
         methods.xShmUnmap = unmap_index;
     }
     return &methods;
@@ -164,6 +167,14 @@ int open_file(sqlite3_vfs *, const char *path, sqlite3_file *file, int flags, in
         return result;
     Behind *const own = new (reinterpret_cast<char *>(file) + own_size()) Behind;
     own->methods = file->pMethods;
+    own->path = path;
+    const bool is_writable = given_flags == nullptr || (*given_flags & SQLITE_OPEN_READONLY) == 0;
+    if ((flags & SQLITE_OPEN_MAIN_DB) != 0 && !own->lock.open(path, is_writable)) {
+        last_error = errno;
+        close_file(file);
+        file->pMethods = nullptr;
+        return SQLITE_CANTOPEN;
+    }
     file->pMethods = wrap(*file->pMethods);
     return SQLITE_OK;
 }

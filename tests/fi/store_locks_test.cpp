@@ -1,0 +1,151 @@
+// Processes that have a store open keep their hold on it, whatever else this process does.
+#include <algorithm>
+#include <fcntl.h>
+#include <fstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "fi/fi_fiid.h"
+#include "store_support.h"
+
+using namespace qzfi::fi;
+using namespace store_support;
+
+namespace {
+
+constexpr const char *op = "qzfi_test";
+
+// A process that was there before anything was opened, and so has nothing of this one's, and works when it is told.
+class Process {
+public:
+    explicit Process(const std::function<void()> &body) {
+        if (pipe2(start_, O_CLOEXEC) != 0)
+            throw Failure{QFI_FI_WRITE};
+        child_ = fork();
+        if (child_ != 0)
+            return;
+        close(start_[1]);
+        char go = 0;
+        if (read(start_[0], &go, 1) != 1)
+            _exit(2);
+        const int code = in_child(body);
+        _exit(code < 0 ? 98 : code);
+    }
+    ~Process() {
+        close(start_[0]);
+        close(start_[1]);
+        if (child_ > 0)
+            waitpid(child_, nullptr, 0);
+    }
+    Process(const Process &) = delete;
+    Process &operator=(const Process &) = delete;
+    /// Gives its exit code.
+    int work() {
+        EXPECT_EQ(write(start_[1], "x", 1), 1);
+        int status = 0;
+        EXPECT_GT(waitpid(std::exchange(child_, -1), &status, 0), 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+private:
+    int start_[2] = {-1, -1};
+    pid_t child_ = -1;
+};
+
+class StoreLocks : public testing::Test {
+protected:
+    Folder folder;
+    std::string path = folder.path() + "/store", list = folder.path() + "/list";
+
+    void make_another() { make_image(*Store::open(path, false, op)); }
+    void write_list() {
+        std::ofstream out(list);
+        for (const std::string &id : ids_of(*Store::open(path, false, op)))
+            out << id << '\n';
+    }
+    std::vector<std::string> read_list() {
+        std::ifstream in(list);
+        std::vector<std::string> ids;
+        for (std::string id; std::getline(in, id);)
+            ids.push_back(id);
+        return ids;
+    }
+    bool is_listed(const std::string &id) {
+        const std::vector<std::string> ids = read_list();
+        return std::find(ids.begin(), ids.end(), id) != ids.end();
+    }
+};
+
+} // namespace
+
+TEST_F(StoreLocks, an_image_is_there_although_this_process_opened_and_closed_the_catalogs_file) {
+    Process other([&] { make_another(); }), last([&] { write_list(); });
+    const std::shared_ptr<Store> store = Store::open(path, true, op);
+    EXPECT_FALSE(std::ifstream(path + "/catalog.db").get() < 0);
+    EXPECT_EQ(other.work(), 0);
+    const std::string id = make_image(*store);
+    EXPECT_EQ(last.work(), 0);
+    EXPECT_TRUE(is_listed(id));
+    EXPECT_EQ(read_list().size(), 2u);
+}
+
+TEST_F(StoreLocks, an_image_is_there_although_this_process_looked_for_a_sister_of_another_one) {
+    const std::string elsewhere = folder.path() + "/elsewhere";
+    Process maker([&] {
+        const ImageRecord sister = record_of(new_image_id());
+        ImageRecord record = record_of(new_image_id());
+        record.state = 0;
+        const std::shared_ptr<Store> own = Store::open(elsewhere, true, op);
+        NewImage image = own->begin(record.id, op);
+        image.commit(record, write_fiid({record.set_id, {{sister, path}, {record, elsewhere}}}, op), op);
+        _exit(7);
+    });
+    Process other([&] { make_another(); }), last([&] { write_list(); });
+    EXPECT_EQ(maker.work(), 7);
+    const std::shared_ptr<Store> store = Store::open(path, true, op);
+    EXPECT_TRUE(Store::open(elsewhere, false, op)->list(op).empty());
+    EXPECT_EQ(names_in(elsewhere + "/images").size(), 0u) << "the sister was not looked for";
+    EXPECT_EQ(other.work(), 0);
+    const std::string id = make_image(*store);
+    EXPECT_EQ(last.work(), 0);
+    EXPECT_TRUE(is_listed(id));
+    EXPECT_EQ(read_list().size(), 2u);
+}
+
+TEST_F(StoreLocks, a_forked_childs_image_is_there_although_its_parent_let_go_of_the_store) {
+    Process other([&] { make_another(); }), last([&] { write_list(); });
+    std::shared_ptr<Store> store = Store::open(path, true, op);
+    const std::string made = folder.path() + "/made";
+    int opened[2] = {-1, -1}, go[2] = {-1, -1};
+    ASSERT_EQ(pipe2(opened, O_CLOEXEC), 0);
+    ASSERT_EQ(pipe2(go, O_CLOEXEC), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        char byte = 0;
+        const std::shared_ptr<Store> own = Store::open(path, false, op);
+        if (write(opened[1], "x", 1) != 1 || read(go[0], &byte, 1) != 1)
+            _exit(2);
+        try {
+            std::ofstream(made) << make_image(*own);
+        } catch (...) {
+            _exit(3);
+        }
+        _exit(0);
+    }
+    char byte = 0;
+    ASSERT_EQ(read(opened[0], &byte, 1), 1);
+    store.reset();
+    EXPECT_EQ(other.work(), 0);
+    ASSERT_EQ(write(go[1], "x", 1), 1);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(last.work(), 0);
+    std::string id;
+    std::getline(std::ifstream(made) >> std::ws, id);
+    EXPECT_EQ(id.size(), 25u);
+    EXPECT_TRUE(is_listed(id));
+    EXPECT_EQ(read_list().size(), 2u);
+    for (const int end : {opened[0], opened[1], go[0], go[1]})
+        close(end);
+}
