@@ -84,6 +84,45 @@ class AnyBytes(ToolTest):
         self.assertEqual(set(os.listdir(folder)), names | {b"file", b"folder"})
 
 
+class OtherHost(ToolTest):
+    def setUp(self):
+        super().setUp()
+        self.at = ("--store", self.store)
+        self.ours = self.freeze()
+        command = support.tool_command("freeze", self.data, "--method", "copy", *self.at)
+        done = support.run(["unshare", "--uts", "sh", "-c", 'hostname elsewhere && exec "$@"', "sh", *command])
+        if "unshare failed" in done.err or "hostname:" in done.err:
+            self.skipTest("no host name of its own here: " + done.err)
+        self.assertEqual(done.code, 0, str(done))
+        self.theirs = done.out.strip()
+
+    def test_its_newer_image_is_not_the_latest(self):
+        self.assertEqual(self.json("show", "latest", *self.at)["id"], self.ours)
+        self.succeed("rm", self.ours, *self.at, "--yes")
+        error = self.fail_with(1, "restore", "latest", *self.at, "--yes")
+        self.assertEqual(error, f"qzfi: find image latest: none was made on this host, {os.uname().nodename}; the newest is "
+                                f"{self.theirs} of host elsewhere: name it\n")
+
+    def test_its_image_does_not_count_for_ours(self):
+        document = self.json("prune", "--keep-last", "1", *self.at, "--yes")
+        self.assertEqual([(one["id"], one["host"], one["action"]) for one in document["images"]],
+                         [(self.ours, os.uname().nodename, "keep"), (self.theirs, "elsewhere", "keep")])
+        self.assertEqual(self.listed(), [self.ours, self.theirs])
+        self.assertRegex(self.succeed("prune", "--keep-last", "1", *self.at, "--dry-run"),
+                         f"REASON +HOST +OBJECTS\n(.*\n)?{self.theirs} .* elsewhere +{self.data}\n")
+
+    def test_it_is_named(self):
+        table = self.succeed("list", *self.at)
+        self.assertRegex(table, "^ID +TIME +HOST +METHOD ")
+        self.assertRegex(table, f"{self.theirs} .* elsewhere +copy ")
+        for command in ("restore", "rm"):
+            error = self.fail_with(2, command, self.theirs, *self.at)
+            self.assertRegex(error, f" image {self.theirs} of {support.LOCAL_TIME} of host elsewhere[,?]")
+            self.assertNotIn("of host", self.fail_with(2, command, self.ours, *self.at))
+        self.succeed("rm", self.theirs, *self.at, "--yes")
+        self.assertNotIn("HOST", self.succeed("list", *self.at))
+
+
 class Damage(ToolTest):
     def test_a_file_removed_from_the_image_is_told(self):
         identity = self.freeze()

@@ -105,8 +105,8 @@ class Unusable(ToolTest):
             with self.subTest(command[0]):
                 error = self.fail_with(1, command[0], identity, *command[1:])
                 self.assertEqual(error.splitlines()[:2], [
-                    f"qzfi: find set {identity}: some of its images may be where nobody can look; name those that are "
-                    f"there: {second['id']}", f"  qzfi_reaccess_tree: no known store has image {first['id']}"])
+                    f"qzfi: find set {identity}: some of its images are not there; name those that are there: "
+                    f"{second['id']}", f"  image {first['id']}: in no known store"])
                 self.assertIn(f"  store {disks[0]}/.qzfi: The store cannot be used (1028)\n", error)
         self.succeed("verify", second["id"])
         (disks[0] / "away").rename(disks[0] / ".qzfi")
@@ -116,6 +116,81 @@ class Unusable(ToolTest):
         error = self.fail_with(1, "show", self.newer)
         self.assertEqual(error.splitlines()[0], f"qzfi: find image {self.newer}: No such image (1024) in any known store")
         self.assertIn(f"  store {self.other}: The store cannot be used (1028)\n  {self.causes[0]}\n", error)
+
+
+class PartOfASet(ToolTest):
+    """A set over two disks, each with a store of its own; the first object has been frozen alone since."""
+
+    def setUp(self):
+        super().setUp()
+        self.disks = [support.loop_filesystem("btrfs"), support.loop_filesystem("btrfs")]
+        self.objects = [disk / "data" for disk in self.disks]
+        for folder in self.objects:
+            folder.mkdir()
+            (folder / "file").write_text("content")
+        self.set = self.freeze(*self.objects, "--method", "reflink")
+        self.parts = {image["store"]: image["id"] for image in self.json("show", self.set)["images"]}
+        self.stores = [str(disk / ".qzfi") for disk in self.disks]
+        self.first, self.second = [self.parts[store] for store in self.stores]
+        self.alone = self.freeze(self.objects[0], "--method", "reflink")
+        self.addCleanup(lambda: [support.qzfi("repair", "--forget", store) for store in self.stores])
+
+    def decided(self, *arguments):
+        result = support.qzfi("prune", "--keep-last", "1", "--object", self.objects[0], "--yes", "--json", *arguments)
+        document = json.loads(result.out)
+        self.check_schema(document, "prune")
+        return result.code, {one["id"]: (one["action"], one["missing"], one["removed"]) for one in document["images"]}
+
+    def test_what_is_there_of_it_is_not_pruned(self):
+        store = self.disks[1] / ".qzfi"
+        store.rename(self.disks[1] / "away")
+        self.assertEqual(self.decided(), (1, {self.set: ("leave", [self.second], False),
+                                              self.alone: ("keep", [], False)}))
+        self.assertEqual(self.decided("--store", self.stores[0]), (0, {self.set: ("leave", [self.second], False),
+                                                                       self.alone: ("keep", [], False)}))
+        table = support.qzfi("prune", "--keep-last", "1", "--object", self.objects[0], "--dry-run")
+        self.assertRegex(table.out, f"{self.set} .* leave +not there of its set: {self.second}; see qzfi rm")
+        (self.disks[1] / "away").rename(store)
+        self.succeed("verify", self.set)
+        self.assertEqual(self.decided(), (0, {self.set: ("keep", [], False), self.alone: ("keep", [], False)}))
+
+    def test_pruning_one_store_takes_a_set_with_its_images_elsewhere(self):
+        both = {self.set: ("keep", [], False), self.alone: ("keep", [], False)}
+        self.assertEqual(self.decided("--store", self.stores[0]), (0, both))
+        newer = self.freeze(*self.objects, "--method", "reflink")
+        self.assertEqual(self.decided("--store", self.stores[0]),
+                         (0, {self.set: ("remove", [], True), self.alone: ("keep", [], False),
+                              newer: ("keep", [], False)}))
+        self.assertEqual(self.listed(self.stores[1]), [self.json("show", newer)["images"][1]["id"]])
+
+    def test_one_store_does_not_have_the_set(self):
+        for command in (("show",), ("verify",), ("restore", "--yes"), ("resync", "--yes"), ("rm", "--yes"),
+                        ("export",)):
+            with self.subTest(command[0]):
+                error = self.fail_with(1, command[0], self.set, *command[1:], "--store", self.stores[0])
+                self.assertEqual(error, f"qzfi: find set {self.set}: some of its images are not there; name those that "
+                                        f"are there: {self.first}\n  image {self.second}: in store {self.stores[1]}, "
+                                        "which is not looked into by --store\n")
+        self.succeed("verify", self.set)
+
+    def test_the_rest_of_it_does_not_pass_for_it(self):
+        for store, gone in ((None, self.second), (self.stores[0], self.first)):
+            if store is None:
+                self.succeed("rm", gone, "--yes")
+                there = self.first
+            else:
+                self.set = self.freeze(*self.objects, "--method", "reflink")
+                there = self.json("show", self.set)["images"][0]["id"]
+                self.assertIn(there, self.listed(store))
+                self.succeed("repair", "--forget", self.stores[1])
+            for command in (("show",), ("verify",), ("restore", "--yes"), ("resync", "--yes"), ("rm", "--yes")):
+                with self.subTest(command[0]):
+                    error = self.fail_with(1, command[0], self.set, *command[1:])
+                    self.assertIn(f"some of its images are not there; name those that are there: {there}\n", error)
+        error = self.fail_with(1, "show", "latest", "--store", self.stores[0])
+        self.assertIn(f"qzfi: find set {self.set}: some of its images are not there", error)
+        self.succeed("verify", there)
+        self.assertEqual(self.succeed("rm", there, "--yes"), f"removed {there}\n")
 
 
 class OtherLibrary(ToolTest):

@@ -17,20 +17,31 @@ struct Options {
 };
 
 void print_table(const qfi_image_list *images) {
-    Table table({{"ID"},
-                 {"TIME"},
-                 {"METHOD"},
-                 {"CONSISTENCY"},
-                 {"SIZE", Align::right},
-                 {"LABEL", Align::left, false, true},
-                 {"OBJECTS", Align::left, false, true}});
+    const bool has_hosts = has_other_hosts(images);
+    std::vector<Column> columns = {{"ID"},
+                                   {"TIME"},
+                                   {"METHOD"},
+                                   {"CONSISTENCY"},
+                                   {"SIZE", Align::right},
+                                   {"LABEL", Align::left, false, true},
+                                   {"OBJECTS", Align::left, false, true}};
+    if (has_hosts)
+        columns.insert(columns.begin() + 2, {"HOST", Align::left, false, true});
+    Table table(columns);
     for (; images != nullptr; images = images->next) {
         const qfi_image &image = images->image;
         const std::string consistency =
             image.state == 1 ? consistency_name(image.consistency) : state_name(image.state);
-        table.add({image.image_id, time_text(image.time), image.fim_id, consistency,
-                   image.bytes == 0 ? "-" : size_text(image.bytes), printable(image.label),
-                   printable(joined({image.objects, image.objects + image.object_count}))});
+        std::vector<std::string> cells = {image.image_id,
+                                          time_text(image.time),
+                                          image.fim_id,
+                                          consistency,
+                                          image.bytes == 0 ? "-" : size_text(image.bytes),
+                                          printable(image.label),
+                                          printable(joined({image.objects, image.objects + image.object_count}))};
+        if (has_hosts)
+            cells.insert(cells.begin() + 2, printable(image.host));
+        table.add(std::move(cells));
     }
     table.print();
 }

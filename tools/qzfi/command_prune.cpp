@@ -4,6 +4,7 @@
 #include <cmath>
 #include <fcntl.h>
 #include <iostream>
+#include <iterator>
 #include <linux/magic.h>
 #include <set>
 #include <sys/vfs.h>
@@ -33,11 +34,13 @@ struct Options {
     bool dry_run = false, yes = false, json = false;
 };
 
-// What is kept or goes as one: an image, or the images of a set that were found.
+// What is kept or goes as one: an image, or the images of a set.
 struct Unit {
     qfi_time_t time = {};
+    std::string host, store; // by which it is removed; empty for the known ones
     std::set<std::string> objects, stores;
-    uint32_t state = 1; // of the worst of its images
+    std::vector<std::string> missing; // images of the set that were not found: nothing is decided about the rest
+    uint32_t state = 1;               // of the worst of its images
     bool is_removed = false, was_for_space = false;
 };
 
@@ -45,6 +48,7 @@ struct Plan {
     std::vector<Unit> units; // as long as both others
     std::vector<PruneCandidate> candidates;
     std::vector<PruneDecision> decisions;
+    std::set<std::string> stores; // that were looked into
 };
 
 struct StoreGoal {
@@ -60,7 +64,7 @@ void add_to(Unit &unit, const qfi_image &image) {
 }
 
 std::string group_of(const Unit &unit) {
-    std::string group;
+    std::string group = unit.host + '\0';
     for (const std::set<std::string> *const paths : {&unit.objects, &unit.stores}) {
         for (const std::string &path : *paths)
             group += path + '\0';
@@ -69,26 +73,58 @@ std::string group_of(const Unit &unit) {
     return group;
 }
 
-Plan plan_of(const qfi_image_list *images, const Options &options) {
+// A set may lie in other stores than the one to look into too: it is kept or goes with its images there, but never in
+// part.
+void complete(Plan &plan, const std::vector<std::string> &sets, const qfi_image_list *images, const Options &options) {
+    ImageList known;
+    for (std::size_t index = 0; index < plan.units.size(); ++index) {
+        Unit &unit = plan.units[index];
+        unit.missing = missing_of_set(images, sets[index]);
+        if (unit.missing.empty())
+            continue;
+        plan.candidates[index].id = sets[index];
+        if (options.store.empty())
+            continue;
+        if (!known)
+            known = all_images("");
+        bool is_known = false;
+        for (const qfi_image_list *node = known.get(); node != nullptr; node = node->next)
+            if (sets[index] == node->image.set_id) {
+                is_known = true;
+                add_to(unit, node->image);
+            }
+        if (!is_known)
+            continue;
+        unit.missing = missing_of_set(known.get(), sets[index]);
+        unit.store.clear();
+    }
+}
+
+Plan plan_of(const qfi_image_list *const images, const Options &options) {
     Plan plan;
     std::vector<std::string> sets;
-    for (; images != nullptr; images = images->next) {
-        const qfi_image &image = images->image;
+    for (const qfi_image_list *node = images; node != nullptr; node = node->next) {
+        const qfi_image &image = node->image;
         const auto place = std::find(sets.begin(), sets.end(), image.set_id) - sets.begin();
         const auto index = static_cast<std::size_t>(place);
         if (index == sets.size()) {
             sets.emplace_back(image.set_id);
             plan.candidates.push_back({image.image_id, "", unix_seconds(image.time), image.time.qzfi_nsec, true});
-            plan.units.emplace_back().time = image.time;
+            Unit &unit = plan.units.emplace_back();
+            unit.time = image.time;
+            unit.host = image.host;
+            unit.store = options.store;
         } else {
             plan.candidates[index].id = image.set_id;
         }
+        plan.stores.insert(image.store);
         add_to(plan.units[index], image);
     }
+    complete(plan, sets, images, options);
     for (std::size_t index = plan.units.size(); index-- > 0;) {
         const Unit &unit = plan.units[index];
         plan.candidates[index].group = group_of(unit);
-        plan.candidates[index].is_complete = unit.state == 1;
+        plan.candidates[index].is_complete = unit.state == 1 && unit.missing.empty();
         if (options.object.empty() || unit.objects.count(options.object) > 0)
             continue;
         plan.units.erase(plan.units.begin() + static_cast<std::ptrdiff_t>(index));
@@ -138,7 +174,8 @@ std::vector<StoreGoal> goals_of(const Plan &plan, const Options &options) {
     std::set<std::string> paths;
     if (options.keep_free)
         for (const Unit &unit : plan.units)
-            paths.insert(unit.stores.begin(), unit.stores.end());
+            std::set_intersection(unit.stores.begin(), unit.stores.end(), plan.stores.begin(), plan.stores.end(),
+                                  std::inserter(paths, paths.end()));
     std::vector<StoreGoal> goals;
     for (const std::string &path : paths) {
         const double present = free_percent(path);
@@ -154,6 +191,8 @@ bool may_go(const Unit &unit, const std::vector<StoreGoal> &goals) {
 }
 
 std::string reason_text(const PruneDecision &decision, const Unit &unit, bool has_rule, bool is_spare) {
+    if (!unit.missing.empty())
+        return "not there of its set: " + joined(unit.missing) + "; see qzfi rm";
     if (decision.action == PruneAction::leave)
         return std::string(state_name(unit.state)) + ", see qzfi rm";
     if (decision.action == PruneAction::remove)
@@ -169,15 +208,23 @@ const char *action_name(PruneAction action) {
 }
 
 void print_plan(const Plan &plan, const std::vector<std::size_t> &spares, bool has_rule) {
-    Table table(
-        {{"ID"}, {"TIME"}, {"ACTION"}, {"REASON", Align::left, false, true}, {"OBJECTS", Align::left, false, true}});
+    const bool has_hosts =
+        std::any_of(plan.units.begin(), plan.units.end(), [](const Unit &unit) { return unit.host != this_host(); });
+    std::vector<Column> columns = {
+        {"ID"}, {"TIME"}, {"ACTION"}, {"REASON", Align::left, false, true}, {"OBJECTS", Align::left, false, true}};
+    if (has_hosts)
+        columns.insert(columns.end() - 1, {"HOST", Align::left, false, true});
+    Table table(columns);
     for (std::size_t index = 0; index < plan.units.size(); ++index) {
         const Unit &unit = plan.units[index];
         const PruneDecision &decision = plan.decisions[index];
         const bool is_spare = std::find(spares.begin(), spares.end(), index) != spares.end();
-        table.add({plan.candidates[index].id, time_text(unit.time), action_name(decision.action),
-                   reason_text(decision, unit, has_rule, is_spare),
-                   printable(joined({unit.objects.begin(), unit.objects.end()}))});
+        std::vector<std::string> cells = {plan.candidates[index].id, time_text(unit.time), action_name(decision.action),
+                                          reason_text(decision, unit, has_rule, is_spare),
+                                          printable(joined({unit.objects.begin(), unit.objects.end()}))};
+        if (has_hosts)
+            cells.insert(cells.end() - 1, printable(unit.host));
+        table.add(std::move(cells));
     }
     table.print();
 }
@@ -198,6 +245,8 @@ Json json_of(const Plan &plan, const std::vector<StoreGoal> &goals, const std::v
                           {"state", state_name(unit.state)},
                           {"objects", texts(unit.objects)},
                           {"stores", texts(unit.stores)},
+                          {"host", json_text(unit.host)},
+                          {"missing", texts(unit.missing)},
                           {"action", action_name(plan.decisions[index].action)},
                           {"reasons", texts(plan.decisions[index].reasons)},
                           {"removed", unit.is_removed},
@@ -217,7 +266,7 @@ Json json_of(const Plan &plan, const std::vector<StoreGoal> &goals, const std::v
 
 // False when it could not be removed, which is told.
 bool remove(Plan &plan, std::size_t index, const Settings &settings, const Options &options, int &code) {
-    const int failed = remove_image({plan.candidates[index].id, options.store}, settings, !options.json);
+    const int failed = remove_image({plan.candidates[index].id, plan.units[index].store}, settings, !options.json);
     plan.units[index].is_removed = failed == exit_done;
     code = std::max(code, failed);
     return failed == exit_done;
@@ -334,31 +383,29 @@ int run(const Settings &settings, const Options &given) {
 } // namespace
 
 void add_prune(CommandLine &line) {
-    add_command<Options>(
-        line, "prune", "Remove the images that no rule keeps", run, [](Arguments &command, Options &options) {
-            command.footer(
-                "The rules count within the images of the same objects in the same store; what one of them keeps "
-                "stays. Days, ISO weeks and months are those of the local time zone. With --keep-free the oldest of "
-                "what the rules keep go too, until enough is free, but never the newest image of its objects. Damaged "
-                "images neither count nor go.");
-            const auto add_rule = [&](const char *name, std::optional<uint32_t> &count, const char *description) {
-                command.add_option(name, count, description).type_name("N").within(0u, most_kept);
-            };
-            add_rule("--keep-last", options.policy.last, "Keep the newest N");
-            add_rule("--keep-daily", options.policy.daily, "Keep the newest of each of N days");
-            add_rule("--keep-weekly", options.policy.weekly, "Keep the newest of each of N weeks");
-            add_rule("--keep-monthly", options.policy.monthly, "Keep the newest of each of N months");
-            command.add_option("--keep-free", options.keep_free, "Keep so many percent of the store's file system free")
-                .type_name("PCT")
-                .within(0.0, 100.0);
-            add_store(command, options.store, "Only images of this store");
-            command.add_option("--object", options.object, "Only images of this directory")
-                .type_name("PATH")
-                .not_empty();
-            command.add_flag("--dry-run", options.dry_run, "Only list what would be removed, and why the rest stays");
-            add_yes(command, options.yes);
-            add_json(command, options.json);
-        });
+    add_command<
+        Options>(line, "prune", "Remove the images that no rule keeps", run, [](Arguments &command, Options &options) {
+        command.footer(
+            "The rules count within one host's images of the same objects in the same store; what one of them "
+            "keeps stays. Days, ISO weeks and months are those of the local time zone. With --keep-free the oldest of "
+            "what the rules keep go too, until enough is free, but never the newest image of its objects. Damaged "
+            "images, and sets of which an image is not there, neither count nor go.");
+        const auto add_rule = [&](const char *name, std::optional<uint32_t> &count, const char *description) {
+            command.add_option(name, count, description).type_name("N").within(0u, most_kept);
+        };
+        add_rule("--keep-last", options.policy.last, "Keep the newest N");
+        add_rule("--keep-daily", options.policy.daily, "Keep the newest of each of N days");
+        add_rule("--keep-weekly", options.policy.weekly, "Keep the newest of each of N weeks");
+        add_rule("--keep-monthly", options.policy.monthly, "Keep the newest of each of N months");
+        command.add_option("--keep-free", options.keep_free, "Keep so many percent of the store's file system free")
+            .type_name("PCT")
+            .within(0.0, 100.0);
+        add_store(command, options.store, "Only images of this store");
+        command.add_option("--object", options.object, "Only images of this directory").type_name("PATH").not_empty();
+        command.add_flag("--dry-run", options.dry_run, "Only list what would be removed, and why the rest stays");
+        add_yes(command, options.yes);
+        add_json(command, options.json);
+    });
 }
 
 } // namespace qzfi::tool

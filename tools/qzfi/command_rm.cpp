@@ -34,7 +34,8 @@ std::string question(const std::vector<std::string> &ids, const std::string &sto
     std::vector<std::string> objects;
     for (const qfi_image_list *node = images.get(); node != nullptr; node = node->next)
         objects.insert(objects.end(), node->image.objects, node->image.objects + node->image.object_count);
-    return "Remove image " + ids.front() + " of " + time_text(images->image.time) + ", " + joined(objects) + "?";
+    return "Remove image " + ids.front() + " of " + time_text(images->image.time) + host_text(images->image) + ", " +
+           joined(objects) + "?";
 }
 
 int run(const Settings &settings, const Options &options) {

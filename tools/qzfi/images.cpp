@@ -8,6 +8,7 @@
 #include <iterator>
 #include <set>
 #include <string_view>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include "tools/qzfi/stores.h"
@@ -58,34 +59,54 @@ std::string content_of(const std::string &path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// Half of a set must not pass for all of it. Each image's id document names them all; one that was removed on purpose
-// is missing too, but that is known only once all stores can be looked into.
+// Half of a set must not pass for all of it, be it that nobody can look for the rest, that another store than the named
+// one has it, or that it is gone: each image can still be named by itself.
 void require_whole_set(const ImageName &name, const qfi_image_list *images, const std::string &id) {
     std::vector<std::string> there;
-    std::string document;
     for (const qfi_image_list *node = images; node != nullptr; node = node->next) {
         if (id == node->image.image_id)
             return;
-        if (id != node->image.set_id)
-            continue;
-        there.emplace_back(node->image.image_id);
-        document = content_of(std::string(node->image.store) + "/images/" + node->image.image_id + "/fiid.xml");
+        if (id == node->image.set_id)
+            there.emplace_back(node->image.image_id);
     }
-    std::vector<std::string> texts = obstacles(name);
-    if (texts.empty() || document.empty())
+    const std::vector<std::string> missing = missing_of_set(images, id);
+    if (missing.empty())
         return;
-    Tree tree;
-    const qfi_fiid fiid = {document.data(), document.size()};
-    if (qfi_op_reaccess_tree(&fiid, Out(tree), nullptr, nullptr, nullptr, 0) != QFI_FI_NO_SUCH_IMAGE)
-        return;
-    const std::vector<std::string> errors = take_errors();
-    texts.insert(texts.begin(), errors.begin(), errors.end());
-    throw Failure("find set " + id +
-                      ": some of its images may be where nobody can look; name those that are there: " + joined(there),
+    const ImageList known = name.store.empty() ? nullptr : all_images("");
+    std::vector<std::string> texts;
+    for (const std::string &image : missing) {
+        std::string text = "image " + image + ": in no known store";
+        for (const qfi_image_list *node = known.get(); node != nullptr; node = node->next)
+            if (image == node->image.image_id)
+                text = "image " + image + ": in store " + node->image.store + ", which is not looked into by --store";
+        texts.push_back(text);
+    }
+    const std::vector<std::string> further = obstacles({name.id, ""});
+    texts.insert(texts.end(), further.begin(), further.end());
+    throw Failure("find set " + id + ": some of its images are not there; name those that are there: " + joined(there),
                   exit_failed, texts);
 }
 
 } // namespace
+
+std::vector<std::string> missing_of_set(const qfi_image_list *images, const std::string &set) {
+    std::set<std::string> there;
+    std::string documents;
+    for (const qfi_image_list *node = images; node != nullptr; node = node->next)
+        if (set == node->image.set_id) {
+            there.insert(node->image.image_id);
+            documents += content_of(std::string(node->image.store) + "/images/" + node->image.image_id + "/fiid.xml");
+        }
+    std::set<std::string> missing;
+    // No value of an attribute has a "<".
+    constexpr std::string_view begin = "<image id=\"";
+    for (std::size_t place = documents.find(begin); place != std::string::npos; place = documents.find(begin, place)) {
+        place += begin.size();
+        if (std::string id = documents.substr(place, documents.find('"', place) - place); there.count(id) == 0)
+            missing.insert(std::move(id));
+    }
+    return {missing.begin(), missing.end()};
+}
 
 ImageList all_images(const std::string &store) {
     ImageList list;
@@ -96,18 +117,30 @@ ImageList all_images(const std::string &store) {
 
 namespace {
 
+// This host's newest image, with all that were made together with it: another host's is never put in place of what is
+// here but by its id.
+std::string latest_id(const ImageName &name, const qfi_image_list *images) {
+    require_all_stores(name);
+    const qfi_image *latest = nullptr, *other = nullptr;
+    for (const qfi_image_list *node = images; node != nullptr; node = node->next)
+        (node->image.host == this_host() ? latest : other) = &node->image;
+    if (latest == nullptr)
+        throw Failure("find image latest: none was made on this host, " + this_host() + "; the newest is " +
+                      other->image_id + " of host " + other->host + ": name it");
+    return is_alone(images, *latest) && missing_of_set(images, latest->set_id).empty() ? latest->image_id
+                                                                                       : latest->set_id;
+}
+
 // What the name stands for among these images; it may be a set of which others cannot be seen.
 std::string fitting_id(const ImageName &name, const ImageList &list) {
+    if (name.id == "latest" && list)
+        return latest_id(name, list.get());
     // A set is looked for only where no image fits, as an image and its set begin alike.
     std::set<std::string> images, sets;
     for (const qfi_image_list *node = list.get(); node != nullptr; node = node->next) {
         const qfi_image &image = node->image;
         if (name.id == image.image_id || name.id == image.set_id)
             return name.id;
-        if (name.id == "latest" && node->next == nullptr) {
-            require_all_stores(name);
-            return is_alone(list.get(), image) ? image.image_id : image.set_id; // with it all that were made together
-        }
         if (name.id.size() < shortest_beginning)
             continue;
         if (std::string_view(image.image_id).starts_with(name.id))
@@ -147,6 +180,25 @@ ImageList find_images(const ImageName &name) {
     if (!list) // removed since its id was looked for
         throw Failure("find image " + id + ": " + status_text(QFI_FI_NO_SUCH_IMAGE));
     return list;
+}
+
+const std::string &this_host() {
+    static const std::string host = []() -> std::string {
+        struct utsname names = {};
+        return uname(&names) == 0 ? names.nodename : "localhost";
+    }();
+    return host;
+}
+
+bool has_other_hosts(const qfi_image_list *images) {
+    for (; images != nullptr; images = images->next)
+        if (images->image.host != this_host())
+            return true;
+    return false;
+}
+
+std::string host_text(const qfi_image &image) {
+    return image.host == this_host() ? "" : std::string(" of host ") + image.host;
 }
 
 Tree open_tree(const ImageName &name) {

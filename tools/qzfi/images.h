@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "tools/qzfi/tool.h"
 
@@ -16,7 +17,16 @@ struct ImageName {
 /// The images of `store`, or of all known stores; the oldest first.
 ImageList all_images(const std::string &store);
 
-/// The whole id that `name` stands for. Throws Failure when none or several fit.
+/// The images that the id documents of a set name, and that are not among `images`: elsewhere, or gone.
+std::vector<std::string> missing_of_set(const qfi_image_list *images, const std::string &set);
+
+/// The name of this host, as its images have it.
+const std::string &this_host();
+bool has_other_hosts(const qfi_image_list *images);
+/// " of host NAME" for an image of another host, else empty.
+std::string host_text(const qfi_image &image);
+
+/// The whole id that `name` stands for. Throws Failure when none or several fit, or a part of a set is not there.
 std::string whole_id(const ImageName &name);
 
 /// The images of that id; one, or those of a set.

@@ -33,7 +33,7 @@ void print_plan(const qfi_report &report) {
 std::string question(const Kind &kind, const std::string &what, const ImageName &name) {
     const ImageList images = find_images(name);
     return kind.asked + what + kind.asked_with + name.id + " of " + time_text(images->image.time) +
-           "? What was changed there since is lost.";
+           host_text(images->image) + "? What was changed there since is lost.";
 }
 
 int run(const Settings &settings, const RestoreOptions &options, const Kind &kind) {
