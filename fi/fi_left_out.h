@@ -11,10 +11,10 @@
 namespace qzfi::fi {
 
 /// The stores that a job leaves out: the one in use, wherever it lies, the known ones at or below the object, and one
-/// in the place that a provider's default store would have.
+/// in the place that a provider's default store would have; and those that were found.
 class LeftOut {
 public:
-    LeftOut(const TreeFilesystem &filesystem, const std::string &object);
+    LeftOut(const TreeFilesystem &filesystem, const std::string &object, const std::vector<std::string> &found = {});
     LeftOut(const LeftOut &) = delete;
     LeftOut &operator=(const LeftOut &) = delete;
     const qfi_excluded *list() const noexcept { return excluded_.data(); }
@@ -31,5 +31,21 @@ private:
     std::vector<Descriptor> open_;
     std::vector<qfi_excluded> excluded_;
 };
+
+/// Tells of stores by what they are, for many a root does not know all of them: walks a tree whose entries it is given.
+class StoreFinder {
+public:
+    explicit StoreFinder(int directory) : directory_(directory) {}
+    void look_at(const qfi_entry &entry);
+    /// Paths below the directory; "" for itself.
+    const std::vector<std::string> &found() const noexcept { return found_; }
+
+private:
+    const int directory_;
+    std::vector<std::string> found_;
+};
+/// The absolute paths of all stores at or below a directory, but for those that are left out anyway.
+std::vector<std::string> stores_within(int directory, const std::string &path, const LeftOut &left_out,
+                                       const char *operation);
 
 } // namespace qzfi::fi

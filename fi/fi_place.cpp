@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "fi/fi_engine_host.h"
+#include "fi/fi_left_out.h"
 #include "fi/fi_mounts.h"
 #include "fi/fi_store_folders.h"
 
@@ -58,23 +59,31 @@ void refuse_mounts_below(const Place &place, const char *operation) {
     }
 }
 
-// The old tree is removed, and a nested subvolume with it that no image holds.
-void refuse_nested_subvolumes(const Place &place, int directory, const char *operation) {
-    if (!is_btrfs(directory))
-        return;
-    std::string found;
+// The old tree is removed, and with it a nested subvolume or a store, which no image holds.
+void refuse_what_is_within(const Place &place, int directory, const char *operation) {
+    std::string subvolume;
+    StoreFinder stores(directory);
     EngineHost host(operation, place.path, nullptr);
+    host.on_entry([&](const qfi_entry &entry) {
+        stores.look_at(entry);
+        return 0;
+    });
+    const bool may_have_subvolumes = is_btrfs(directory);
     host.on_remark([&](const qfi_remark &remark) {
-        if (remark.kind != QFI_REMARK_SKIPPED)
+        if (remark.kind != QFI_REMARK_SKIPPED || !may_have_subvolumes)
             return;
         const Descriptor entry(open_beneath(directory, remark.path, O_PATH | O_NOFOLLOW));
         struct stat status {};
         if (entry && fstat(entry.get(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_ino == subvolume_inode)
-            found = remark.path;
+            subvolume = remark.path;
     });
-    host.check(engine::walk_tree(directory, engine::Options{}, host.record()), true);
-    if (!found.empty())
-        refuse(place, "a subvolume is below it, at " + place.path + "/" + found, operation);
+    engine::Options options;
+    options.entries = true;
+    host.check(engine::walk_tree(directory, options, host.record()), true);
+    if (!subvolume.empty())
+        refuse(place, "a subvolume is below it, at " + place.path + "/" + subvolume, operation);
+    for (const std::string &store : stores.found())
+        refuse(place, "store " + place.path + (store.empty() ? "" : "/" + store) + " lies in it", operation);
 }
 
 bool is_same(const struct stat &one, const struct stat &other) {
@@ -197,7 +206,7 @@ bool refuse_irreplaceable(const Place &place, const std::vector<std::string> &st
     for (const std::string &store : stores)
         if (lies_at_or_above(*status, store))
             refuse(place, "store " + store + " lies in it", operation);
-    refuse_nested_subvolumes(place, directory.get(), operation);
+    refuse_what_is_within(place, directory.get(), operation);
     return true;
 }
 

@@ -218,6 +218,20 @@ private:
     std::set<std::string> going_; // directories
 };
 
+// Stores that this root does not know, and that must stay as the known ones do.
+std::vector<std::string> found_stores(const ObjectRef &one, const char *operation) {
+    const std::string &object = one.object().path;
+    struct stat status {};
+    if (lstat(object.c_str(), &status) != 0 && errno == ENOENT)
+        return {};
+    const Descriptor directory = open_without_links(object, O_RDONLY | O_DIRECTORY, operation);
+    std::vector<std::string> found =
+        stores_within(directory.get(), object, LeftOut(*one.filesystem, object), operation);
+    for (const std::string &store : found)
+        require(store != object, operation, "the object is a store now");
+    return found;
+}
+
 void report_changes(const Plan &plan, const ObjectRef &one, bool digest, Findings &report) {
     const HeldImage image(*one.filesystem, plan.operation);
     if (!plan.only.empty())
@@ -227,7 +241,7 @@ void report_changes(const Plan &plan, const ObjectRef &one, bool digest, Finding
     options.digest = digest;
     options.progress = plan.how.progress;
     const std::string &object = one.object().path;
-    const LeftOut left_out(*one.filesystem, object);
+    const LeftOut left_out(*one.filesystem, object, found_stores(one, plan.operation));
     options.exclude = &left_out;
     Sockets sockets(plan);
     compare_with_original(
@@ -321,6 +335,7 @@ struct Update {
     const std::string &path;
     bool digest;
     Findings &report;
+    const LeftOut &left_out;
 
     void through_provider(int source, const Place &place) const {
         const TreeFilesystem &filesystem = image.filesystem();
@@ -337,7 +352,6 @@ struct Update {
         job.name = place.name.c_str();
         job.flags = static_cast<uint32_t>(digest ? QFI_JOB_SYNC | QFI_JOB_DIGEST : QFI_JOB_SYNC);
         job.workers = plan.how.workers;
-        const LeftOut left_out(filesystem, path);
         left_out.put(job);
         host.check(provider.ops->resync(&job), provider);
         report.add(host);
@@ -356,7 +370,6 @@ struct Update {
         options.workers = plan.how.workers;
         options.digest = digest;
         options.sync = true;
-        const LeftOut left_out(image.filesystem(), path);
         left_out.put(options);
         const engine::Result result = engine::bring_up_to_date(source, directory, ".", options, host.record());
         host.check(result, false);
@@ -380,7 +393,8 @@ void resync_directory(const Plan &plan, const ObjectRef &one, const HeldImage &i
         open_beneath(object.get(), plan.only.empty() ? "." : plan.only.c_str(), O_RDONLY | O_DIRECTORY));
     if (!source)
         fail_call(plan.operation, "open", path, errno, true);
-    const Update update{plan, image, path, digest, report};
+    const LeftOut left_out(image.filesystem(), path, found_stores(one, plan.operation));
+    const Update update{plan, image, path, digest, report, left_out};
     // Opened without links, and there: what is missing is for a restore to make.
     const Descriptor original = open_without_links(path, O_RDONLY | O_DIRECTORY, plan.operation);
     if (path == "/")

@@ -194,6 +194,42 @@ TEST_P(Restore, of_an_object_with_the_store_in_it_is_refused) {
     EXPECT_TRUE(fs::exists(object / "store" / "catalog.db"));
 }
 
+// Another root, or a new installation: the register of stores is not there.
+TEST_P(Restore, removes_no_store_that_this_root_does_not_know) {
+    const fs::path inside = object / "sub" / "store";
+    const std::string kept = freeze({top / "root"}, inside, "copy").image_id();
+    // Looks like one at first sight.
+    fs::create_directories(object / "other" / "images");
+    write_file(object / "other" / "catalog.db", "mine");
+    const std::string id = freeze({object}, store).image_id();
+    stop();
+    const Framework elsewhere(top / "another root");
+    const Tree tree = Tree::of_image(id, store);
+    spoil(object);
+    EXPECT_EQ(restore(tree), QFI_STATUS_NOT_SUPPORTED);
+    const std::string refusal = "qzfi_restore: " + object.string() + " cannot be replaced: store " + inside.string() +
+                                " lies in it; restore to another place, or resynchronise it\n";
+    EXPECT_EQ(last_error(), refusal);
+    EXPECT_EQ(restore(tree, nullptr, "sub"), QFI_STATUS_NOT_SUPPORTED);
+    qfi_restore_options options;
+    QFI_INIT(options);
+    options.dry_run = 1;
+    EXPECT_EQ(qfi_op_restore(tree.get(), &options, nullptr), QFI_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(last_error(), refusal);
+    qfi_report *report = nullptr;
+    ASSERT_EQ(qfi_op_resync(tree.get(), &options, &report), 0) << last_error();
+    for (const Line &line : Report(report).lines)
+        EXPECT_NE(line.path.substr(0, 9), "sub/store") << line;
+    ASSERT_EQ(qfi_op_resync(tree.get(), nullptr, nullptr), 0) << last_error();
+    EXPECT_EQ(content_of(object / "plain"), "plain content");
+    EXPECT_FALSE(fs::exists(object / "sub" / "added"));
+    const Tree still = Tree::of_image(kept, inside);
+    EXPECT_EQ(restore(still, (top / "restored").c_str()), 0) << last_error();
+    fs::rename(inside, top / "moved store");
+    EXPECT_EQ(restore(tree), 0) << last_error();
+    EXPECT_EQ(content_of(object / "other" / "catalog.db"), "mine");
+}
+
 TEST_P(Restore, goes_into_no_store_whatever_path_leads_there) {
     const fs::path view = top / "view";
     fs::create_directory(view);
