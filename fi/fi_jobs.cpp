@@ -161,12 +161,16 @@ bool is_loss(uint32_t remark_kind) noexcept {
     return remark_kind == QFI_REMARK_TORN || remark_kind == QFI_REMARK_VANISHED || remark_kind == QFI_REMARK_UNREADABLE;
 }
 
+bool decides(const JobHost::Remark &remark) noexcept {
+    return is_loss(remark.kind) || (remark.kind == QFI_REMARK_SKIPPED && remark.detail != "a socket");
+}
+
 void keep_remark(std::vector<JobHost::Remark> &kept, JobHost::Remark remark) {
     if (kept.size() < most_remarks)
         return kept.push_back(std::move(remark));
-    if (!is_loss(remark.kind))
+    if (!decides(remark))
         return;
-    const auto place = std::find_if(kept.begin(), kept.end(), [](const auto &one) { return !is_loss(one.kind); });
+    const auto place = std::find_if(kept.begin(), kept.end(), [](const auto &one) { return !decides(one); });
     if (place != kept.end())
         *place = std::move(remark);
 }

@@ -73,8 +73,7 @@ void refuse_what_is_within(const Place &place, int directory, const char *operat
         if (remark.kind != QFI_REMARK_SKIPPED || !may_have_subvolumes)
             return;
         const Descriptor entry(open_beneath(directory, remark.path, O_PATH | O_NOFOLLOW));
-        struct stat status {};
-        if (entry && fstat(entry.get(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_ino == subvolume_inode)
+        if (entry && is_subvolume(entry.get()))
             subvolume = remark.path;
     });
     engine::Options options;
@@ -114,6 +113,12 @@ uint64_t hash_of(std::string_view text) {
 }
 
 } // namespace
+
+bool is_subvolume(int directory) {
+    struct stat status {};
+    return fstat(directory, &status) == 0 && S_ISDIR(status.st_mode) && status.st_ino == subvolume_inode &&
+           is_btrfs(directory);
+}
 
 std::string canonical_text(std::string_view path, const char *operation) {
     require(!path.empty() && path[0] == '/', operation, "the path must be absolute");

@@ -34,6 +34,9 @@ bool refuse_irreplaceable(const Place &place, const std::vector<std::string> &st
 void refuse_in_stores(const Place &place, const std::vector<std::string> &stores, const char *what,
                       const char *operation);
 
+/// Whether an open directory is the root of a Btrfs subvolume.
+bool is_subvolume(int directory);
+
 /// Throws QFI_FI_EXISTS unless nothing or an empty directory is there. True for an empty directory.
 bool refuse_existing(const Place &place, const char *operation);
 

@@ -70,8 +70,10 @@ private:
 
 /// Whether a remark says that an image, or a copy of one, does not hold an entry as it was.
 bool is_loss(uint32_t remark_kind) noexcept;
-/// Keeps a remark among at most 10,000: when there are as many already, a loss takes the place of one that is none, for
-/// what becomes of an original depends on it.
+/// Whether what becomes of an original depends on a remark: of a loss, and of what was left out but for sockets.
+bool decides(const JobHost::Remark &remark) noexcept;
+/// Keeps a remark among at most 10,000: when there are as many already, one that decides takes the place of one that
+/// does not.
 void keep_remark(std::vector<JobHost::Remark> &kept, JobHost::Remark remark);
 
 /// A `qfi_report` of remarks, one block.

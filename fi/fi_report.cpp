@@ -106,7 +106,7 @@ void StoredReport::add(JobHost::Remark remark) {
 
 Descriptor write_report(int directory, std::vector<JobHost::Remark> remarks, uint64_t count, const char *operation,
                         const std::string &image) {
-    std::stable_partition(remarks.begin(), remarks.end(), [](const auto &remark) { return is_loss(remark.kind); });
+    std::stable_partition(remarks.begin(), remarks.end(), [](const auto &remark) { return decides(remark); });
     const std::string path = image + "/" + report_name;
     return write_file(directory, report_name, path, content_of(remarks, count), operation);
 }

@@ -2,7 +2,7 @@
 //
 // A line is: kind, errno, object, path, detail; separated by single blanks, texts escaped as in manifests and never
 // empty ("-" stands for an empty one, "\x2d" for "-"). The first line names the format and its version, the last one,
-// "end COUNT", tells the number of remarks, those not kept included. Losses stand first, so that they are kept first.
+// "end COUNT", tells the number of remarks, those not kept included. Those that decide stand first, so that they are kept first.
 #pragma once
 
 #include <optional>
@@ -24,11 +24,11 @@ Descriptor write_report(int directory, std::vector<JobHost::Remark> remarks, uin
 struct StoredReport {
     std::vector<JobHost::Remark> remarks;
     uint64_t count = 0;
-    /// False when some of the remarks that were not kept may be losses.
+    /// False when some of the remarks that were not kept may be of losses, or of what was left out.
     bool has_all_losses() const noexcept {
-        return count == remarks.size() || (!remarks.empty() && !is_loss(remarks.back().kind));
+        return count == remarks.size() || (!remarks.empty() && !decides(remarks.back()));
     }
-    /// Adds one that is no loss. It is only counted where others are not known: it must not look as if they were.
+    /// Adds one that decides nothing. It is only counted where others are not known: it must not look as if they were.
     void add(JobHost::Remark remark);
 };
 /// Reads it. Throws Failure: QFI_FI_DAMAGED when it is none, or missing. `path` is the image's directory.

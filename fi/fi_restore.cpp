@@ -69,6 +69,19 @@ void clear(Workshop &workshop, const Place &place, Findings &report) {
     }
 }
 
+// What is there of what the image could not read, or left out as another file system that is none now: the folder
+// below a mount point, say.
+bool is_there(int original, const JobHost::Remark &remark) {
+    const char *const below = remark.path.empty() ? "." : remark.path.c_str();
+    const Descriptor entry(open_beneath(original, below, O_PATH | O_NOFOLLOW));
+    const bool was_skipped = remark.kind == QFI_REMARK_SKIPPED;
+    if (!entry)
+        return errno != ENOENT && errno != ENOTDIR && errno != ELOOP && (errno != EXDEV || !was_skipped);
+    struct stat status {};
+    return !was_skipped || fstat(entry.get(), &status) != 0 ||
+           (!S_ISSOCK(status.st_mode) && !is_subvolume(entry.get()));
+}
+
 // What could not be read when the image was made may be there still, and nowhere else.
 void refuse_unread(const Plan &plan, const ObjectRef &one) {
     const HeldImage image(*one.filesystem, plan.operation);
@@ -89,12 +102,10 @@ void refuse_unread(const Plan &plan, const ObjectRef &one) {
         fail(message::losses_unknown, QFI_STATUS_NOT_SUPPORTED, plan.operation,
              {joined(object, plan.only), image.record().id});
     for (const JobHost::Remark &remark : report->remarks) {
-        if (remark.kind != QFI_REMARK_UNREADABLE || remark.object != object ||
-            !lies_at_or_below(remark.path, plan.only))
+        if (!decides(remark) || remark.kind == QFI_REMARK_TORN || remark.kind == QFI_REMARK_VANISHED ||
+            remark.object != object || !lies_at_or_below(remark.path, plan.only))
             continue;
-        const char *const below = remark.path.empty() ? "." : remark.path.c_str();
-        const Descriptor entry(open_beneath(original.get(), below, O_PATH | O_NOFOLLOW));
-        if (entry || (errno != ENOENT && errno != ENOTDIR && errno != ELOOP))
+        if (is_there(original.get(), remark))
             fail(message::would_be_lost, QFI_STATUS_NOT_SUPPORTED, plan.operation,
                  {joined(object, remark.path), image.record().id});
     }

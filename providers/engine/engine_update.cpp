@@ -216,7 +216,12 @@ void Copier::remove_extra(Worker &worker, Directory &directory) {
 /// Removes an entry of the target with all below. False when it stays: the run fails, or it is not ours to remove.
 bool Copier::remove_target(Worker &worker, Directory &directory, const char *name) {
     Stat present;
-    if (stat_of(directory.target, name, present) == 0 && is_other_volume(directory.target, present)) {
+    const bool is_there = stat_of(directory.target, name, present) == 0;
+    if (is_there && (present.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0) { // of a file too
+        remark(worker, QFI_REMARK_SKIPPED, &directory, name, "another file system is mounted there", 0);
+        return false;
+    }
+    if (is_there && is_other_volume(directory.target, present)) {
         remark(worker, QFI_REMARK_SKIPPED, &directory, name, "not removed: it holds what is left out", 0);
         return false;
     }

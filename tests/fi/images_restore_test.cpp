@@ -340,6 +340,47 @@ TEST_P(Restore, loses_nothing_that_the_image_could_not_read) {
               0);
 }
 
+// What lies below a mount point is seen when the mount is gone, and in no copy that was made while it was there.
+TEST_P(Restore, loses_nothing_that_a_mount_hid_from_the_image) {
+    if (std::string(GetParam()) == "copy")
+        GTEST_SKIP() << "needs a private mount namespace";
+    const fs::path hidden = object / "empty", file = object / "plain";
+    write_file(hidden / "mine", "keep me");
+    write_file(top / "over", "another");
+    const auto cover = [&] {
+        EXPECT_EQ(mount("none", hidden.c_str(), "tmpfs", 0, nullptr), 0);
+        EXPECT_EQ(mount((top / "over").c_str(), file.c_str(), nullptr, MS_BIND, nullptr), 0);
+    };
+    const auto uncover = [&] {
+        EXPECT_EQ(umount(hidden.c_str()), 0);
+        EXPECT_EQ(umount(file.c_str()), 0);
+    };
+    cover();
+    const Tree tree = freeze({object}, store, "copy");
+    ASSERT_EQ(remarks_of(tree), 2u);
+    EXPECT_EQ(restore(tree), QFI_STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(qfi_op_resync(tree.get(), nullptr, nullptr), 0) << "what is mounted stays: " << last_error();
+    uncover();
+    const auto expect_refused = [&](const fs::path &path) {
+        const std::string refusal = ": " + path.string() + " would be lost: unreadable when image " + tree.image_id() +
+                                    " was made; move it away first\n";
+        EXPECT_EQ(restore(tree), QFI_STATUS_NOT_SUPPORTED);
+        EXPECT_EQ(last_error(), "qzfi_restore" + refusal);
+        EXPECT_EQ(qfi_op_resync(tree.get(), nullptr, nullptr), QFI_STATUS_NOT_SUPPORTED);
+        EXPECT_EQ(last_error(), "qzfi_resync" + refusal);
+    };
+    EXPECT_EQ(restore(tree, nullptr, "sub"), 0) << "nothing was hidden there: " << last_error();
+    fs::rename(file, top / "plain");
+    expect_refused(hidden);
+    fs::rename(top / "plain", file);
+    fs::rename(hidden, top / "empty");
+    expect_refused(file);
+    fs::rename(file, top / "plain");
+    EXPECT_EQ(restore(tree), 0) << last_error();
+    EXPECT_EQ(content_of(top / "empty" / "mine"), "keep me");
+    EXPECT_EQ(content_of(top / "plain"), "plain content");
+}
+
 // Which of the objects were unreadable is not known then: a socket, which is left out, stands for a remark.
 TEST_P(Restore, in_place_needs_the_report_of_an_image_with_remarks) {
     ASSERT_EQ(mknod((object / "socket").c_str(), S_IFSOCK | 0600, 0), 0);

@@ -33,14 +33,15 @@ protected:
 };
 
 const Remark loss{QFI_REMARK_UNREADABLE, EACCES, "/object", "secret", "open"};
-const Remark note{QFI_REMARK_SKIPPED, 0, "/object", "socket", ""};
+const Remark note{QFI_REMARK_SKIPPED, 0, "/object", "socket", "a socket"};
+const Remark hidden{QFI_REMARK_SKIPPED, 0, "/object", "mnt", "another file system"};
 
 } // namespace
 
 TEST_F(ReportTest, a_remark_is_one_line_of_any_bytes_and_losses_come_first) {
     write({note, {QFI_REMARK_ATTRIBUTE, -1, "-", "a b\n\\\xff", "\x01"}, loss}, 5);
     EXPECT_EQ(content(), "qzfi-report 1\n" + std::to_string(QFI_REMARK_UNREADABLE) + " 13 /object secret open\n" +
-                             std::to_string(QFI_REMARK_SKIPPED) + " 0 /object socket -\n" +
+                             std::to_string(QFI_REMARK_SKIPPED) + " 0 /object socket a\\x20socket\n" +
                              std::to_string(QFI_REMARK_ATTRIBUTE) + " -1 \\x2d a\\x20b\\x0a\\x5c\\xff \\x01\nend 5\n");
     const StoredReport report = read();
     EXPECT_EQ(report.count, 5u);
@@ -61,11 +62,14 @@ TEST_F(ReportTest, losses_are_all_there_unless_only_losses_were_kept) {
     EXPECT_TRUE(has_all({loss, loss}, 2));
     EXPECT_TRUE(has_all({note, loss}, 3));
     EXPECT_FALSE(has_all({loss, loss}, 3));
+    EXPECT_TRUE(has_all({note, hidden}, 3));
+    EXPECT_FALSE(has_all({loss, hidden}, 3));
     EXPECT_FALSE(has_all({}, 1));
 }
 
 TEST_F(ReportTest, losses_are_kept_where_there_is_no_room_for_all) {
     Remark long_note = note;
+    long_note.kind = QFI_REMARK_ATTRIBUTE;
     long_note.detail = std::string(1 << 20, 'x');
     std::vector<Remark> remarks(70, long_note);
     remarks.push_back(loss);
