@@ -111,9 +111,11 @@ printf "qzfi %d\n%s" "$code" "$(tail -c 200 /dev/fd/9 2>/dev/null | tr -d "\0")"
 
 // $1 the folder, $2 the command, $3 this process. Waits for "run", or the end of the FIFO that this process holds open
 // (a child that was forked off without another program may hold it too, so the process is also looked at), then for a
-// pre command that still runs, and runs the command. Signals meant for a group or a service do not end the waiting.
+// pre command that still runs, and runs the command where a pre command is run; waiting there would keep a file system
+// from being unmounted. Signals meant for a group or a service do not end the waiting.
 constexpr char guard[] = R"sh(
 trap "" INT TERM HUP QUIT PIPE
+here=$(pwd -P)
 cd /
 exec 4<>"$1/in" 3<"$1/in" 5<>"$1/out" 6<>"$1/text" 8<>"$1/lock" || exit 1
 exec 4>&-
@@ -140,6 +142,7 @@ done
 flock 8
 (
     trap - INT TERM HUP QUIT PIPE
+    cd -- "$here" 2>/dev/null
     exec /bin/bash -c "$2" </dev/null >&6 2>&1 3<&- 5>&- 6>&- 8>&-
 )
 code=$?

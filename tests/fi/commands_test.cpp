@@ -82,6 +82,19 @@ TEST_F(Commands, run_before_and_after_the_instant) {
     EXPECT_TRUE(names_in(path("tmp")).empty());
 }
 
+TEST_F(Commands, run_both_in_the_folder_of_the_host) {
+    stop(); // the context process stands where the host stood when it was made
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::create_directory(path("app 'x'"));
+    std::filesystem::current_path(path("app 'x'"));
+    start();
+    qfi_domain *const tree = selected("echo pre >>here", "echo post >>here");
+    EXPECT_EQ(qfi_op_make(tree, nullptr, nullptr), 0) << last_error();
+    EXPECT_EQ(read_file(path("app 'x'/here")), "pre\npost\n");
+    EXPECT_EQ(qfi_op_detach(tree, nullptr, QFI_DETACH_REMOVE, nullptr), 0);
+    std::filesystem::current_path(before);
+}
+
 TEST_F(Commands, a_failed_pre_command_freezes_nothing_says_what_it_said_and_the_post_command_runs) {
     const std::string pre = note("pre") + "; echo 'it'\\''s locked' >&2; exit 3";
     qfi_domain *const tree = selected("", "");
