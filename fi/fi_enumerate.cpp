@@ -49,7 +49,7 @@ bool can_freeze(const Provider &provider, const Mount &mount) {
         return false; // what this user cannot even open, it cannot freeze
     qfi_probe probe{};
     probe.size = sizeof probe;
-    return provider.ops->probe(source.get(), -1, mount.mount_point.c_str(), 0, &probe) == 0 &&
+    return provider.ops->probe(source.get(), -1, mount.mount_point.c_str(), QFI_JOB_GLANCE, &probe) == 0 &&
            probe.combo_class != QFI_CLASS_NOTSUP;
 }
 

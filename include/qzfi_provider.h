@@ -86,12 +86,13 @@ typedef struct qfi_provider_host {
     void (*fail)(void *context, const char *operation, const char *object, int32_t error);
 } qfi_provider_host;
 
-/** Bits of `qfi_provider_job.flags`. */
+/** Bits of `qfi_provider_job.flags`, and of a probe's. */
 enum qfi_job_flags {
     QFI_JOB_DIGEST = 1,   /**< give a digest with each file entry */
     QFI_JOB_NESTED = 2,   /**< include nested subvolumes */
     QFI_JOB_MANIFEST = 4, /**< give every entry to `host->entry` */
-    QFI_JOB_SYNC = 8      /**< the result must be on stable storage on return */
+    QFI_JOB_SYNC = 8,     /**< the result must be on stable storage on return */
+    QFI_JOB_GLANCE = 16   /**< of a probe: only whether and how; costs may be bounds, and nothing is to be counted */
 };
 
 /** A directory that is left out. */

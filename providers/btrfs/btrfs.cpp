@@ -48,7 +48,7 @@ void probe_subvolume(int source, int store, uint32_t flags, qfi_probe &out) {
     out.same_instant = several ? 0 : 1;
     // A snapshot takes no time, but all of it is read for digests.
     if ((flags & QFI_JOB_DIGEST) != 0)
-        provider::foretell(out, provider::estimate(source, store), flags, true);
+        provider::foretell(out, provider::estimate(source, store, flags), flags, true);
 }
 
 int32_t probe(int source, int store, const char *, uint32_t flags, qfi_probe *result) {

@@ -17,7 +17,7 @@ int32_t probe(int source, int store, const char *, uint32_t flags, qfi_probe *re
     return provider::fenced_probe(source, result, [&](qfi_probe &out) {
         if (const std::string obstacle = provider::store_obstacle(source, store); !obstacle.empty())
             return provider::refuse(out, obstacle);
-        const provider::Estimate sum = provider::estimate(source, store);
+        const provider::Estimate sum = provider::estimate(source, store, flags);
         const uint64_t available = provider::free_bytes(store >= 0 ? store : source);
         // A bound is no reason to refuse: the object may be a small folder of a full disk.
         if (sum.counted && sum.bytes > available) {

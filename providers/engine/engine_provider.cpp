@@ -272,9 +272,9 @@ bool same_file_system(int one, int other) noexcept {
     return fsid_of(one, left) && fsid_of(other, right) && std::memcmp(left.fsid, right.fsid, sizeof(left.fsid)) == 0;
 }
 
-Estimate estimate(int source, int store) {
+Estimate estimate(int source, int store, uint32_t flags) {
     Estimate sum;
-    sum.counted = Counter(source, store).count(source, sum);
+    sum.counted = (flags & QFI_JOB_GLANCE) == 0 && Counter(source, store).count(source, sum);
     if (sum.counted)
         return sum;
     struct statvfs status {};

@@ -109,7 +109,8 @@ struct Estimate {
     bool counted = false;
     bool has_others = false; // other file systems, or subvolumes, lie within; they are not counted
 };
-Estimate estimate(int source, int store);
+/// With QFI_JOB_GLANCE nothing is counted, however small it is.
+Estimate estimate(int source, int store, uint32_t flags);
 
 /// Tells how much a run of the engine over the tree will count; what is only bounded stays unknown. `reads` is whether
 /// it looks at data, which otherwise is no measure of its work.

@@ -41,7 +41,7 @@ int32_t probe(int source, int store, const char *, uint32_t flags, qfi_probe *re
                                          "only within one");
         if (const int error = try_to_clone(place); error != 0)
             return provider::refuse(out, "files cannot be cloned there: " + provider::words_of(error));
-        const provider::Estimate sum = provider::estimate(source, store);
+        const provider::Estimate sum = provider::estimate(source, store, flags);
         out.combo_class = QFI_SERIAL_FS;
         out.consistency = QFI_CONSISTENCY_PER_FILE;
         out.cost_bytes = sum.entries * bytes_per_clone;

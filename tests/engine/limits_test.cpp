@@ -131,7 +131,7 @@ TEST_F(Limits, an_estimate_of_a_chain_of_folders_needs_few_descriptors_and_keeps
         return std::distance(begin(listed), end(listed));
     };
     const auto open_before = open_descriptors();
-    const qzfi::provider::Estimate sum = qzfi::provider::estimate(Folder(at + "/s").fd, -1);
+    const qzfi::provider::Estimate sum = qzfi::provider::estimate(Folder(at + "/s").fd, -1, 0);
     EXPECT_EQ(open_descriptors(), open_before);
     setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_TRUE(sum.counted);

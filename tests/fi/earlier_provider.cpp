@@ -22,7 +22,10 @@ struct EarlierProbe {
 };
 static_assert(sizeof(EarlierProbe) == offsetof(qfi_probe, entries), "the record grew at its end only");
 
-int32_t probe(int, int, const char *, uint32_t, qfi_probe *out) {
+uint32_t flags_of_last_probe;
+
+int32_t probe(int, int, const char *, uint32_t flags, qfi_probe *out) {
+    flags_of_last_probe = flags;
     if (out->size < sizeof(EarlierProbe))
         return QFI_STATUS_INVALID_ARGUMENT;
     EarlierProbe made{};
@@ -53,6 +56,12 @@ qfi_provider_ops operations;
 } // namespace
 
 extern "C" QZFI_API const qfi_provider_ops *qfi_provider_entry(void);
+
+extern "C" QZFI_API uint32_t earlier_probed_with(void);
+
+uint32_t earlier_probed_with(void) {
+    return flags_of_last_probe;
+}
 
 const qfi_provider_ops *qfi_provider_entry(void) {
     operations.size = sizeof operations;

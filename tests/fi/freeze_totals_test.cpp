@@ -1,6 +1,9 @@
 // What a host is told of a freeze in advance: how much there is to do, where that is known.
+#include <dlfcn.h>
 #include <filesystem>
 #include <mutex>
+
+#include <qzfi_provider.h>
 
 #include "host.h"
 
@@ -45,6 +48,14 @@ protected:
         return watcher_.last;
     }
 
+    void load_earlier_provider() {
+        stop();
+        std::filesystem::create_directories(path("plugins"));
+        std::filesystem::create_symlink(EARLIER_PLUGIN, path("plugins/qzfi_provider_earlier.so"));
+        setenv("QFI_DIR", (path("plugins") + "/").c_str(), 1);
+        start();
+    }
+
     Watcher watcher_;
 };
 
@@ -73,16 +84,29 @@ TEST_F(Totals, bytes_that_are_not_known_of_every_object_are_not_told) {
 }
 
 TEST_F(Totals, a_provider_of_an_earlier_kit_works_and_leaves_them_unknown) {
-    stop();
-    std::filesystem::create_directories(path("plugins"));
-    std::filesystem::create_symlink(EARLIER_PLUGIN, path("plugins/qzfi_provider_earlier.so"));
-    setenv("QFI_DIR", (path("plugins") + "/").c_str(), 1);
-    start();
+    load_earlier_provider();
     const qfi_progress end = frozen({make_object("one"), make_object("two")}, "earlier");
     EXPECT_EQ(end.entries_done, 2u);
     EXPECT_EQ(end.entries_total, 0u);
     EXPECT_EQ(end.bytes_total, 0u);
     EXPECT_EQ(names_in(path("store") + "/images").size(), 1u);
+}
+
+// A machine's file systems may hold millions of files, or be far away: to list them, none is counted.
+TEST_F(Totals, are_not_asked_for_to_list_file_systems) {
+    load_earlier_provider();
+    qfi_node_list *nodes = nullptr;
+    EXPECT_EQ(qfi_op_enumerate_nodes(nullptr, nullptr, 0, &nodes), 0) << last_error();
+    EXPECT_NE(nodes, nullptr);
+    qfi_op_free_node_list(nodes);
+    void *const plugin = dlopen(path("plugins/qzfi_provider_earlier.so").c_str(), RTLD_NOW | RTLD_NOLOAD);
+    ASSERT_NE(plugin, nullptr) << "it is loaded by now";
+    const auto probed_with = reinterpret_cast<uint32_t (*)()>(dlsym(plugin, "earlier_probed_with"));
+    ASSERT_NE(probed_with, nullptr) << dlerror();
+    EXPECT_EQ(probed_with(), uint32_t{QFI_JOB_GLANCE});
+    frozen({make_object("one")}, "earlier");
+    EXPECT_EQ(probed_with() & QFI_JOB_GLANCE, 0u);
+    dlclose(plugin);
 }
 
 } // namespace

@@ -277,6 +277,20 @@ TEST_F(Disks, copy_tells_what_it_will_cost_and_refuses_what_cannot_fit) {
     EXPECT_EQ(reason, "the store's file system has 1048576 bytes left, and the copy needs about 3248128");
 }
 
+TEST_F(Disks, at_a_glance_nothing_is_counted) {
+    NEED("tmpfs");
+    const LoopFilesystem disk("tmpfs", 64);
+    const fs::path object = make_object(disk);
+    const Plugin copy("copy");
+    const qfi_probe counted = probe(copy, object, disk.path() + "/store");
+    const qfi_probe glance = probe(copy, object, disk.path() + "/store", QFI_JOB_GLANCE);
+    EXPECT_EQ(counted.entries, 2u);
+    EXPECT_EQ(glance.entries, 0u);
+    EXPECT_EQ(glance.bytes, 0u);
+    EXPECT_EQ(glance.combo_class, counted.combo_class);
+    EXPECT_EQ(glance.consistency, counted.consistency);
+}
+
 TEST_F(Disks, of_a_tree_that_is_too_large_to_count_nothing_is_foretold) {
     NEED("tmpfs");
     const LoopFilesystem disk("tmpfs", 64);
