@@ -63,7 +63,10 @@ void prepare_filesystem(const Tree &tree, TreeFilesystem &filesystem, const char
     filesystem.consistency = chosen.consistency;
     filesystem.foretold_entries = chosen.entries;
     filesystem.foretold_bytes = chosen.bytes;
-    filesystem.store = Store::open(filesystem.store_path, true, operation);
+    // The default store is on the object's own file system, which is mounted.
+    const bool is_default = filesystem.store_path == default_store(filesystem, provider);
+    filesystem.store = is_default ? Store::open(filesystem.store_path, true, operation)
+                                  : open_to_fill(filesystem.store_path, operation);
     require_room(chosen, filesystem.store->images(), operation);
     remember_store(filesystem.store->path());
     filesystem.record = ImageRecord();

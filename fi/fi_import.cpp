@@ -363,7 +363,7 @@ std::shared_ptr<Tree> import_images(const char *directory, const char *store_pat
         incoming.require_expected(*expected);
     incoming.require_sound();
     const std::shared_ptr<Store> store =
-        Store::open(store_path != nullptr ? store_path : default_store_path(), true, operation);
+        open_to_fill(store_path != nullptr ? store_path : default_store_path(), operation);
     incoming.take_over(*store);
     remember_store(store->path());
     std::shared_ptr<Tree> tree = tree_of_image(incoming.fiid().set_id, store->path().c_str(), operation);

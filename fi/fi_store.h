@@ -171,5 +171,8 @@ std::string default_store_path();
 void remember_store(const std::string &path) noexcept;
 void forget_store(const std::string &path, const char *operation);
 std::vector<std::string> known_stores();
+/// Opens a store to put images into, made when it is not there; but a known one that has gone, as when its file system
+/// is not mounted, is refused (QFI_FI_STORE).
+std::shared_ptr<Store> open_to_fill(const std::string &path, const char *operation);
 
 } // namespace qzfi::fi

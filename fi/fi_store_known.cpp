@@ -1,5 +1,6 @@
 // The register of known stores.
 #include <algorithm>
+#include <cerrno>
 #include <map>
 #include <mutex>
 #include <set>
@@ -130,6 +131,17 @@ std::vector<std::string> known_stores() {
             paths.push_back(path);
     }
     return each_once(paths);
+}
+
+// A second store in an empty mount point would fill the wrong disk, and be hidden by the next mount.
+std::shared_ptr<Store> open_to_fill(const std::string &given, const char *operation) {
+    const std::string path = normal_store_path(given);
+    struct stat status {};
+    if (path != default_store_path() && contains(known_stores(), path) &&
+        lstat((path + "/catalog.db").c_str(), &status) != 0 && errno == ENOENT)
+        fail(message::store_unusable, QFI_FI_STORE, operation,
+             {path, "it is known, and its catalog is not there: mount its file system, or forget it"});
+    return Store::open(path, true, operation);
 }
 
 } // namespace qzfi::fi

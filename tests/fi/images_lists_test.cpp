@@ -426,6 +426,28 @@ TEST_P(Lists, a_store_that_is_forgotten_keeps_its_images) {
               "qzfi_objctl: invalid argument: the commands for a store are \"repair\", \"remember\" and \"forget\"\n");
 }
 
+// As when the file system of the store is not mounted.
+TEST_P(Lists, a_known_store_that_has_gone_gets_no_second_one_in_its_place) {
+    freeze({object}, store);
+    const std::string away = top / "away";
+    fs::rename(store, away);
+    fs::create_directory(store);
+    {
+        const Tree tree({object});
+        qfi_freeze_options options;
+        QFI_INIT(options);
+        options.store = store.c_str();
+        EXPECT_EQ(qfi_op_make(tree.get(), &options, nullptr), QFI_FI_STORE);
+        EXPECT_EQ(last_error(),
+                  "qzfi_make: store " + store.string() +
+                      " cannot be used: it is known, and its catalog is not there: mount its file system, "
+                      "or forget it\n");
+    }
+    EXPECT_TRUE(fs::is_empty(store));
+    ASSERT_EQ(qfi_op_objctl(nullptr, QFI_OBJCTL_FORGET, store.c_str(), nullptr), 0) << last_error();
+    EXPECT_TRUE(fs::exists(freeze({object}, store).image_path())) << "a new one, as was told";
+}
+
 TEST_P(Lists, a_store_that_moved_is_remembered_when_told_to) {
     const Tree tree = freeze({object}, store);
     const std::string id = tree.image_id(), moved = top / "moved";
