@@ -46,13 +46,18 @@ class Elsewhere(ToolTest):
         error = self.fail_with(2, "diff", self.identity, self.folder / "nix", "--store", self.store)
         self.assertIn("and no other directory: No such file or directory\n", error)
 
-    def test_a_set_is_not_compared_with_one_directory(self):
+    def test_an_image_of_several_objects_is_not_taken_for_one(self):
         other = self.folder / "second"
         other.mkdir()
         identity = self.freeze(self.data, other, "--method", "copy", "--store", self.store)
         error = self.fail_with(2, "diff", identity, "/etc", "--store", self.store)
         self.assertEqual(error, f"qzfi: compare image {identity} with /etc: it is in none of the 2 objects, {self.data} "
-                                f"and {other}; name the image of the one to compare it with, not the set\n")
+                                f"and {other}; an image of several objects can be compared with its originals or "
+                                "another image\n")
+        for command in ("restore", "resync"):
+            error = self.fail_with(2, command, identity, "--only", "file", "--store", self.store, "--yes")
+            self.assertEqual(error, f"qzfi: find file in image {identity}: it has several objects, {self.data} and {other}: "
+                                    "restore it --to a new folder and take the part from there, or `qzfi cat` a file\n")
 
     def test_a_store_may_be_named_from_where_one_is(self):
         identity = self.succeed("freeze", "data", "--method", "copy", "--store", "new/store", cwd=self.folder)

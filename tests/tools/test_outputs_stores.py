@@ -9,12 +9,21 @@ from support import ToolTest
 class Outputs(ToolTest):
     def test_a_full_output_is_a_failure(self):
         self.freeze()
-        for arguments in (("list", "--store", self.store), ("list", "--json"), ("providers",), ("doctor",),
-                          ("freeze", self.data, "--method", "copy", "--store", self.store)):
+        for arguments in (("list", "--store", self.store), ("list", "--json"), ("providers",), ("doctor",)):
             with self.subTest(arguments), open("/dev/full", "w") as full:
                 process = support.start(*arguments, stdout=full)
                 _, error = process.communicate(timeout=support.PATIENCE)
                 self.assertEqual((process.returncode, error), (1, "qzfi: cannot write to standard output\n"))
+
+    def test_an_image_whose_id_cannot_be_printed_is_told(self):
+        for form in ((), ("--json",)):
+            with self.subTest(form), open("/dev/full", "w") as full:
+                process = support.start("freeze", self.data, "--method", "copy", "--store", self.store, *form,
+                                        stdout=full)
+                _, error = process.communicate(timeout=support.PATIENCE)
+                identity = self.listed()[-1]
+                self.assertEqual((process.returncode, error), (1, f"qzfi: image {identity} is there\n"
+                                                                  "qzfi: cannot write to standard output\n"))
 
     def test_a_closed_output_is_a_failure(self):
         command = " ".join(support.tool_command("providers"))

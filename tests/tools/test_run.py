@@ -45,6 +45,31 @@ class Run(ToolTest):
         self.assertEqual(result.code, 130, str(result))
         support.wait_for(lambda: not pathlib.Path(f"/proc/{pid}").exists(), "the command's end")
 
+    def test_a_signal_to_the_process_alone_ends_the_command(self):
+        for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGINT):
+            with self.subTest(number):
+                started, after = self.folder / f"started{number}", self.folder / f"after{number}"
+                process = support.start("run", f"echo $$ >{started}; sleep 1000; touch {after}")
+                pid = int(support.wait_for(lambda: started.exists() and started.read_text()))
+                process.send_signal(number)
+                _, error = process.communicate(timeout=support.PATIENCE)
+                self.assertEqual(process.returncode, 130, error)
+                self.assertTrue(error.endswith(": interrupted\n"), error)
+                self.assertFalse(pathlib.Path(f"/proc/{pid}").exists(), "the command is gone before")
+                self.assertFalse(after.exists())
+
+    def test_a_signal_to_the_whole_group_ends_it_too(self):
+        started = self.folder / "started"
+        process = support.start("run", f"echo $$ >{started}; sleep 1000")
+        pid = int(support.wait_for(lambda: started.exists() and started.read_text()))
+        os.killpg(process.pid, signal.SIGTERM)
+        _, error = process.communicate(timeout=support.PATIENCE)
+        self.assertEqual(process.returncode, 130, error)
+        support.wait_for(lambda: not pathlib.Path(f"/proc/{pid}").exists(), "the command's end")
+
+    def test_an_empty_command_is_refused(self):
+        self.assertEqual(self.fail_with(2, "run", ""), "qzfi: run: the command is empty\n")
+
     def test_closed_output_is_a_failure(self):
         with open("/dev/full", "w") as full:
             process = support.start("run", "echo a", stdout=full)

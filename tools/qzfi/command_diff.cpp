@@ -64,7 +64,9 @@ void use_directory(Other &other, const qfi_domain *from, const std::string &give
     if (const std::size_t count = object_nodes(from).size(); count > 1)
         throw Failure("compare image " + id_of(from) + " with " + other.directory + ": it is in none of the " +
                           std::to_string(count) + " objects, " + objects_text(from) +
-                          "; name the image of the one to compare it with, not the set",
+                          (from->fid_children->fid_siblings != nullptr
+                               ? "; name the image of the one to compare it with, not the set"
+                               : "; an image of several objects can be compared with its originals or another image"),
                       exit_usage);
     other.to = tree_of({other.directory});
 }

@@ -57,7 +57,7 @@ int run(const Settings &settings, const Options &options) {
         print(Json{{"images", std::move(list)}, {"unusable", json_of(unusable)}});
     } else if (images) {
         print_table(images.get());
-    } else if (!settings.quiet) {
+    } else if (!settings.quiet && unusable.empty()) {
         std::cerr << "no images\n";
     }
     return tell_unusable(unusable);

@@ -349,7 +349,7 @@ int run(const Settings &settings, const Options &given) {
     const std::vector<std::size_t> spares = spares_of(plan, goals);
     if (!options.json && !plan.units.empty())
         print_plan(plan, spares, options.policy.has_rule());
-    else if (!options.json && !settings.quiet)
+    else if (!options.json && !settings.quiet && unusable.empty())
         std::cerr << "no images\n";
     const auto count =
         static_cast<uint64_t>(std::count_if(plan.decisions.begin(), plan.decisions.end(), [](const auto &decision) {

@@ -1,8 +1,16 @@
 // qzfi run: a command in the context process, as pre and post commands run.
 #include <array>
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
 #include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "tools/qzfi/commands.h"
@@ -83,6 +91,79 @@ int32_t read_exit_code(int source) {
     return code;
 }
 
+// A signal that came to this process, until it is dealt with.
+volatile std::sig_atomic_t signal_came = 0, is_from_terminal = 0;
+
+void note_signal(int signal, siginfo_t *info, void *) {
+    is_from_terminal = info->si_code == SI_KERNEL;
+    signal_came = signal;
+}
+
+void note_ending_signals() {
+    struct sigaction action = {};
+    action.sa_sigaction = note_signal;
+    action.sa_flags = SA_SIGINFO | SA_RESTART;
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction present = {};
+        // One that the caller ignores, as nohup does with SIGHUP, stays ignored.
+        if (sigaction(signal, nullptr, &present) == 0 && present.sa_handler != SIG_IGN)
+            (void)sigaction(signal, &action, nullptr);
+    }
+}
+
+pid_t parent_of(const std::string &pid) {
+    std::ifstream file("/proc/" + pid + "/stat");
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    const std::size_t place = text.rfind(')'); // what is before may be any text
+    int parent = 0;
+    char state = 0;
+    return place != std::string::npos && std::sscanf(text.c_str() + place + 1, " %c %d", &state, &parent) == 2 ? parent
+                                                                                                               : 0;
+}
+
+// The command and what it started; not the context process, which tells how it ended.
+void signal_below(pid_t context, int signal) {
+    std::multimap<pid_t, pid_t> children;
+    std::error_code error;
+    for (const auto &entry : std::filesystem::directory_iterator("/proc", error))
+        if (const std::string name = entry.path().filename(); name.find_first_not_of("0123456789") == std::string::npos)
+            children.emplace(parent_of(name), static_cast<pid_t>(std::atol(name.c_str())));
+    std::vector<pid_t> found = {context};
+    for (std::size_t index = 0; index < found.size(); ++index) {
+        const auto [begin, end] = children.equal_range(found[index]);
+        for (auto child = begin; child != end; ++child)
+            found.push_back(child->second);
+    }
+    for (std::size_t index = 1; index < found.size(); ++index)
+        (void)kill(found[index], signal);
+}
+
+bool has_ended(pid_t child) {
+    siginfo_t info = {};
+    return waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == child;
+}
+
+// True once a signal came. One from the terminal has reached the command too; any other is handed on, and the command's
+// end awaited.
+bool was_interrupted(pid_t context) {
+    static bool has_come = false;
+    if (const int signal = signal_came; signal != 0) {
+        signal_came = 0;
+        has_come = true;
+        if (is_from_terminal != 0) {
+            (void)std::signal(signal, SIG_DFL);
+            (void)raise(signal);
+        }
+        signal_below(context, signal);
+    }
+    // It went to all of the group: nobody is left who would tell the command's end, or could be stopped in order.
+    if (has_come && has_ended(context)) {
+        std::cerr << "qzfi: run: interrupted\n";
+        _exit(exit_interrupted);
+    }
+    return has_come;
+}
+
 // Output as it comes, until the exit code is there and the pipes hold nothing more. Not to the pipes' end: the context
 // process holds them open, and so may what the command left running.
 int32_t hand_on_all(const int32_t *record) {
@@ -92,10 +173,12 @@ int32_t hand_on_all(const int32_t *record) {
     int32_t code = 0;
     bool has_code = false;
     for (;;) {
-        const int ready = poll(sources.data(), sources.size(), has_code ? 0 : -1);
+        // Not for ever: a signal may come just before.
+        const int ready = poll(sources.data(), sources.size(), has_code ? 0 : 250);
         if (ready < 0 && errno != EINTR)
             fail("wait for the command");
-        if (ready == 0)
+        (void)was_interrupted(record[QFI_CONTEXT_PID]);
+        if (ready == 0 && has_code)
             return code;
         for (std::size_t index = 0; ready > 0 && index < 2; ++index)
             if (sources[index].revents != 0 && !hand_on(sources[index].fd, index == 0 ? STDOUT_FILENO : STDERR_FILENO))
@@ -129,12 +212,17 @@ private:
 };
 
 int run(const Settings &settings, const Options &options) {
+    if (options.words.front().empty()) // as a variable that is not set
+        throw Failure("run: the command is empty", exit_usage);
     const Session session(settings);
     const Context context;
     // The context process has closed its standard input: what the command opens first would be taken for it.
     const std::string command = shell_text(options.words);
+    note_ending_signals();
     const Exchange exchange("exec </dev/null\n" + command);
     const int32_t code = hand_on_all(exchange.record());
+    if (was_interrupted(exchange.record()[QFI_CONTEXT_PID]))
+        throw Failure("run " + command + ": interrupted", exit_interrupted);
     if (code < 0)
         throw Failure("run " + command + ": it was ended by a signal", exit_failed, take_errors());
     return code;

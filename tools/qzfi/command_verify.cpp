@@ -120,7 +120,7 @@ int run(const Settings &settings, const Options &options) {
         throw;
     }
     print_document(false);
-    if (!images && !options.json && !settings.quiet)
+    if (!images && !options.json && !settings.quiet && unusable.empty())
         std::cerr << "no images\n";
     const int code = tell_unusable(unusable);
     return done.is_damaged ? exit_differs : done.has_failed ? exit_failed : code;
