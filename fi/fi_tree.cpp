@@ -1,6 +1,7 @@
 // From objects to a tree, and what could freeze it.
 #include "fi/fi_tree.h"
 #include "fi/fi_freeze.h"
+#include "fi/fi_place.h"
 
 #include <algorithm>
 #include <climits>
@@ -54,13 +55,11 @@ std::string canonical_path(const std::string &given, const char *operation) {
 }
 
 Descriptor open_directory(const std::string &path, const char *operation) {
-    // Not open_beneath: an object lies where it lies, across mounts; its path holds no link, or it was swapped.
-    Descriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (directory)
-        return directory;
-    if (errno == ENOTDIR || errno == ELOOP)
+    struct stat status {};
+    if (stat(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode))
         fail(message::no_such_object, QFI_FI_NO_SUCH_OBJECT, operation, {path, error_text(ENOTDIR)});
-    fail_call(operation, "open", path, errno, true);
+    // An object lies where it lies, across mounts; its path holds no link, or something was swapped.
+    return open_without_links(path, O_RDONLY | O_DIRECTORY, operation);
 }
 
 uint64_t device_of(const std::string &path, const char *operation) {

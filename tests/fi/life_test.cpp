@@ -494,12 +494,29 @@ TEST_F(Life, an_object_that_is_swapped_for_a_link_is_not_frozen) {
     qfi_domain *const tree = tree_in(QFI_TREE_QUIESCED);
     std::filesystem::rename(object_, path("elsewhere"));
     std::filesystem::create_directory_symlink(path("elsewhere"), object_);
-    EXPECT_EQ(qfi_op_split(tree, nullptr, nullptr), 1025);
-    EXPECT_EQ(last_error(), "qzfi_split: " + object_ + ": Not a directory (20)");
+    EXPECT_EQ(qfi_op_split(tree, nullptr, nullptr), 1038);
+    EXPECT_EQ(last_error(), "qzfi_split: " + object_ + " leaves its place: " + object_ + " is a symbolic link");
     EXPECT_TRUE(names_in(copy_store() + "/images").empty());
     EXPECT_EQ(qfi_op_unquiesce(tree), 0) << "nothing is left to do";
     EXPECT_EQ(qfi_op_unquiesce(tree), 1027);
     qfi_op_detach(tree, nullptr, 0, nullptr);
+}
+
+// Whoever may rename a folder on the way would have another's tree frozen under the object's name.
+TEST_F(Life, an_object_below_a_folder_that_is_swapped_for_a_link_is_not_frozen) {
+    const std::string way = path("way"), secret = path("secret");
+    std::filesystem::create_directories(way + "/object");
+    std::filesystem::create_directories(secret + "/object");
+    write_file(secret + "/object/file", "not to be read");
+    qfi_domain *const tree = tree_of({way + "/object"});
+    ASSERT_EQ(qfi_op_select(tree, nullptr, "copy", nullptr), 0) << last_error();
+    ASSERT_EQ(qfi_op_prepare(tree, 0, nullptr, nullptr), 0) << last_error();
+    std::filesystem::rename(way, path("elsewhere"));
+    std::filesystem::create_directory_symlink(secret, way);
+    ASSERT_EQ(qfi_op_quiesce(tree), 1038);
+    EXPECT_EQ(last_error(), "qzfi_quiesce: " + way + "/object leaves its place: " + way + " is a symbolic link");
+    qfi_op_detach(tree, nullptr, 0, nullptr);
+    EXPECT_TRUE(names_in(copy_store() + "/images").empty());
 }
 
 TEST_F(Life, the_status_of_an_operation_can_be_asked_for) {
