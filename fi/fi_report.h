@@ -2,7 +2,8 @@
 //
 // A line is: kind, errno, object, path, detail; separated by single blanks, texts escaped as in manifests and never
 // empty ("-" stands for an empty one, "\x2d" for "-"). The first line names the format and its version, the last one,
-// "end COUNT", tells the number of remarks, those not kept included. Those that decide stand first, so that they are kept first.
+// "end COUNT", tells the number of remarks, those not kept included. Those that decide stand first, so that they are
+// kept first.
 #pragma once
 
 #include <optional>
