@@ -1,4 +1,5 @@
 """qzfi restore, resync, rm, prune, export and import: what changes originals, images and stores."""
+import datetime
 import os
 import shutil
 import unittest
@@ -49,6 +50,37 @@ class Restore(ToolTest):
                 self.assertEqual(result.code, 1, str(result))
                 self.assertTrue(result.out.endswith(f"\nqzfi: {text}\n"), str(result))
         self.assertEqual(self.listed(), [first, second])
+
+    def test_what_was_typed_before_the_question_is_no_answer(self):
+        identity = self.freeze()
+        with Terminal(tool_command("rm", identity, "--store", self.store)) as terminal:
+            terminal.send("y\n")
+            terminal.read_until(r"\[y/N\] ")
+            terminal.send("n\n")
+            self.assertEqual(terminal.finish().code, 1)
+        self.assertEqual(self.listed(), [identity])
+
+    def test_data_is_compared_by_digests_where_asked_for(self):
+        identity = self.freeze(self.data, "--method", "copy", "--digest", "--store", self.store)
+        at, file = ("--store", self.store), self.data / "file"
+        status = file.stat()
+        for command in ("resync", "restore"):
+            file.write_text("CONTENT\n")
+            os.utime(file, ns=(status.st_atime_ns, status.st_mtime_ns))
+            plan = self.succeed(command, identity, *at, "--dry-run", "--digest")
+            self.assertEqual(plan.count(f"{file}: "), 1, plan)
+            self.assertEqual(file.read_text(), "CONTENT\n")
+            self.succeed(command, identity, *at, "--digest", "--yes")
+            self.assertEqual(file.read_text(), "content\n", command)
+
+    def test_a_dry_run_of_resync_changes_nothing(self):
+        identity = self.freeze()
+        self.change()
+        plan = self.succeed("resync", identity, "--store", self.store, "--dry-run")
+        self.assertIn(f"{self.data}/file: ", plan)
+        self.assertIn(f"{self.data}/new: would be removed\n", plan)
+        self.assertNotEqual((self.data / "file").read_text(), "content\n")
+        self.assertTrue((self.data / "new").exists())
 
     def test_in_place_elsewhere_and_in_part(self):
         identity = self.freeze()
@@ -136,6 +168,23 @@ class Remove(ToolTest):
         document = self.json("prune", "--keep-last", "1", "--store", self.store, "--yes")
         self.assertEqual([one["removed"] for one in document["images"]], [True, True, False])
         self.assertEqual(self.listed(), ids[2:])
+
+    def test_each_rule_is_the_one_that_is_named(self):
+        identity = self.freeze()
+        time, = [image["time"] for image in self.json("list", "--store", self.store)["images"]]
+        day = datetime.date.fromisoformat(time[:10])
+        year, week, _ = day.isocalendar()
+        reasons = {"last": "last 1", "daily": f"day {day}", "weekly": f"week {year}-W{week:02}",
+                   "monthly": f"month {day:%Y-%m}"}
+        for rule, reason in reasons.items():
+            document = self.json("prune", f"--keep-{rule}", "2", "--store", self.store, "--dry-run")
+            self.assertEqual([(one["id"], one["reasons"]) for one in document["images"]], [(identity, [reason])])
+
+    def test_what_may_go_for_space_is_told(self):
+        first, second = self.freeze(), self.freeze()
+        document = self.json("prune", "--keep-free", "100", "--store", self.store, "--dry-run", "--quiet")
+        self.assertEqual([(one["id"], one["may_go_for_space"]) for one in document["images"]],
+                         [(first, True), (second, False)])
 
     def test_rules_that_keep_nothing_prune_nothing(self):
         ids = [self.freeze() for _ in range(2)]

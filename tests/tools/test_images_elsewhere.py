@@ -46,6 +46,15 @@ class Elsewhere(ToolTest):
         error = self.fail_with(2, "diff", self.identity, self.folder / "nix", "--store", self.store)
         self.assertIn("and no other directory: No such file or directory\n", error)
 
+    def test_a_path_that_is_nowhere_is_no_path_without_differences(self):
+        at = ("--store", self.store)
+        error = self.fail_with(2, "diff", self.identity, self.data / "flie", *at)
+        self.assertEqual(error, f"qzfi: compare image {self.identity} with {self.data}/flie: it is neither there nor in the "
+                                "image\n")
+        self.assertEqual(self.succeed("diff", self.identity, self.data / "file", *at), "")
+        (self.data / "file").unlink()
+        self.assertEqual(self.succeed("diff", self.identity, self.data / "file", *at), f"R {self.data}/file\n")
+
     def test_an_image_of_several_objects_is_not_taken_for_one(self):
         other = self.folder / "second"
         other.mkdir()

@@ -40,6 +40,23 @@ class Life(ToolTest):
     def test_on_btrfs(self):
         self.live(support.loop_filesystem("btrfs"), "btrfs")
 
+    def test_nested_subvolumes_come_when_asked_for(self):
+        mount_point = support.loop_filesystem("btrfs")
+        for name in ("volume", "volume/inner"):
+            self.assertEqual(support.run(["btrfs", "subvolume", "create", mount_point / name]).code, 0)
+        (mount_point / "volume/inner/file").write_text("inner\n")
+        for arguments, code in (((), 1), (("--nested",), 0)):
+            identity = self.freeze(mount_point / "volume", "--method", "btrfs", *arguments)
+            result = support.qzfi("cat", identity, "inner/file")
+            self.assertEqual((result.code, result.out), (code, "" if code else "inner\n"), str(result))
+            self.succeed("rm", identity, "--yes")
+
+    def test_an_imported_folder_stays_when_asked_for(self):
+        identity, out = self.freeze(), self.folder / "out"
+        self.succeed("export", identity, "--to", out, "--store", self.store)
+        self.succeed("import", out, "--keep-source", "--store", self.store)
+        self.assertEqual((self.listed(), (out / "fiid.xml").exists()), ([identity], True))
+
     def test_by_reflinks(self):
         self.live(support.loop_filesystem("xfs", 320), "reflink")
 

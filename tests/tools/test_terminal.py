@@ -213,6 +213,8 @@ class Usage(ToolTest):
                                                            "2147483647; `qzfi errmsg --help` tells more\n")
 
     def test_an_empty_value_is_not_taken_for_none(self):
+        self.assertEqual(self.fail_with(2, "list", "--root", ""),
+                         "qzfi: list: --root: its value is empty; `qzfi list --help` tells more\n")
         for command, *arguments, option in (("restore", "latest", "--yes", "--to"), ("restore", "latest", "--yes", "--only"),
                                             ("resync", "latest", "--yes", "--only"), ("export", "latest", "--to"),
                                             ("prune", "--keep-last", "1", "--yes", "--object"), ("list", "--store"),

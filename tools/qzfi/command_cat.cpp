@@ -55,6 +55,10 @@ int open_below(int object, const std::string &path) {
 void write_all(const char *data, std::size_t length) {
     while (length > 0) {
         const ssize_t written = write(STDOUT_FILENO, data, length);
+        if (written < 0 && errno == EPIPE) { // the reader has had enough, as `head` has
+            (void)std::signal(SIGPIPE, SIG_DFL);
+            (void)raise(SIGPIPE);
+        }
         if (written < 0 && errno != EINTR)
             fail("write to standard output", errno);
         if (written > 0) {

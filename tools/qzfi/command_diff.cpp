@@ -84,6 +84,21 @@ Other other_of(const qfi_domain *from, const Options &options) {
     return other;
 }
 
+// A path that is neither here nor in the image is a slip, no path without differences.
+void require_somewhere(const qfi_domain *from, const std::string &path) {
+    std::error_code error;
+    if (std::filesystem::symlink_status(path, error).type() != std::filesystem::file_type::not_found)
+        return;
+    const Place place = find_place(from, {path, 0});
+    Text frozen;
+    if (qfi_op_access(place.object, or_null(place.below), Out(frozen)) == QFI_STATUS_OK &&
+        std::filesystem::symlink_status(frozen.get(), error).type() != std::filesystem::file_type::not_found)
+        return;
+    (void)take_errors();
+    throw Failure("compare image " + id_of(from) + " with " + path + ": it is neither there nor in the image",
+                  exit_usage);
+}
+
 char letter(uint32_t change) {
     constexpr std::array letters = {'?', 'A', 'R', 'C', 'T', 'M'};
     return change < letters.size() ? letters.at(change) : '?';
@@ -123,6 +138,8 @@ int run(const Settings &settings, const Options &options) {
         else
             std::cout << letter(entry.change) << ' ' << printable(path) << '\n';
     }
+    if (count == 0 && !other.within.empty())
+        require_somewhere(from.get(), other.within);
     if (options.json)
         print(Json{{"from", id},
                    {"to", other.id.empty() ? Json() : Json(other.id)},

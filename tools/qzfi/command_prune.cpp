@@ -230,7 +230,7 @@ void print_plan(const Plan &plan, const std::vector<std::size_t> &spares, bool h
 }
 
 Json json_of(const Plan &plan, const std::vector<StoreGoal> &goals, const std::vector<Store> &unusable,
-             const Options &options, bool was_interrupted) {
+             const std::vector<std::size_t> &spares, const Options &options, bool was_interrupted) {
     const auto texts = [](const auto &range) {
         Json list = Json::array();
         for (const std::string &text : range)
@@ -250,6 +250,7 @@ Json json_of(const Plan &plan, const std::vector<StoreGoal> &goals, const std::v
                           {"action", action_name(plan.decisions[index].action)},
                           {"reasons", texts(plan.decisions[index].reasons)},
                           {"removed", unit.is_removed},
+                          {"may_go_for_space", std::find(spares.begin(), spares.end(), index) != spares.end()},
                           {"for_space", unit.was_for_space}});
     }
     for (const StoreGoal &goal : goals)
@@ -366,7 +367,7 @@ int run(const Settings &settings, const Options &given) {
         } catch (const Failure &failure) {
             // What was removed before is gone all the same.
             if (options.json)
-                print(json_of(plan, goals, unusable, options, failure.code() == exit_interrupted));
+                print(json_of(plan, goals, unusable, spares, options, failure.code() == exit_interrupted));
             throw;
         }
     } else if (!settings.quiet) {
@@ -376,7 +377,7 @@ int run(const Settings &settings, const Options &given) {
                           << " are free now; what a removal frees cannot be told beforehand\n";
     }
     if (options.json)
-        print(json_of(plan, goals, unusable, options, false));
+        print(json_of(plan, goals, unusable, spares, options, false));
     return code;
 }
 

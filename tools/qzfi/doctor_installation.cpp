@@ -6,6 +6,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -119,7 +120,11 @@ void check_messages(const Settings &settings, Findings &findings) {
         findings.push_back({Health::ok, "catalogs", folder, "complete", ""});
     else
         findings.push_back({Health::warning, "catalogs", folder, "cannot read " + joined(missing),
-                            "messages are in English; install " + settings.root + "/resources there"});
+                            "messages are in English; " +
+                                (std::filesystem::path(folder).lexically_normal() ==
+                                         std::filesystem::path(settings.root + "/resources/").lexically_normal()
+                                     ? "install them again"
+                                     : "install " + settings.root + "/resources there")});
 
     const char *const locale = qzfi_getlocale();
     std::string text = "no catalog: messages are in English";

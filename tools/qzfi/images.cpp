@@ -9,6 +9,7 @@
 #include <set>
 #include <string_view>
 #include <sys/utsname.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include "tools/qzfi/stores.h"
@@ -243,6 +244,7 @@ bool confirm(const std::string &question, bool assume_yes) {
         return true;
     if (isatty(STDIN_FILENO) != 1)
         throw Failure(question + " Nobody can be asked here: say --yes", exit_usage);
+    (void)tcflush(STDIN_FILENO, TCIFLUSH); // what was typed before answers another question
     std::cerr << printable(question) << " [y/N] " << std::flush;
     std::string answer;
     if (!std::getline(std::cin, answer))

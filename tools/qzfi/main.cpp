@@ -1,9 +1,11 @@
 // qzfi: the command. It takes the command line apart, runs one subcommand and tells how it ended.
 #include <clocale>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <iostream>
+#include <poll.h>
 #include <sstream>
 #include <unistd.h>
 
@@ -69,6 +71,7 @@ void declare(CommandLine &line) {
     line.settings.root = root != nullptr && *root != '\0' ? root : default_root;
     app.add_option("--root", line.settings.root, "The installation root; else QFI_ROOT, else /usr/lumen")
         ->type_name("DIR")
+        ->check(CLI::Validator([](const std::string &given) { return given.empty() ? "its value is empty" : ""; }, ""))
         ->check(CLI::Validator(CLI::ExistingDirectory).description(""));
     app.add_flag("-q,--quiet", line.settings.quiet, "No progress, no remarks, no word of what was done");
     app.add_flag("--trace", line.settings.trace, "Show trace lines on standard error; `qzfi log` chooses which");
@@ -121,6 +124,11 @@ int told_usage(const CLI::App &app, const CLI::ParseError &error) {
     return exit_usage;
 }
 
+bool has_no_reader(int descriptor) {
+    pollfd output{descriptor, POLLOUT, 0};
+    return poll(&output, 1, 0) == 1 && (output.revents & POLLERR) != 0;
+}
+
 int run(int argc, char **argv) {
     CommandLine line;
     declare(line);
@@ -141,6 +149,8 @@ int run(int argc, char **argv) {
     }
     // What did not get out was not said: a full disk must not look like success.
     if (!std::cout.flush()) {
+        if (has_no_reader(STDOUT_FILENO)) // has had enough, as `head` has
+            return code == exit_done ? 128 + SIGPIPE : code;
         std::cerr << "qzfi: cannot write to standard output\n";
         return code == exit_done ? exit_failed : code;
     }
