@@ -58,7 +58,11 @@ ManifestReader walked(int directory, const std::string &object, const WalkOption
     const TemporaryFolder scratch("qzfi-compare-", operation);
     ManifestWriter writer(scratch.directory(), name, operation, object);
     EngineHost host(operation, object, options.progress);
-    host.on_entry([&](const qfi_entry &entry) { return writer.add(entry); });
+    host.on_entry([&](const qfi_entry &entry) -> int32_t {
+        if (options.cancelled_by != nullptr && options.cancelled_by->cancelled())
+            return QFI_FI_CANCELLED;
+        return writer.add(entry);
+    });
     // Data that nobody can read must not pass for data that did not change.
     host.on_remark([&](const qfi_remark &remark) {
         if (remark.kind == QFI_REMARK_UNREADABLE && remark.error != EACCES && remark.error != EPERM)
@@ -293,6 +297,23 @@ void verify_object(const HeldImage &image, std::size_t index, const WalkOptions 
 }
 
 } // namespace
+
+void compare_image(const HeldImage &image, std::size_t index, const std::string &only, const WalkOptions &options,
+                   const std::function<void(const std::string &, const char *)> &damaged, const char *operation) {
+    if (!image.has_manifest(index))
+        return;
+    const std::string object = image_object_path(image.filesystem(), index);
+    const Descriptor directory = image.object(index);
+    ManifestReader expected(image.directory(), HeldImage::manifest_name(index).c_str(), operation, object);
+    ManifestReader present = walked(directory.get(), object, options, operation);
+    const LostAttributes lost = lost_attributes(image, image.filesystem().objects[index].path, operation);
+    compare_with_manifest(expected, present, lost,
+                          [&](uint32_t change, const ManifestEntry *old, const ManifestEntry *) {
+                              if (old != nullptr && change != QFI_CHANGE_ADDED && change != QFI_CHANGE_ATTRIBUTE &&
+                                  lies_at_or_below(old->path, only))
+                                  damaged(old->path, in_words(change));
+                          });
+}
 
 void verify(TreeLock &tree, Findings &report, const char *operation) {
     std::string first, damaged;

@@ -16,6 +16,7 @@ struct WalkOptions {
     bool digest = false;
     const LeftOut *exclude = nullptr; // stores that lie in the tree
     Progress *progress = nullptr;
+    const Progress *cancelled_by = nullptr; // where the walk itself is not counted
 };
 
 /// The entries of a tree, sorted. Throws Failure when it cannot be read.
@@ -57,6 +58,11 @@ private:
 /// and no copy of it has them.
 void compare_with_manifest(ManifestReader &expected, ManifestReader &present, const LostAttributes &lost,
                            const std::function<void(uint32_t, const ManifestEntry *, const ManifestEntry *)> &differs);
+
+/// Calls `damaged` with each entry at or below `only` that the image's tree should have by its manifest, and has not,
+/// or not of that type and content. Nothing is known of an image without a manifest.
+void compare_image(const HeldImage &image, std::size_t index, const std::string &only, const WalkOptions &options,
+                   const std::function<void(const std::string &path, const char *how)> &damaged, const char *operation);
 
 /// One block for the host.
 qfi_diff *give_diff(const std::vector<Difference> &differences);

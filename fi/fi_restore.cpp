@@ -25,6 +25,7 @@ struct Plan {
     std::vector<std::string> stores;
     std::string to, only;
     CopyOut how;
+    bool digest = false;     // contents are compared, too
     bool is_restore = false; // objects may have places to be restored to; a resynchronisation looks at none
 };
 
@@ -38,7 +39,7 @@ std::string joined(const std::string &path, const std::string &below) {
 }
 
 Plan plan_of(TreeLock &tree, const qfi_restore_options &options, Findings &report, const char *operation) {
-    Plan plan{operation, objects_of(*tree), stores_of(*tree), {}, {}, {}, false};
+    Plan plan{operation, objects_of(*tree), stores_of(*tree), {}, {}, {}, options.digest != 0, false};
     require(options.workers <= most_workers, operation, "at most 64 workers");
     const uint32_t workers = options.workers != 0 ? options.workers : 2;
     plan.how = {operation, workers, &tree.progress(), &report};
@@ -80,6 +81,32 @@ bool is_there(int original, const JobHost::Remark &remark) {
     struct stat status {};
     return !was_skipped || fstat(entry.get(), &status) != 0 ||
            (!S_ISSOCK(status.st_mode) && !is_subvolume(entry.get()));
+}
+
+// What is missing in the image, or was changed there, as far as its manifest tells.
+template <class Damaged>
+void look_for_damage(const Plan &plan, const ObjectRef &one, Damaged &&damaged) {
+    const HeldImage image(*one.filesystem, plan.operation);
+    WalkOptions options;
+    options.workers = plan.how.workers;
+    options.digest = plan.digest && image.record().has_digests;
+    options.cancelled_by = plan.how.progress;
+    compare_image(image, one.index, plan.only, options, damaged, plan.operation);
+}
+
+// Nothing sound is replaced by what is damaged.
+void refuse_damaged(const Plan &plan, const ObjectRef &one) {
+    look_for_damage(plan, one, [&](const std::string &path, const char *how) {
+        fail(message::damaged, QFI_FI_DAMAGED, plan.operation,
+             {one.filesystem->record.id, joined(one.object().path, path), how});
+    });
+}
+
+// Elsewhere the rest of it may be all that there is.
+void remark_damage(const Plan &plan, const ObjectRef &one, Findings &report) {
+    look_for_damage(plan, one, [&](const std::string &path, const char *how) {
+        report.add({QFI_REMARK_WARNING, 0, one.object().path, path, std::string("the image is damaged: ") + how});
+    });
 }
 
 // What could not be read when the image was made may be there still, and nowhere else.
@@ -138,6 +165,8 @@ void restore_to_new(const Plan &plan, const std::vector<ObjectRef> &objects, con
     const Place place = open_place(path, plan.operation);
     refuse_in_store(place, plan);
     const bool over_empty = refuse_existing(place, plan.operation);
+    for (const ObjectRef &one : objects)
+        remark_damage(plan, one, report);
     Workshop workshop(place, plan.operation);
     const HeldImage first(*objects.front().filesystem, plan.operation);
     const bool is_whole = objects.size() == 1 && is_directory(first, objects.front().index, plan.only, plan.operation);
@@ -183,6 +212,7 @@ void refuse_in_place(const Plan &plan) {
         refuse_in_store(place, plan); // where an id document says it was, which is anybody's
         refuse_irreplaceable(place, plan.stores, plan.operation);
         refuse_unread(plan, one);
+        refuse_damaged(plan, one);
     }
 }
 
@@ -243,13 +273,13 @@ std::vector<std::string> found_stores(const ObjectRef &one, const char *operatio
     return found;
 }
 
-void report_changes(const Plan &plan, const ObjectRef &one, bool digest, Findings &report) {
+void report_changes(const Plan &plan, const ObjectRef &one, Findings &report) {
     const HeldImage image(*one.filesystem, plan.operation);
     if (!plan.only.empty())
         is_directory(image, one.index, plan.only, plan.operation);
     WalkOptions options;
     options.workers = plan.how.workers;
-    options.digest = digest;
+    options.digest = plan.digest;
     options.progress = plan.how.progress;
     const std::string &object = one.object().path;
     const LeftOut left_out(*one.filesystem, object, found_stores(one, plan.operation));
@@ -273,6 +303,7 @@ void report_made(const Plan &plan, const std::vector<ObjectRef> &objects, const 
     refuse_in_store(place, plan);
     refuse_existing(place, plan.operation);
     for (const ObjectRef &one : objects) {
+        remark_damage(plan, one, report);
         const HeldImage image(*one.filesystem, plan.operation);
         const bool is_folder = is_directory(image, one.index, plan.only, plan.operation);
         const bool is_whole = objects.size() == 1 && is_folder;
@@ -292,14 +323,14 @@ void report_made(const Plan &plan, const std::vector<ObjectRef> &objects, const 
     }
 }
 
-void report_all_changes(const Plan &plan, bool digest, Findings &report) {
+void report_all_changes(const Plan &plan, Findings &report) {
     if (!plan.to.empty())
         report_made(plan, plan.objects, plan.to, report);
     for (const ObjectRef &one : plan.objects) {
         if (!plan.to.empty())
             break;
         if (one.object().restore_to.empty() || !plan.is_restore)
-            report_changes(plan, one, digest, report);
+            report_changes(plan, one, report);
         else
             report_made(plan, {one}, one.object().restore_to, report);
     }
@@ -317,7 +348,7 @@ void restore(TreeLock &tree, const qfi_restore_options &options, Findings &repor
     else if (plan.objects.size() > 1)
         refuse_same_names(plan);
     if (options.dry_run != 0) {
-        report_all_changes(plan, options.digest != 0, report);
+        report_all_changes(plan, report);
     } else if (!plan.to.empty()) {
         restore_to_new(plan, plan.objects, plan.to, report);
     } else {
@@ -344,7 +375,6 @@ struct Update {
     const Plan &plan;
     const HeldImage &image;
     const std::string &path;
-    bool digest;
     Findings &report;
     const LeftOut &left_out;
 
@@ -361,7 +391,7 @@ struct Update {
         job.source = source;
         job.target = place.parent.get();
         job.name = place.name.c_str();
-        job.flags = static_cast<uint32_t>(digest ? QFI_JOB_SYNC | QFI_JOB_DIGEST : QFI_JOB_SYNC);
+        job.flags = static_cast<uint32_t>(plan.digest ? QFI_JOB_SYNC | QFI_JOB_DIGEST : QFI_JOB_SYNC);
         job.workers = plan.how.workers;
         left_out.put(job);
         host.check(provider.ops->resync(&job), provider);
@@ -379,7 +409,7 @@ struct Update {
         engine::Options options;
         options.data = engine::Data::clone_or_copy;
         options.workers = plan.how.workers;
-        options.digest = digest;
+        options.digest = plan.digest;
         options.sync = true;
         left_out.put(options);
         const engine::Result result = engine::bring_up_to_date(source, directory, ".", options, host.record());
@@ -397,7 +427,7 @@ bool is_mount_point(const Place &place) {
            (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
 }
 
-void resync_directory(const Plan &plan, const ObjectRef &one, const HeldImage &image, bool digest, Findings &report) {
+void resync_directory(const Plan &plan, const ObjectRef &one, const HeldImage &image, Findings &report) {
     const std::string path = joined(one.object().path, plan.only);
     const Descriptor object = image.object(one.index);
     const Descriptor source(
@@ -405,7 +435,7 @@ void resync_directory(const Plan &plan, const ObjectRef &one, const HeldImage &i
     if (!source)
         fail_call(plan.operation, "open", path, errno, true);
     const LeftOut left_out(image.filesystem(), path, found_stores(one, plan.operation));
-    const Update update{plan, image, path, digest, report, left_out};
+    const Update update{plan, image, path, report, left_out};
     // Opened without links, and there: what is missing is for a restore to make.
     const Descriptor original = open_without_links(path, O_RDONLY | O_DIRECTORY, plan.operation);
     if (path == "/")
@@ -426,14 +456,15 @@ void resync(TreeLock &tree, const qfi_restore_options &options, Findings &report
         if (path != "/")
             refuse_in_store(open_place(path, operation), plan);
         refuse_unread(plan, one);
+        refuse_damaged(plan, one);
     }
     if (options.dry_run != 0) {
-        report_all_changes(plan, options.digest != 0, report);
+        report_all_changes(plan, report);
     } else {
         for (const ObjectRef &one : plan.objects) {
             const HeldImage image(*one.filesystem, operation);
             if (is_directory(image, one.index, plan.only, operation)) {
-                resync_directory(plan, one, image, options.digest != 0, report);
+                resync_directory(plan, one, image, report);
                 continue;
             }
             // A single file is replaced at once.

@@ -1,6 +1,7 @@
 // Restoring and resynchronising.
 #include "images_support.h"
 
+#include <fcntl.h>
 #include <qzfi_provider.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -408,6 +409,61 @@ TEST_P(Restore, in_place_needs_the_report_of_an_image_with_remarks) {
     fs::remove(report);
     fs::remove_all(object);
     EXPECT_EQ(restore(tree), 0) << "nothing is there to be lost: " << last_error();
+}
+
+TEST_P(Restore, puts_no_damaged_image_in_the_place_of_what_is_sound) {
+    const Tree tree = freeze({object}, store, "copy");
+    keep(object, top / "kept");
+    const fs::path image = tree.image_path();
+    const auto expect_damaged = [&](const char *path, const char *how, int digest) {
+        const std::string damage =
+            ": image " + tree.image_id() + " is damaged: " + (object / path).string() + ": " + how;
+        for (const uint32_t dry_run : {1u, 0u}) {
+            qfi_restore_options options;
+            QFI_INIT(options);
+            options.dry_run = dry_run;
+            options.digest = static_cast<uint32_t>(digest);
+            EXPECT_EQ(qfi_op_restore(tree.get(), &options, nullptr), QFI_FI_DAMAGED);
+            EXPECT_EQ(last_error(), "qzfi_restore" + damage + "\n");
+            EXPECT_EQ(qfi_op_resync(tree.get(), &options, nullptr), QFI_FI_DAMAGED);
+            EXPECT_EQ(last_error(), "qzfi_resync" + damage + "\n");
+        }
+        EXPECT_EQ(differences(top / "kept", object), "");
+    };
+    const auto remarked = [&](uint32_t dry_run, uint32_t digest) {
+        const std::string to = top / "new";
+        qfi_restore_options options;
+        QFI_INIT(options);
+        options.to = to.c_str();
+        options.dry_run = dry_run;
+        options.digest = digest;
+        qfi_report *report = nullptr;
+        EXPECT_EQ(qfi_op_restore(tree.get(), &options, &report), 0) << last_error();
+        fs::remove_all(to);
+        std::vector<Line> lines = Report(report).lines;
+        std::erase_if(lines, [](const Line &line) { return line.detail == "would be made"; });
+        return lines;
+    };
+    const auto line = [&](const char *path, const char *detail) {
+        return std::vector<Line>{{QFI_REMARK_WARNING, object, path, detail}};
+    };
+    struct stat status {};
+    ASSERT_EQ(stat((image / "plain").c_str(), &status), 0);
+    write_file(image / "plain", "PLAIN content");
+    const timespec times[] = {status.st_atim, status.st_mtim};
+    ASSERT_EQ(utimensat(AT_FDCWD, (image / "plain").c_str(), times, 0), 0);
+    expect_damaged("plain", "other content", 1);
+    for (const uint32_t dry_run : {0u, 1u}) {
+        EXPECT_EQ(remarked(dry_run, 1), line("plain", "the image is damaged: other content"));
+        EXPECT_EQ(remarked(dry_run, 0), std::vector<Line>{}) << "contents are looked at when asked for";
+    }
+    fs::remove(image / "plain");
+    expect_damaged("plain", "missing", 0);
+    EXPECT_EQ(remarked(0, 0), line("plain", "the image is damaged: missing"));
+    fs::create_directory(image / "plain");
+    expect_damaged("plain", "of another type", 0);
+    EXPECT_EQ(restore(tree, nullptr, "sub"), 0) << "that part is sound: " << last_error();
+    EXPECT_EQ(restore(tree, nullptr, "plain"), QFI_FI_DAMAGED);
 }
 
 TEST_P(Restore, resync_changes_only_what_differs) {
