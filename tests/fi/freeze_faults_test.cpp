@@ -34,7 +34,9 @@ protected:
         const std::regex call("(1039|1040) " + operation + ": [a-z0-9_]+ of /.+ failed: " + disk + code);
         const std::regex provider("(1039|1040) " + operation + ": provider [a-z]+ failed on /.+: .+: " + disk + code);
         const std::regex method("1026 " + operation + ": method [a-z]+ cannot freeze /.+: .+: " + disk + "\n");
-        const std::regex catalog("1037 " + operation + ": catalog of store /.+: disk I/O error: " + disk + code);
+        const std::regex catalog("1037 " + operation +
+                                 ": catalog of store /.+: (disk I/O error|unable to open database file): " + disk +
+                                 code);
         const std::regex image("1032 " + operation + ": image [0-9TZ]+-[0-9a-f]+ is damaged: /.+: [a-z ]+: " + disk +
                                code);
         bool is_proper = false;
