@@ -332,14 +332,16 @@ void split_filesystem(Tree &tree, TreeFilesystem &filesystem, Progress &progress
                  filesystem.store->image_path(record.id));
 }
 
-// All of the set or none, also when the process is killed in between: see fi_store.h. A failure withdraws those that
-// are visible first, so that what a killed withdrawal leaves is an incomplete set.
+// All of the set or none, also when the process is killed in between: see fi_store.h.
 void commit_all(Tree &tree, const char *operation) {
     const std::string document = fiid_document(tree, operation);
     const bool is_several = tree.filesystems.size() > 1;
     std::vector<std::shared_ptr<Store>> stores;
-    for (const TreeFilesystem &filesystem : tree.filesystems)
+    std::vector<NewImage *> set;
+    for (const TreeFilesystem &filesystem : tree.filesystems) {
         stores.push_back(filesystem.store);
+        set.push_back(filesystem.image.get());
+    }
     try {
         for (TreeFilesystem &filesystem : tree.filesystems) {
             ImageRecord record = filesystem.record;
@@ -349,11 +351,9 @@ void commit_all(Tree &tree, const char *operation) {
             filesystem.image->commit(record, document, operation);
         }
         if (is_several)
-            for (TreeFilesystem &filesystem : tree.filesystems)
-                filesystem.image->settle();
+            NewImage::settle(set);
     } catch (...) {
-        for (TreeFilesystem &filesystem : tree.filesystems)
-            filesystem.image->withdraw();
+        NewImage::withdraw(set);
         throw;
     }
     for (TreeFilesystem &filesystem : tree.filesystems) {

@@ -207,6 +207,9 @@ private:
 
     void commit_all(std::vector<NewImage> &images, const Fiid &document) const {
         const std::string text = write_fiid(document, operation_);
+        std::vector<NewImage *> set;
+        for (NewImage &image : images)
+            set.push_back(&image);
         try {
             for (std::size_t index = 0; index < images.size(); ++index) {
                 ImageRecord record = document.images[index].record;
@@ -214,11 +217,9 @@ private:
                 images[index].commit(record, text, operation_);
             }
             if (images.size() > 1)
-                for (NewImage &image : images)
-                    image.settle();
+                NewImage::settle(set);
         } catch (...) {
-            for (NewImage &image : images)
-                image.withdraw();
+            NewImage::withdraw(set);
             throw;
         }
     }

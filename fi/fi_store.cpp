@@ -63,7 +63,7 @@ Descriptor open_folder(const std::string &path, bool create, const char *operati
 
 // Images hold what only their owners may read; nobody else may own or change the folder that they are put into.
 void refuse_others_folder(const std::string &path, const struct stat &status, const char *operation) {
-    if (status.st_uid != geteuid() && status.st_uid != 0)
+    if (!is_own(status))
         fail(message::unsafe_path, QFI_FI_UNSAFE, operation, {path, "the folder belongs to another user"});
     if ((status.st_mode & S_IWOTH) != 0)
         fail(message::unsafe_path, QFI_FI_UNSAFE, operation, {path, "everybody may write to the folder"});
@@ -117,6 +117,10 @@ void open_catalog(Store::State &store, bool create, const char *operation) {
 }
 
 } // namespace
+
+bool is_own(const struct stat &status) noexcept {
+    return status.st_uid == geteuid() || status.st_uid == 0;
+}
 
 Store::Store(std::shared_ptr<State> state) : state_(std::move(state)) {}
 

@@ -15,7 +15,8 @@
 // A set of several images is there whole or not at all: each is recorded as pending first, with its maker's lock held,
 // then all are settled. Whoever opens a store with a pending record whose maker is gone looks for the others of the
 // set, which the id document names: when all are recorded the freeze was complete, and it is settled; else it is
-// removed.
+// removed. That the set is whole is noted in all of its stores before one image can be seen: it may be removed at once,
+// and then the others would look incomplete.
 //
 // An image is visible only when complete: made as .new-ID, synced, renamed, then recorded. A record goes before its
 // folder is renamed to .old-ID and removed. So after a crash whatever is in images/ without a record is debris, and a
@@ -62,7 +63,7 @@ struct ImageRecord {
     uint64_t remarks = 0;
     bool has_digests = false;
     uint32_t backed_up = 0;
-    uint32_t state = 1; // 0: pending, seen by nobody but the store
+    uint32_t state = 1; // 0: pending, seen by nobody but the store; 4: so too, of a set that is whole
     std::vector<ImageObject> objects;
 };
 
@@ -91,9 +92,11 @@ public:
     void commit(const ImageRecord &record, const std::string &fiid, const char *operation);
     /// Notes the stores of its set with a pending image, before it is committed, so that no other is taken for one.
     void note_stores(const std::vector<std::shared_ptr<Store>> &stores, const char *operation);
-    void settle();
-    /// Takes a commit back: what was made can be removed again, and goes with this.
-    void withdraw() noexcept;
+    /// Makes all images of a set visible that were committed as pending.
+    static void settle(const std::vector<NewImage *> &set);
+    /// Takes commits back: what was made can be removed again, and goes with the image. Killed meanwhile, all of them
+    /// or none stay.
+    static void withdraw(const std::vector<NewImage *> &set) noexcept;
     struct State; // inner
 
 private:

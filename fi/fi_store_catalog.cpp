@@ -377,9 +377,9 @@ std::vector<ImageRecord> Catalog::select(const std::string *id, const char *oper
     Statement rows(
         connection_->database,
         id == nullptr ? "SELECT image.*, path, subpath, filesystem, device, mount_point, status, status_text FROM image"
-                        " LEFT JOIN object ON image_id = id WHERE state <> 0 ORDER BY time_ns, id, position"
+                        " LEFT JOIN object ON image_id = id WHERE state NOT IN (0, 4) ORDER BY time_ns, id, position"
                       : "SELECT image.*, path, subpath, filesystem, device, mount_point, status, status_text FROM image"
-                        " LEFT JOIN object ON image_id = id WHERE id = ?1 AND state <> 0 ORDER BY position",
+                        " LEFT JOIN object ON image_id = id WHERE id = ?1 AND state NOT IN (0, 4) ORDER BY position",
         place);
     if (id != nullptr)
         rows.bind(1, *id);
@@ -422,15 +422,25 @@ void Catalog::add(const ImageRecord &record, const char *operation) {
 }
 
 bool Catalog::erase(const std::string &id, const char *operation) {
+    return erase_by("DELETE FROM image WHERE id = ?1", id, operation);
+}
+
+bool Catalog::erase_incomplete(const std::string &id, const char *operation) {
+    return erase_by("DELETE FROM image WHERE id = ?1 AND state = 0", id, operation);
+}
+
+bool Catalog::erase_by(const char *sql, const std::string &id, const char *operation) {
     const std::lock_guard lock(mutex_);
     return sparing([&] {
         const CatalogPlace place{store_, operation};
         sqlite3 *const database = connection_->database;
         Transaction transaction(database, place);
-        Statement image(database, "DELETE FROM image WHERE id = ?1", place);
+        Statement image(database, sql, place);
         image.bind(1, id);
         image.step();
         const bool was_there = sqlite3_changes(database) != 0;
+        if (!was_there)
+            return false;
         Statement objects(database, "DELETE FROM object WHERE image_id = ?1", place);
         objects.bind(1, id);
         objects.step();
@@ -498,21 +508,44 @@ bool Catalog::has(const std::string &id, const char *operation) {
 
 std::vector<std::string> Catalog::pending(const char *operation) {
     const std::lock_guard lock(mutex_);
-    Statement rows(connection_->database, "SELECT id FROM image WHERE state = 0", CatalogPlace{store_, operation});
+    Statement rows(connection_->database, "SELECT id FROM image WHERE state IN (0, 4)",
+                   CatalogPlace{store_, operation});
     std::vector<std::string> ids;
     while (rows.step())
         ids.push_back(rows.bytes(0));
     return ids;
 }
 
-void Catalog::settle(const std::string &id, const char *operation) {
+bool Catalog::is_whole(const std::string &id, const char *operation) {
     const std::lock_guard lock(mutex_);
+    Statement row(connection_->database, "SELECT 1 FROM image WHERE id = ?1 AND state <> 0",
+                  CatalogPlace{store_, operation});
+    row.bind(1, id);
+    return row.step();
+}
+
+void Catalog::set_state(const char *sql, const std::string &id, const char *operation) {
     const CatalogPlace place{store_, operation};
     Transaction transaction(connection_->database, place);
-    Statement image(connection_->database, "UPDATE image SET state = 1 WHERE id = ?1 AND state = 0", place);
+    Statement image(connection_->database, sql, place);
     image.bind(1, id);
     image.step();
     transaction.commit();
+}
+
+void Catalog::settle(const std::string &id, const char *operation) {
+    const std::lock_guard lock(mutex_);
+    set_state("UPDATE image SET state = 1 WHERE id = ?1 AND state IN (0, 4)", id, operation);
+}
+
+void Catalog::note_whole(const std::string &id, const char *operation) {
+    const std::lock_guard lock(mutex_);
+    set_state("UPDATE image SET state = 4 WHERE id = ?1 AND state = 0", id, operation);
+}
+
+void Catalog::unsettle(const std::string &id, const char *operation) {
+    const std::lock_guard lock(mutex_);
+    set_state("UPDATE image SET state = 0 WHERE id = ?1", id, operation);
 }
 
 // A transaction that changes nothing but the header's count of changes.

@@ -36,6 +36,13 @@ public:
     bool has(const std::string &id, const char *operation);
     std::vector<std::string> pending(const char *operation);
     void settle(const std::string &id, const char *operation);
+    /// Notes of a pending image that its set is whole: from then on it is settled whatever became of the others.
+    void note_whole(const std::string &id, const char *operation);
+    bool is_whole(const std::string &id, const char *operation);
+    /// Makes an image pending again, of a set of which nothing is known.
+    void unsettle(const std::string &id, const char *operation);
+    /// Erases the record of a pending image whose set is not known to be whole; false when there is none.
+    bool erase_incomplete(const std::string &id, const char *operation);
     /// Makes sure that a record which is not there stays away. The log may hold one whose transaction failed at its
     /// last sync, and a crash would bring it back: the next transaction takes its place.
     void seal(const char *operation);
@@ -50,6 +57,8 @@ private:
     auto sparing(Work &&work);
     void open(bool writable, bool create, const char *operation);
     void prepare_schema(bool create, const char *operation);
+    bool erase_by(const char *sql, const std::string &id, const char *operation);
+    void set_state(const char *sql, const std::string &id, const char *operation);
     std::vector<ImageRecord> select(const std::string *id, const char *operation);
 
     std::mutex mutex_;

@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 #include "fi/fi_store.h"
@@ -79,6 +80,8 @@ struct EndedPending {
 };
 EndedPending end_pending(const Store::State &store, const RemoveTree &remove_tree, const char *operation);
 
+/// Whether a store's folder is the caller's or root's; any other is only read.
+bool is_own(const struct stat &status) noexcept;
 /// Tells a store's folder from any other, as far as its file system knows when it was made.
 std::string store_identity(int directory);
 /// The stores of a set, as they were when it was made, lie in the lock of each image that may have to wait for them.

@@ -201,21 +201,40 @@ void NewImage::note_stores(const std::vector<std::shared_ptr<Store>> &stores, co
     write_stores(state_->claim->directory.get(), stores, state_->path(lock_name), operation);
 }
 
-void NewImage::settle() {
-    state_->store->catalog->settle(state_->id, state_->operation);
+void NewImage::settle(const std::vector<NewImage *> &set) {
+    for (const NewImage *const image : set)
+        image->state_->store->catalog->note_whole(image->state_->id, image->state_->operation);
+    for (const NewImage *const image : set)
+        image->state_->store->catalog->settle(image->state_->id, image->state_->operation);
 }
 
-// A record that cannot be erased keeps its files.
-void NewImage::withdraw() noexcept {
-    if (!state_->is_committed)
+namespace {
+
+template <class Take>
+void take_back(NewImage::State &image, Take &&take) noexcept {
+    if (!image.is_committed)
         return;
     try {
         const Hush hush;
-        state_->store->catalog->erase(state_->id, state_->operation);
-        state_->is_committed = state_->may_be_recorded = false;
+        take(*image.store->catalog);
     } catch (...) {
         return;
     }
+}
+
+} // namespace
+
+// What is pending again is an incomplete set as soon as one is gone. A record that cannot be erased keeps its files.
+void NewImage::withdraw(const std::vector<NewImage *> &set) noexcept {
+    if (set.size() > 1)
+        for (const NewImage *const image : set)
+            take_back(*image->state_,
+                      [&](Catalog &catalog) { catalog.unsettle(image->state_->id, image->state_->operation); });
+    for (const NewImage *const image : set)
+        take_back(*image->state_, [&](Catalog &catalog) {
+            catalog.erase(image->state_->id, image->state_->operation);
+            image->state_->is_committed = image->state_->may_be_recorded = false;
+        });
 }
 
 } // namespace qzfi::fi

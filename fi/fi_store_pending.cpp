@@ -60,33 +60,71 @@ std::string read_document(int image, const std::string &path, const char *operat
     return read_file(file.get(), path, longest_document, operation);
 }
 
-// Another store, as it is at this moment: nothing there is locked, or settled in turn. One that only has the path of
-// the set's, as when another disk is mounted there, says nothing.
-bool is_recorded(const std::string &store, const std::map<std::string, std::string> &identities, const std::string &id,
-                 const char *operation) {
-    const Descriptor directory(open(store.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+// Another store of a set, as it is at this moment: nothing there is locked, or removed in turn. One that only has the
+// path of the set's, as when another disk is mounted there, says nothing.
+Descriptor open_sisters(const std::string &store, const std::map<std::string, std::string> &identities,
+                        const char *operation) {
+    Descriptor directory(open(store.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!directory)
         fail_call(operation, "open", store, errno, true);
     const auto known = identities.find(store);
     if (known != identities.end() && known->second != store_identity(directory.get()))
         fail(message::store_unusable, QFI_FI_STORE, operation, {store, "it is another one than that of the set"});
-    return Catalog(directory.get(), store, false, false, operation).has(id, operation);
+    return directory;
 }
 
-// A store that cannot be looked into, such as one that is not mounted, leaves the fate open.
-Fate fate_of(const Store::State &store, const Claim &claim, const char *operation) {
+struct Sisters {
+    Fiid set;
+    std::map<std::string, std::string> identities; // of the stores
+};
+
+Sisters sisters_of(const Store::State &store, const Claim &claim, const char *operation) {
     const std::string path = store.path + "/images/" + claim.name + "/fiid.xml";
+    return {read_fiid(read_document(claim.directory.get(), path, operation), operation),
+            read_stores(claim.directory.get(), path, operation)};
+}
+
+bool is_whole(const Store::State &store, const Sisters &sisters, const char *operation) {
+    for (const FiidImage &image : sisters.set.images) {
+        if (image.store == store.path) {
+            if (!store.catalog->has(image.record.id, operation))
+                return false;
+            continue;
+        }
+        const Descriptor directory = open_sisters(image.store, sisters.identities, operation);
+        if (!Catalog(directory.get(), image.store, false, false, operation).has(image.record.id, operation))
+            return false;
+    }
+    return true;
+}
+
+void note_whole(const FiidImage &image, const Sisters &sisters, const char *operation) {
+    const Descriptor directory = open_sisters(image.store, sisters.identities, operation);
+    struct stat status {};
+    if (fstat(directory.get(), &status) != 0 || !is_own(status))
+        fail(message::no_right, QFI_FI_NO_RIGHT, operation, {"write to store", image.store});
+    Catalog catalog(directory.get(), image.store, true, false, operation);
+    catalog.note_whole(image.record.id, operation);
+}
+
+// Before one of them can be seen, and so removed, after which the rest would look incomplete. One that is not there any
+// more was seen.
+void note_whole(const Store::State &store, const Sisters &sisters, const char *operation) {
+    for (const FiidImage &image : sisters.set.images)
+        if (image.store == store.path)
+            store.catalog->note_whole(image.record.id, operation);
+        else
+            note_whole(image, sisters, operation);
+}
+
+// A store that cannot be looked into or written to, such as one that is not mounted, leaves the fate open.
+Fate fate_of(const Store::State &store, const Claim &claim, const std::string &id, const char *operation) {
     try {
         const Hush hush;
-        const Fiid set = read_fiid(read_document(claim.directory.get(), path, operation), operation);
-        const auto identities = read_stores(claim.directory.get(), path, operation);
-        for (const FiidImage &image : set.images) {
-            const bool is_there = image.store == store.path
-                                      ? store.catalog->has(image.record.id, operation)
-                                      : is_recorded(image.store, identities, image.record.id, operation);
-            if (!is_there)
-                return Fate::incomplete;
-        }
+        const Sisters sisters = sisters_of(store, claim, operation);
+        if (!store.catalog->is_whole(id, operation) && !is_whole(store, sisters, operation))
+            return Fate::incomplete;
+        note_whole(store, sisters, operation);
         return Fate::whole;
     } catch (const Failure &failure) {
         if (failure.status == QFI_STATUS_NO_MEMORY)
@@ -109,13 +147,15 @@ std::optional<Claim> claim_pending(const Store::State &store, const std::string 
 
 void end_one(const Store::State &store, Claim claim, const std::string &id, const RemoveTree &remove_tree,
              EndedPending &ended, const char *operation) {
-    switch (fate_of(store, claim, operation)) {
+    switch (fate_of(store, claim, id, operation)) {
     case Fate::whole:
         return store.catalog->settle(id, operation);
     case Fate::unknown:
         return ended.waiting.push_back(id);
     case Fate::incomplete:
-        store.catalog->erase(id, operation);
+        // Somebody else may have found it whole, settled it, and removed what was missing here.
+        if (!store.catalog->erase_incomplete(id, operation))
+            return;
         remove_folder(store, std::move(claim), id, remove_tree, operation);
         ++ended.removed;
     }

@@ -114,7 +114,7 @@ TEST_F(CatalogTest, a_record_that_leads_elsewhere_is_a_catalog_failure) {
         {"UPDATE object SET mount_point = CAST('/' AS BLOB); UPDATE image SET consistency = 4",
          "a number that means nothing"},
         {"UPDATE image SET consistency = 3, backed_up = 3", "a number that means nothing"},
-        {"UPDATE image SET backed_up = 2, state = 4", "a number that means nothing"},
+        {"UPDATE image SET backed_up = 2, state = 5", "a number that means nothing"},
         {"UPDATE image SET state = 1, set_id = CAST('../../etc' AS BLOB)", "an id that is none"}};
     for (const auto &[statement, cause] : flaws) {
         sql(statement);

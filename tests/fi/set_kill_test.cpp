@@ -55,18 +55,18 @@ protected:
     void look(int first) const {
         const Framework framework(root_);
         const int second = 1 - first;
-        const std::set<std::string> one = sets_in(first), other = sets_in(second);
-        EXPECT_EQ(one, other) << "the store that is looked into first tells of what the other has, too";
+        const std::set<std::string> one = sets_in(first);
         EXPECT_LE(one.size(), 1u);
-        for (const int disk : {first, second})
+        // The second is looked at when the first one's image is gone already.
+        for (const int disk : {first, second}) {
             if (fs::exists(store(disk) / "catalog.db")) {
-                EXPECT_EQ(sets_in(disk), one);
+                EXPECT_EQ(sets_in(disk), one) << "the store that is looked into first tells of what the other has";
             }
-        for (const int disk : {first, second})
             for (const std::string &set : one)
                 EXPECT_EQ(
                     qfi_op_detach(Tree::of_image(set, store(disk)).release(), nullptr, QFI_DETACH_REMOVE, nullptr), 0)
                     << last_error();
+        }
         for (const int disk : {first, second})
             if (fs::exists(store(disk) / "catalog.db") &&
                 qfi_op_objctl(nullptr, QFI_OBJCTL_REPAIR, store(disk).c_str(), nullptr) == 0) {

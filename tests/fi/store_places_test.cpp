@@ -49,6 +49,32 @@ protected:
     std::string mounted;
 };
 
+// A set with one image in each store, whose maker was killed before any was settled.
+std::vector<std::string> make_killed_set(const std::vector<std::string> &paths) {
+    std::vector<std::string> ids;
+    Fiid set{new_image_id(), {}};
+    for (const std::string &path : paths) {
+        ids.push_back(new_image_id());
+        set.images.push_back({record_of(ids.back()), path});
+    }
+    const int end = in_child([&] {
+        std::vector<std::shared_ptr<Store>> stores;
+        std::vector<NewImage> images;
+        for (const std::string &path : paths)
+            stores.push_back(Store::open(path, true, op));
+        for (std::size_t index = 0; index < paths.size(); ++index) {
+            images.push_back(stores[index]->begin(ids[index], op));
+            ImageRecord record = record_of(ids[index]);
+            record.state = 0;
+            images.back().note_stores(stores, op);
+            images.back().commit(record, write_fiid(set, op), op);
+        }
+        kill(getpid(), SIGKILL);
+    });
+    EXPECT_EQ(end, -SIGKILL);
+    return ids;
+}
+
 mode_t mode_of(const std::string &path) {
     struct stat status {};
     return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
@@ -238,6 +264,33 @@ TEST_F(PlacesTest, another_store_in_the_place_of_a_sets_says_nothing_of_the_set)
     EXPECT_TRUE(store->repair(op).waiting.empty());
     EXPECT_EQ(ids_of(*store), std::vector<std::string>{id});
     EXPECT_EQ(ids_of(*Store::open(other, false, op)), std::vector<std::string>{sister});
+}
+
+TEST_F(PlacesTest, an_image_of_a_whole_set_stays_when_another_one_is_removed_before_its_store_is_opened) {
+    const std::vector<std::string> paths{folder.path() + "/a", folder.path() + "/b", folder.path() + "/c"};
+    const std::vector<std::string> ids = make_killed_set(paths);
+    for (const std::size_t index : {std::size_t{1}, std::size_t{0}, std::size_t{2}}) {
+        const std::shared_ptr<Store> store = Store::open(paths[index], false, op);
+        EXPECT_EQ(ids_of(*store), std::vector<std::string>{ids[index]});
+        if (!ids_of(*store).empty())
+            store->remove(ids[index], op, remove_all);
+    }
+}
+
+TEST_F(PlacesTest, no_image_of_a_whole_set_is_seen_while_a_store_of_the_set_cannot_be_written) {
+    if (const std::string obstacle = mount_tmpfs(path); !obstacle.empty())
+        GTEST_SKIP() << obstacle;
+    const std::vector<std::string> paths{folder.path() + "/a", path};
+    const std::vector<std::string> ids = make_killed_set(paths);
+    remount(MS_RDONLY);
+    const std::shared_ptr<Store> store = Store::open(paths[0], false, op);
+    EXPECT_TRUE(store->list(op).empty());
+    EXPECT_EQ(store->repair(op).waiting, std::vector<std::string>{ids[0]});
+    remount(0);
+    EXPECT_TRUE(store->repair(op).waiting.empty());
+    EXPECT_EQ(ids_of(*store), std::vector<std::string>{ids[0]});
+    store->remove(ids[0], op, remove_all);
+    EXPECT_EQ(ids_of(*Store::open(path, false, op)), std::vector<std::string>{ids[1]});
 }
 
 TEST_F(PlacesTest, a_temporary_folder_goes_also_when_there_are_no_more_descriptors) {
