@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <optional>
 #include <set>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -427,6 +428,19 @@ bool is_mount_point(const Place &place) {
            (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
 }
 
+// Two of one original would remove each other's files in the making. The lock is the directory's own, for there may be
+// no right to make one beside it; where the file system has none, as over a network, there is none.
+FileLock lock_original(const std::string &path, const char *operation) {
+    Descriptor directory = open_without_links(path, O_RDONLY | O_DIRECTORY, operation);
+    while (flock(directory.get(), LOCK_EX | LOCK_NB) != 0 && errno != EBADF && errno != ENOLCK && errno != EOPNOTSUPP) {
+        if (errno == EWOULDBLOCK)
+            fail(message::busy, QFI_FI_BUSY, operation, {path});
+        if (errno != EINTR)
+            fail_call(operation, "flock", path, errno, false);
+    }
+    return FileLock(std::move(directory));
+}
+
 void resync_directory(const Plan &plan, const ObjectRef &one, const HeldImage &image, Findings &report) {
     const std::string path = joined(one.object().path, plan.only);
     const Descriptor object = image.object(one.index);
@@ -462,15 +476,18 @@ void resync(TreeLock &tree, const qfi_restore_options &options, Findings &report
         report_all_changes(plan, report);
     } else {
         for (const ObjectRef &one : plan.objects) {
+            const FileLock lock = lock_original(one.object().path, operation);
             const HeldImage image(*one.filesystem, operation);
             if (is_directory(image, one.index, plan.only, operation)) {
                 resync_directory(plan, one, image, report);
                 continue;
             }
-            // A single file is replaced at once.
-            const uint64_t before = report.entries;
-            restore_in_place(plan, one, joined(one.object().path, plan.only), report);
-            report.changed += report.entries - before;
+            const Place place = open_place(joined(one.object().path, plan.only), operation);
+            struct stat status {};
+            if (fstatat(place.parent.get(), place.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+                !S_ISLNK(status.st_mode))
+                refuse_irreplaceable(place, plan.stores, operation);
+            update_entry(image, one.index, plan.only, place.parent.get(), plan.digest, plan.how);
         }
     }
     tree.progress().finish();

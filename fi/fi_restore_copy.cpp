@@ -15,8 +15,8 @@ namespace {
 // A run of the engine that copies one entry of a directory, with everything that belongs to it.
 class OneEntry : public engine::Copier {
 public:
-    OneEntry(const engine::Options &given, const qfi_provider_host &to, const char *name)
-        : Copier(given, to, false), name_(name) {}
+    OneEntry(const engine::Options &given, const qfi_provider_host &to, const char *name, bool updates)
+        : Copier(given, to, updates), name_(name) {}
 
 protected:
     void entry(engine::Worker &worker, engine::Directory &directory, const char *name, uint8_t type,
@@ -27,6 +27,12 @@ protected:
     bool enter(engine::Worker &, engine::Directory &, engine::Directory &) override { return false; }
     // The directory is only there to hold the entry.
     void leave(engine::Worker &, engine::Directory &) override {}
+    void remove_extra(engine::Worker &, engine::Directory &) override {}
+    // Nothing is known of its other names, which stay names of it.
+    bool claim_target(const engine::Stat &, const engine::Stat &, bool &was_ours) override {
+        was_ours = false;
+        return true;
+    }
 
 private:
     const std::string name_;
@@ -66,11 +72,9 @@ void copy_directory(const HeldImage &image, const std::string &shown, int source
             fail_incomplete(image, joined(remark.object, remark.path), remark.detail, remark.error, how.operation);
 }
 
-constexpr const char *holder = "entry";
-
-// Made in a directory of its own, from where it is moved.
-void copy_entry(const HeldImage &image, const std::string &shown, int directory, const std::string &entry, int target,
-                const char *name, const CopyOut &how) {
+// One run of the engine for one entry. Throws when the copy lacks something.
+engine::Result run_one(const HeldImage &image, const std::string &shown, int directory, const std::string &entry,
+                       int target, const char *name, bool updates, bool digest, const CopyOut &how) {
     EngineHost host(how.operation, shown, how.progress);
     std::string lost;
     int lost_error = 0;
@@ -85,12 +89,23 @@ void copy_entry(const HeldImage &image, const std::string &shown, int directory,
     engine::Options options;
     options.data = engine::Data::clone_or_copy;
     options.sync = true;
-    OneEntry run(options, host.record(), entry.c_str());
-    run.run(directory, target, holder);
+    options.digest = digest;
+    OneEntry run(options, host.record(), entry.c_str(), updates);
+    run.run(directory, target, name);
     const engine::Result result = run.result();
     host.check(result, false);
     if (!lost.empty())
         fail_incomplete(image, shown, lost, lost_error, how.operation);
+    how.report->entries += 1;
+    how.report->bytes += result.bytes;
+    return result;
+}
+
+// Made in a directory of its own, from where it is moved.
+void copy_entry(const HeldImage &image, const std::string &shown, int directory, const std::string &entry, int target,
+                const char *name, const CopyOut &how) {
+    const char *const holder = std::string_view(name) == "entry" ? "holder" : "entry";
+    run_one(image, shown, directory, entry, target, holder, false, false, how);
     const Descriptor made(open_beneath(target, holder, O_RDONLY | O_DIRECTORY));
     if (!made)
         fail_call(how.operation, "open", shown, errno, false);
@@ -102,8 +117,6 @@ void copy_entry(const HeldImage &image, const std::string &shown, int directory,
     }
     if (unlinkat(target, holder, AT_REMOVEDIR) != 0)
         fail_call(how.operation, "rmdir", shown, errno, false);
-    how.report->entries += 1;
-    how.report->bytes += result.bytes;
 }
 
 } // namespace
@@ -132,6 +145,15 @@ Descriptor open_in_image(int object, const std::string &subpath, int flags, cons
     return entry;
 }
 
+// The directory around an entry, and its name.
+std::pair<Descriptor, std::string> entry_in_image(int object, const std::string &subpath, const std::string &shown,
+                                                  const char *operation) {
+    const std::size_t slash = subpath.rfind('/');
+    const std::string above = slash == std::string::npos ? "" : subpath.substr(0, slash);
+    return {open_in_image(object, above, O_RDONLY | O_DIRECTORY, shown, operation),
+            slash == std::string::npos ? subpath : subpath.substr(slash + 1)};
+}
+
 } // namespace
 
 bool is_directory(const HeldImage &image, std::size_t index, const std::string &subpath, const char *operation) {
@@ -154,11 +176,16 @@ void copy_out(const HeldImage &image, std::size_t index, const std::string &subp
         const Descriptor source = open_in_image(object.get(), subpath, O_RDONLY | O_DIRECTORY, shown, how.operation);
         return copy_directory(image, shown, source.get(), target, name, how);
     }
-    const std::size_t slash = subpath.rfind('/');
-    const std::string above = slash == std::string::npos ? "" : subpath.substr(0, slash);
-    const std::string entry = slash == std::string::npos ? subpath : subpath.substr(slash + 1);
-    const Descriptor directory = open_in_image(object.get(), above, O_RDONLY | O_DIRECTORY, shown, how.operation);
+    const auto [directory, entry] = entry_in_image(object.get(), subpath, shown, how.operation);
     copy_entry(image, shown, directory.get(), entry, target, name, how);
+}
+
+void update_entry(const HeldImage &image, std::size_t index, const std::string &subpath, int directory, bool digest,
+                  const CopyOut &how) {
+    const Descriptor object = image.object(index);
+    const std::string shown = joined(image.filesystem().objects[index].path, subpath);
+    const auto [source, entry] = entry_in_image(object.get(), subpath, shown, how.operation);
+    how.report->changed += run_one(image, shown, source.get(), entry, directory, ".", true, digest, how).changed;
 }
 
 } // namespace qzfi::fi

@@ -24,5 +24,9 @@ bool is_directory(const HeldImage &image, std::size_t index, const std::string &
 /// image's provider. A copy that lacks something is a failure, for an image holds still.
 void copy_out(const HeldImage &image, std::size_t index, const std::string &subpath, int target, const char *name,
               const CopyOut &how);
+/// Makes the entry in `directory` that has the name of the one at `subpath`, which is no directory, equal to it; what
+/// is so already stays as it is.
+void update_entry(const HeldImage &image, std::size_t index, const std::string &subpath, int directory, bool digest,
+                  const CopyOut &how);
 
 } // namespace qzfi::fi

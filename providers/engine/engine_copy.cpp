@@ -9,6 +9,7 @@
 #include <linux/magic.h>
 #include <new>
 #include <sys/ioctl.h>
+#include <sys/random.h>
 #include <sys/sysmacros.h>
 #include <sys/vfs.h>
 #include <sys/xattr.h>
@@ -31,12 +32,22 @@ uint32_t read_umask() {
     return line != nullptr ? static_cast<uint32_t>(strtoul(line + 7, nullptr, 8)) : 0777; // not known: set all modes
 }
 
+/// By the clock and the process where the kernel has none to give.
+uint64_t random_number() {
+    uint64_t number = 0;
+    if (getrandom(&number, sizeof number, GRND_NONBLOCK) == static_cast<ssize_t>(sizeof number))
+        return number;
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return (static_cast<uint64_t>(getpid()) << 32) ^ static_cast<uint64_t>(now.tv_sec * 1'000'000'000 + now.tv_nsec);
+}
+
 } // namespace
 
 Copier::Copier(const Options &given, const qfi_provider_host &to, bool updates)
     : Run(given, to), updates_(updates), links_(directories, given.digest), umask_(read_umask()),
       most_waiting_(std::clamp<std::size_t>(eighth_of_descriptors() / std::max(given.workers, 1u) / 2, 1, 32)),
-      waiting_(std::max(given.workers, 1u)) {}
+      waiting_(std::max(given.workers, 1u)), run_(random_number()) {}
 
 Copier::~Copier() {
     for (LateFlags &late : late_)

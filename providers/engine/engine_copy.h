@@ -51,6 +51,10 @@ protected:
     void copy_range(Worker &worker, FileRange *range) override;
     void drop_range(FileRange *range) noexcept override;
 
+    /// Called of a directory of the target that was there.
+    virtual void remove_extra(Worker &worker, Directory &directory);
+    virtual bool claim_target(const Stat &target, const Stat &source, bool &was_ours);
+
 private:
     enum class Outcome { done, other_type };
 
@@ -86,10 +90,8 @@ private:
                                const char *link_target, bool &is_done);
     bool open_existing(Worker &worker, int parent, Directory *above, const char *name, Directory &child,
                        bool &is_there);
-    void remove_extra(Worker &worker, Directory &directory);
     bool remove_target(Worker &worker, Directory &directory, const char *name);
     bool put_in_place(Worker &worker, Directory &directory, const char *made_as, const char *name);
-    bool claim_target(const Stat &target, const Stat &source, bool &was_ours);
     void temporary_name(char (&out)[256]);
 
     const bool updates_;
@@ -119,6 +121,7 @@ private:
     };
     std::mutex targets_mutex_;
     std::unordered_map<std::pair<uint64_t, uint64_t>, std::pair<uint64_t, uint64_t>, TargetHash> targets_;
+    const uint64_t run_; // random: who else works in the tree may have this process's number elsewhere
     std::atomic<uint64_t> temporary_{0};
 };
 

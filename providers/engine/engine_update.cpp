@@ -45,7 +45,7 @@ bool has_same_content(Run &run, Worker &worker, const FileCopy &copy, int presen
 } // namespace
 
 void Copier::temporary_name(char (&out)[256]) {
-    snprintf(out, sizeof out, ".qzfi-%x-%llx", static_cast<unsigned>(getpid()),
+    snprintf(out, sizeof out, ".qzfi-%016llx-%llx", static_cast<unsigned long long>(run_),
              static_cast<unsigned long long>(temporary_.fetch_add(1)));
 }
 

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <qzfi_provider.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -118,6 +119,78 @@ TEST_P(Restore, copies_one_file_to_a_new_directory) {
     const Tree tree = freeze({object}, store);
     ASSERT_EQ(restore(tree, (top / "new").c_str(), "sub/two names"), 0) << last_error();
     EXPECT_EQ(content_of(top / "new" / "two names"), "linked");
+}
+
+TEST_P(Restore, copies_one_file_of_any_name) {
+    for (const char *const name : {"entry", "holder", "tree"})
+        write_file(object / "sub" / name, name);
+    const Tree tree = freeze({object}, store);
+    for (const std::string name : {"entry", "holder", "tree"}) {
+        ASSERT_EQ(restore(tree, (top / ("new " + name)).c_str(), ("sub/" + name).c_str()), 0) << last_error();
+        EXPECT_EQ(content_of(top / ("new " + name) / name), name);
+        write_file(object / "sub" / name, "changed");
+        ASSERT_EQ(restore(tree, nullptr, ("sub/" + name).c_str()), 0) << last_error();
+        EXPECT_EQ(content_of(object / "sub" / name), name);
+    }
+}
+
+// Its other names stay names of it.
+TEST_P(Restore, resync_of_one_file_that_is_as_it_was_changes_nothing) {
+    const Tree tree = freeze({object}, store);
+    fs::create_hard_link(object / "plain", top / "another name");
+    const auto resync = [&](const char *only, uint32_t digest) {
+        qfi_restore_options options;
+        QFI_INIT(options);
+        options.only = only;
+        options.digest = digest;
+        qfi_report *report = nullptr;
+        EXPECT_EQ(qfi_op_resync(tree.get(), &options, &report), 0) << last_error();
+        return Report(report).changed;
+    };
+    struct stat before {
+    }, after{};
+    ASSERT_EQ(stat((object / "plain").c_str(), &before), 0);
+    EXPECT_EQ(resync("plain", 0), 0u);
+    EXPECT_EQ(resync("plain", 1), 0u);
+    EXPECT_EQ(resync("absolute", 0), 0u);
+    EXPECT_EQ(resync("fifo", 0), 0u);
+    ASSERT_EQ(stat((object / "plain").c_str(), &after), 0);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_EQ(after.st_nlink, 2u);
+    // Other bytes of the same size and time are seen when contents are compared.
+    write_file(object / "plain", "PLAIN content");
+    const timespec times[] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(utimensat(AT_FDCWD, (object / "plain").c_str(), times, 0), 0);
+    EXPECT_EQ(resync("plain", 0), 0u);
+    EXPECT_EQ(resync("plain", 1), 1u);
+    EXPECT_EQ(content_of(object / "plain"), "plain content");
+    fs::permissions(object / "plain", fs::perms::owner_read);
+    EXPECT_EQ(resync("plain", 0), 1u);
+    EXPECT_EQ(::access((top / "another name").c_str(), F_OK), 0);
+    fs::remove(object / "absolute");
+    fs::create_symlink("/usr", object / "absolute");
+    EXPECT_EQ(resync("absolute", 0), 2u) << "the one goes, the other is made";
+    EXPECT_EQ(fs::read_symlink(object / "absolute"), "/etc");
+    EXPECT_TRUE(fs::is_directory("/usr")) << "the link was not followed";
+    EXPECT_EQ(content_of(object / "sub" / "two names"), "linked") << "nothing else was removed";
+}
+
+TEST_P(Restore, resync_of_an_original_that_another_resynchronises_is_refused) {
+    const Tree tree = freeze({object}, store);
+    write_file(object / "plain", "changed");
+    const int other = open(object.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(flock(other, LOCK_EX), 0);
+    qfi_restore_options options;
+    QFI_INIT(options);
+    for (const char *const only : {static_cast<const char *>(nullptr), "sub", "plain"}) {
+        options.only = only;
+        EXPECT_EQ(qfi_op_resync(tree.get(), &options, nullptr), QFI_FI_BUSY);
+    }
+    EXPECT_EQ(content_of(object / "plain"), "changed");
+    close(other);
+    EXPECT_EQ(qfi_op_resync(tree.get(), nullptr, nullptr), 0) << last_error();
+    EXPECT_EQ(content_of(object / "plain"), "plain content");
+    EXPECT_EQ(qfi_op_resync(tree.get(), nullptr, nullptr), 0) << "it was let go of: " << last_error();
 }
 
 TEST_P(Restore, refuses_what_the_image_does_not_hold) {
