@@ -1,6 +1,5 @@
 // qzfi: the command. It takes the command line apart, runs one subcommand and tells how it ended.
 #include <clocale>
-#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -150,7 +149,7 @@ int run(int argc, char **argv) {
     // What did not get out was not said: a full disk must not look like success.
     if (!std::cout.flush()) {
         if (has_no_reader(STDOUT_FILENO)) // has had enough, as `head` has
-            return code == exit_done ? 128 + SIGPIPE : code;
+            return code == exit_done ? exit_unread : code;
         std::cerr << "qzfi: cannot write to standard output\n";
         return code == exit_done ? exit_failed : code;
     }

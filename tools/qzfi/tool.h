@@ -15,11 +15,12 @@ namespace qzfi::tool {
 /// The exit codes; the manual page has the same list.
 enum ExitCode : int {
     exit_done = 0,
-    exit_failed = 1,       ///< the text on standard error names operation, object and cause
-    exit_usage = 2,        ///< the command line is wrong, or a confirmation is missing
-    exit_differs = 3,      ///< `verify` or `repair` found damage, or `diff --exit-code` a difference
-    exit_post_command = 4, ///< the image is there, but the post command failed
-    exit_interrupted = 130 ///< by a signal; nothing is half-made
+    exit_failed = 1,        ///< the text on standard error names operation, object and cause
+    exit_usage = 2,         ///< the command line is wrong, or a confirmation is missing
+    exit_differs = 3,       ///< `verify` or `repair` found damage, or `diff --exit-code` a difference
+    exit_post_command = 4,  ///< the image is there, but the post command failed
+    exit_interrupted = 130, ///< by a signal; nothing is half-made
+    exit_unread = 141       ///< the reader of standard output went away
 };
 
 /// Options that every subcommand takes.
