@@ -145,6 +145,11 @@ std::shared_ptr<Store> Store::open(const std::string &given, bool create, const 
         refuse_others_folder(state->path, status, operation);
         refuse_full_folder(state->path, directory, operation);
     }
+    // Root could write to any, but what is another user's is neither waited for nor changed: that user could answer.
+    if (state->is_writable && !is_own(status)) {
+        state->is_writable = false;
+        state->write_error = EPERM;
+    }
     if (!state->is_writable && !exists(directory, database_name))
         fail(message::store_unusable, create ? QFI_FI_NO_RIGHT : QFI_FI_STORE, operation,
              {state->path, "it has no catalog, and nothing can be written there"});

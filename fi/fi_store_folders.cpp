@@ -1,10 +1,12 @@
 #include "fi/fi_store_folders.h"
 
 #include <algorithm>
+#include <chrono>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 #include "fi/fi_providers.h"
@@ -15,6 +17,9 @@ namespace qzfi::fi {
 namespace {
 
 constexpr int directory_flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+
+constexpr auto lock_patience = std::chrono::seconds(60); // as for a catalog
+constexpr auto lock_pause = std::chrono::milliseconds(5);
 
 std::string path_of(const Store::State &store, const std::string &name) {
     return store.path + "/images/" + name;
@@ -113,9 +118,15 @@ FileLock lock_store(const Store::State &store, const char *operation) {
     Descriptor file(open_lock(store.directory.get(), true));
     if (!file)
         fail_call(operation, "open", store.path + "/" + lock_name, errno, false);
-    while (flock(file.get(), LOCK_EX) != 0)
-        if (errno != EINTR)
+    // It is held briefly. Who holds it for longer is stopped, or means harm.
+    const auto deadline = std::chrono::steady_clock::now() + lock_patience;
+    while (flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EINTR && errno != EWOULDBLOCK)
             fail_call(operation, "flock", store.path + "/" + lock_name, errno, false);
+        if (std::chrono::steady_clock::now() >= deadline)
+            fail(message::busy, QFI_FI_BUSY, operation, {store.path});
+        std::this_thread::sleep_for(lock_pause);
+    }
     return FileLock(std::move(file));
 }
 

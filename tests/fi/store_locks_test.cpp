@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <fcntl.h>
 #include <fstream>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -148,4 +149,37 @@ TEST_F(StoreLocks, a_forked_childs_image_is_there_although_its_parent_let_go_of_
     EXPECT_EQ(read_list().size(), 2u);
     for (const int end : {opened[0], opened[1], go[0], go[1]})
         close(end);
+}
+
+TEST_F(StoreLocks, who_holds_up_a_store_is_waited_for_with_limits) {
+    Store::open(path, true, op);
+    const int lock = open((path + "/lock").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    EXPECT_EQ(status_of_call([&] { Store::open(path, false, op); }), QFI_FI_BUSY);
+    EXPECT_NE(last_error().find(path), std::string::npos);
+    ASSERT_EQ(flock(lock, LOCK_UN), 0);
+    EXPECT_EQ(status_of_call([&] { Store::open(path, false, op); }), 0);
+    close(lock);
+}
+
+TEST_F(StoreLocks, a_store_of_another_user_is_only_read) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can look into it";
+    const std::string id = make_image(*Store::open(path, true, op)),
+                      half = path + "/images/.new-20260101T000000Z-00000001";
+    std::filesystem::create_directory(half);
+    std::filesystem::remove(path + "/reserve");
+    ASSERT_EQ(chown(path.c_str(), 65534, 65534), 0);
+    const std::vector<std::string> before = names_in(path);
+    const int lock = open((path + "/lock").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    const std::shared_ptr<Store> store = Store::open(path, false, op);
+    EXPECT_EQ(ids_of(*store), std::vector<std::string>{id});
+    EXPECT_EQ(status_of_call([&] { store->remove(id, op, remove_all); }), QFI_FI_NO_RIGHT);
+    EXPECT_TRUE(std::filesystem::exists(half));
+    EXPECT_EQ(names_in(path), before);
+    close(lock);
+    ASSERT_EQ(chown(path.c_str(), 0, 0), 0);
+    Store::open(path, false, op)->remove(id, op, remove_all);
+    EXPECT_FALSE(std::filesystem::exists(half));
 }
