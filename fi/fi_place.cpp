@@ -313,7 +313,15 @@ void Workshop::exchange() {
             refuse(place_, "this file system cannot exchange directories atomically", operation_);
         fail_call(operation_, "rename", place_.path, errno, false);
     }
-    sync_parent();
+    try {
+        sync_parent();
+    } catch (...) {
+        // Either may be in the place after a crash: nothing is removed until the next restore.
+        renameat2(parent, beside_.c_str(), parent, place_.name.c_str(), RENAME_EXCHANGE);
+        flock(directory_.get(), LOCK_UN);
+        directory_.reset(-1);
+        throw;
+    }
 }
 
 void Workshop::put(bool over_empty) {

@@ -11,7 +11,18 @@
 #include "support/sanitized.h"
 
 namespace {
-bool knows_flags = true; // the file system, of renaming
+bool knows_flags = true;          // the file system, of renaming
+std::filesystem::path not_synced; // a directory that cannot be
+} // namespace
+
+extern "C" int fsync(int file) {
+    std::error_code error;
+    if (!not_synced.empty() &&
+        std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file), error) == not_synced) {
+        errno = EIO;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_fsync, file));
 }
 
 // Found by libfi.so before the C library's: a file system that knows no flags, as some network file systems.
@@ -74,6 +85,24 @@ TEST_P(Bounds, a_link_in_a_stored_image_leads_nowhere) {
                                                    " leaves its place: Too many levels of symbolic links (40)\n");
     });
     EXPECT_EQ(access_to(tree, "sub/file"), (objects / "0" / "sub" / "file").string());
+}
+
+TEST_P(Bounds, a_restore_that_may_not_be_on_the_disk_removes_neither_tree) {
+    const Tree tree = freeze({object}, store, "copy");
+    write_file(object / "plain", "changed");
+    not_synced = top;
+    EXPECT_EQ(qfi_op_restore(tree.get(), nullptr, nullptr), QFI_FI_WRITE);
+    not_synced.clear();
+    EXPECT_EQ(content_of(object / "plain"), "changed");
+    std::vector<std::string> contents;
+    for (const fs::directory_entry &entry : fs::directory_iterator(top))
+        if (entry.path().filename().string().ends_with("-tree"))
+            contents.push_back(content_of(entry.path() / "plain"));
+    EXPECT_EQ(contents, std::vector<std::string>{"plain content"});
+    EXPECT_EQ(qfi_op_restore(tree.get(), nullptr, nullptr), 0) << last_error();
+    EXPECT_EQ(content_of(object / "plain"), "plain content");
+    for (const fs::directory_entry &entry : fs::directory_iterator(top))
+        EXPECT_NE(entry.path().filename().string().rfind(".qzfi", 0), 0u) << entry.path();
 }
 
 TEST_P(Bounds, what_an_id_document_could_not_hold_is_refused_before_anything_is_made) {
