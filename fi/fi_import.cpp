@@ -208,6 +208,7 @@ private:
     void commit_all(std::vector<NewImage> &images, const Fiid &document) const {
         const std::string text = write_fiid(document, operation_);
         std::vector<NewImage *> set;
+        set.reserve(images.size());
         for (NewImage &image : images)
             set.push_back(&image);
         try {
