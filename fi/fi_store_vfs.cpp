@@ -1,6 +1,5 @@
 #include "fi/fi_store_vfs.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -111,10 +110,6 @@ int lock_index(sqlite3_file *file, int offset, int count, int flags) {
     return result;
 }
 
-void order_index(sqlite3_file *) {
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-}
-
 int unmap_index(sqlite3_file *file, int remove) {
     Behind &own = behind(file);
     own.index.unmap(own.path, remove != 0);
@@ -155,7 +150,6 @@ const sqlite3_io_methods *wrap(const sqlite3_io_methods &own) {
         methods.xCheckReservedLock = check_reserved;
         methods.xShmMap = map_index;
         methods.xShmLock = lock_index;
-        methods.xShmBarrier = order_index;
         methods.xShmUnmap = unmap_index;
     }
     return &methods;
