@@ -41,6 +41,26 @@ protected:
         qfi_op_free_buffer(path);
         return result;
     }
+    // What a host without a tree is told of an import that succeeds.
+    std::vector<std::string> warnings_of_import(const std::string &exported, const char *store) {
+        struct Listener : qfi_handler {
+            std::vector<std::string> texts;
+        } listener{};
+        listener.error = [](qfi_handler *self, const char *text, const char *, uint32_t severity) {
+            if (severity == 2)
+                static_cast<Listener *>(self)->texts.emplace_back(text);
+        };
+        stop();
+        setenv("ICU_DATA", path("no bundles").c_str(), 1);
+        EXPECT_EQ(qzfiapi_set_init_env(root().c_str(), nullptr), 0);
+        EXPECT_EQ(qzfiapi_start(&listener, QFI_API_VERSION), 0);
+        EXPECT_EQ(qfi_op_import_tree(exported.c_str(), store, nullptr, nullptr), 0) << last_error();
+        EXPECT_EQ(last_error(), "") << "it succeeded";
+        unsetenv("ICU_DATA");
+        stop();
+        start();
+        return listener.texts;
+    }
 };
 
 TEST_F(Filesystems, one_for_which_a_method_was_chosen_keeps_it_and_the_others_get_their_best) {
@@ -233,26 +253,10 @@ TEST_F(Filesystems, an_imported_folder_that_stays_is_told_to_the_host_also_witho
     ASSERT_EQ(qfi_op_deport_tree(tree, exported.c_str(), nullptr), 0) << last_error();
     qfi_op_detach(tree, nullptr, 0, nullptr);
     disk.remount(true);
-    struct Listener : qfi_handler {
-        std::vector<std::string> texts;
-    } listener{};
-    listener.error = [](qfi_handler *self, const char *text, const char *, uint32_t severity) {
-        if (severity == 2)
-            static_cast<Listener *>(self)->texts.emplace_back(text);
-    };
-    stop();
-    setenv("ICU_DATA", path("no bundles").c_str(), 1);
-    ASSERT_EQ(qzfiapi_set_init_env(root().c_str(), nullptr), 0);
-    ASSERT_EQ(qzfiapi_start(&listener, QFI_API_VERSION), 0);
-    EXPECT_EQ(qfi_op_import_tree(exported.c_str(), nullptr, nullptr, nullptr), 0) << last_error();
-    EXPECT_EQ(listener.texts,
+    EXPECT_EQ(warnings_of_import(exported, nullptr),
               std::vector<std::string>{"qzfi_import_tree: imported, but " + exported +
                                        " could not be removed: provider copy failed on " + exported + "/" + id +
                                        "/objects/0/file: unlinkat: Read-only file system (30)\n"});
-    EXPECT_EQ(last_error(), "") << "it succeeded";
-    unsetenv("ICU_DATA");
-    stop();
-    start();
 }
 
 TEST_F(Filesystems, an_exported_folder_that_has_more_than_the_store_is_told_to_the_host) {
@@ -265,28 +269,12 @@ TEST_F(Filesystems, an_exported_folder_that_has_more_than_the_store_is_told_to_t
     ASSERT_EQ(utimensat(AT_FDCWD, image_of(tree->fid_children->fid_children).c_str(), times, 0), 0);
     ASSERT_EQ(qfi_op_deport_tree(tree, exported.c_str(), nullptr), 0) << last_error();
     qfi_op_detach(tree, nullptr, 0, nullptr);
-    struct Listener : qfi_handler {
-        std::vector<std::string> texts;
-    } listener{};
-    listener.error = [](qfi_handler *self, const char *text, const char *, uint32_t severity) {
-        if (severity == 2)
-            static_cast<Listener *>(self)->texts.emplace_back(text);
-    };
-    stop();
-    setenv("ICU_DATA", path("no bundles").c_str(), 1);
-    ASSERT_EQ(qzfiapi_set_init_env(root().c_str(), nullptr), 0);
-    ASSERT_EQ(qzfiapi_start(&listener, QFI_API_VERSION), 0);
     const std::string store = coarse.path() + "/store";
-    EXPECT_EQ(qfi_op_import_tree(exported.c_str(), store.c_str(), nullptr, nullptr), 0) << last_error();
-    EXPECT_EQ(listener.texts,
+    EXPECT_EQ(warnings_of_import(exported, store.c_str()),
               std::vector<std::string>{"qzfi_import_tree: image " + id +
                                        " is imported, and its exported folder stays: the store does not keep " +
                                        object + "/file: attribute \"times\"; items not kept: 1\n"});
-    EXPECT_EQ(last_error(), "") << "it succeeded";
     EXPECT_TRUE(std::filesystem::exists(exported + "/fiid.xml"));
-    unsetenv("ICU_DATA");
-    stop();
-    start();
 }
 
 TEST_F(Filesystems, a_full_store_is_told_before_anything_is_made) {
