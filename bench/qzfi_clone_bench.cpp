@@ -10,8 +10,8 @@
 // blocks, while "cp --reflink=never" reads and writes. With --digest the engine reads and writes too, and hashes.
 //
 // What to expect: on XFS two workers halve the time of small files. On Btrfs they do not: each new name and extent is
-// put into the one tree of the subvolume, next to what the other worker puts there, and half of what the second one
-// adds is spent waiting for that tree's locks; what is won comes from fewer calls per file than cp makes. A program
+// put into the one tree of the subvolume, which is four fifths of the work and done by one at a time, so that the
+// workers take turns; what is won comes from fewer calls per file than cp makes, and from the other fifth. A program
 // that has a processor for itself also lets the kernel's own threads use the other one, which two workers do not.
 //
 //     qzfi_clone_bench [--quick] [--sync] [--cold] [--digest] [--no-rsync] [--rounds=N] [--workers=N] [--only=TEXT]

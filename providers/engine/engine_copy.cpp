@@ -94,6 +94,8 @@ Directory *Copier::open_root(Worker &worker, int source, int target, const char 
     shares_files_ = !is_known || filesystem.f_type != BTRFS_SUPER_MAGIC;
     if (!shares_files_)
         means_.least_in_kernel = 0; // there writing costs more than sharing
+    // New names and extents of a Btrfs subvolume all go into one tree, whose locks cost two workers more than they win.
+    takes_turns_ = !shares_files_ && options.data != Data::copy && !options.digest;
     shares_blocks_ = is_known && (filesystem.f_type == BTRFS_SUPER_MAGIC || filesystem.f_type == XFS_SUPER_MAGIC);
     bool is_there = false;
     if (lies_apart(worker, root, target, name) && updates_ &&

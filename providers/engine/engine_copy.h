@@ -105,6 +105,8 @@ private:
     bool lists_inodes_ = false;                  // a listing's inodes are those of the files
     bool shares_files_ = true;                   // several threads write one file faster than one
     bool shares_blocks_ = false;                 // it may, and then the kernel copies a file at once
+    bool takes_turns_ = false;                   // clones go faster one after the other
+    std::mutex turn_mutex_;
 
     struct LateFlags {
         Directory *directory; // referenced

@@ -90,12 +90,17 @@ void Copier::end_entries(Worker &worker) {
                 copy.from.reset();
         }
     };
+    std::unique_lock turn(turn_mutex_, std::defer_lock);
+    if (takes_turns_ && means_.clones)
+        turn.lock();
     each([&](FileCopy &copy) { return create(worker, copy); });
     each([&](FileCopy &copy) {
         reached(Point::created, copy.name);
         keep_early_flags(copy.to.get(), copy.flags, false);
         return take_data(worker, copy, false);
     });
+    if (turn)
+        turn.unlock();
     each([&](FileCopy &copy) {
         finish(worker, copy);
         return true;
