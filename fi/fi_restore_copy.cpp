@@ -180,11 +180,27 @@ void copy_out(const HeldImage &image, std::size_t index, const std::string &subp
     copy_entry(image, shown, directory.get(), entry, target, name, how);
 }
 
+namespace {
+
+// What one that was killed left; no other of ours works in the original. What the image holds is no debris.
+void remove_debris(int source, int directory, const std::string &shown, const char *operation) {
+    struct stat status {};
+    for (const std::string &name : names_in(directory, shown, operation))
+        if (engine::is_temporary_name(name.c_str()) &&
+            fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode) &&
+            fstatat(source, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT &&
+            unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT)
+            fail_call(operation, "unlink", shown, errno, false);
+}
+
+} // namespace
+
 void update_entry(const HeldImage &image, std::size_t index, const std::string &subpath, int directory, bool digest,
                   const CopyOut &how) {
     const Descriptor object = image.object(index);
     const std::string shown = joined(image.filesystem().objects[index].path, subpath);
     const auto [source, entry] = entry_in_image(object.get(), subpath, shown, how.operation);
+    remove_debris(source.get(), directory, shown, how.operation);
     how.report->changed += run_one(image, shown, source.get(), entry, directory, ".", true, digest, how).changed;
 }
 

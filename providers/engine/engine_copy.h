@@ -127,4 +127,7 @@ private:
     std::atomic<uint64_t> temporary_{0};
 };
 
+/// Whether a name is of those that an update gives to files before it puts them in place.
+bool is_temporary_name(const char *name) noexcept;
+
 } // namespace qzfi::engine

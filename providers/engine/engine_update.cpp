@@ -49,6 +49,15 @@ void Copier::temporary_name(char (&out)[256]) {
              static_cast<unsigned long long>(temporary_.fetch_add(1)));
 }
 
+bool is_temporary_name(const char *name) noexcept {
+    constexpr const char *digits = "0123456789abcdef";
+    constexpr std::size_t prefix = 6, run = 16;
+    if (strncmp(name, ".qzfi-", prefix) != 0 || strspn(name + prefix, digits) != run || name[prefix + run] != '-')
+        return false;
+    const char *const number = name + prefix + run + 1;
+    return *number != 0 && number[strspn(number, digits)] == 0;
+}
+
 /// A target file may become, or stay, only one source file: false when it is another one's, or has links although the
 /// source's has none.
 bool Copier::claim_target(const Stat &target, const Stat &source, bool &was_ours) {
