@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "earlier_image.h"
+#include "resync_support.h"
 #include "traced_process.h"
 
 namespace images {
@@ -112,6 +113,58 @@ TEST_P(FreezeFaults, of_a_restore_are_told_and_leave_the_old_tree_or_the_new_one
             break;
     }
     EXPECT_GE(failures, 3);
+}
+
+// What was done before the failure stays done. A failed look at what is there already is no reason to stop.
+TEST_P(FreezeFaults, of_a_resynchronisation_are_told_and_the_next_one_makes_up_for_them) {
+    fs::remove_all(object);
+    make_original(object);
+    keep(object, top / "new");
+    std::string id;
+    ASSERT_EQ(in_child([&] {
+                  const Framework framework(top / "root");
+                  write_file(top / "id", freeze({object}, store, method()).image_id());
+              }),
+              0);
+    id = content_of(top / "id");
+    spoil(object);
+    keep(object, top / "old");
+    int failures = 0;
+    for (int step = 1;; step += getenv("QZFI_TEST_LONG") != nullptr ? 1 : 5) {
+        const traced::Outcome outcome =
+            traced::run({step, EIO, [&](const traced::Call &call) { return counts(call); }, false}, [&] {
+                const Framework framework(top / "root");
+                const Tree tree = Tree::of_image(id, store);
+                qfi_report *report = nullptr;
+                traced::begin();
+                tell(top / "told", resync(tree, nullptr, 1, &report));
+                _exit(report != nullptr && report->count != 0 ? 1 : 0);
+            });
+        const std::string told = content_of(top / "told");
+        const bool is_remarked = outcome.exit_code == 1;
+        ASSERT_TRUE(outcome.exit_code == 0 || is_remarked) << outcome.exit_code;
+        if (told != "0 ") {
+            ++failures;
+            expect_told("qzfi_resync", told, outcome);
+        } else if (!is_remarked) {
+            EXPECT_EQ(differences(top / "new", object), "") << "call " << outcome.call.number << " of " << outcome.path;
+        }
+        expect_old_or_new_files(object);
+        EXPECT_EQ(temporary_names(object), std::set<std::string>{}) << told << outcome.path;
+        const int code = in_child([&] {
+            const Framework framework(top / "root");
+            const Tree tree = Tree::of_image(id, store);
+            EXPECT_EQ(qfi_op_objctl(tree.get(), QFI_OBJCTL_VERIFY, nullptr, nullptr), 0) << last_error();
+            EXPECT_EQ(resync(tree), 0) << last_error();
+        });
+        ASSERT_EQ(code, 0) << told << "step " << step << ": call " << outcome.call.number << " of " << outcome.path;
+        EXPECT_EQ(differences(top / "new", object), "");
+        if (!outcome.was_reached)
+            break;
+        fs::remove_all(object);
+        keep(top / "old", object);
+    }
+    EXPECT_GE(failures, 5);
 }
 
 // The log's last sync fails for the one transaction that records the image; then the host dies, and nothing moves the
