@@ -1,4 +1,4 @@
-// File systems that fill up in the middle of a freeze or a restore, with a certain room left.
+// File systems that fill up in the middle of a freeze, with a certain room left.
 #include <cerrno>
 #include <fcntl.h>
 #include <iterator>
@@ -10,63 +10,15 @@
 
 #include <qzfi_provider.h>
 
-#include "earlier_image.h"
+#include "full_disk.h"
 
 namespace images {
 namespace {
 
-class Full : public testing::Test {
+class Full : public FullDisk {
 protected:
-    void SetUp() override {
-        if (const auto obstacle = LoopFilesystem::obstacle(type()))
-            GTEST_SKIP() << *obstacle;
-        disk_ = std::make_unique<LoopFilesystem>(type(), megabytes());
-        disk = disk_->path();
-        std::string pattern = testing::TempDir() + "/qzfi-full-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        top = fs::canonical(pattern);
-        framework_.emplace(top / "root");
-    }
-    void TearDown() override {
-        framework_.reset();
-        if (!top.empty())
-            fs::remove_all(top);
-    }
-
-    virtual const char *type() const { return "ext4"; }
-    // The size decides the size of blocks: 4 KiB.
-    virtual unsigned megabytes() const { return 600; }
-
-    void make_object(const fs::path &object, bool with_data = true) const {
-        fs::create_directory(object);
-        for (int each = 0; each < 300; ++each)
-            write_file(object / ("file with a rather long name, for the manifest, " + std::to_string(each)),
-                       with_data && each % 10 == 0 ? std::string(8000, 'd') : "");
-    }
-    // Takes all room but so many bytes.
-    void leave(int64_t bytes) const {
-        const int file = open((disk / "filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-        ASSERT_GE(file, 0);
-        int64_t size = 0;
-        for (int64_t piece = int64_t{1} << 28; piece >= 1024; piece /= 2)
-            while (fallocate(file, 0, size, piece) == 0)
-                size += piece;
-        EXPECT_EQ(errno, ENOSPC);
-        EXPECT_EQ(ftruncate(file, size - bytes), 0);
-        EXPECT_EQ(syncfs(file), 0);
-        close(file);
-    }
-    // The file system gives the room back with its next commit only.
-    void make_room() const {
-        fs::remove(disk / "filler");
-        run({"sync", "-f", disk.string()});
-    }
     void expect_no_host_to_end(int step);
     std::set<std::string> freeze_into_rooms(const fs::path &object, const std::string &post, int step) const;
-
-    std::unique_ptr<LoopFilesystem> disk_;
-    fs::path disk, top;
-    std::optional<Framework> framework_;
 };
 
 // Freezes with more and more room left after the post command's guard was set up, until it is enough; gives the names
@@ -236,34 +188,6 @@ protected:
 
 TEST_F(CopyOnWrite, stores_are_opened_filled_listed_and_emptied_whatever_room_is_left) {
     expect_no_host_to_end(64 << 10);
-}
-
-TEST_F(Full, a_restore_is_told_and_leaves_the_old_tree) {
-    const fs::path object = disk / "object", store = top / "store";
-    make_object(object);
-    const Tree tree = freeze({object}, store, "copy");
-    write_file(object / "added", "since");
-    keep(object, top / "old");
-    bool is_through = false;
-    int failures = 0;
-    for (int room = 0; !is_through && room < 4 << 20; room += 128 << 10) {
-        leave(room);
-        const int32_t status = qfi_op_restore(tree.get(), nullptr, nullptr);
-        const std::string text = last_error();
-        is_through = status == 0;
-        if (!is_through) {
-            ++failures;
-            EXPECT_EQ(status, QFI_FI_NO_SPACE) << text;
-            EXPECT_EQ(text.rfind("qzfi_restore: no space left on the file system of " + disk.string(), 0), 0u) << text;
-            EXPECT_EQ(differences(top / "old", object), "");
-            for (const fs::directory_entry &entry : fs::directory_iterator(disk))
-                EXPECT_NE(entry.path().filename().string().rfind(".qzfi", 0), 0u) << entry.path();
-        }
-        make_room();
-    }
-    EXPECT_TRUE(is_through);
-    EXPECT_GE(failures, 2);
-    EXPECT_EQ(differences(tree.image_path(), object), "");
 }
 
 } // namespace

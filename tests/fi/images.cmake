@@ -27,5 +27,6 @@ qzfi_add_images_test(fidelity_test fidelity_test.cpp)
 qzfi_add_images_test(set_kill_test set_kill_test.cpp traced_process.cpp)
 
 # Resynchronisations.
+qzfi_add_images_test(resync_full_test resync_full_test.cpp)
 qzfi_add_images_test(resync_kill_test resync_kill_test.cpp traced_process.cpp)
 qzfi_add_images_test(resync_together_test resync_together_test.cpp)
