@@ -39,6 +39,26 @@ std::string joined(const std::string &path, const std::string &below) {
     return below.empty() ? path : (path == "/" ? "" : path) + "/" + below;
 }
 
+// A whole path tells the object that it lies in: the one with the longest path, as they may lie within each other on
+// different file systems.
+void choose_part(Plan &plan, const std::string &only) {
+    if (!only.starts_with('/')) {
+        require(plan.objects.size() == 1, plan.operation, "a path below the object needs a tree of one object");
+        plan.only = checked_subpath(only, plan.operation);
+        return;
+    }
+    const ObjectRef *found = nullptr;
+    for (const ObjectRef &one : plan.objects)
+        if (lies_at_or_below(only, one.object().path) &&
+            (found == nullptr || one.object().path.size() > found->object().path.size()))
+            found = &one;
+    require(found != nullptr, plan.operation, "the whole path of a part must lie in an object of the tree");
+    const std::size_t above = found->object().path == "/" ? 0 : found->object().path.size();
+    if (const std::size_t begin = only.find_first_not_of('/', above); begin != std::string::npos)
+        plan.only = checked_subpath(only.substr(begin), plan.operation);
+    plan.objects = {ObjectRef(*found)};
+}
+
 Plan plan_of(TreeLock &tree, const qfi_restore_options &options, Findings &report, const char *operation) {
     Plan plan{operation, objects_of(*tree), stores_of(*tree), {}, {}, {}, options.digest != 0, false};
     require(options.workers <= most_workers, operation, "at most 64 workers");
@@ -46,14 +66,14 @@ Plan plan_of(TreeLock &tree, const qfi_restore_options &options, Findings &repor
     plan.how = {operation, workers, &tree.progress(), &report};
     if (options.to != nullptr)
         plan.to = canonical_text(options.to, operation);
-    if (options.only != nullptr) {
-        require(plan.objects.size() == 1, operation, "a path below the object needs a tree of one object");
-        plan.only = checked_subpath(options.only, operation);
-    }
+    if (options.only != nullptr)
+        choose_part(plan, options.only);
     uint64_t entries = 0, bytes = 0;
     for (const TreeFilesystem &filesystem : tree->filesystems) {
-        entries += filesystem.record.entries;
-        bytes += filesystem.record.bytes;
+        const bool is_concerned = std::any_of(plan.objects.begin(), plan.objects.end(),
+                                              [&](const ObjectRef &one) { return one.filesystem == &filesystem; });
+        entries += is_concerned ? filesystem.record.entries : 0;
+        bytes += is_concerned ? filesystem.record.bytes : 0;
     }
     tree.progress().totals(entries, bytes);
     return plan;
@@ -363,8 +383,8 @@ void restore(TreeLock &tree, const qfi_restore_options &options, Findings &repor
     }
     if (options.dry_run == 0) {
         report.changed += report.entries;
-        for (const ObjectRef &one : plan.objects)
-            one.object().restore_to.clear(); // it was said of this restore
+        for (const ObjectRef &one : objects_of(*tree))
+            one.object().restore_to.clear(); // it was said of this restore, whatever part it was of
     }
     tree.progress().finish();
 }

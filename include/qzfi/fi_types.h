@@ -196,7 +196,8 @@ typedef struct qfi_restore_options {
     uint32_t size;    /**< set by `QFI_INIT` */
     uint32_t workers; /**< 0 for 2 */
     const char *to;   /**< restore into this new directory instead of the original places; or null */
-    const char *only; /**< only what lies at this path below the one object; or null */
+    const char *only; /**< only what lies there: at a path below the one object, or at an original's whole path, which
+                         tells the object of several; or null */
     uint32_t digest;  /**< resync: not 0 compares file data too, not only size and times */
     uint32_t dry_run; /**< not 0: only the report; nothing is changed: of a new place, all that would be made there */
 } qfi_restore_options;

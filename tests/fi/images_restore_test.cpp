@@ -115,6 +115,68 @@ TEST_P(Restore, replaces_one_link_or_directory_only) {
     EXPECT_EQ(content_of(object / "plain"), "changed since");
 }
 
+TEST_P(Restore, takes_a_part_of_several_objects_by_its_whole_path) {
+    const fs::path second = top / "object two"; // begins like the first one
+    make_zoo(second);
+    const Tree tree = freeze({object, second}, store);
+    spoil(object);
+    spoil(second);
+    ASSERT_EQ(restore(tree, nullptr, (second / "plain").c_str()), 0) << last_error();
+    EXPECT_EQ(content_of(second / "plain"), "plain content");
+    EXPECT_EQ(content_of(second / "sub" / "added"), "new");
+    EXPECT_EQ(content_of(object / "plain"), "changed since");
+
+    qfi_restore_options options;
+    QFI_INIT(options);
+    const std::string folder = (second / "sub/").string();
+    options.only = folder.c_str();
+    qfi_report *report = nullptr;
+    options.dry_run = 1;
+    ASSERT_EQ(qfi_op_resync(tree.get(), &options, &report), 0) << last_error();
+    for (const Line &line : Report(report).lines)
+        EXPECT_EQ((std::pair{line.object, line.path.substr(0, 3)}), (std::pair{second.string(), std::string("sub")}));
+    options.dry_run = 0;
+    ASSERT_EQ(qfi_op_resync(tree.get(), &options, nullptr), 0) << last_error();
+    EXPECT_FALSE(fs::exists(second / "sub" / "added"));
+    EXPECT_FALSE(fs::exists(second / "absolute"));
+
+    ASSERT_EQ(restore(tree, nullptr, second.c_str()), 0) << last_error();
+    EXPECT_TRUE(fs::is_symlink(second / "absolute"));
+    EXPECT_EQ(content_of(object / "plain"), "changed since");
+    EXPECT_EQ(content_of(object / "sub" / "added"), "new");
+    ASSERT_EQ(restore(tree, (top / "new").c_str(), (object / "sub").c_str()), 0) << last_error();
+    EXPECT_EQ(content_of(top / "new" / "two names"), "linked");
+}
+
+TEST_P(Restore, refuses_a_part_of_which_the_object_is_not_told) {
+    make_zoo(top / "second");
+    const Tree tree = freeze({object, top / "second"}, store);
+    EXPECT_EQ(restore(tree, nullptr, "plain"), QFI_STATUS_INVALID_ARGUMENT);
+    EXPECT_EQ(last_error(), "qzfi_restore: invalid argument: a path below the object needs a tree of one object\n");
+    for (const fs::path &only :
+         {top / "third" / "plain", top, fs::path(top.string() + "/second more"), fs::path("/")}) {
+        EXPECT_EQ(restore(tree, nullptr, only.c_str()), QFI_STATUS_INVALID_ARGUMENT) << only;
+        EXPECT_EQ(last_error(),
+                  "qzfi_restore: invalid argument: the whole path of a part must lie in an object of the tree\n");
+    }
+    EXPECT_EQ(restore(tree, nullptr, (object / "sub" / ".." / "plain").c_str()), QFI_STATUS_INVALID_ARGUMENT);
+}
+
+TEST_P(Restore, forgets_all_other_places_once_a_part_went_to_its_own) {
+    make_zoo(top / "second");
+    const Tree tree = freeze({object, top / "second"}, store);
+    const std::string elsewhere = (top / "elsewhere").string();
+    const char *const paths[] = {elsewhere.c_str(), nullptr};
+    ASSERT_EQ(qfi_op_set_restorepaths(tree.get(), paths, 2), 0) << last_error();
+    write_file(top / "second" / "plain", "changed since");
+    ASSERT_EQ(restore(tree, nullptr, (top / "second" / "plain").c_str()), 0) << last_error();
+    EXPECT_EQ(content_of(top / "second" / "plain"), "plain content");
+    write_file(object / "plain", "changed since");
+    ASSERT_EQ(restore(tree), 0) << last_error();
+    EXPECT_EQ(content_of(object / "plain"), "plain content");
+    EXPECT_FALSE(fs::exists(elsewhere));
+}
+
 TEST_P(Restore, copies_one_file_to_a_new_directory) {
     const Tree tree = freeze({object}, store);
     ASSERT_EQ(restore(tree, (top / "new").c_str(), "sub/two names"), 0) << last_error();

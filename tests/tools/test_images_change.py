@@ -140,7 +140,14 @@ class Set(ToolTest):
         contents = self.contents(self.objects)
         self.assertEqual(contents[0], frozen[0])
         self.assertEqual(contents[1]["file"], "changed\n")
-        self.assertIn("it has several objects", self.fail_with(2, "restore", self.identity, "--only", "file", "--yes"))
+
+    def test_a_part_of_it_comes_back_by_its_whole_path(self):
+        self.change()
+        self.assertIn("it has 2 objects", self.fail_with(2, "restore", self.identity, "--only", "file", "--yes"))
+        self.succeed("restore", self.identity, "--only", self.objects[1] / "file", "--yes")
+        self.succeed("resync", self.identity, "--only", self.objects[0] / "file", "--yes")
+        self.assertEqual(self.contents(self.objects), [{"file": "content 0\n", "new": "new"},
+                                                       {"file": "content 1\n", "new": "new"}])
 
     def test_it_goes_as_a_whole(self):
         self.assertEqual(self.succeed("rm", self.identity, "--yes"), f"removed {self.identity}\n")

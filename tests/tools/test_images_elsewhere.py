@@ -1,5 +1,6 @@
 """qzfi diff, restore and the stores that they look into, by other names and in other places than the originals."""
 import os
+import shutil
 import unittest
 
 import support
@@ -63,10 +64,33 @@ class Elsewhere(ToolTest):
         self.assertEqual(error, f"qzfi: compare image {identity} with /etc: it is in none of the 2 objects, {self.data} "
                                 f"and {other}; an image of several objects can be compared with its originals or "
                                 "another image\n")
+
+    def test_a_part_of_an_image_of_several_objects_comes_back_by_its_whole_path(self):
+        other = self.folder / "data two"
+        shutil.copytree(self.data, other)
+        identity = self.freeze(self.data, other, "--method", "copy", "--store", self.store)
+        at = ("--store", self.store)
         for command in ("restore", "resync"):
-            error = self.fail_with(2, command, identity, "--only", "file", "--store", self.store, "--yes")
-            self.assertEqual(error, f"qzfi: find file in image {identity}: it has several objects, {self.data} and {other}: "
-                                    "restore it --to a new folder and take the part from there, or `qzfi cat` a file\n")
+            for folder in (self.data, other):
+                (folder / "file").write_text("changed\n")
+                (folder / "folder" / "other").write_text("changed\n")
+            error = self.fail_with(2, command, identity, "--only", "file", *at, "--yes")
+            self.assertEqual(error, f"qzfi: find file in image {identity}: it has 2 objects, {self.data} and {other}: "
+                                    "say which by --object, or give the original's whole path\n")
+            error = self.fail_with(1, command, identity, "--only", "/etc/passwd", *at, "--yes")
+            self.assertEqual(error, f"qzfi: find /etc/passwd in image {identity}: it is of {self.data} and {other}\n")
+            self.assertEqual(self.succeed(command, identity, "--only", other / "file", *at, "--dry-run"),
+                             f"{other}/file: would be replaced\n")
+            self.assertEqual(self.succeed(command, identity, "--only", other / "file", *at, "--yes"),
+                             f"{other}/file: 1 entry changed\n")
+            document = self.json(command, identity, "--only", "folder", "--object", "2", *at, "--yes")
+            self.assertEqual((document["object"], document["only"]), (str(other), "folder"))
+            self.assertEqual((other / "file").read_text() + (other / "folder/other").read_text(), "content\nother\n")
+            self.assertEqual((self.data / "file").read_text() + (self.data / "folder/other").read_text(),
+                             "changed\nchanged\n")
+            document = self.json(command, identity, "--object", "1", *at, "--yes")
+            self.assertEqual((document["object"], document["only"]), (str(self.data), None))
+            self.assertEqual(self.succeed("diff", identity, *at, "--exit-code"), "")
 
     def test_a_store_may_be_named_from_where_one_is(self):
         identity = self.succeed("freeze", "data", "--method", "copy", "--store", "new/store", cwd=self.folder)

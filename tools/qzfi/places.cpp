@@ -89,14 +89,8 @@ Place find_place(const qfi_domain *tree, const PlaceName &name) {
     return {found, below(file, found_path)};
 }
 
-std::string below_the_object(const qfi_domain *tree, const std::string &file) {
-    if (object_nodes(tree).size() > 1)
-        throw Failure("find " + file + " in image " + id_of(tree) + ": it has several objects, " + objects_text(tree) +
-                          (tree->fid_children->fid_siblings != nullptr
-                               ? ": name the image of the one that is meant, not the set"
-                               : ": restore it --to a new folder and take the part from there, or `qzfi cat` a file"),
-                      exit_usage);
-    return find_place(tree, {file, 0}).below;
+std::string part_name(const qfi_domain *tree, const Place &place) {
+    return object_nodes(tree).size() == 1 ? place.below : path_in_original(place);
 }
 
 std::string path_in_original(const Place &place) {

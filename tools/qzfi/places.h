@@ -33,8 +33,8 @@ struct PlaceName {
 /// Finds a place; that an entry is there is not looked at. Throws Failure when it cannot be told which is meant.
 Place find_place(const qfi_domain *tree, const PlaceName &name);
 
-/// What lies below the one object of a tree, for operations that take only that. Throws Failure as `find_place`.
-std::string below_the_object(const qfi_domain *tree, const std::string &file);
+/// How the library is told of a place in a tree: below its one object, or by the original's whole path.
+std::string part_name(const qfi_domain *tree, const Place &place);
 
 /// A path without links, dots and slashes at its end; of what is not there as far as it goes. Throws Failure, so that
 /// one that cannot be looked at never passes for none.

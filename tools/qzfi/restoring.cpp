@@ -1,9 +1,9 @@
 #include "tools/qzfi/restoring.h"
 
 #include <iostream>
+#include <optional>
 
 #include "tools/qzfi/json.h"
-#include "tools/qzfi/places.h"
 #include "tools/qzfi/progress.h"
 #include "tools/qzfi/text.h"
 
@@ -40,10 +40,13 @@ int run(const Settings &settings, const RestoreOptions &options, const Kind &kin
     const Session session(settings);
     const ImageName name{whole_id(options.image), options.image.store};
     const Tree tree = open_tree(name);
-    const std::string only = options.only.empty() ? "" : below_the_object(tree.get(), options.only);
+    std::optional<Place> part;
+    if (!options.only.file.empty() || options.only.object > 0)
+        part = find_place(tree.get(), options.only);
+    const std::string only = part ? part_name(tree.get(), *part) : "";
     const std::string to =
         options.to.empty() ? "" : absolute_path(options.to, "restore image " + name.id + " to " + options.to);
-    const std::string what = path_below(objects_text(tree.get()), only); // with a part there is only one object
+    const std::string what = part ? path_in_original(*part) : objects_text(tree.get());
     const std::string action =
         std::string(kind.name) + " " + what + (to.empty() ? "" : " to " + to) + " from image " + name.id;
     if (!options.dry_run && to.empty() && !confirm(question(kind, what, name), options.yes))
@@ -64,7 +67,8 @@ int run(const Settings &settings, const RestoreOptions &options, const Kind &kin
     if (options.json) {
         print(Json{{"id", name.id},
                    {"to", to.empty() ? Json() : Json(json_text(to))},
-                   {"only", only.empty() ? Json() : Json(json_text(only))},
+                   {"object", part ? Json(json_text(node_text(part->object, "path"))) : Json()},
+                   {"only", part && !part->below.empty() ? Json(json_text(part->below)) : Json()},
                    {"dry_run", options.dry_run},
                    {"report", json_of(*report)}});
     } else if (options.dry_run) {
@@ -90,9 +94,10 @@ int run_resync(const Settings &settings, const RestoreOptions &options) {
 
 void add_restoring(Arguments &command, RestoreOptions &options) {
     add_image(command, options.image);
-    command.add_option("--only", options.only, "Only what lies there: below the object, or the original's path")
+    command.add_option("--only", options.only.file, "Only what lies there: below the object, or the original's path")
         .type_name("SUB")
         .not_empty();
+    add_object(command, options.only.object);
     command.add_flag("--dry-run", options.dry_run, "Only list what would be changed");
     command.add_flag("--digest", options.digest, "Compare data too where sizes and times agree");
     add_workers(command, options.workers);

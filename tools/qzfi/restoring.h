@@ -2,12 +2,14 @@
 #pragma once
 
 #include "tools/qzfi/commands.h"
+#include "tools/qzfi/places.h"
 
 namespace qzfi::tool {
 
 struct RestoreOptions {
     ImageName image;
-    std::string to, only;
+    std::string to;
+    PlaceName only;
     uint32_t workers = 0;
     bool digest = false, dry_run = false, yes = false, json = false;
 };
