@@ -1,6 +1,7 @@
 """The images' life on Btrfs and by reflinks, on read-only and on full file systems."""
 import json
 import os
+import re
 import shutil
 import subprocess
 import unittest
@@ -133,6 +134,50 @@ class Unusable(ToolTest):
         error = self.fail_with(1, "show", self.newer)
         self.assertEqual(error.splitlines()[0], f"qzfi: find image {self.newer}: No such image (1024) in any known store")
         self.assertIn(f"  store {self.other}: The store cannot be used (1028)\n  {self.causes[0]}\n", error)
+
+
+class Broken(ToolTest):
+    """A store of which the catalog is none, among others or as the default one, which names all others."""
+
+    def damage(self, store):
+        catalog = store / "catalog.db"
+        catalog.rename(self.folder / "catalog.db")
+        catalog.write_bytes(b"no catalog " * 1000)
+        self.addCleanup(lambda: (self.folder / "catalog.db").replace(catalog))
+
+    def repaired(self, store):
+        """The document of a repair that can do nothing for that store, and tells so once."""
+        result = support.qzfi("repair", "--json")
+        self.assertEqual(result.code, 1, str(result))
+        self.assertEqual(result.err.splitlines()[0], f"qzfi: look at store {store}: The store's catalog failed (1037)")
+        self.assertEqual((len(re.findall("^qzfi: ", result.err, re.M)), result.err.count(f"catalog of store {store}: ")),
+                         (1, 1), result.err)
+        document = json.loads(result.out)
+        self.check_schema(document, "repair")
+        self.assertIn((str(store), 1037), [(one["path"], one["status"]) for one in document["stores"]])
+        return document
+
+    def test_a_repair_goes_on_with_the_others(self):
+        self.freeze()
+        other = self.folder / "other"
+        self.freeze(self.data, "--method", "copy", "--store", other)
+        for store in (self.store, other):
+            self.addCleanup(lambda path=store: support.qzfi("repair", "--forget", path))
+        self.damage(self.store)
+        (other / "images/.new-20200101T000000Z-00000000").mkdir()
+        self.assertEqual(self.repaired(self.store)["removed"], 1)
+        self.assertEqual(support.qzfi("repair").out, "no debris was removed\n")
+        error = self.fail_with(1, "repair", "--store", self.store, "--json")
+        self.assertIn(f"qzfi: repair store {self.store}: The store's catalog failed (1037)\n", error)
+
+    def test_nothing_is_said_of_what_the_default_store_hides(self):
+        self.freeze(self.data, "--method", "copy")
+        store = support.root() / "arcvault" / "images"
+        self.damage(store)
+        self.assertEqual(self.repaired(store)["removed"], 0)
+        for command in (["repair"], ["list"], ["verify", "--all"], ["prune", "--keep-last", "1"]):
+            error = self.fail_with(1, *command)
+            self.assertEqual(error.splitlines()[0], f"qzfi: look at store {store}: The store's catalog failed (1037)")
 
 
 class PartOfASet(ToolTest):

@@ -1,6 +1,8 @@
 // qzfi repair: removes what a crash left in the stores, and tells what is damaged there.
 #include <algorithm>
 #include <iostream>
+#include <set>
+#include <string_view>
 
 #include <qzfi_provider.h>
 
@@ -54,6 +56,30 @@ Json images_json(const qfi_report &report, bool damaged) {
     return images;
 }
 
+bool is_usable(const Store &store) {
+    return store.status == QFI_STATUS_OK;
+}
+
+// Without the operation, which stands first.
+std::string_view bare(const std::string &cause) {
+    const std::size_t place = cause.find(": ");
+    return std::string_view(cause).substr(place == std::string::npos ? 0 : place + 2);
+}
+
+// What failed beyond what is told of the stores that cannot be used.
+void tell_further(const Failure &failure, const std::vector<Store> &stores) {
+    std::set<std::string_view> told;
+    for (const Store &store : stores)
+        for (const std::string &cause : store.causes)
+            told.insert(bare(cause));
+    std::vector<std::string> causes = failure.causes();
+    std::erase_if(causes, [&](const std::string &cause) { return told.count(bare(cause)) > 0; });
+    if (causes.size() == failure.causes().size())
+        tell(failure);
+    else if (!causes.empty()) // its status may be that of what is told already
+        tell(Failure("repair the known stores: not all could be repaired", exit_failed, std::move(causes)));
+}
+
 int run(const Settings &settings, const Options &options) {
     const Session session(settings);
     if (!options.forgotten.empty()) {
@@ -64,18 +90,28 @@ int run(const Settings &settings, const Options &options) {
     const Interruptible interruptible;
     Report report;
     const std::string action = options.store.empty() ? "repair the known stores" : "repair store " + options.store;
-    check(qfi_op_objctl(nullptr, QFI_OBJCTL_REPAIR, or_null(options.store), Out(report)), action);
+    // First of all: to look at a store removes debris, too, and says nothing of it.
+    const int32_t status = qfi_op_objctl(nullptr, QFI_OBJCTL_REPAIR, or_null(options.store), Out(report));
     check_interrupted(action);
+    const Failure failure = failure_of(status, action);
     const std::vector<Store> stores = find_stores(options.store);
+    const bool has_usable = stores.empty() || std::any_of(stores.begin(), stores.end(), is_usable);
+    // A store that fails is no reason to keep silent about the others, but for the one that was named.
+    if (!report || (status != QFI_STATUS_OK && !has_usable && !options.store.empty()))
+        throw failure;
     if (options.json) {
         print(Json{{"removed", report->changed},
                    {"damaged", images_json(*report, true)},
                    {"waiting", images_json(*report, false)},
                    {"stores", json_of(stores)}});
-    } else {
+    } else if (has_usable) {
         print_text(*report, stores);
     }
-    const int code = tell_unusable(stores);
+    int code = tell_unusable(stores);
+    if (status != QFI_STATUS_OK) {
+        code = exit_failed;
+        tell_further(failure, stores);
+    }
     const bool has_damaged = std::any_of(report->items, report->items + report->shown, is_damaged);
     return has_damaged ? exit_differs : code;
 }

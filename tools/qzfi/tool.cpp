@@ -112,16 +112,19 @@ std::string status_text(int32_t status) {
     return result + " (" + std::to_string(status) + ")";
 }
 
-void check(int32_t status, const std::string &action) {
-    if (status == QFI_STATUS_OK)
-        return;
+Failure failure_of(int32_t status, const std::string &action) {
     if (status == QFI_STATUS_NOT_STARTED) {
         fi_del_all_errors(); // less than what is told here
-        throw Failure(action + ": " + library_obstacle(), exit_failed, {status_text(status)});
+        return Failure(action + ": " + library_obstacle(), exit_failed, {status_text(status)});
     }
     std::vector<std::string> causes = take_errors();
     const int code = status == QFI_FI_CANCELLED ? exit_interrupted : exit_failed;
-    throw Failure(action + ": " + status_text(status), code, std::move(causes));
+    return Failure(action + ": " + status_text(status), code, std::move(causes));
+}
+
+void check(int32_t status, const std::string &action) {
+    if (status != QFI_STATUS_OK)
+        throw failure_of(status, action);
 }
 
 std::string absolute_path(const std::string &path, const std::string &action) {

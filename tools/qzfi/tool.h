@@ -59,6 +59,9 @@ std::vector<std::string> take_errors();
 /// The text of a status with its number, as in "no such image (1024)".
 std::string status_text(int32_t status);
 
+/// The failure that `check` throws, with the calling thread's error records.
+Failure failure_of(int32_t status, const std::string &action);
+
 /// Throws Failure "ACTION: STATUS TEXT (STATUS)" unless `status` is 0; QFI_FI_CANCELLED has `exit_interrupted`.
 /// `action` says what was tried with what, as in "freeze /data".
 void check(int32_t status, const std::string &action);
