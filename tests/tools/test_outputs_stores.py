@@ -1,4 +1,5 @@
 """Full and closed outputs, full and read-only stores, two at once."""
+import itertools
 import os
 import signal
 
@@ -42,11 +43,14 @@ class Outputs(ToolTest):
 
     def test_a_reader_that_goes_away_ends_the_command_quietly(self):
         identity = self.freeze()
-        for arguments in (("list",), ("list", "--json"), ("show", identity), ("cat", identity, "file")):
-            with self.subTest(arguments):
+        commands = (("list",), ("list", "--json"), ("show", identity), ("cat", identity, "file"), ("verify", identity),
+                    ("diff", identity, "--json"), ("prune", "--keep-last", "1", "--dry-run"))
+        # A caller that ignores SIGPIPE hands that on.
+        for arguments, restored in itertools.product(commands, (True, False)):
+            with self.subTest(arguments, restored=restored):
                 reader, writer = os.pipe()
                 os.close(reader)
-                process = support.start(*arguments, "--store", self.store, stdout=writer)
+                process = support.start(*arguments, "--store", self.store, stdout=writer, restore_signals=restored)
                 os.close(writer)
                 _, error = process.communicate(timeout=support.PATIENCE)
                 self.assertEqual(error, "")

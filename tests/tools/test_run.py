@@ -67,6 +67,18 @@ class Run(ToolTest):
         self.assertEqual(process.returncode, 130, error)
         support.wait_for(lambda: not pathlib.Path(f"/proc/{pid}").exists(), "the command's end")
 
+    def test_a_reader_that_goes_away_ends_the_command_quietly(self):
+        for number, restored in enumerate((True, False)):  # a caller that ignores SIGPIPE hands that on
+            for words, end in ((("yes",), 141), (("sh", "-c", f"yes; touch {self.folder}/after{number}; exit 7"), 7)):
+                with self.subTest(words, restored=restored):
+                    process = support.start("run", "--", *words, restore_signals=restored)
+                    self.assertEqual(process.stdout.readline(), "y\n")
+                    process.stdout.close()
+                    error = process.stderr.read()
+                    process.stderr.close()
+                    self.assertEqual((process.wait(support.PATIENCE), error), (end, ""))
+            self.assertTrue((self.folder / f"after{number}").exists(), "only what writes is ended")
+
     def test_an_empty_command_is_refused(self):
         self.assertEqual(self.fail_with(2, "run", ""), "qzfi: run: the command is empty\n")
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -58,26 +59,43 @@ public:
     throw Failure(action + ": " + std::strerror(errno));
 }
 
-void write_all(int target, const char *data, std::size_t size) {
+// False when the reader has gone.
+bool write_all(int target, const char *data, std::size_t size) {
     while (size > 0) {
         const ssize_t written = write(target, data, size);
+        if (written < 0 && errno == EPIPE)
+            return false;
         if (written < 0 && errno != EINTR)
             fail(target == STDOUT_FILENO ? "write to standard output" : "write to standard error");
         const std::size_t done = written > 0 ? static_cast<std::size_t>(written) : 0;
         data += done;
         size -= done;
     }
+    return true;
 }
 
-// Hands on what one read gives; false at the pipe's end.
-bool hand_on(int source, int target) {
+// Nobody reads on: the command finds its output as it would find the reader's own pipe, and ends, or does not care.
+void close_pipe(int source) {
+    const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    // Not by close: the number is the context's, which closes it at the end.
+    if (nothing < 0 || dup3(nothing, source, O_CLOEXEC) < 0)
+        fail("let go of the command's output");
+    close(nothing);
+}
+
+enum class Flow { goes_on, has_ended, is_unread };
+
+// Hands on what one read gives.
+Flow hand_on(int source, int target) {
     std::array<char, 65536> buffer;
     const ssize_t count = read(source, buffer.data(), buffer.size());
     if (count < 0 && errno != EINTR)
         fail("read the command's output");
-    if (count > 0)
-        write_all(target, buffer.data(), static_cast<std::size_t>(count));
-    return count != 0;
+    if (count > 0 && !write_all(target, buffer.data(), static_cast<std::size_t>(count))) {
+        close_pipe(source);
+        return Flow::is_unread;
+    }
+    return count != 0 ? Flow::goes_on : Flow::has_ended;
 }
 
 int32_t read_exit_code(int source) {
@@ -166,7 +184,7 @@ bool was_interrupted(pid_t context) {
 
 // Output as it comes, until the exit code is there and the pipes hold nothing more. Not to the pipes' end: the context
 // process holds them open, and so may what the command left running.
-int32_t hand_on_all(const int32_t *record) {
+int32_t hand_on_all(const int32_t *record, bool &is_unread) {
     std::array<pollfd, 3> sources{{{record[QFI_CONTEXT_OUTPUT_READ], POLLIN, 0},
                                    {record[QFI_CONTEXT_ERROR_READ], POLLIN, 0},
                                    {record[QFI_CONTEXT_STATUS_READ], POLLIN, 0}}};
@@ -181,8 +199,11 @@ int32_t hand_on_all(const int32_t *record) {
         if (ready == 0 && has_code)
             return code;
         for (std::size_t index = 0; ready > 0 && index < 2; ++index)
-            if (sources[index].revents != 0 && !hand_on(sources[index].fd, index == 0 ? STDOUT_FILENO : STDERR_FILENO))
-                sources[index].fd = -1;
+            if (sources[index].revents != 0) {
+                const Flow flow = hand_on(sources[index].fd, index == 0 ? STDOUT_FILENO : STDERR_FILENO);
+                is_unread = is_unread || flow == Flow::is_unread;
+                sources[index].fd = flow == Flow::goes_on ? sources[index].fd : -1;
+            }
         if (ready > 0 && sources[2].revents != 0) {
             code = read_exit_code(sources[2].fd);
             has_code = true;
@@ -219,10 +240,14 @@ int run(const Settings &settings, const Options &options) {
     // The context process has closed its standard input: what the command opens first would be taken for it.
     const std::string command = shell_text(options.words);
     note_ending_signals();
+    (void)std::signal(SIGPIPE, SIG_IGN); // a reader that went away is noticed, and the command's end awaited
     const Exchange exchange("exec </dev/null\n" + command);
-    const int32_t code = hand_on_all(exchange.record());
+    bool is_unread = false;
+    const int32_t code = hand_on_all(exchange.record(), is_unread);
     if (was_interrupted(exchange.record()[QFI_CONTEXT_PID]))
         throw Failure("run " + command + ": interrupted", exit_interrupted);
+    if (is_unread && code <= 0)
+        return exit_unread;
     if (code < 0)
         throw Failure("run " + command + ": it was ended by a signal", exit_failed, take_errors());
     return code;
