@@ -3,6 +3,7 @@ import json
 import os
 import signal
 import re
+import shutil
 import subprocess
 import unittest
 
@@ -88,6 +89,19 @@ no remarks
         document = self.json("show", identity, "--store", self.store)
         self.assertEqual((document["images"][0]["state"], document["report"]), ("damaged", None))
         self.assertIn("its report is not there any more", self.succeed("show", identity, "--store", self.store))
+
+
+class LongLabel(ToolTest):
+    def test_it_is_shortened_in_the_list_and_whole_elsewhere(self):
+        label = "from here " + "on and " * 700 + "to there"
+        identity = self.freeze(self.data, "--method", "copy", "--store", self.store, "--label", label)
+        title, line = self.succeed("list", "--store", self.store).splitlines()
+        shown = line[title.index("LABEL"):title.index("OBJECTS")]
+        self.assertRegex(shown, r"^from here .*\.\.\..* to there  $")
+        self.assertEqual(len(shown), 64 + 2)
+        self.assertTrue(line.endswith(f"  {self.data}"))
+        self.assertIn(f" {label}\n", self.succeed("show", identity, "--store", self.store))
+        self.assertEqual(self.json("list", "--store", self.store)["images"][0]["label"], label)
 
 
 class Tree(ToolTest):

@@ -16,6 +16,9 @@ struct Options {
     bool json = false;
 };
 
+// A text of any length is no reason to have all lines as long; `show` has the whole of it.
+constexpr std::size_t widest_label = 64;
+
 void print_table(const qfi_image_list *images) {
     const bool has_hosts = has_other_hosts(images);
     std::vector<Column> columns = {{"ID"},
@@ -37,7 +40,7 @@ void print_table(const qfi_image_list *images) {
                                           image.fim_id,
                                           consistency,
                                           image.bytes == 0 ? "-" : size_text(image.bytes),
-                                          printable(image.label),
+                                          shortened(printable(image.label), widest_label),
                                           printable(joined({image.objects, image.objects + image.object_count}))};
         if (has_hosts)
             cells.insert(cells.begin() + 2, printable(image.host));
