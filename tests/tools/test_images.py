@@ -116,6 +116,15 @@ class Tree(ToolTest):
         self.assertTrue(plain.isascii(), plain)
         self.assertIn("        --> ", plain)
 
+    def test_no_arrow_leads_to_an_image_that_is_gone(self):
+        identity = self.freeze()
+        shutil.rmtree(self.store / "images" / identity)
+        for command in ("tree", "path"):
+            for form in ((), ("--json",)):
+                error = self.fail_with(1, command, identity, "--store", self.store, *form)
+                self.assertEqual(error.splitlines()[0],
+                                 f"qzfi: find {self.data} in image {identity}: The image is damaged (1032)", command)
+
     def test_a_set_over_two_file_systems(self):
         memory = support.memory_filesystem("size=1m")
         (memory / "here").write_text("in memory")

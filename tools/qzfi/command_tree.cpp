@@ -72,11 +72,20 @@ Json json_of_tree(const qfi_domain *tree, const std::string &id) {
     return {{"id", id}, {"filesystems", std::move(filesystems)}};
 }
 
+// An arrow to what is not there would be a lie.
+void require_readable(const qfi_domain *tree, const std::string &id) {
+    for (const qfi_domain *const object : object_nodes(tree)) {
+        Text path;
+        check(qfi_op_access(object, nullptr, Out(path)), "find " + node_text(object, "path") + " in image " + id);
+    }
+}
+
 int run(const Settings &settings, const Options &options) {
     const Session session(settings);
     const ImageName name{whole_id(options.image), options.image.store};
     const Tree tree = open_tree(name);
     check(qfi_op_build_alttree(tree.get(), nullptr, nullptr), "build the tree of image " + name.id);
+    require_readable(tree.get(), name.id);
     if (options.json)
         print(json_of_tree(tree.get(), name.id));
     else
