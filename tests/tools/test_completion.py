@@ -97,6 +97,21 @@ class Bash(ToolTest):
         self.assertEqual(self.completed(f"qzfi cat --store {self.store} {identity} folder/o"),
                          f"qzfi cat --store {self.store} {identity} folder/other ")
 
+    def test_parts_of_an_image(self):
+        identity = self.freeze()
+        shutil.rmtree(self.data / "folder")
+        for line in (f"qzfi restore --store {self.store} {identity} --only ",
+                     f"qzfi resync {identity} --store={self.store} --only="):
+            self.assertEqual(self.completed(line + "folder/o"), line + "folder/other ")
+            self.assertEqual(self.completed(line + f"{self.data}/fi"), line + f"{self.data}/file  ")
+        other = self.folder / "second"
+        other.mkdir()
+        (other / "one").touch()
+        identity = self.freeze(self.data, other, "--method", "copy", "--store", self.store)
+        line = f"qzfi restore --store {self.store} {identity} "
+        self.assertEqual(self.completed(line + "--object 2 --only o"), line + "--object 2 --only one ")
+        self.assertEqual(self.completed(line + "--only o"), line + "--only o ", "which one is not told")
+
     def test_methods_and_levels(self):
         self.assertEqual(self.offered("qzfi freeze --method "), {"btrfs", "reflink", "copy"} |
                          {"qzfi", "freeze", "--method"})
@@ -144,6 +159,13 @@ class Zsh(ToolTest):
         self.assertIn("qzfi freeze data/", self.shell.press("qzfi freeze dat"))
         identity = self.freeze()
         self.assertIn("folder/other", self.shell.press(f"qzfi cat --store {self.store} {identity} folder/o"))
+
+    def test_parts_of_an_image(self):
+        identity = self.freeze()
+        shutil.rmtree(self.data / "folder")
+        line = f"qzfi restore --store {self.store} {identity} --only "
+        self.assertIn("folder/other", self.shell.press(line + "folder/o"))
+        self.assertIn(f"{self.data}/file", self.shell.press(line + f"{self.data}/fi"))
 
     def test_methods_and_levels(self):
         self.assertLessEqual({"btrfs", "reflink", "copy"}, self.offered("qzfi freeze --method "))

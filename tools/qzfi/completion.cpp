@@ -67,8 +67,10 @@ _qzfi_complete() { # KIND CURRENT
         -- "$2")) ;;
     "ID|PATH") _qzfi_complete PATH "$2"; local files=("${COMPREPLY[@]}"); _qzfi_complete ID "$2"
         COMPREPLY+=("${files[@]}") ;;
+    SUB) # the original's path, or as FILE
+        if [[ $2 == /* ]]; then _qzfi_complete PATH "$2"; else _qzfi_complete FILE "$2"; fi ;;
     FILE) # within the image that was named before
-        base=$(_qzfi_ask path "${store[@]}" "$id") && [[ $base != *$'\n'* ]] || return
+        base=$(_qzfi_ask path "${store[@]}" "${part[@]}" "$id") && [[ $base != *$'\n'* ]] || return
         compopt -o filenames -o nospace
         COMPREPLY=($(compgen -f -- "$base/$2"))
         local index
@@ -89,7 +91,7 @@ _qzfi() {
         [[ $word == "=" ]] || words+=("$word")
     done
     [[ ${COMP_WORDS[COMP_CWORD]} == "=" ]] && words+=("")
-    local current=${words[-1]} command="" kind index position=0 id="" is_rest="" where=() store=()
+    local current=${words[-1]} command="" kind index position=0 id="" is_rest="" where=() store=() part=()
     COMPREPLY=()
     for ((index = 1; index < ${#words[@]} - 1; ++index)); do
         word=${words[index]}
@@ -103,6 +105,7 @@ _qzfi() {
                 return
             fi
             [[ $word == --root ]] && where=(--root "${words[index + 1]/#\~/$HOME}")
+            [[ $word == --object ]] && part=(--object "${words[index + 1]}")
             [[ $word == --store ]] && store=(--store "${words[index + 1]/#\~/$HOME}")
             ((++index))
         elif [[ -z $command ]]; then
@@ -214,6 +217,11 @@ _qzfi_file() {
     base=$(_qzfi_ask path $line[1]) && [[ -d $base ]] && _files -W $base
 }
 
+# The original's path, or a file within the image.
+_qzfi_part() {
+    if [[ $PREFIX == /* ]]; then _files; else _qzfi_file; fi
+}
+
 _qzfi_method() {
     local -a methods
     methods=(${(f)"$(_qzfi_ask providers | awk '$2 == "loaded" { print $3 }')"})
@@ -236,13 +244,10 @@ std::string zsh_text(const std::string &text) {
 
 std::string zsh_action(const std::string &kind) {
     constexpr std::pair<std::string_view, std::string_view> actions[] = {
-        {"DIR", "_directories"},
-        {"PATH", "_files"},
-        {"ID", "_qzfi_id"},
-        {"ID|PATH", "_qzfi_id_or_path"},
-        {"FILE", "_qzfi_file"},
-        {"NAME", "_qzfi_method"},
-        {"LEVEL", "(INFO WARN TRC_TOP TRC_LOW PARAM_IN PARAM_OUT PARAM_FULL)"}};
+        {"DIR", "_directories"},  {"PATH", "_files"},
+        {"ID", "_qzfi_id"},       {"ID|PATH", "_qzfi_id_or_path"},
+        {"FILE", "_qzfi_file"},   {"SUB", "_qzfi_part"},
+        {"NAME", "_qzfi_method"}, {"LEVEL", "(INFO WARN TRC_TOP TRC_LOW PARAM_IN PARAM_OUT PARAM_FULL)"}};
     for (const auto &[name, action] : actions)
         if (kind == name)
             return std::string(action);
