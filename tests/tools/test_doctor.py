@@ -226,13 +226,33 @@ class Doctor(ToolTest):
         self.assertEqual(health, "warning")
         self.assertRegex(text, "^[0-9]+ log files?, .*; traced: WARN$")
 
-    def test_catalogs_are_found_where_they_belong(self):
+    def private_root_helper(self):
         helper = pathlib.Path(support.BUILD) / "bin" / "in_private_root"
         if not helper.exists():
             self.skipTest("no " + str(helper))
         probe = support.run([helper, self.root / "resources", "true"])
         if probe.code == support.SKIPPED:
             self.skipTest(probe.err.strip())
+        return helper
+
+    def test_missing_catalogs_come_from_the_root_that_has_them(self):
+        helper, part = self.private_root_helper(), self.folder / "part"
+        subprocess.run(["cp", "-al", self.root / "resources", part], check=True)
+        (part / "libfi" / "ja.res").unlink()
+
+        def told(root):
+            result = support.run([helper, part, self.root / "bin" / "qzfi", "--root", root, "doctor", "--json"])
+            check, = [one for one in json.loads(result.out)["checks"] if one["check"] == "catalogs"]
+            self.assertEqual((check["health"], check["text"]), ("warning", "cannot read libfi/ja.res"))
+            return check["hint"]
+
+        self.assertEqual(told(self.root), f"messages are in English; install {self.root}/resources there")
+        self.assertEqual(told("/usr/lumen"), "messages are in English; install them again", "not into itself")
+        (self.folder / "alias").symlink_to("/usr/lumen")
+        self.assertEqual(told(self.folder / "alias"), "messages are in English; install them again")
+
+    def test_catalogs_are_found_where_they_belong(self):
+        helper = self.private_root_helper()
         checks = self.doctor(prefix=[str(helper), str(self.root / "resources")],
                              env=support.environment(LC_ALL="C", ICU_DATA="x"))
         self.assertEqual(checks["catalogs", "/usr/lumen/resources/"], ("ok", "complete"))

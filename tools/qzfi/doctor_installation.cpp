@@ -109,22 +109,31 @@ void check_probe(const Settings &settings, Findings &findings) {
                             "install it: plugins are loaded untried, and one that crashes ends the program"});
 }
 
-void check_messages(const Settings &settings, Findings &findings) {
-    const std::string folder = qzfi_msgcatalogdir();
+namespace {
+
+std::vector<std::string> missing_messages(const std::string &folder) {
     std::vector<std::string> missing;
     for (const char *const file : {"ZELTqzfi.cat", "ja_JP.UTF-8/ZELTqzfi.cat", "zh_CN.UTF-8/ZELTqzfi.cat",
                                    "libfi/root.res", "libfi/ja.res", "libfi/zh.res"})
         if (!obstacle_to(folder + file, R_OK).empty())
             missing.emplace_back(file);
+    return missing;
+}
+
+} // namespace
+
+void check_messages(const Settings &settings, Findings &findings) {
+    const std::string folder = qzfi_msgcatalogdir();
+    const std::vector<std::string> missing = missing_messages(folder);
     if (missing.empty())
         findings.push_back({Health::ok, "catalogs", folder, "complete", ""});
     else
         findings.push_back({Health::warning, "catalogs", folder, "cannot read " + joined(missing),
                             "messages are in English; " +
-                                (std::filesystem::path(folder).lexically_normal() ==
-                                         std::filesystem::path(settings.root + "/resources/").lexically_normal()
-                                     ? "install them again"
-                                     : "install " + settings.root + "/resources there")});
+                                // What the root has not either, as when both are the same, cannot come from there.
+                                (missing_messages(settings.root + "/resources/").empty()
+                                     ? "install " + settings.root + "/resources there"
+                                     : "install them again")});
 
     const char *const locale = qzfi_getlocale();
     std::string text = "no catalog: messages are in English";
