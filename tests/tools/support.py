@@ -242,11 +242,10 @@ def memory_filesystem(options):
     return pathlib.Path(mount_point)
 
 
-def load_schemas(name):
-    """The schema of a document, and all schemas by the names under which they refer to each other."""
+def all_schemas():
+    """All schemas of documents by the names under which they refer to each other."""
     folder = SOURCE / "tools" / "qzfi" / "schema"
-    schemas = {path.name: json.loads(path.read_text()) for path in folder.glob("*.json")}
-    return schemas[name + ".json"], schemas
+    return {path.name: json.loads(path.read_text()) for path in folder.glob("*.json")}
 
 
 class ToolTest(unittest.TestCase):
@@ -291,7 +290,8 @@ class ToolTest(unittest.TestCase):
         return document
 
     def check_schema(self, document, name):
-        schema, schemas = load_schemas(name)
+        schemas = all_schemas()
+        schema = schemas[name + ".json"]
         jsonschema.Draft7Validator.check_schema(schema)
         jsonschema.Draft7Validator(schema, resolver=jsonschema.RefResolver("", schema, schemas)).validate(document)
 

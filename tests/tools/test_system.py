@@ -52,6 +52,24 @@ class Methods(ToolTest):
         self.assertIn(f"qzfi: look at {self.folder}/nowhere: ", error)
 
 
+class Schemas(ToolTest):
+    def undescribed(self, name, node):
+        """Each schema, property and element that is a document of its own says what it is."""
+        if "$ref" in node:
+            return []
+        found = [name] if not node.get("description") else []
+        for key, value in node.get("properties", {}).items():
+            found += self.undescribed(f"{name}/{key}", value)
+        if "properties" in node.get("items", {}):
+            found += self.undescribed(name + "[]", node["items"])
+        return found
+
+    def test_every_key_is_described(self):
+        schemas = support.all_schemas()
+        self.assertGreater(len(schemas), 15)
+        self.assertEqual([one for name, schema in schemas.items() for one in self.undescribed(name, schema)], [])
+
+
 class Repair(ToolTest):
     def half_made(self, identity="20200101T000000Z-00000000"):
         (self.store / "images" / (".new-" + identity)).mkdir()
