@@ -75,7 +75,23 @@ std::string quoted(std::string_view text) {
     return result + "'";
 }
 
-// "WORD CODE\nOUTPUT"; anything else means that nobody knows what became of the command.
+constexpr std::size_t most_said = 200;
+
+// A command's last words, of which one byte more came than is kept: cut, they begin with a line, or, all of one line,
+// with a character.
+std::string_view last_words(std::string_view said) {
+    if (said.size() <= most_said)
+        return said;
+    const std::size_t end = said.find('\n');
+    if (end != std::string_view::npos && said.find_first_not_of('\n', end) != std::string_view::npos)
+        return said.substr(end + 1);
+    said.remove_prefix(1);
+    while (!said.empty() && (static_cast<unsigned char>(said.front()) & 0xC0u) == 0x80)
+        said.remove_prefix(1);
+    return said;
+}
+
+// "WORD CODE\nOUTPUT."; anything else means that nobody knows what became of the command.
 CommandResult parse(std::string_view answer, std::string_view word, std::string_view otherwise) {
     CommandResult result;
     result.output = otherwise;
@@ -87,7 +103,10 @@ CommandResult parse(std::string_view answer, std::string_view word, std::string_
         return result;
     result.was_run = true;
     result.exit_code = std::atoi(std::string(answer.substr(0, end)).c_str());
-    result.output = answer.substr(end + 1);
+    answer.remove_prefix(end + 1);
+    if (answer.ends_with('.')) // it keeps the shell from dropping line ends
+        answer.remove_suffix(1);
+    result.output = last_words(answer);
     while (!result.output.empty() && result.output.back() == '\n')
         result.output.pop_back();
     if (result.output.empty())
@@ -96,7 +115,7 @@ CommandResult parse(std::string_view answer, std::string_view word, std::string_
 }
 
 // $1 the command, $2 the lock that tells a guard that the command runs, or nothing. The output goes to a file without a
-// name: what the command leaves running in the background may keep writing, and is not waited for. The last 200 bytes
+// name: what the command leaves running in the background may keep writing, and is not waited for. The last 201 bytes
 // of it are what the context process hands over in one piece.
 constexpr char runner[] = R"sh(
 text=$(mktemp 2>/dev/null) && exec 9<>"$text" && rm -f -- "$text" || exec 9<>/dev/null
@@ -106,7 +125,7 @@ if [ -n "$2" ]; then
 fi
 /bin/bash -c "$1" </dev/null >&9 2>&1 7>&- 9>&-
 code=$?
-printf "qzfi %d\n%s" "$code" "$(tail -c 200 /dev/fd/9 2>/dev/null | tr -d "\0")"
+printf "qzfi %d\n%s" "$code" "$(tail -c 201 /dev/fd/9 2>/dev/null | tr -d "\0"; printf .)"
 )sh";
 
 // $1 the folder, $2 the command, $3 this process. Waits for "run", or the end of the FIFO that this process holds open
@@ -146,7 +165,7 @@ flock 8
     exec /bin/bash -c "$2" </dev/null >&6 2>&1 3<&- 5>&- 6>&- 8>&-
 )
 code=$?
-said=$(tail -c 200 /dev/fd/6 | tr -d "\0")
+said=$(tail -c 201 /dev/fd/6 | tr -d "\0"; printf .)
 rm -rf -- "$1"
 printf "ended %d\n%s" "$code" "$said" >&5
 )sh";

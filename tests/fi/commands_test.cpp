@@ -114,6 +114,27 @@ TEST_F(Commands, a_failed_pre_command_freezes_nothing_says_what_it_said_and_the_
     qfi_op_detach(tree, nullptr, 0, nullptr);
 }
 
+TEST_F(Commands, what_they_said_last_begins_with_a_line) {
+    std::string numbers;
+    for (int number = 35; number < 100; ++number)
+        numbers += std::to_string(number) + "\n";
+    const std::string line(199, 'b'), character = "\u00e4";
+    const std::pair<std::string, std::string> cases[] = {
+        {"seq 100; exit 3", numbers + "100"},                           // cut in a line
+        {"echo a; echo " + line + "; exit 3", line},                    // cut just before one
+        {"printf %s x" + line + "yyy; exit 3", line.substr(2) + "yyy"}, // a line that is longer
+        {"printf %s " + character + line + "; exit 3", line},           // cut in a character
+        {"printf '%s\\n' c" + line + "; exit 3", line}};
+    for (const auto &[command, said] : cases) {
+        qfi_domain *const tree = prepared(command, command);
+        EXPECT_EQ(qfi_op_quiesce(tree), 1030);
+        EXPECT_EQ(last_error(), "qzfi_quiesce: pre command \"" + command + "\" failed with exit code 3: " + said);
+        EXPECT_EQ(qfi_op_unquiesce(tree), 1031);
+        EXPECT_EQ(last_error(), "qzfi_unquiesce: post command \"" + command + "\" failed with exit code 3: " + said);
+        qfi_op_detach(tree, nullptr, 0, nullptr);
+    }
+}
+
 TEST_F(Commands, a_failed_post_command_is_told_while_the_images_are_there) {
     qfi_domain *const tree = selected("", "echo out of order; exit 9");
     qfi_fiid *fiid = nullptr;
