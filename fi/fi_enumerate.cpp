@@ -26,14 +26,25 @@ bool holds_data(const Mount &mount) {
     return std::find(without_data.begin(), without_data.end(), mount.type) == without_data.end();
 }
 
-// What is mounted on top at each mount point, and holds data.
+bool is_kernels_own(const Mount &mount) {
+    return mount.type == "proc" || mount.type == "sysfs";
+}
+
+// What is mounted on top at each mount point, and holds data. A tmpfs within what the kernel tells of itself holds
+// mount points, or hides something.
 std::vector<Mount> visible_mounts(const char *operation) {
     std::map<std::string, Mount> by_place;
     for (Mount &mount : mounts(operation))
         by_place[mount.mount_point] = std::move(mount);
+    std::vector<std::string> folders; // of the kernel
+    for (const auto &[place, mount] : by_place)
+        if (is_kernels_own(mount))
+            folders.push_back(place);
     std::vector<Mount> visible;
     for (auto &[place, mount] : by_place)
-        if (holds_data(mount))
+        if (holds_data(mount) && std::none_of(folders.begin(), folders.end(), [&](const std::string &folder) {
+                return mount.type == "tmpfs" && lies_below(place, folder);
+            }))
             visible.push_back(std::move(mount));
     return visible;
 }

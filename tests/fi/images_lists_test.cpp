@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <set>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 
@@ -90,6 +91,25 @@ TEST_P(Lists, nodes_are_the_file_systems_that_can_be_frozen) {
     EXPECT_TRUE(is_there);
     qfi_op_free_node_list(list);
     EXPECT_EQ(qfi_op_enumerate_nodes(nullptr, nullptr, 1, &list), QFI_STATUS_INVALID_ARGUMENT);
+}
+
+TEST_P(Lists, what_holds_the_kernels_mount_points_is_no_node) {
+    if (std::string(GetParam()) == "copy")
+        GTEST_SKIP() << "needs a private mount namespace";
+    const fs::path kernel = top / "sys", folder = kernel / "kernel", beside = top / "system";
+    fs::create_directory(kernel);
+    fs::create_directory(beside);
+    ASSERT_EQ(mount("sysfs", kernel.c_str(), "sysfs", MS_RDONLY, nullptr), 0) << std::strerror(errno);
+    ASSERT_EQ(mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=1m"), 0) << std::strerror(errno);
+    ASSERT_EQ(mount("tmpfs", beside.c_str(), "tmpfs", 0, "size=1m"), 0) << std::strerror(errno);
+    for (const auto &[place, is_listed] : {std::pair{kernel, false}, {folder, false}, {beside, true}}) {
+        qfi_node_list *list = nullptr;
+        EXPECT_EQ(qfi_op_enumerate_nodes(place.c_str(), nullptr, 0, &list), 0) << last_error();
+        EXPECT_EQ(list != nullptr, is_listed) << place;
+        qfi_op_free_node_list(list);
+    }
+    umount2(beside.c_str(), MNT_DETACH);
+    umount2(kernel.c_str(), MNT_DETACH);
 }
 
 TEST_P(Lists, group_nodes_and_enclosures_are_disks) {
