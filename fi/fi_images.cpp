@@ -274,6 +274,7 @@ void stored_report(const Tree &tree, Findings &report, const char *operation) {
         report.entries += filesystem.record.entries;
         report.bytes += filesystem.record.bytes;
     }
+    report.changed = report.entries; // all of them were made
     for (const JobHost::Remark &remark : tree.import_remarks)
         report.add(remark);
 }

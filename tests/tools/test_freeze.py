@@ -20,6 +20,9 @@ class Freeze(ToolTest):
         self.assertEqual(image["objects"][0]["path"], str(self.data))
         self.assertEqual(image["method"], "copy")
         self.assertEqual(document["id"], image["id"])
+        shown = self.json("show", document["id"], "--store", self.store)
+        self.assertEqual(shown["report"], document["report"])
+        self.assertEqual(shown["report"]["changed"], 4, "the folder too")
 
     def test_commands_run_in_order_around_the_instant(self):
         order = self.folder / "order"
