@@ -25,6 +25,7 @@ struct Stat {
     uint32_t stx_nlink, stx_uid, stx_gid;
     uint32_t stx_rdev_major, stx_rdev_minor, stx_dev_major, stx_dev_minor;
     uint16_t stx_mode;
+    uint64_t born; // tells a file from one that has its inode number later
 };
 
 class Descriptor {
@@ -82,14 +83,29 @@ inline int open_within(int directory, const char *name, int flags, mode_t mode =
 /// given back, and for nothing else.
 int open_to_read(int directory, const char *name, int flags) noexcept;
 
+/// A number of a file's own among those that have its inode number one after the other: of its type and its birth or,
+/// where that is not told, its size and its last change.
+inline uint64_t birth_of(const struct statx &all) noexcept {
+    const bool is_told = (all.stx_mask & STATX_BTIME) != 0;
+    const statx_timestamp &time = is_told ? all.stx_btime : all.stx_mtime;
+    const uint64_t size = is_told ? 0 : all.stx_size;
+    const auto moment = static_cast<uint64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+    return moment ^ size * 0x9e3779b97f4a7c15 ^ static_cast<uint64_t>(all.stx_mode & S_IFMT) << 48;
+}
+
 inline int stat_of(int directory, const char *name, int flags, Stat &out) noexcept {
     struct statx all;
-    if (statx(directory, name, flags | AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &all) != 0)
+    if (statx(directory, name, flags | AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &all) != 0)
         return -1;
-    out = {all.stx_attributes, all.stx_attributes_mask, all.stx_ino,        all.stx_size,      all.stx_blocks,
-           all.stx_atime,      all.stx_mtime,           all.stx_ctime,      all.stx_nlink,     all.stx_uid,
-           all.stx_gid,        all.stx_rdev_major,      all.stx_rdev_minor, all.stx_dev_major, all.stx_dev_minor,
-           all.stx_mode};
+    out = {all.stx_attributes, all.stx_attributes_mask,
+           all.stx_ino,        all.stx_size,
+           all.stx_blocks,     all.stx_atime,
+           all.stx_mtime,      all.stx_ctime,
+           all.stx_nlink,      all.stx_uid,
+           all.stx_gid,        all.stx_rdev_major,
+           all.stx_rdev_minor, all.stx_dev_major,
+           all.stx_dev_minor,  all.stx_mode,
+           birth_of(all)};
     return 0;
 }
 inline int stat_of(int descriptor, Stat &out) noexcept {

@@ -236,7 +236,8 @@ void Copier::entry(Worker &worker, Directory &directory, const char *name, uint8
         remark(worker, QFI_REMARK_TORN, &directory, name, "it becomes something else again and again", 0);
 }
 
-/// A file that is known to be another name of one that was made, by what the directory says.
+/// A file that is known to be another name of one that was made, as the directory says, and a look at it: its inode
+/// number may be another file's by now.
 bool Copier::link_listed(Worker &worker, Directory &directory, const char *name, uint64_t inode) {
     if (!lists_inodes_ || links_.is_empty())
         return false;
@@ -245,16 +246,9 @@ bool Copier::link_listed(Worker &worker, Directory &directory, const char *name,
         return false;
     const Referenced release{directories, to.directory};
     Stat stat;
-    if (options.entries || updates_) {
-        if (stat_of(directory.source, name, stat) != 0 || stat.stx_ino != inode || !S_ISREG(stat.stx_mode))
-            return false;
-    } else {
-        stat = {};
-        stat.stx_mode = S_IFREG;
-        stat.stx_ino = inode;
-        stat.stx_dev_major = directory.stat.stx_dev_major;
-        stat.stx_dev_minor = directory.stat.stx_dev_minor;
-    }
+    if (stat_of(directory.source, name, stat) != 0 || stat.stx_ino != inode || stat.born != to.born ||
+        stat.stx_nlink < 2 || device_of(stat) != device_of(directory.stat))
+        return false;
     return link(worker, directory, name, stat, to);
 }
 
@@ -264,7 +258,7 @@ bool Copier::link(Worker &worker, Directory &directory, const char *name, const 
         Stat present;
         if (stat_of(directory.target, name, present) == 0) {
             if (present.stx_ino == to.target_inode) {
-                links_.linked(device_of(stat), stat.stx_ino);
+                links_.linked(stat);
                 tell_entry(worker, &directory, name, stat, nullptr, to.has_digest ? to.digest : nullptr);
                 return true;
             }
@@ -286,7 +280,7 @@ bool Copier::link(Worker &worker, Directory &directory, const char *name, const 
                    "listed twice, or differs in case only: the first is kept", EEXIST);
         changed();
         worker.note(true);
-        links_.linked(device_of(stat), stat.stx_ino);
+        links_.linked(stat);
         tell_entry(worker, &directory, name, stat, nullptr, to.has_digest ? to.digest : nullptr);
         return true;
     }
@@ -334,9 +328,8 @@ Copier::Outcome Copier::special(Worker &worker, Directory &directory, const char
 
     Links::Linked to;
     const bool is_linked = stat.stx_nlink > 1;
-    const uint64_t device = device_of(stat);
     if (is_linked) {
-        const Links::Claim claim = links_.claim(device, stat.stx_ino, stat.stx_nlink, directory, name, to);
+        const Links::Claim claim = links_.claim(stat, directory, name, to);
         if (claim == Links::Claim::deferred)
             return Outcome::done;
         if (claim == Links::Claim::link) {
@@ -356,7 +349,7 @@ Copier::Outcome Copier::special(Worker &worker, Directory &directory, const char
     const uint64_t inode =
         is_linked && updates_ && is_made && stat_of(directory.target, name, made) == 0 ? made.stx_ino : 0;
     if (is_linked)
-        resume(worker, links_.made(device, stat.stx_ino, is_made, nullptr, inode), DT_UNKNOWN);
+        resume(worker, links_.made(stat, is_made, nullptr, inode), DT_UNKNOWN);
     if (is_made)
         tell_entry(worker, &directory, name, stat, shown, nullptr);
     return Outcome::done;

@@ -42,8 +42,7 @@ Copier::Outcome Copier::file(Worker &worker, Directory &directory, const char *n
 
     if (copy.stat.stx_nlink > 1) {
         Links::Linked to;
-        const Links::Claim claim =
-            links_.claim(device_of(copy.stat), copy.stat.stx_ino, copy.stat.stx_nlink, directory, name, to);
+        const Links::Claim claim = links_.claim(copy.stat, directory, name, to);
         if (claim == Links::Claim::deferred)
             return Outcome::done;
         copy.is_claimed = claim == Links::Claim::make;
@@ -177,6 +176,7 @@ bool Copier::take_data(Worker &worker, FileCopy &copy, bool was_torn) {
         is_torn = moved.is_short || !is_unchanged(copy.stat, now);
         if (!is_torn)
             break;
+        now.born = copy.stat.born; // which it is claimed by
         copy.stat = now;
         if (!moved.is_clone)
             continue;
@@ -255,10 +255,7 @@ void Copier::settle(Worker &worker, FileCopy &copy, bool is_made, uint64_t targe
     if (!copy.is_claimed)
         return;
     copy.is_claimed = false;
-    resume(worker,
-           links_.made(device_of(copy.stat), copy.stat.stx_ino, is_made, copy.has_digest ? copy.digest : nullptr,
-                       target_inode),
-           DT_REG);
+    resume(worker, links_.made(copy.stat, is_made, copy.has_digest ? copy.digest : nullptr, target_inode), DT_REG);
 }
 
 void Copier::resume(Worker &worker, Links::Waiting *waiting, uint8_t type) {

@@ -1,5 +1,6 @@
-// Which files of a tree are one file: hard links, by device and inode. Only files with several links are in here, and
-// only until all of their names were seen. There may be millions: each is one piece of memory of some 80 bytes.
+// Which files of a tree are one file: hard links, by device, inode and birth, as a file that is removed meanwhile
+// leaves its inode number to another one. Only files with several links are in here, and only until all of their names
+// were seen. There may be millions: each is one piece of memory of some 80 bytes.
 #pragma once
 
 #include <cstring>
@@ -24,6 +25,7 @@ public:
         bool has_digest;
         uint8_t digest[16];
         uint64_t target_inode;
+        uint64_t born;
     };
     /// A deferred name; its directory is pending for it.
     struct Waiting {
@@ -57,11 +59,11 @@ public:
     bool is_empty() const noexcept { return count_.load(std::memory_order_relaxed) == 0; }
 
     /// Takes a name of a file; throws std::bad_alloc. A deferred one makes its directory pending.
-    Claim claim(uint64_t device, uint64_t inode, uint32_t links, Directory &directory, const char *name, Linked &to) {
+    Claim claim(const Stat &stat, Directory &directory, const char *name, Linked &to) {
         const std::lock_guard lock(mutex_);
-        File *const file = found(device, inode);
+        File *const file = found(stat);
         if (file == nullptr) {
-            add(device, inode, links, directory, name);
+            add(stat, directory, name);
             return Claim::make;
         }
         if (!file->is_made) {
@@ -72,10 +74,12 @@ public:
         return Claim::link;
     }
 
-    /// The file that was listed under an inode, if it is made.
+    /// The last file that was listed under an inode, if it is made. Whether it has it still, its birth tells.
     bool find(uint64_t device, uint64_t inode, Linked &to) {
         const std::lock_guard lock(mutex_);
-        const File *const file = found(device, inode);
+        const File *file = buckets_.empty() ? nullptr : bucket(device, inode);
+        while (file != nullptr && (file->inode != inode || file->device != device))
+            file = file->below;
         if (file == nullptr || !file->is_made)
             return false;
         fill(*file, to);
@@ -83,10 +87,9 @@ public:
     }
 
     /// The claimed file is made, or (`is_made` false) forgotten. Gives the names that waited.
-    Waiting *made(uint64_t device, uint64_t inode, bool is_made, const uint8_t *digest,
-                  uint64_t target_inode) noexcept {
+    Waiting *made(const Stat &stat, bool is_made, const uint8_t *digest, uint64_t target_inode) noexcept {
         const std::lock_guard lock(mutex_);
-        File *const file = found(device, inode);
+        File *const file = found(stat);
         if (file == nullptr)
             return nullptr;
         Waiting *const waiting = std::exchange(file->waiting, nullptr);
@@ -103,9 +106,9 @@ public:
     }
 
     /// One more name was linked; the file is forgotten with the last.
-    void linked(uint64_t device, uint64_t inode) noexcept {
+    void linked(const Stat &stat) noexcept {
         const std::lock_guard lock(mutex_);
-        File *const file = found(device, inode);
+        File *const file = found(stat);
         if (file != nullptr && --file->left == 0 && file->waiting == nullptr)
             forget(*file);
     }
@@ -132,7 +135,7 @@ private:
     /// Behind it: the digest, where digests are given, and the first name.
     struct File {
         File *below; // in the bucket
-        uint64_t device, inode;
+        uint64_t device, inode, born;
         Directory *directory; // of the first name; referenced
         Waiting *waiting;
         uint64_t target_inode;
@@ -150,23 +153,26 @@ private:
         return buckets_[static_cast<std::size_t>(hash >> 32) & (buckets_.size() - 1)];
     }
 
-    File *found(uint64_t device, uint64_t inode) noexcept {
+    File *found(const Stat &stat) noexcept {
         if (buckets_.empty())
             return nullptr;
-        File *file = bucket(device, inode);
-        while (file != nullptr && (file->inode != inode || file->device != device))
+        const uint64_t device = device_of(stat);
+        File *file = bucket(device, stat.stx_ino);
+        while (file != nullptr && (file->inode != stat.stx_ino || file->device != device || file->born != stat.born))
             file = file->below;
         return file;
     }
 
-    void add(uint64_t device, uint64_t inode, uint32_t links, Directory &directory, const char *name) {
+    void add(const Stat &stat, Directory &directory, const char *name) {
         if (count_.load(std::memory_order_relaxed) >= buckets_.size())
             grow();
         const std::size_t start = sizeof(File) + (with_digests_ ? digest_size : 0), size = strlen(name) + 1;
         Bytes memory = allocate(start + size);
         memcpy(memory.get() + start, name, size);
-        File *&at = bucket(device, inode);
-        at = new (memory.release()) File{at, device, inode, &directory, nullptr, 0, links - 1, false, false};
+        const uint64_t device = device_of(stat);
+        File *&at = bucket(device, stat.stx_ino);
+        at = new (memory.release())
+            File{at, device, stat.stx_ino, stat.born, &directory, nullptr, 0, stat.stx_nlink - 1, false, false};
         directory.references.fetch_add(1, std::memory_order_relaxed);
         count_.fetch_add(1, std::memory_order_relaxed);
     }
@@ -199,6 +205,7 @@ private:
         if (file.has_digest)
             memcpy(to.digest, file.digest(), digest_size);
         to.target_inode = file.target_inode;
+        to.born = file.born;
     }
 
     void forget(File &file) noexcept {

@@ -15,6 +15,7 @@
 #include <qzfi_fi.h>
 
 #include "providers/engine/engine_work.h"
+#include "support/loop_filesystem.h"
 
 using namespace qzfi::engine;
 
@@ -137,6 +138,70 @@ TEST_F(Hostile, what_somebody_else_removes_meanwhile_is_removed) {
     EXPECT_EQ(remove("s").status, 0) << host.failed_operation << " " << host.failed_object;
     EXPECT_EQ(output("ls"), "");
 }
+
+/// A file of two names that loses both once it was copied, and leaves its inode number to a new one.
+struct Reuse {
+    const char *name;
+    std::vector<std::string> made_with; // mkfs
+    bool entries;
+    int links; // of the new file
+};
+void PrintTo(const Reuse &reuse, std::ostream *out) {
+    *out << reuse.name;
+}
+class Reused : public Hostile, public testing::WithParamInterface<Reuse> {};
+
+int links_of_new;
+bool is_reused;
+
+/// Makes files until one has the inode number of the removed one.
+void reuse(const std::string &directory, ino_t inode) {
+    for (int i = 0; i < 1000 && !is_reused; ++i) {
+        const std::string name = directory + "/new" + std::to_string(i);
+        const int file = open(name.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600);
+        EXPECT_EQ(::write(file, "new content", 11), 11);
+        struct stat stat {};
+        EXPECT_EQ(fstat(file, &stat), 0);
+        close(file);
+        is_reused = stat.st_ino == inode;
+        if (is_reused && links_of_new == 2) {
+            EXPECT_EQ(link(name.c_str(), (directory + "/again").c_str()), 0);
+        }
+    }
+}
+
+TEST_P(Reused, inode_numbers_are_those_of_other_files) {
+    if (const auto obstacle = LoopFilesystem::obstacle("ext4"))
+        GTEST_SKIP() << *obstacle;
+    const LoopFilesystem disk("ext4", 64, "", GetParam().made_with);
+    use(disk.path());
+    place = at;
+    links_of_new = GetParam().links;
+    is_reused = false;
+    sh("mkdir -p s/a/below s/b/below; for d in a b; do printf old > s/$d/x; ln s/$d/x $d; done");
+    options.entries = GetParam().entries;
+    test_hook = [](Point point, const char *name) {
+        const std::string listed = point == Point::listed ? name : "";
+        if ((listed != "a" && listed != "b") || times++ == 0)
+            return;
+        const std::string other = listed == "a" ? "b" : "a", first = place + "/s/" + other + "/x";
+        struct stat stat {};
+        EXPECT_EQ(::stat(first.c_str(), &stat), 0);
+        EXPECT_EQ(unlink(first.c_str()), 0);
+        EXPECT_EQ(unlink((place + "/" + other).c_str()), 0);
+        reuse(place + "/s/" + listed + "/below", stat.st_ino);
+    };
+    EXPECT_EQ(copy("s", "c").status, 0);
+    EXPECT_TRUE(is_reused);
+    EXPECT_EQ(output("cat c/?/x"), "oldold");
+    EXPECT_EQ(output("cat c/?/below/* | sed 's/new content//g'"), "");
+    EXPECT_EQ(output("stat -c %h c/?/below/* | sort -u | tail -n 1"), std::to_string(GetParam().links) + "\n");
+}
+INSTANTIATE_TEST_SUITE_P(, Reused,
+                         testing::Values(Reuse{"listed", {}, false, 1}, Reuse{"told", {}, true, 1},
+                                         Reuse{"linked", {}, false, 2},
+                                         Reuse{"without_birth_times", {"-I", "128"}, false, 2}),
+                         [](const auto &row) { return row.param.name; });
 
 struct Swap {
     const char *name, *command;
