@@ -176,15 +176,16 @@ bool Copier::take_data(Worker &worker, FileCopy &copy, bool was_torn) {
         is_torn = moved.is_short || !is_unchanged(copy.stat, now);
         if (!is_torn)
             break;
+        if (moved.is_clone && reads + 1 == most_reads) {
+            // It is of one instant. The times of before it cannot pass for those of a later content.
+            Stat made;
+            if (stat_of(copy.to.get(), made) == 0)
+                copy.stat.stx_size = made.stx_size;
+            is_torn = false;
+            break;
+        }
         now.born = copy.stat.born; // which it is claimed by
         copy.stat = now;
-        if (!moved.is_clone)
-            continue;
-        Stat made; // a clone is of one instant, whichever
-        if (stat_of(copy.to.get(), made) == 0)
-            copy.stat.stx_size = made.stx_size;
-        is_torn = false;
-        break;
     }
     if (is_torn) {
         Stat made; // what is told of the file must be what was kept

@@ -203,6 +203,53 @@ INSTANTIATE_TEST_SUITE_P(, Reused,
                                          Reuse{"without_birth_times", {"-I", "128"}, false, 2}),
                          [](const auto &row) { return row.param.name; });
 
+int most_writes;
+
+/// Writes other content of the same length, until the file's time says so.
+void write_over(const std::string &path) {
+    const std::string content = "written " + std::to_string(times++);
+    const int file = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    struct stat before {
+    }, after{};
+    EXPECT_EQ(fstat(file, &before), 0);
+    do {
+        EXPECT_EQ(pwrite(file, content.data(), content.size(), 0), static_cast<ssize_t>(content.size()));
+        EXPECT_EQ(fstat(file, &after), 0);
+    } while (after.st_mtim.tv_sec == before.st_mtim.tv_sec && after.st_mtim.tv_nsec == before.st_mtim.tv_nsec);
+    close(file);
+}
+
+class Cloned : public Hostile, public testing::WithParamInterface<const char *> {};
+
+TEST_P(Cloned, files_that_change_meanwhile_have_no_times_of_another_content) {
+    if (const auto obstacle = LoopFilesystem::obstacle(GetParam()))
+        GTEST_SKIP() << *obstacle;
+    const LoopFilesystem disk(GetParam(), 320);
+    use(disk.path());
+    place = at;
+    options.data = Data::clone;
+    for (const int writes : {1, 1000}) {
+        times = 0;
+        most_writes = writes;
+        sh("mkdir s; printf 'content 0' > s/f");
+        test_hook = [](Point point, const char *name) {
+            if (point == Point::read_once && name != nullptr && times < most_writes)
+                write_over(place + "/s/f");
+        };
+        EXPECT_EQ(copy("s", "c").status, 0);
+        test_hook = nullptr;
+        EXPECT_TRUE(host.remarks.empty());
+        if (writes == 1)
+            expect_equal("s", "c");
+        else
+            EXPECT_NE(output("cat c/f"), output("cat s/f")) << "it changed after the last clone";
+        EXPECT_EQ(update("s", "c").status, 0);
+        EXPECT_EQ(output("cat c/f"), output("cat s/f"));
+        sh("rm -r s c");
+    }
+}
+INSTANTIATE_TEST_SUITE_P(, Cloned, testing::Values("xfs", "btrfs"), [](const auto &row) { return row.param; });
+
 struct Swap {
     const char *name, *command;
 };
