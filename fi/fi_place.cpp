@@ -167,6 +167,26 @@ Place open_place(const std::string &given, const char *operation) {
     return place;
 }
 
+Place open_place_below(const std::string &object, const std::string &path, const char *operation) {
+    if (path.empty())
+        return open_place(object, operation);
+    Place place;
+    place.path = (object == "/" ? "" : object) + "/" + path;
+    place.name = path.substr(path.rfind('/') + 1);
+    const std::string above =
+        path.size() == place.name.size() ? "." : path.substr(0, path.size() - place.name.size() - 1);
+    const Descriptor directory = open_without_links(object, O_RDONLY | O_DIRECTORY, operation);
+    place.parent.reset(open_beneath(directory.get(), above.c_str(), O_RDONLY | O_DIRECTORY));
+    if (!place.parent && errno == EXDEV)
+        refuse(place, "another file system is mounted above it, below the object", operation);
+    const std::string shown = place.path.substr(0, place.path.size() - place.name.size() - 1);
+    if (!place.parent && errno == ELOOP)
+        fail_link(shown, link_in(shown), operation);
+    if (!place.parent)
+        fail_call(operation, "open", shown, errno, true);
+    return place;
+}
+
 namespace {
 
 // What is in a place; nothing when it is empty. Throws for a link.

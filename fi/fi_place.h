@@ -26,6 +26,10 @@ Descriptor open_without_links(const std::string &path, int flags, const char *op
 /// The place of an absolute path: its directory must be there, itself not. Throws for "/".
 Place open_place(const std::string &path, const char *operation);
 
+/// The place of a path below an object, on the object's own mount: throws when another one is in the way. An empty path
+/// is the object's own place.
+Place open_place_below(const std::string &object, const std::string &path, const char *operation);
+
 /// Throws for a link, a mount point, the root of a subvolume, and a directory with a mount, a nested subvolume or a
 /// store below it: what would be lost or cannot be exchanged. False when nothing is there.
 bool refuse_irreplaceable(const Place &place, const std::vector<std::string> &stores, const char *operation);

@@ -159,9 +159,9 @@ void refuse_unread(const Plan &plan, const ObjectRef &one) {
     }
 }
 
-void restore_in_place(const Plan &plan, const ObjectRef &one, const std::string &path, Findings &report) {
+void restore_in_place(const Plan &plan, const ObjectRef &one, Findings &report) {
     const HeldImage image(*one.filesystem, plan.operation);
-    const Place place = open_place(path, plan.operation);
+    const Place place = open_place_below(one.object().path, plan.only, plan.operation);
     Workshop workshop(place, plan.operation);
     copy_out(image, one.index, plan.only, workshop.directory(), Workshop::tree, plan.how);
     // Looked at again, for the copy took its time.
@@ -229,7 +229,7 @@ void refuse_in_place(const Plan &plan) {
             refuse_existing(place, plan.operation);
             continue;
         }
-        const Place place = open_place(joined(one.object().path, plan.only), plan.operation);
+        const Place place = open_place_below(one.object().path, plan.only, plan.operation);
         refuse_in_store(place, plan); // where an id document says it was, which is anybody's
         refuse_irreplaceable(place, plan.stores, plan.operation);
         refuse_unread(plan, one);
@@ -376,7 +376,7 @@ void restore(TreeLock &tree, const qfi_restore_options &options, Findings &repor
         for (const ObjectRef &one : plan.objects) {
             const std::string &to = one.object().restore_to;
             if (to.empty())
-                restore_in_place(plan, one, joined(one.object().path, plan.only), report);
+                restore_in_place(plan, one, report);
             else
                 restore_to_new(plan, {one}, to, report);
         }
@@ -474,8 +474,8 @@ void resync_directory(const Plan &plan, const ObjectRef &one, const HeldImage &i
     const Descriptor original = open_without_links(path, O_RDONLY | O_DIRECTORY, plan.operation);
     if (path == "/")
         return update.itself(source.get(), original.get());
-    const Place place = open_place(path, plan.operation);
-    if (is_mount_point(place))
+    const Place place = open_place_below(one.object().path, plan.only, plan.operation);
+    if (plan.only.empty() && is_mount_point(place))
         return update.itself(source.get(), original.get());
     update.through_provider(source.get(), place);
 }
@@ -486,9 +486,12 @@ void resync(TreeLock &tree, const qfi_restore_options &options, Findings &report
     require(options.to == nullptr, operation, "the originals are resynchronised where they are");
     const Plan plan = plan_of(tree, options, report, operation);
     for (const ObjectRef &one : plan.objects) {
-        const std::string path = joined(one.object().path, plan.only);
-        if (path != "/")
-            refuse_in_store(open_place(path, operation), plan);
+        if (one.object().path != "/" || !plan.only.empty()) {
+            const Place place = open_place_below(one.object().path, plan.only, operation);
+            if (!plan.only.empty() && is_mount_point(place))
+                fail(message::irreplaceable, QFI_STATUS_NOT_SUPPORTED, operation, {place.path, "it is a mount point"});
+            refuse_in_store(place, plan);
+        }
         refuse_unread(plan, one);
         refuse_damaged(plan, one);
     }
@@ -502,7 +505,7 @@ void resync(TreeLock &tree, const qfi_restore_options &options, Findings &report
                 resync_directory(plan, one, image, report);
                 continue;
             }
-            const Place place = open_place(joined(one.object().path, plan.only), operation);
+            const Place place = open_place_below(one.object().path, plan.only, operation);
             struct stat status {};
             if (fstatat(place.parent.get(), place.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
                 !S_ISLNK(status.st_mode))

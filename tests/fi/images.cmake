@@ -10,6 +10,7 @@ function(qzfi_add_images_test name)
 endfunction()
 
 qzfi_add_images_test(images_restore_test images_restore_test.cpp)
+qzfi_add_images_test(images_places_test images_places_test.cpp)
 qzfi_add_images_test(images_compare_test images_compare_test.cpp)
 qzfi_add_images_test(images_move_test images_move_test.cpp)
 qzfi_add_images_test(images_unkept_test images_unkept_test.cpp)
