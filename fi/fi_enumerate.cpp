@@ -40,11 +40,13 @@ std::vector<Mount> visible_mounts(const char *operation) {
     for (const auto &[place, mount] : by_place)
         if (is_kernels_own(mount))
             folders.push_back(place);
+    const auto is_in_kernels_own = [&](const std::string &place) {
+        return std::any_of(folders.begin(), folders.end(),
+                           [&](const std::string &folder) { return lies_below(place, folder); });
+    };
     std::vector<Mount> visible;
     for (auto &[place, mount] : by_place)
-        if (holds_data(mount) && std::none_of(folders.begin(), folders.end(), [&](const std::string &folder) {
-                return mount.type == "tmpfs" && lies_below(place, folder);
-            }))
+        if (holds_data(mount) && (mount.type != "tmpfs" || !is_in_kernels_own(place)))
             visible.push_back(std::move(mount));
     return visible;
 }

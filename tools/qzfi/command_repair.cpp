@@ -98,7 +98,7 @@ int run(const Settings &settings, const Options &options) {
     const bool has_usable = stores.empty() || std::any_of(stores.begin(), stores.end(), is_usable);
     // A store that fails is no reason to keep silent about the others, but for the one that was named.
     if (!report || (status != QFI_STATUS_OK && !has_usable && !options.store.empty()))
-        throw failure;
+        throw Failure(failure);
     if (options.json) {
         print(Json{{"removed", report->changed},
                    {"damaged", images_json(*report, true)},
