@@ -15,6 +15,7 @@ namespace {
 constexpr std::size_t usual_list = 1024;     // the kernel allocates as much as it is offered
 constexpr std::size_t longest_list = 65536;  // XATTR_LIST_MAX
 constexpr std::size_t longest_value = 65536; // XATTR_SIZE_MAX
+constexpr char rights_prefix[] = "system.posix_acl_";
 constexpr uint64_t much_room = uint64_t{8} << 20;
 constexpr uint32_t forbidding_flags = FS_IMMUTABLE_FL | FS_APPEND_FL;
 
@@ -150,8 +151,13 @@ void keep_extended(const Subject &subject, const Place &from, const Place &to, b
                 remark_attribute(subject, at, errno);
         }
     }
-    for (const char *at = names; at < names + size; at += strlen(at) + 1)
-        keep_one(subject, source, target, at, is_exact);
+    // A list of rights may take away that of setting the others.
+    for (const bool are_rights : {false, true}) {
+        for (const char *at = names; at < names + size; at += strlen(at) + 1) {
+            if ((strncmp(at, rights_prefix, sizeof rights_prefix - 1) == 0) == are_rights)
+                keep_one(subject, source, target, at, is_exact);
+        }
+    }
 }
 
 int change_owner(const Place &place, uid_t uid, gid_t gid) noexcept {
@@ -314,11 +320,18 @@ void keep_attributes(const Subject &subject, const Place &source, const Place &t
             told.owner = true;
         }
     }
+    // Who is not root sets attributes of what he may write only: then the mode comes last.
+    const bool is_late = with_extended && (S_ISREG(stat.stx_mode) || S_ISDIR(stat.stx_mode)) && (wanted & S_IWUSR) == 0;
+    if (is_late) {
+        present = (wanted & 0777) | S_IWUSR;
+        change_mode(target, present);
+        keep_extended(subject, source, target, known.is_exact);
+    }
     if (!is_link && present != wanted && change_mode(target, wanted) != 0) {
         remark_attribute(subject, "mode", errno);
         told.mode = true;
     }
-    if (with_extended)
+    if (with_extended && !is_late)
         keep_extended(subject, source, target, known.is_exact);
     if (change_times(target, stat) != 0) {
         remark_attribute(subject, "times", errno);
