@@ -45,6 +45,46 @@ class Run(ToolTest):
         self.assertEqual(result.code, 130, str(result))
         support.wait_for(lambda: not pathlib.Path(f"/proc/{pid}").exists(), "the command's end")
 
+    def cleaning_up(self, begun, go_on):
+        """A command that takes its time to clean up when it is interrupted, and ends with 5."""
+        return (f"trap 'echo cleaning; until test -e {go_on}; do sleep 0.1; done; echo more; touch {self.folder}/done; "
+                f"exit 5' INT TERM; touch {begun}; sleep 1000")
+
+    def test_ctrl_c_lets_the_command_clean_up(self):
+        begun, go_on, done = (self.folder / name for name in ("begun", "go_on", "done"))
+        with support.Terminal(support.tool_command("run", self.cleaning_up(begun, go_on))) as terminal:
+            support.wait_for(begun.exists)
+            terminal.send("\x03")
+            terminal.read_until("cleaning\n")
+            go_on.touch()
+            result = terminal.finish()
+        self.assertEqual((result.code, result.out), (130, "^Ccleaning\nmore\n"), str(result))
+        self.assertTrue(done.exists())
+
+    def test_a_second_ctrl_c_does_not_wait(self):
+        begun, go_on, done = (self.folder / name for name in ("begun", "go_on", "done"))
+        with support.Terminal(support.tool_command("run", self.cleaning_up(begun, go_on))) as terminal:
+            support.wait_for(begun.exists)
+            terminal.send("\x03")
+            terminal.read_until("cleaning\n")
+            terminal.send("\x03")
+            support.wait_for(lambda: terminal.process.poll() is not None, "the end")
+            self.assertEqual(terminal.process.returncode, -signal.SIGINT)
+            self.assertFalse(done.exists())
+        go_on.touch()
+
+    def test_a_signal_to_the_whole_group_lets_the_command_clean_up(self):
+        begun, go_on, done = (self.folder / name for name in ("begun", "go_on", "done"))
+        process = support.start("run", self.cleaning_up(begun, go_on))
+        support.wait_for(begun.exists)
+        os.killpg(process.pid, signal.SIGTERM)
+        self.assertEqual(process.stdout.readline(), "cleaning\n")
+        go_on.touch()
+        output, error = process.communicate(timeout=support.PATIENCE)
+        self.assertEqual((process.returncode, output.splitlines()[-1:]), (130, ["more"]), error)
+        self.assertTrue(error.endswith("qzfi: run: interrupted\n"), error)
+        self.assertTrue(done.exists())
+
     def test_a_signal_to_the_process_alone_ends_the_command(self):
         for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGINT):
             with self.subTest(number):

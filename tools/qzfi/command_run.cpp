@@ -10,7 +10,9 @@
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <poll.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -98,14 +100,15 @@ Flow hand_on(int source, int target) {
     return count != 0 ? Flow::goes_on : Flow::has_ended;
 }
 
-int32_t read_exit_code(int source) {
+// Nothing when the context process is gone.
+std::optional<int32_t> read_exit_code(int source) {
     int32_t code = 0;
     ssize_t count = -1;
     do
         count = read(source, &code, sizeof code);
     while (count < 0 && errno == EINTR);
     if (count != static_cast<ssize_t>(sizeof code))
-        throw Failure("the context process ended before the command did");
+        return std::nullopt;
     return code;
 }
 
@@ -115,6 +118,13 @@ volatile std::sig_atomic_t signal_came = 0, is_from_terminal = 0;
 void note_signal(int signal, siginfo_t *info, void *) {
     is_from_terminal = info->si_code == SI_KERNEL;
     signal_came = signal;
+}
+
+// As by Ctrl-C without anybody who notes it: a shell's loop goes on where it is an exit code.
+[[noreturn]] void end_by(int signal) {
+    (void)std::signal(signal, SIG_DFL);
+    (void)raise(signal);
+    _exit(exit_interrupted);
 }
 
 void note_ending_signals() {
@@ -139,14 +149,18 @@ pid_t parent_of(const std::string &pid) {
                                                                                                                : 0;
 }
 
-// The command and what it started; not the context process, which tells how it ended.
-void signal_below(pid_t context, int signal) {
+std::multimap<pid_t, pid_t> children_by_parent() {
     std::multimap<pid_t, pid_t> children;
     std::error_code error;
     for (const auto &entry : std::filesystem::directory_iterator("/proc", error))
         if (const std::string name = entry.path().filename(); name.find_first_not_of("0123456789") == std::string::npos)
             children.emplace(parent_of(name), static_cast<pid_t>(std::atol(name.c_str())));
-    std::vector<pid_t> found = {context};
+    return children;
+}
+
+void signal_below(pid_t top, int signal) {
+    const std::multimap<pid_t, pid_t> children = children_by_parent();
+    std::vector<pid_t> found = {top};
     for (std::size_t index = 0; index < found.size(); ++index) {
         const auto [begin, end] = children.equal_range(found[index]);
         for (auto child = begin; child != end; ++child)
@@ -161,43 +175,107 @@ bool has_ended(pid_t child) {
     return waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == child;
 }
 
-// True once a signal came. One from the terminal has reached the command too; any other is handed on, and the command's
-// end awaited.
-bool was_interrupted(pid_t context) {
-    static bool has_come = false;
+// The command's process, a child of the context process. That one tells how it ended, unless a signal ended it first,
+// as Ctrl-C does: then the command may still be cleaning up.
+class Command {
+public:
+    explicit Command(pid_t context) : context_(context) {}
+    ~Command() {
+        if (handle_ >= 0)
+            close(handle_);
+    }
+    Command(const Command &) = delete;
+    Command &operator=(const Command &) = delete;
+
+    // Finds it once it is there; it is so two seconds before the command itself begins.
+    void look() {
+        if (handle_ >= 0)
+            return;
+        const std::multimap<pid_t, pid_t> children = children_by_parent();
+        const auto child = children.find(context_);
+        if (child == children.end())
+            return;
+        pid_ = child->second;
+        handle_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0u));
+        if (handle_ >= 0 && parent_of(std::to_string(pid_)) != context_) { // another one has its number by now
+            close(handle_);
+            handle_ = -1;
+        }
+    }
+
+    // With what it started; not the context process.
+    void signal(int number) const {
+        signal_below(context_, number);
+        if (!is_left_alone())
+            return;
+        (void)kill(pid_, number);
+        signal_below(pid_, number);
+    }
+
+    // The context process has ended or is about to: what did it was for all of the group.
+    bool context_ends() const {
+        for (int naps = 0; naps < 10 && !has_ended(context_); ++naps)
+            (void)poll(nullptr, 0, 10);
+        return has_ended(context_);
+    }
+
+    // Nobody is there any more who would tell how it ended.
+    bool is_lost() const { return has_ended(context_) && !is_left_alone(); }
+
+private:
+    bool is_left_alone() const {
+        pollfd end{handle_, POLLIN, 0};
+        return handle_ >= 0 && has_ended(context_) && poll(&end, 1, 0) == 0;
+    }
+
+    pid_t context_, pid_ = 0;
+    int handle_ = -1;
+};
+
+// The signal that came first, 0 for none. One from the terminal, or to the whole group, has reached the command too;
+// any other is handed on. The command's end is awaited, unless the terminal asks again.
+int interrupted_by(const Command &command) {
+    static int first = 0;
     if (const int signal = signal_came; signal != 0) {
         signal_came = 0;
-        has_come = true;
-        if (is_from_terminal != 0) {
-            (void)std::signal(signal, SIG_DFL);
-            (void)raise(signal);
-        }
-        signal_below(context, signal);
+        if (is_from_terminal != 0 && first != 0)
+            end_by(signal);
+        if (is_from_terminal == 0 && !(first == 0 && command.context_ends()))
+            command.signal(signal);
+        first = first == 0 ? signal : first;
     }
-    // It went to all of the group: nobody is left who would tell the command's end, or could be stopped in order.
-    if (has_come && has_ended(context)) {
-        std::cerr << "qzfi: run: interrupted\n";
-        _exit(exit_interrupted);
-    }
-    return has_come;
+    return first;
+}
+
+// The context process is gone, and with it whoever could be stopped in order.
+[[noreturn]] void end_interrupted(int signal) {
+    if (is_from_terminal != 0)
+        end_by(signal);
+    std::cerr << "qzfi: run: interrupted\n";
+    _exit(exit_interrupted);
 }
 
 // Output as it comes, until the exit code is there and the pipes hold nothing more. Not to the pipes' end: the context
 // process holds them open, and so may what the command left running.
-int32_t hand_on_all(const int32_t *record, bool &is_unread) {
+int32_t hand_on_all(const int32_t *record, Command &command, bool &is_unread) {
     std::array<pollfd, 3> sources{{{record[QFI_CONTEXT_OUTPUT_READ], POLLIN, 0},
                                    {record[QFI_CONTEXT_ERROR_READ], POLLIN, 0},
                                    {record[QFI_CONTEXT_STATUS_READ], POLLIN, 0}}};
-    int32_t code = 0;
-    bool has_code = false;
+    std::optional<int32_t> code;
+    bool is_over = false;
     for (;;) {
         // Not for ever: a signal may come just before.
-        const int ready = poll(sources.data(), sources.size(), has_code ? 0 : 250);
+        const int ready = poll(sources.data(), sources.size(), is_over ? 0 : 250);
         if (ready < 0 && errno != EINTR)
             fail("wait for the command");
-        (void)was_interrupted(record[QFI_CONTEXT_PID]);
-        if (ready == 0 && has_code)
-            return code;
+        command.look();
+        const int signal = interrupted_by(command);
+        if (ready == 0 && code)
+            return *code;
+        if (ready == 0 && is_over)
+            end_interrupted(signal);
+        if (ready == 0 && signal == 0 && sources[2].fd < 0)
+            throw Failure("the context process ended before the command did");
         for (std::size_t index = 0; ready > 0 && index < 2; ++index)
             if (sources[index].revents != 0) {
                 const Flow flow = hand_on(sources[index].fd, index == 0 ? STDOUT_FILENO : STDERR_FILENO);
@@ -206,9 +284,10 @@ int32_t hand_on_all(const int32_t *record, bool &is_unread) {
             }
         if (ready > 0 && sources[2].revents != 0) {
             code = read_exit_code(sources[2].fd);
-            has_code = true;
-            sources[2].fd = -1; // and once more around for what was printed last
+            sources[2].fd = -1;
         }
+        // Then once more around for what was printed last.
+        is_over = code || (signal != 0 && command.is_lost());
     }
 }
 
@@ -242,9 +321,10 @@ int run(const Settings &settings, const Options &options) {
     note_ending_signals();
     (void)std::signal(SIGPIPE, SIG_IGN); // a reader that went away is noticed, and the command's end awaited
     const Exchange exchange("exec </dev/null\n" + command);
+    Command process(exchange.record()[QFI_CONTEXT_PID]);
     bool is_unread = false;
-    const int32_t code = hand_on_all(exchange.record(), is_unread);
-    if (was_interrupted(exchange.record()[QFI_CONTEXT_PID]))
+    const int32_t code = hand_on_all(exchange.record(), process, is_unread);
+    if (interrupted_by(process) != 0)
         throw Failure("run " + command + ": interrupted", exit_interrupted);
     if (is_unread && code <= 0)
         return exit_unread;
