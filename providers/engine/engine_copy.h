@@ -86,6 +86,7 @@ private:
 
     // Bringing up to date: engine_update.cpp
     bool is_file_up_to_date(Worker &worker, FileCopy &copy, bool &is_done);
+    bool may_be_mended(const Stat &present, const Stat &source) const noexcept;
     bool is_special_up_to_date(Worker &worker, Directory &directory, const char *name, const Stat &stat,
                                const char *link_target, bool &is_done);
     bool open_existing(Worker &worker, int parent, Directory *above, const char *name, Directory &child,
@@ -106,6 +107,7 @@ private:
     bool shares_files_ = true;                   // several threads write one file faster than one
     bool shares_blocks_ = false;                 // it may, and then the kernel copies a file at once
     bool takes_turns_ = false;                   // clones go faster one after the other
+    std::atomic<bool> gives_owners_{true};       // until one cannot be given: no right, or none are kept there
     std::mutex turn_mutex_;
 
     struct LateFlags {

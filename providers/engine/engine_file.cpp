@@ -230,6 +230,9 @@ void Copier::finish(Worker &worker, FileCopy &copy) {
         bool was_ours = false;
         inode = made.stx_ino;
         claim_target(made, copy.stat, was_ours);
+        if (made.stx_uid != copy.stat.stx_uid &&
+            fchown(copy.to.get(), copy.stat.stx_uid, static_cast<gid_t>(-1)) != 0 && errno == EPERM)
+            gives_owners_.store(false, std::memory_order_relaxed);
     }
     if (copy.is_existing && !put_in_place(worker, *copy.directory, copy.made_as, copy.name))
         return give_up(worker, copy);

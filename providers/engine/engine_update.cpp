@@ -58,8 +58,7 @@ bool is_temporary_name(const char *name) noexcept {
     return *number != 0 && number[strspn(number, digits)] == 0;
 }
 
-/// A target file may become, or stay, only one source file: false when it is another one's, or has links although the
-/// source's has none.
+/// A target file may become, or stay, only one source file: false when it is another one's.
 bool Copier::claim_target(const Stat &target, const Stat &source, bool &was_ours) {
     was_ours = false;
     if (source.stx_nlink <= 1 && target.stx_nlink <= 1)
@@ -68,9 +67,14 @@ bool Copier::claim_target(const Stat &target, const Stat &source, bool &was_ours
     const auto [at, is_new] = targets_.try_emplace({device_of(target), target.stx_ino},
                                                    std::pair<uint64_t, uint64_t>{device_of(source), source.stx_ino});
     was_ours = !is_new;
-    if (source.stx_nlink <= 1)
-        return false;
     return at->second == std::pair<uint64_t, uint64_t>{device_of(source), source.stx_ino};
+}
+
+/// Whether attributes of what is there are changed in place. By a further name, or by its owner, it may be somebody's
+/// file that a stranger linked or moved there, and who is given it could read it, or write to it still.
+bool Copier::may_be_mended(const Stat &present, const Stat &source) const noexcept {
+    return present.stx_nlink <= 1 &&
+           (present.stx_uid == source.stx_uid || !gives_owners_.load(std::memory_order_relaxed));
 }
 
 /// True when nothing is left to do for the file; otherwise it is to be made, unless `is_done` says that it failed.
@@ -88,23 +92,27 @@ bool Copier::is_file_up_to_date(Worker &worker, FileCopy &copy, bool &is_done) {
         return false;
     }
     bool was_ours = false;
-    const bool may_stay = S_ISREG(present.stx_mode) && claim_target(present, copy.stat, was_ours) &&
-                          present.stx_size == copy.stat.stx_size &&
-                          is_same_time(present.stx_mtime, copy.stat.stx_mtime);
+    const bool may_stay = S_ISREG(present.stx_mode) && present.stx_size == copy.stat.stx_size &&
+                          is_same_time(present.stx_mtime, copy.stat.stx_mtime) &&
+                          claim_target(present, copy.stat, was_ours);
     Descriptor target;
     if (may_stay)
         target = Descriptor(open_within(directory.target, copy.name, O_RDONLY | O_NONBLOCK));
     Stat opened;
     const bool is_right = target && stat_of(target.get(), opened) == 0 && is_same(present, opened);
-    if (!is_right || (options.digest && !has_same_content(*this, worker, copy, target.get(), opened, copy.digest))) {
+    const auto make_anew = [&] {
         copy.is_existing = true;
         temporary_name(copy.made_as);
         return false;
-    }
-    copy.has_digest = options.digest;
+    };
+    if (!is_right || (options.digest && !has_same_content(*this, worker, copy, target.get(), opened, copy.digest)))
+        return make_anew();
     const uint32_t flags = flags_of(target.get());
     const bool has_same = is_same_kept(copy.stat, opened) &&
                           has_same_extended(worker, Place{copy.from.get()}, Place{target.get()}) && flags == copy.flags;
+    if (!has_same && !may_be_mended(opened, copy.stat))
+        return make_anew();
+    copy.has_digest = options.digest;
     if (has_same && (flags & unknown_flags) != 0)
         remark(worker, QFI_REMARK_ATTRIBUTE, &directory, copy.name, "inode flags that cannot be read", 0);
     if (!has_same) {
@@ -141,6 +149,10 @@ bool Copier::is_special_up_to_date(Worker &worker, Directory &directory, const c
     const Place from{-1, directory.source, name}, to{-1, directory.target, name};
     if (is_same_kept(stat, present) && has_same_extended(worker, from, to))
         return true;
+    if (S_ISFIFO(stat.stx_mode) && !may_be_mended(present, stat)) {
+        is_done = !remove_target(worker, directory, name);
+        return false;
+    }
     const Known known{present.stx_uid, present.stx_gid, present.stx_mode, true};
     const Subject subject{*this, worker, &directory, name};
     keep_attributes(subject, from, to, stat, known, true, 0);

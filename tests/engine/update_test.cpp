@@ -64,6 +64,38 @@ TEST_F(Update, restores_the_structure_of_hard_links) {
     repairs("rm deep/hard1; cp -p plain deep/hard1; rm wide/f1; ln wide/f22 wide/f1; rm wide/f3; ln plain wide/f3; "
             "ln .dot extra_link");
 }
+TEST_F(Update, gives_no_file_away_that_somebody_linked_or_moved_into_the_tree) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root, who can give files away";
+    for (const char *const puts : {"ln", "mv"}) {
+        sh("rm -rf zoo copy secret; mkdir zoo copy; printf public > zoo/a; ln zoo/a zoo/b; printf public > zoo/c; "
+           "printf public > secret; cp secret zoo/d; mkfifo zoo/pipe; chown 9:9 zoo/*; chmod 666 zoo/*; cp -a zoo/. "
+           "copy; "
+           "printf secret > secret; chmod 600 secret; mkfifo -m 600 secret_pipe; touch -d 2001-01-01 zoo/* copy/* "
+           "secret*");
+        sh(std::string("for f in a b c d; do rm copy/$f; cp -p secret secret_$f; ") + puts +
+           " secret_$f copy/$f; done; rm copy/pipe; " + puts + " secret_pipe copy/pipe; ");
+        const std::string before = output("stat -c '%n %u %a %i' secret*; cat secret_?; true");
+        EXPECT_EQ(update("zoo", "copy").status, 0);
+        EXPECT_EQ(output("stat -c '%n %u %a %i' secret*; cat secret_?; true"), before) << puts;
+        EXPECT_EQ(output("cat copy/a copy/b copy/c copy/d"), "publicpublicpublicpublic") << puts;
+        expect_equal("zoo", "copy");
+        EXPECT_EQ(update("zoo", "copy").changed, 0u);
+        sh("rm -f secret*");
+    }
+}
+TEST_F(Update, leaves_files_alone_that_have_links_outside) {
+    sh("mkdir zoo copy; for f in 1 2 3; do printf same > zoo/$f; done; ln zoo/1 zoo/one; mkfifo zoo/pipe; "
+       "touch -d 2001-01-01 zoo/*; cp -a zoo/. copy; cp -al copy outside");
+    const std::string before = output("cd copy; stat -c '%n %i' *");
+    EXPECT_EQ(update("zoo", "copy").changed, 0u);
+    EXPECT_EQ(output("cd copy; stat -c '%n %i' *"), before);
+    // What are several files in the source are several.
+    sh("rm -r outside; ln -f copy/2 copy/3");
+    EXPECT_EQ(update("zoo", "copy").changed, 1u);
+    expect_equal("zoo", "copy");
+    EXPECT_EQ(update("zoo", "copy").changed, 0u);
+}
 TEST_F(Update, finds_other_content_by_digests) {
     make_zoo("zoo");
     options.digest = true;
