@@ -204,10 +204,13 @@ qfi_enclosure_list *list_enclosures(const char *operation) {
         const auto mounted = by_disk.find(disk);
         uint64_t available = 0;
         if (mounted != by_disk.end()) {
-            std::set<uint64_t> counted; // a file system that is mounted in several places counts once
+            // A file system that is mounted in several places counts once; subvolumes have ids of their own.
+            std::set<dev_t> counted;
             for (const Mount &mount : mounted->second) {
+                struct stat source {};
                 struct statvfs status {};
-                if (statvfs(mount.mount_point.c_str(), &status) == 0 && counted.insert(status.f_fsid).second)
+                if (statvfs(mount.mount_point.c_str(), &status) == 0 && stat(mount.source.c_str(), &source) == 0 &&
+                    counted.insert(source.st_rdev).second)
                     available += status.f_bavail * status.f_frsize;
             }
         }

@@ -140,6 +140,30 @@ TEST_P(Lists, group_nodes_and_enclosures_are_disks) {
     qfi_op_free_enclosures(enclosures);
 }
 
+TEST_P(Lists, a_file_system_that_is_mounted_twice_is_counted_once_in_its_enclosure) {
+    if (std::string(GetParam()) != "btrfs")
+        GTEST_SKIP() << "only Btrfs mounts parts of itself that tell other ids";
+    LoopFilesystem disk("btrfs", 128);
+    run({"btrfs", "subvolume", "create", fs::path(disk.path()) / "volume"});
+    const auto available = [&] {
+        qfi_enclosure_list *enclosures = nullptr;
+        EXPECT_EQ(qfi_op_enumerate_enclosures(nullptr, nullptr, &enclosures), 0) << last_error();
+        uint64_t bytes = 0;
+        for (const qfi_enclosure_list *node = enclosures; node != nullptr; node = node->next)
+            if (node->enclosure.name == disk.device())
+                bytes += node->enclosure.available;
+        qfi_op_free_enclosures(enclosures);
+        return bytes;
+    };
+    const uint64_t before = available();
+    EXPECT_GT(before, 0u);
+    const fs::path second = top / "second";
+    fs::create_directory(second);
+    run({"mount", "-o", "subvol=volume", disk.device(), second});
+    EXPECT_EQ(available(), before);
+    run({"umount", second});
+}
+
 TEST_P(Lists, hosts_are_this_one) {
     utsname name{};
     uname(&name);
