@@ -71,6 +71,7 @@ ManifestReader walked(int directory, const std::string &object, const WalkOption
     engine::Options walk;
     walk.workers = options.workers;
     walk.digest = options.digest;
+    walk.nested_volumes = options.nested;
     walk.entries = true;
     if (options.exclude != nullptr)
         options.exclude->put(walk);
@@ -81,6 +82,16 @@ ManifestReader walked(int directory, const std::string &object, const WalkOption
     return ManifestReader(scratch.directory(), name, operation, object);
 }
 
+namespace {
+
+// With the nested subvolumes that it holds.
+ManifestReader walked_image(int directory, const std::string &object, WalkOptions options, const char *operation) {
+    options.nested = true;
+    return walked(directory, object, options, operation);
+}
+
+} // namespace
+
 ManifestReader entries_of(const HeldImage &image, std::size_t index, const WalkOptions &options,
                           const char *operation) {
     const std::string object = image_object_path(image.filesystem(), index);
@@ -89,7 +100,7 @@ ManifestReader entries_of(const HeldImage &image, std::size_t index, const WalkO
     const Descriptor directory = image.object(index);
     WalkOptions plain = options;
     plain.exclude = nullptr; // the frozen tree does not hold the stores
-    return walked(directory.get(), object, plain, operation);
+    return walked_image(directory.get(), object, plain, operation);
 }
 
 namespace {
@@ -101,7 +112,9 @@ void compare_with_path(const HeldImage &image, std::size_t index, const std::str
     const Descriptor present = open_original(path, operation);
     if (!present)
         return take_all(from, QFI_CHANGE_REMOVED, object, take);
-    ManifestReader to = walked(present.get(), path, options, operation);
+    WalkOptions original = options;
+    original.nested = image.includes_nested();
+    ManifestReader to = walked(present.get(), path, original, operation);
     compare(from, to, object, take);
 }
 
@@ -285,7 +298,7 @@ void verify_object(const HeldImage &image, std::size_t index, const WalkOptions 
         return;
     }
     ManifestReader expected(image.directory(), HeldImage::manifest_name(index).c_str(), operation, object);
-    ManifestReader present = walked(directory.get(), object, options, operation);
+    ManifestReader present = walked_image(directory.get(), object, options, operation);
     const LostAttributes lost = lost_attributes(image, path, operation);
     compare_with_manifest(expected, present, lost,
                           [&](uint32_t change, const ManifestEntry *old, const ManifestEntry *now) {
@@ -305,7 +318,7 @@ void compare_image(const HeldImage &image, std::size_t index, const std::string 
     const std::string object = image_object_path(image.filesystem(), index);
     const Descriptor directory = image.object(index);
     ManifestReader expected(image.directory(), HeldImage::manifest_name(index).c_str(), operation, object);
-    ManifestReader present = walked(directory.get(), object, options, operation);
+    ManifestReader present = walked_image(directory.get(), object, options, operation);
     const LostAttributes lost = lost_attributes(image, image.filesystem().objects[index].path, operation);
     compare_with_manifest(expected, present, lost,
                           [&](uint32_t change, const ManifestEntry *old, const ManifestEntry *) {

@@ -14,6 +14,7 @@ namespace qzfi::fi {
 struct WalkOptions {
     uint32_t workers = 2;
     bool digest = false;
+    bool nested = false; // of an original: nested subvolumes are a part of it; of an image what it holds of them is
     const LeftOut *exclude = nullptr; // stores that lie in the tree
     Progress *progress = nullptr;
     const Progress *cancelled_by = nullptr; // where the walk itself is not counted

@@ -96,6 +96,8 @@ void write_image(Writer &writer, const FiidImage &image) {
     writer.attribute("host", record.host);
     writer.attribute("store", image.store);
     writer.attribute("digests", record.has_digests ? std::string("true") : std::string("false"));
+    if (record.nested)
+        writer.attribute("nested", std::string("true"));
     writer.open("report");
     writer.attribute("entries", record.entries);
     writer.attribute("bytes", record.bytes);
@@ -158,12 +160,14 @@ public:
             fail_here(std::string("this is no \"") + element + "\"");
     }
     // Every attribute must be one of those named, and each of them there.
-    void expect_attributes(std::initializer_list<const char *> names) {
+    void expect_attributes(std::initializer_list<const char *> names, const char *optional = nullptr) {
         std::size_t count = 0;
         while (xmlTextReaderMoveToNextAttribute(reader_) == 1) {
             if (xmlTextReaderIsNamespaceDecl(reader_) == 1)
                 continue;
             const xmlChar *const found = xmlTextReaderConstName(reader_);
+            if (optional != nullptr && xmlStrEqual(found, xml(optional)) != 0)
+                continue;
             bool is_known = false;
             for (const char *const name : names)
                 is_known = is_known || xmlStrEqual(found, xml(name)) != 0;
@@ -174,6 +178,10 @@ public:
         xmlTextReaderMoveToElement(reader_);
         if (count != names.size())
             fail_here("an attribute is missing");
+    }
+    bool has(const char *name) {
+        const std::unique_ptr<xmlChar, void (*)(void *)> value(xmlTextReaderGetAttribute(reader_, xml(name)), xmlFree);
+        return value != nullptr;
     }
     std::string text(const char *name, std::size_t limit = text_limit) {
         const std::unique_ptr<xmlChar, void (*)(void *)> value(xmlTextReaderGetAttribute(reader_, xml(name)), xmlFree);
@@ -270,10 +278,10 @@ uint32_t read_consistency(Reader &reader) {
     reader.fail_attribute("consistency");
 }
 
-bool read_digests(Reader &reader) {
-    const std::string word = reader.text("digests");
+bool read_truth(Reader &reader, const char *name) {
+    const std::string word = reader.text(name);
     if (word != "true" && word != "false")
-        reader.fail_attribute("digests");
+        reader.fail_attribute(name);
     return word == "true";
 }
 
@@ -290,7 +298,8 @@ void expect_no_content(Reader &reader, int depth) {
 FiidImage read_image(Reader &reader) {
     reader.expect("image");
     reader.expect_attributes(
-        {"id", "label", "method", "provider", "consistency", "time", "durationNs", "host", "store", "digests"});
+        {"id", "label", "method", "provider", "consistency", "time", "durationNs", "host", "store", "digests"},
+        "nested");
     FiidImage image;
     ImageRecord &record = image.record;
     record.id = reader.checked("id", is_id);
@@ -303,7 +312,8 @@ FiidImage read_image(Reader &reader) {
     record.duration_ns = reader.number("durationNs");
     record.host = reader.text("host");
     image.store = reader.checked("store", is_canonical_path);
-    record.has_digests = read_digests(reader);
+    record.has_digests = read_truth(reader, "digests");
+    record.nested = reader.has("nested") && read_truth(reader, "nested");
     if (reader.is_empty() || !reader.next(2))
         reader.fail_here("the image has no report");
     reader.expect("report");

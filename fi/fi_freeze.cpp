@@ -113,6 +113,7 @@ void describe(const Tree &tree, const TreeFilesystem &filesystem, ImageRecord &r
     record.provider_id = filesystem.provider->ops->provider_id;
     record.host = host_name();
     record.has_digests = tree.options.digest;
+    record.nested = tree.options.nested;
 }
 
 } // namespace

@@ -7,6 +7,8 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include "fi/fi_export.h"
+#include "fi/fi_fiid.h"
 #include "fi/fi_report.h"
 #include "fi/fi_store_folders.h"
 #include "providers/engine/engine.h"
@@ -80,6 +82,20 @@ std::string HeldImage::manifest_name(std::size_t index) {
 bool HeldImage::has_manifest(std::size_t index) const noexcept {
     struct stat status {};
     return fstatat(directory_.get(), manifest_name(index).c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+bool HeldImage::includes_nested() const {
+    try {
+        const Hush hush;
+        const Fiid fiid = read_fiid(read_export_document(directory_.get(), path(), operation_), operation_);
+        return std::any_of(fiid.images.begin(), fiid.images.end(), [&](const FiidImage &image) {
+            return image.record.id == record().id && image.record.nested;
+        });
+    } catch (const Failure &failure) {
+        if (failure.status == QFI_STATUS_NO_MEMORY)
+            throw;
+        return false;
+    }
 }
 
 const Provider &provider_of(const TreeFilesystem &filesystem, const char *operation) {

@@ -30,6 +30,8 @@ public:
     /// The root of an object's frozen tree, opened without a link followed. Throws QFI_FI_DAMAGED.
     Descriptor object(std::size_t index) const;
     bool has_manifest(std::size_t index) const noexcept;
+    /// Whether nested subvolumes are a part of it, by its id document; false without one.
+    bool includes_nested() const;
     static std::string manifest_name(std::size_t index);
 
 private:

@@ -314,6 +314,7 @@ private:
         Progress progress(operation_, path);
         WalkOptions options;
         options.digest = record.has_digests;
+        options.nested = true; // what it holds is its own
         options.progress = &progress;
         ManifestReader expected(image.directory(), manifest.c_str(), operation_, path);
         ManifestReader present = walked(copy.get(), path, options, operation_);

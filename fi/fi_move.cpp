@@ -228,6 +228,7 @@ private:
         const TreeFilesystem &filesystem = *part.filesystem;
         ImageRecord record = filesystem.record;
         const HeldImage image(filesystem, part.claim->directory.get(), operation_);
+        record.nested = image.includes_nested();
         for (std::size_t index = 0; index < filesystem.objects.size(); ++index)
             image.object(index); // there
         if (same_mount(filesystem.store->images(), place_.parent.get()))

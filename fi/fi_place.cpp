@@ -21,6 +21,7 @@ namespace {
 
 constexpr int directory_flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr ino_t subvolume_inode = 256; // of every subvolume's root
+constexpr ino_t stand_in_inode = 2;    // no entry of a subvolume's own has it
 
 // The first component of a path that is a symbolic link; empty when there is none (any more).
 std::string link_in(const std::string &path) {
@@ -117,6 +118,12 @@ uint64_t hash_of(std::string_view text) {
 bool is_subvolume(int directory) {
     struct stat status {};
     return fstat(directory, &status) == 0 && S_ISDIR(status.st_mode) && status.st_ino == subvolume_inode &&
+           is_btrfs(directory);
+}
+
+bool is_stand_in(int directory) noexcept {
+    struct stat status {};
+    return fstat(directory, &status) == 0 && S_ISDIR(status.st_mode) && status.st_ino == stand_in_inode &&
            is_btrfs(directory);
 }
 

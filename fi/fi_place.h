@@ -41,6 +41,9 @@ void refuse_in_stores(const Place &place, const std::vector<std::string> &stores
 /// Whether an open directory is the root of a Btrfs subvolume.
 bool is_subvolume(int directory);
 
+/// Whether it is what a snapshot has in place of a subvolume that it does not hold: an empty directory for good.
+bool is_stand_in(int directory) noexcept;
+
 /// Throws QFI_FI_EXISTS unless nothing or an empty directory is there. True for an empty directory.
 bool refuse_existing(const Place &place, const char *operation);
 

@@ -101,7 +101,7 @@ bool is_there(int original, const JobHost::Remark &remark) {
         return errno != ENOENT && errno != ENOTDIR && errno != ELOOP && (errno != EXDEV || !was_skipped);
     struct stat status {};
     return !was_skipped || fstat(entry.get(), &status) != 0 ||
-           (!S_ISSOCK(status.st_mode) && !is_subvolume(entry.get()));
+           (!S_ISSOCK(status.st_mode) && !is_subvolume(entry.get()) && !is_stand_in(entry.get()));
 }
 
 // What is missing in the image, or was changed there, as far as its manifest tells.
@@ -134,8 +134,7 @@ void remark_damage(const Plan &plan, const ObjectRef &one, Findings &report) {
 void refuse_unread(const Plan &plan, const ObjectRef &one) {
     const HeldImage image(*one.filesystem, plan.operation);
     const Provider *const provider = find_provider(image.record().provider_id);
-    if (provider != nullptr && provider->ops->technology == QFI_TECHNOLOGY_SNAPSHOT)
-        return; // it holds what its digests could not be made of
+    const bool is_snapshot = provider != nullptr && provider->ops->technology == QFI_TECHNOLOGY_SNAPSHOT;
     struct stat status {};
     if (image.record().remarks == 0 && fstatat(image.directory(), report_name, &status, AT_SYMLINK_NOFOLLOW) != 0 &&
         errno == ENOENT)
@@ -153,6 +152,8 @@ void refuse_unread(const Plan &plan, const ObjectRef &one) {
         if (!decides(remark) || remark.kind == QFI_REMARK_TORN || remark.kind == QFI_REMARK_VANISHED ||
             remark.object != object || !lies_at_or_below(remark.path, plan.only))
             continue;
+        if (is_snapshot && remark.kind == QFI_REMARK_UNREADABLE)
+            continue; // it holds what its digests could not be made of
         if (is_there(original.get(), remark))
             fail(message::would_be_lost, QFI_STATUS_NOT_SUPPORTED, plan.operation,
                  {joined(object, remark.path), image.record().id});
@@ -280,6 +281,32 @@ private:
     std::set<std::string> going_; // directories
 };
 
+// Subvolumes that the image does not have: a resynchronisation leaves them alone, with all in them. Differences come in
+// order of path.
+class LaterVolumes {
+public:
+    explicit LaterVolumes(const std::string &object)
+        : original_(open(object.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)) {}
+    bool holds(const Difference &one) {
+        if (one.change != QFI_CHANGE_ADDED)
+            return false;
+        for (std::size_t slash = one.path.find('/'); slash != std::string::npos; slash = one.path.find('/', slash + 1))
+            if (paths_.count(one.path.substr(0, slash)) != 0)
+                return true;
+        if (one.type != QFI_ENTRY_DIRECTORY || one.path.empty())
+            return false;
+        const Descriptor entry(open_beneath(original_.get(), one.path.c_str(), O_PATH | O_NOFOLLOW));
+        if (!entry || !is_subvolume(entry.get()))
+            return false;
+        paths_.insert(one.path);
+        return true;
+    }
+
+private:
+    const Descriptor original_;
+    std::set<std::string> paths_;
+};
+
 // Stores that this root does not know, and that must stay as the known ones do.
 std::vector<std::string> found_stores(const ObjectRef &one, const char *operation) {
     const std::string &object = one.object().path;
@@ -306,9 +333,12 @@ void report_changes(const Plan &plan, const ObjectRef &one, Findings &report) {
     const LeftOut left_out(*one.filesystem, object, found_stores(one, plan.operation));
     options.exclude = &left_out;
     Sockets sockets(plan);
+    LaterVolumes volumes(object);
     compare_with_original(
         image, one.index, options,
         [&](Difference &&difference) {
+            if (volumes.holds(difference)) // in the way of a restore in place
+                return;
             const uint32_t change = sockets.change_of(difference);
             if (change == QFI_CHANGE_NONE || !lies_at_or_below(difference.path, plan.only))
                 return;
@@ -412,7 +442,8 @@ struct Update {
         job.source = source;
         job.target = place.parent.get();
         job.name = place.name.c_str();
-        job.flags = static_cast<uint32_t>(plan.digest ? QFI_JOB_SYNC | QFI_JOB_DIGEST : QFI_JOB_SYNC);
+        job.flags = static_cast<uint32_t>(QFI_JOB_SYNC | (plan.digest ? QFI_JOB_DIGEST : 0) |
+                                          (image.includes_nested() ? QFI_JOB_NESTED : 0));
         job.workers = plan.how.workers;
         left_out.put(job);
         host.check(provider.ops->resync(&job), provider);
@@ -431,6 +462,7 @@ struct Update {
         options.data = engine::Data::clone_or_copy;
         options.workers = plan.how.workers;
         options.digest = plan.digest;
+        options.nested_volumes = image.includes_nested();
         options.sync = true;
         left_out.put(options);
         const engine::Result result = engine::bring_up_to_date(source, directory, ".", options, host.record());

@@ -62,6 +62,7 @@ struct ImageRecord {
     uint64_t bytes = 0;
     uint64_t remarks = 0;
     bool has_digests = false;
+    bool nested = false; // nested subvolumes are included; in the id document only, see HeldImage::includes_nested
     uint32_t backed_up = 0;
     uint32_t state = 1; // 0: pending, seen by nobody but the store; 4: so too, of a set that is whole
     std::vector<ImageObject> objects;

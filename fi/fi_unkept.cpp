@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "fi/fi_place.h"
+
 namespace qzfi::fi {
 
 namespace {
@@ -13,9 +15,17 @@ bool is_socket(int tree, const char *path) noexcept {
     return entry && fstat(entry.get(), &status) == 0 && S_ISSOCK(status.st_mode);
 }
 
+// An empty directory of a snapshot.
+bool stands_for_volume(int tree, const char *path) noexcept {
+    const Descriptor entry(open_beneath(tree, path, O_PATH | O_NOFOLLOW));
+    return entry && is_stand_in(entry.get());
+}
+
 } // namespace
 
 void Unkept::add(const qfi_remark &remark, int tree, const std::string &object) noexcept {
+    if (remark.kind == QFI_REMARK_SKIPPED && stands_for_volume(tree, remark.path))
+        return; // said of the image already, which does not hold it either
     ++remark_count_;
     const bool counts = remark.kind != QFI_REMARK_SKIPPED || !is_socket(tree, remark.path);
     const bool is_attribute = remark.kind == QFI_REMARK_ATTRIBUTE;

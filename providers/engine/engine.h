@@ -25,7 +25,8 @@ struct Options {
     uint32_t workers = 2;        // 1 to 64, the caller's thread counts as one
     bool digest = false;         // give XXH3-128 digests with file entries
     bool entries = false;        // give every entry to the host
-    bool nested_volumes = false; // walk into directories of another device that are subvolumes of the same file system
+    bool nested_volumes = false; // walk into directories of another device that are subvolumes of the same file system;
+                                 // what stands in a snapshot for one that it does not hold is remarked in any case
     bool sync = false;           // results are on stable storage when the function returns
     const qfi_excluded *excluded = nullptr; // directories left out silently; by their numbers
     uint32_t excluded_count = 0;

@@ -299,7 +299,7 @@ bool Run::enter_source(Worker &worker, Directory &parent, Directory &child) {
     }
     if (is_excluded(options, child.stat))
         return false;
-    if (device_of(child.stat) == device_of(parent.stat) || options.nested_volumes)
+    if (device_of(child.stat) == device_of(parent.stat) || (options.nested_volumes && !stands_for_volume(child.stat)))
         return true;
     remark(worker, QFI_REMARK_SKIPPED, &parent, name, "a nested subvolume", 0);
     return false;

@@ -51,6 +51,11 @@ inline bool is_excluded(const Options &options, const Stat &stat) noexcept {
     return false;
 }
 
+/// Whether a directory of another device than the one above it stands for a subvolume that its snapshot does not hold.
+inline bool stands_for_volume(const Stat &stat) noexcept {
+    return stat.stx_ino == 2; // BTRFS_EMPTY_SUBVOL_DIR_OBJECTID
+}
+
 /// Bounds the number of open directories: those that nobody uses are closed, the oldest first, and found again by
 /// ".." of a child or by name below an open ancestor. Either way device and inode must be those that were closed.
 class Directories {

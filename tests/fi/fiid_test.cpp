@@ -87,6 +87,7 @@ TEST(Fiid, any_bytes_survive_a_round_trip_and_fit_the_schema) {
     record.objects[0].subpath = all_bytes();
     record.time_ns = -1;
     record.has_digests = true;
+    record.nested = true;
     record.consistency = QFI_CONSISTENCY_ATOMIC;
     record.entries = UINT64_MAX;
     fiid.images.push_back(example().images[0]);
@@ -101,6 +102,8 @@ TEST(Fiid, any_bytes_survive_a_round_trip_and_fit_the_schema) {
     EXPECT_EQ(found.images[0].record.objects[0].path, record.objects[0].path);
     EXPECT_EQ(found.images[0].record.objects[0].subpath, all_bytes());
     EXPECT_EQ(found.images[0].record.time_ns, -1);
+    EXPECT_TRUE(found.images[0].record.nested);
+    EXPECT_FALSE(found.images[1].record.nested);
     EXPECT_EQ(found.images[0].store, fiid.images[0].store);
     EXPECT_EQ(write_fiid(found, op), document);
 }
@@ -196,6 +199,7 @@ TEST(Fiid, what_is_not_by_the_schema_is_refused) {
         {"store=\"/", "store=\""},
         {"digests=\"false\"", "digests=\"maybe\""},
         {"digests=\"false\"", "digests=\"1\""},
+        {"digests=\"false\"", "digests=\"false\" nested=\"1\""},
         {"<report entries", "<other entries"},
         {"entries=\"2\"", "entries=\"two\""},
         {"path=\"/home\"", "path=\"home\""},
