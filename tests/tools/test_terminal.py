@@ -239,6 +239,12 @@ class Usage(ToolTest):
                 self.assertEqual((result.code, result.err), (0, ""), str(result))
                 self.assertNotEqual(result.out, "")
 
+    def test_help_is_asked_for_as_a_command_too(self):
+        self.assertEqual(self.succeed("help"), self.succeed("--help"))
+        for command in support.COMMANDS:
+            self.assertEqual(self.succeed("help", command), self.succeed(command, "--help"), command)
+        self.assertEqual(self.fail_with(1, "show", "help").splitlines()[0][:22], "qzfi: find image help:")
+
     def test_help_fits_80_columns(self):
         for command in ((), *((name,) for name in support.COMMANDS)):
             with self.subTest(command):

@@ -37,7 +37,7 @@ inline void add_json(Arguments &command, bool &json) {
 }
 
 inline void add_yes(Arguments &command, bool &yes) {
-    command.add_flag("-y,--yes", yes, "Do not ask before deleting");
+    command.add_flag("-y,--yes", yes, "Do not ask first");
 }
 
 /// The option --store.

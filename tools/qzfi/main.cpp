@@ -6,6 +6,7 @@
 #include <iostream>
 #include <poll.h>
 #include <sstream>
+#include <string_view>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -61,7 +62,8 @@ void declare(CommandLine &line) {
     CLI::App &app = line.app();
     app.name("qzfi");
     app.description("Frozen images: point-in-time copies of directory trees");
-    app.set_version_flag("--version", "qzfi " QZFI_VERSION);
+    app.set_help_flag("-h,--help", "Print this help");
+    app.set_version_flag("--version", "qzfi " QZFI_VERSION, "Print the version");
     app.require_subcommand(1);
     // Options of all commands may stand behind the subcommand too.
     app.fallthrough();
@@ -91,7 +93,7 @@ void declare(CommandLine &line) {
 #undef QZFI_COMMAND
     // Last, as commands take over the one that is there.
     app.footer("qzfi COMMAND --help tells more. Exit codes: 0 done, 1 failed, 2 wrong usage, 3 differs or damaged, "
-               "4 post command failed, 130 interrupted.");
+               "4 post command failed, 130 interrupted, 141 nobody reads on.");
 }
 
 // Where a standard stream was closed, the next file that is opened would take its place, and its text with it: a file
@@ -128,12 +130,26 @@ bool has_no_reader(int descriptor) {
     return poll(&output, 1, 0) == 1 && (output.revents & POLLERR) != 0;
 }
 
+// "help COMMAND", as many type it, is "COMMAND --help".
+std::vector<const char *> with_help(int argc, char **argv) {
+    std::vector<const char *> words(argv, argv + argc);
+    std::size_t place = 1;
+    while (place < words.size() && *words[place] == '-')
+        place += std::string_view(words[place]) == "--root" ? 2 : 1;
+    if (place < words.size() && std::string_view(words[place]) == "help") {
+        words.erase(words.begin() + static_cast<std::ptrdiff_t>(place));
+        words.push_back("--help");
+    }
+    return words;
+}
+
 int run(int argc, char **argv) {
     CommandLine line;
     declare(line);
     int code = exit_done;
     try {
-        line.app().parse(argc, argv);
+        const std::vector<const char *> words = with_help(argc, argv);
+        line.app().parse(static_cast<int>(words.size()), words.data());
         // The framework, and what it starts, may be elsewhere.
         std::string &root = line.settings.root;
         root = std::filesystem::path(absolute_path(root, "find the root " + root)).lexically_normal();
