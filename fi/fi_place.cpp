@@ -20,6 +20,8 @@ namespace qzfi::fi {
 namespace {
 
 constexpr int directory_flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+constexpr char workshop_mark[] = ".qzfi-workshop"; // in a workshop: that it is one
+constexpr char beside_note[] = ".qzfi-beside-";
 constexpr ino_t subvolume_inode = 256; // of every subvolume's root
 constexpr ino_t stand_in_inode = 2;    // no entry of a subvolume's own has it
 
@@ -306,9 +308,67 @@ bool Workshop::claim() {
         return false;
     if (locked.st_uid != geteuid())
         fail(message::unsafe_path, QFI_FI_UNSAFE, operation_, {path(), "the folder belongs to another user"});
-    if ((locked.st_mode & 07777) != 0700 && fchmod(directory_.get(), 0700) != 0)
-        fail_call(operation_, "fchmod", path(), errno, false);
+    mark(locked);
     return true;
+}
+
+// An empty folder may be one that was not marked yet; what anybody else can write into says nothing.
+void Workshop::mark(const struct stat &status) {
+    struct stat marked {};
+    if (fstatat(directory_.get(), workshop_mark, &marked, AT_SYMLINK_NOFOLLOW) == 0) {
+        if (!S_ISREG(marked.st_mode) || marked.st_uid != geteuid() || (status.st_mode & 07777) != 0700)
+            refuse_alien(name_);
+        return;
+    }
+    if (!names_in(directory_.get(), path(), operation_).empty())
+        refuse_alien(name_);
+    if ((status.st_mode & 07777) != 0700 && fchmod(directory_.get(), 0700) != 0)
+        fail_call(operation_, "fchmod", path(), errno, false);
+    write_file(directory_.get(), workshop_mark, path(), "", operation_);
+}
+
+void Workshop::refuse_alien(const std::string &name) const {
+    fail(message::unsafe_path, QFI_FI_UNSAFE, operation_,
+         {place_.path.substr(0, place_.path.rfind('/') + 1) + name, "no restore left this here; move it away"});
+}
+
+// An empty file for each tree that is about to have that name: its number stays, whatever becomes of names.
+void Workshop::note_beside(int directory, const char *name) {
+    struct stat status {};
+    if (fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+        fail_call(operation_, "fstatat", place_.path, errno, false);
+    const std::string note = beside_note + std::to_string(status.st_ino);
+    write_file(directory_.get(), note.c_str(), path(), "", operation_);
+}
+
+bool Workshop::is_noted(int directory, const char *name) const {
+    struct stat status {
+    }, note{};
+    return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           fstatat(directory_.get(), (beside_note + std::to_string(status.st_ino)).c_str(), &note,
+                   AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+// It is looked at where nobody else can exchange it any more.
+void Workshop::remove_beside() {
+    constexpr const char *old = "old";
+    const int parent = place_.parent.get(), here = directory_.get();
+    struct stat status {};
+    if (fstatat(parent, beside_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT)
+        return;
+    if (!is_noted(parent, beside_.c_str()))
+        refuse_alien(beside_);
+    remove_plainly(here, old, operation_);
+    if (rename_directory(parent, beside_.c_str(), here, old) != 0) {
+        if (geteuid() == 0 || (errno != EACCES && errno != EPERM))
+            fail_call(operation_, "rename", place_.path, errno, false);
+        return remove_plainly(parent, beside_.c_str(), operation_); // a directory of others, which cannot be moved
+    }
+    if (is_noted(here, old))
+        return remove_plainly(here, old, operation_);
+    if (rename_directory(here, old, parent, beside_.c_str()) != 0)
+        unlinkat(here, workshop_mark, 0); // so that the next restore does not take it for its own
+    refuse_alien(beside_);
 }
 
 Workshop::~Workshop() {
@@ -333,6 +393,8 @@ void Workshop::sync_parent() {
 // Within one directory: XFS gives small directories that are exchanged between two a new modification time.
 void Workshop::exchange() {
     const int parent = place_.parent.get();
+    note_beside(directory_.get(), tree);
+    note_beside(parent, place_.name.c_str());
     sync_file(directory_.get(), path(), operation_);
     if (renameat2(directory_.get(), tree, parent, beside_.c_str(), RENAME_NOREPLACE) != 0 ||
         renameat2(parent, beside_.c_str(), parent, place_.name.c_str(), RENAME_EXCHANGE) != 0) {
@@ -365,13 +427,15 @@ void Workshop::put(bool over_empty) {
 }
 
 void Workshop::empty() {
-    remove_plainly(place_.parent.get(), beside_.c_str(), operation_);
+    remove_beside();
     for (const std::string &name : names_in(directory_.get(), path(), operation_))
-        remove_plainly(directory_.get(), name.c_str(), operation_);
+        if (name != workshop_mark)
+            remove_plainly(directory_.get(), name.c_str(), operation_);
 }
 
 void Workshop::clear() {
     empty();
+    unlinkat(directory_.get(), workshop_mark, 0);
     if (unlinkat(place_.parent.get(), name_.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT)
         fail_call(operation_, "rmdir", path(), errno, false);
     flock(directory_.get(), LOCK_UN);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 #include "fi/fi_library.h"
@@ -49,7 +50,8 @@ bool refuse_existing(const Place &place, const char *operation);
 
 /// A folder of this process beside a place, ".qzfi-restore-HASH", in which the new tree is made and the old one
 /// removed. Its name tells the place, so that whoever restores there next finds, and removes, what a killed process
-/// left. Throws QFI_FI_BUSY while another process has it.
+/// left. Throws QFI_FI_BUSY while another process has it, and QFI_FI_UNSAFE when what is there was left by none:
+/// whoever owns the directory may have moved anybody's tree there, for it to be removed.
 class Workshop {
 public:
     Workshop(const Place &place, const char *operation);
@@ -69,7 +71,12 @@ public:
 
 private:
     bool claim();
+    void mark(const struct stat &status);
     void empty();
+    void remove_beside();
+    void note_beside(int directory, const char *name);
+    bool is_noted(int directory, const char *name) const;
+    [[noreturn]] void refuse_alien(const std::string &name) const;
     void sync_parent();
     const Place &place_;
     const char *operation_;
