@@ -42,25 +42,47 @@ constexpr uint32_t all_kept_flags() {
     return all;
 }
 
+constexpr std::size_t longest_path = 32 + 256;
+
+/// A place that is no descriptor, as a path. Where it has no name the path leads to the entry, which is not followed.
+bool put_path(char (&path)[longest_path], const Place &place) noexcept {
+    const bool has_name = *place.name != '\0';
+    snprintf(path, sizeof path, has_name ? "/proc/self/fd/%d/%s" : "/proc/self/fd/%d", place.directory, place.name);
+    return has_name;
+}
+
+/// Flags for the calls on a place that is no descriptor.
+int flags_at(const Place &place) noexcept {
+    return *place.name != '\0' ? AT_SYMLINK_NOFOLLOW : AT_EMPTY_PATH;
+}
+
 /// The calls on extended attributes of a place. By name they go through the directory's descriptor, and do not follow
 /// the name itself.
 class Extended {
 public:
     explicit Extended(const Place &place) noexcept : descriptor_(place.descriptor), directory_(place.directory) {
         if (descriptor_ < 0)
-            snprintf(path_, sizeof path_, "/proc/self/fd/%d/%s", place.directory, place.name);
+            has_name_ = put_path(path_, place);
     }
     ssize_t list(char *names, std::size_t size) const noexcept {
-        return descriptor_ >= 0 ? flistxattr(descriptor_, names, size) : llistxattr(path_, names, size);
+        if (descriptor_ >= 0)
+            return flistxattr(descriptor_, names, size);
+        return (has_name_ ? llistxattr : listxattr)(path_, names, size);
     }
     ssize_t get(const char *name, char *value, std::size_t size) const noexcept {
-        return descriptor_ >= 0 ? fgetxattr(descriptor_, name, value, size) : lgetxattr(path_, name, value, size);
+        if (descriptor_ >= 0)
+            return fgetxattr(descriptor_, name, value, size);
+        return (has_name_ ? lgetxattr : getxattr)(path_, name, value, size);
     }
     int set(const char *name, const char *value, std::size_t size) const noexcept {
-        return descriptor_ >= 0 ? fsetxattr(descriptor_, name, value, size, 0) : lsetxattr(path_, name, value, size, 0);
+        if (descriptor_ >= 0)
+            return fsetxattr(descriptor_, name, value, size, 0);
+        return (has_name_ ? lsetxattr : setxattr)(path_, name, value, size, 0);
     }
     int remove(const char *name) const noexcept {
-        return descriptor_ >= 0 ? fremovexattr(descriptor_, name) : lremovexattr(path_, name);
+        if (descriptor_ >= 0)
+            return fremovexattr(descriptor_, name);
+        return (has_name_ ? lremovexattr : removexattr)(path_, name);
     }
     /// Ext4 and Btrfs say "no space" as well of an attribute that is too large for them, however much there is.
     bool has_room() const noexcept {
@@ -74,7 +96,8 @@ public:
 
 private:
     int descriptor_, directory_;
-    char path_[32 + 256];
+    bool has_name_ = false;
+    char path_[longest_path];
 };
 
 } // namespace
@@ -162,18 +185,21 @@ void keep_extended(const Subject &subject, const Place &from, const Place &to, b
 
 int change_owner(const Place &place, uid_t uid, gid_t gid) noexcept {
     return place.descriptor >= 0 ? fchown(place.descriptor, uid, gid)
-                                 : fchownat(place.directory, place.name, uid, gid, AT_SYMLINK_NOFOLLOW);
+                                 : fchownat(place.directory, place.name, uid, gid, flags_at(place));
 }
 
 int change_mode(const Place &place, mode_t mode) noexcept {
-    return place.descriptor >= 0 ? fchmod(place.descriptor, mode)
-                                 : fchmodat(place.directory, place.name, mode, AT_SYMLINK_NOFOLLOW);
+    if (place.descriptor >= 0)
+        return fchmod(place.descriptor, mode);
+    char path[longest_path];
+    return put_path(path, place) ? fchmodat(place.directory, place.name, mode, AT_SYMLINK_NOFOLLOW)
+                                 : fchmodat(AT_FDCWD, path, mode, 0);
 }
 
 int change_times(const Place &place, const Stat &stat) noexcept {
     const timespec times[2] = {time_of(stat.stx_atime), time_of(stat.stx_mtime)};
     return place.descriptor >= 0 ? futimens(place.descriptor, times)
-                                 : utimensat(place.directory, place.name, times, AT_SYMLINK_NOFOLLOW);
+                                 : utimensat(place.directory, place.name, times, flags_at(place));
 }
 
 void keep_flags(const Subject &subject, int target, uint32_t flags) {
@@ -290,7 +316,8 @@ struct Told {
 
 void look_at_kept(const Subject &subject, const Place &target, const Stat &stat, mode_t wanted, const Told &told) {
     Stat kept;
-    if ((target.descriptor >= 0 ? stat_of(target.descriptor, kept) : stat_of(target.directory, target.name, kept)) != 0)
+    if ((target.descriptor >= 0 ? stat_of(target.descriptor, kept)
+                                : stat_of(target.directory, target.name, flags_at(target), kept)) != 0)
         return remark_attribute(subject, "attributes", errno);
     const auto tell = [&](const char *detail) {
         subject.run.remark(subject.worker, QFI_REMARK_ATTRIBUTE, subject.directory, subject.name, detail, 0);

@@ -5,7 +5,8 @@
 
 namespace qzfi::engine {
 
-/// An entry by its descriptor or, where it cannot be opened for that, by directory and name.
+/// An entry by its descriptor or, where it cannot be opened for that, by directory and name; with an empty name the
+/// "directory" is a descriptor of the entry itself, for its place only.
 struct Place {
     int descriptor = -1;
     int directory = -1;

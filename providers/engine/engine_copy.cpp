@@ -342,7 +342,7 @@ Copier::Outcome Copier::special(Worker &worker, Directory &directory, const char
     const char *const shown = S_ISLNK(mode) ? link_target : nullptr;
     bool is_done = false, is_made = false;
     if (!updates_ || !is_special_up_to_date(worker, directory, name, stat, shown, is_done))
-        is_made = !is_done && make_special(worker, directory, name, name, stat, shown);
+        is_made = !is_done && make_special(worker, directory, name, stat, shown);
     else
         is_made = true;
     Stat made;
@@ -355,12 +355,20 @@ Copier::Outcome Copier::special(Worker &worker, Directory &directory, const char
     return Outcome::done;
 }
 
-bool Copier::make_special(Worker &worker, Directory &directory, const char *name, const char *made_as, const Stat &stat,
+bool Copier::make_special(Worker &worker, Directory &directory, const char *name, const Stat &stat,
                           const char *link_target) {
+    return updates_ && link_target == nullptr
+               ? make_special_apart(worker, directory, name, stat)
+               : make_special_in(worker, directory, directory.target, name, stat, link_target);
+}
+
+/// Makes an entry in the directory's target or, on the way to it, `where`.
+bool Copier::make_special_in(Worker &worker, Directory &directory, int where, const char *name, const Stat &stat,
+                             const char *link_target) {
     const mode_t mode = stat.stx_mode & (S_IFMT | 07777);
-    const int result = link_target != nullptr ? symlinkat(link_target, directory.target, made_as)
-                                              : mknodat(directory.target, made_as, mode,
-                                                        makedev(stat.stx_rdev_major, stat.stx_rdev_minor));
+    const int result = link_target != nullptr
+                           ? symlinkat(link_target, where, name)
+                           : mknodat(where, name, mode, makedev(stat.stx_rdev_major, stat.stx_rdev_minor));
     if (result != 0 && errno == EEXIST) {
         remark(worker, QFI_REMARK_WARNING, &directory, name, "listed twice, or differs in case only: the first is kept",
                EEXIST);
@@ -377,8 +385,25 @@ bool Copier::make_special(Worker &worker, Directory &directory, const char *name
         return false;
     }
     changed();
-    const Place from{-1, directory.source, name}, to{-1, directory.target, made_as};
-    const Known known{made_uid_, made_gid_, stat.stx_mode & ~umask_, updates_};
+    reached(Point::created, name);
+    const Place from{-1, directory.source, name};
+    Place to{-1, where, name};
+    Known known{made_uid_, made_gid_, stat.stx_mode & ~umask_, updates_};
+    Descriptor made;
+    if (updates_) { // where others may rename things, and which passes on what it likes
+        Stat now;
+        made = Descriptor(open_within(where, name, O_PATH));
+        if (!made || stat_of(made.get(), now) != 0) {
+            fail_target(worker, "openat2", &directory, name, errno);
+            return false;
+        }
+        if (!is_same_special(made.get(), now, stat, link_target)) {
+            remark(worker, QFI_REMARK_WARNING, &directory, name, put_there_meanwhile, 0);
+            return false;
+        }
+        to = Place{-1, made.get(), ""};
+        known = {now.stx_uid, now.stx_gid, now.stx_mode, true};
+    }
     const int extended = has_extended(worker, from);
     if (extended < 0)
         remark(worker, QFI_REMARK_ATTRIBUTE, &directory, name, "extended attributes", errno);

@@ -37,6 +37,10 @@ struct FileRange {
     uint64_t start, end;
 };
 
+inline constexpr char put_there_meanwhile[] = "another entry came there meanwhile, or differs in case only: it is kept";
+/// Whether an open link, FIFO or device node is what the source has.
+bool is_same_special(int descriptor, const Stat &present, const Stat &wanted, const char *link_target);
+
 class Copier : public Run {
 public:
     Copier(const Options &options, const qfi_provider_host &host, bool updates);
@@ -80,8 +84,12 @@ private:
     bool link_listed(Worker &worker, Directory &directory, const char *name, uint64_t inode);
     bool link(Worker &worker, Directory &directory, const char *name, const Stat &stat, const Links::Linked &to);
     Outcome special(Worker &worker, Directory &directory, const char *name, uint16_t &mode);
-    bool make_special(Worker &worker, Directory &directory, const char *name, const char *made_as, const Stat &stat,
+    bool make_special(Worker &worker, Directory &directory, const char *name, const Stat &stat,
                       const char *link_target);
+    bool make_special_in(Worker &worker, Directory &directory, int where, const char *name, const Stat &stat,
+                         const char *link_target);
+    bool make_special_apart(Worker &worker, Directory &directory, const char *name, const Stat &stat);
+    bool put_new(Worker &worker, Directory &directory, int from, const char *name);
     void keep_late_flags();
 
     // Bringing up to date: engine_update.cpp

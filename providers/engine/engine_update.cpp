@@ -20,9 +20,9 @@ bool is_same_kept(const Stat &a, const Stat &b) {
            is_same_time(a.stx_mtime, b.stx_mtime);
 }
 
-bool is_same_link(int directory, const char *name, const char *link_target) {
+bool is_same_link(int link, const char *link_target) {
     char present[PATH_MAX + 1];
-    const ssize_t size = readlinkat(directory, name, present, PATH_MAX);
+    const ssize_t size = readlinkat(link, "", present, PATH_MAX);
     return size >= 0 && strlen(link_target) == static_cast<std::size_t>(size) &&
            memcmp(present, link_target, static_cast<std::size_t>(size)) == 0;
 }
@@ -43,6 +43,12 @@ bool has_same_content(Run &run, Worker &worker, const FileCopy &copy, int presen
 }
 
 } // namespace
+
+bool is_same_special(int descriptor, const Stat &present, const Stat &wanted, const char *link_target) {
+    return (present.stx_mode & S_IFMT) == (wanted.stx_mode & S_IFMT) &&
+           present.stx_rdev_major == wanted.stx_rdev_major && present.stx_rdev_minor == wanted.stx_rdev_minor &&
+           (link_target == nullptr || is_same_link(descriptor, link_target));
+}
 
 void Copier::temporary_name(char (&out)[256]) {
     snprintf(out, sizeof out, ".qzfi-%016llx-%llx", static_cast<unsigned long long>(run_),
@@ -138,15 +144,15 @@ bool Copier::is_special_up_to_date(Worker &worker, Directory &directory, const c
         return false;
     }
     bool was_ours = false;
-    const bool is_same_thing = (present.stx_mode & S_IFMT) == (stat.stx_mode & S_IFMT) &&
-                               claim_target(present, stat, was_ours) && present.stx_rdev_major == stat.stx_rdev_major &&
-                               present.stx_rdev_minor == stat.stx_rdev_minor &&
-                               (link_target == nullptr || is_same_link(directory.target, name, link_target));
+    const Descriptor target(open_within(directory.target, name, O_PATH));
+    const bool is_same_thing = target && stat_of(target.get(), present) == 0 &&
+                               is_same_special(target.get(), present, stat, link_target) &&
+                               claim_target(present, stat, was_ours);
     if (!is_same_thing) {
         is_done = !remove_target(worker, directory, name);
         return false;
     }
-    const Place from{-1, directory.source, name}, to{-1, directory.target, name};
+    const Place from{-1, directory.source, name}, to{-1, target.get(), ""};
     if (is_same_kept(stat, present) && has_same_extended(worker, from, to))
         return true;
     if (S_ISFIFO(stat.stx_mode) && !may_be_mended(present, stat)) {
@@ -158,6 +164,46 @@ bool Copier::is_special_up_to_date(Worker &worker, Directory &directory, const c
     keep_attributes(subject, from, to, stat, known, true, 0);
     changed();
     return true;
+}
+
+/// Makes a FIFO or device node in a folder that nobody else can change anything in, and puts it in place when it has
+/// its owner: in place, another's could have its name by then.
+bool Copier::make_special_apart(Worker &worker, Directory &directory, const char *name, const Stat &stat) {
+    constexpr mode_t of_others = 0077;
+    char folder[256];
+    temporary_name(folder);
+    if (mkdirat(directory.target, folder, 0700) != 0) {
+        fail_target(worker, "mkdirat", &directory, name, errno);
+        return false;
+    }
+    const Descriptor apart(open_within(directory.target, folder, O_RDONLY | O_DIRECTORY));
+    Stat opened;
+    bool is_made = false;
+    if (!apart || stat_of(apart.get(), opened) != 0) {
+        fail_target(worker, "openat2", &directory, name, errno);
+    } else if (opened.stx_uid != geteuid() || (opened.stx_mode & of_others) != 0) {
+        remark(worker, QFI_REMARK_WARNING, &directory, name, put_there_meanwhile, 0);
+    } else {
+        is_made = make_special_in(worker, directory, apart.get(), name, stat, nullptr) &&
+                  put_new(worker, directory, apart.get(), name);
+        if (!is_made)
+            unlinkat(apart.get(), name, 0);
+    }
+    unlinkat(directory.target, folder, AT_REMOVEDIR);
+    return is_made;
+}
+
+/// Puts a new entry in its place where nothing is.
+bool Copier::put_new(Worker &worker, Directory &directory, int from, const char *name) {
+    if (renameat2(from, name, directory.target, name, RENAME_NOREPLACE) == 0)
+        return true;
+    if (errno == EINVAL && renameat(from, name, directory.target, name) == 0) // not every file system can
+        return true;
+    if (errno == EEXIST)
+        remark(worker, QFI_REMARK_WARNING, &directory, name, put_there_meanwhile, EEXIST);
+    else
+        fail_target(worker, "renameat2", &directory, name, errno);
+    return false;
 }
 
 /// Opens a directory that is there; what is there instead is removed. False when the tree cannot go on here.

@@ -2,10 +2,14 @@
 #include "engine_support.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <optional>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <qzfi_fi.h>
 
+#include "providers/engine/engine_work.h"
 #include "support/fault.h"
 #include "support/loop_filesystem.h"
 
@@ -96,6 +100,70 @@ TEST_F(Update, leaves_files_alone_that_have_links_outside) {
     expect_equal("zoo", "copy");
     EXPECT_EQ(update("zoo", "copy").changed, 0u);
 }
+TEST_F(Update, gives_what_it_makes_in_a_folder_that_passes_on_its_group_the_right_one) {
+    repairs("chown :9 . deep; chmod 2775 . deep; rm pipe null dangling plain deep/pipe2 deep/link deep/dangling2");
+    EXPECT_EQ(output("find copy -name '.qzfi-*'"), "");
+}
+
+/// A folder of a user, who may rename in it also what is root's.
+class Users : public Update {
+protected:
+    void SetUp() override {
+        sh("mkdir s home; mkfifo s/p; ln -s text s/l; mknod s/n c 1 3; chmod 644 s/p s/n; chown -hR 65534:65534 s "
+           "home");
+        place = at;
+        make_secret();
+    }
+    void TearDown() override {
+        test_hook = nullptr;
+        close(secret);
+    }
+    void make_secret() {
+        close(secret);
+        sh("mkfifo -m 600 secret");
+        secret = open((at + "/secret").c_str(), O_PATH | O_CLOEXEC);
+    }
+    void expect_roots() const {
+        struct stat stat {};
+        EXPECT_EQ(fstat(secret, &stat), 0);
+        EXPECT_EQ(stat.st_uid, 0u);
+        EXPECT_EQ(stat.st_mode & 0777, 0600u);
+    }
+    static std::string place;
+    int secret = -1;
+};
+std::string Users::place;
+
+TEST_F(Users, folders_get_fifos_of_their_own_where_one_of_root_lies) {
+    sh("mv secret home/p");
+    EXPECT_EQ(update("s", "home").status, 0);
+    expect_roots();
+    expect_equal("s", "home");
+}
+
+TEST_F(Users, folders_are_given_nothing_that_is_put_there_meanwhile) {
+    for (const char *const name : {"p", "l", "n"}) {
+        sh("rm -f home/*");
+        static std::string replaced;
+        replaced = name;
+        test_hook = [](Point point, const char *reached) {
+            if (point == Point::created && reached == replaced) {
+                EXPECT_EQ(rename((place + "/secret").c_str(), (place + "/home/" + replaced).c_str()), 0);
+            }
+        };
+        host.remarks.clear();
+        EXPECT_EQ(update("s", "home").status, 0);
+        test_hook = nullptr;
+        expect_roots();
+        EXPECT_TRUE(host.has_remark(QFI_REMARK_WARNING, name)) << name;
+        EXPECT_EQ(output("find home -name '.qzfi-*'"), "");
+        EXPECT_EQ(update("s", "home").status, 0);
+        expect_roots();
+        expect_equal("s", "home");
+        make_secret();
+    }
+}
+
 TEST_F(Update, finds_other_content_by_digests) {
     make_zoo("zoo");
     options.digest = true;
