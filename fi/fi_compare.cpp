@@ -57,7 +57,7 @@ ManifestReader walked(int directory, const std::string &object, const WalkOption
     constexpr const char *name = "manifest";
     const TemporaryFolder scratch("qzfi-compare-", operation);
     ManifestWriter writer(scratch.directory(), name, operation, object);
-    EngineHost host(operation, object, options.progress);
+    EngineHost host(operation, object, options.progress, options.cancelled_by);
     host.on_entry([&](const qfi_entry &entry) -> int32_t {
         if (options.cancelled_by != nullptr && options.cancelled_by->cancelled())
             return QFI_FI_CANCELLED;

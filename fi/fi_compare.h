@@ -17,7 +17,7 @@ struct WalkOptions {
     bool nested = false; // of an original: nested subvolumes are a part of it; of an image what it holds of them is
     const LeftOut *exclude = nullptr; // stores that lie in the tree
     Progress *progress = nullptr;
-    const Progress *cancelled_by = nullptr; // where the walk itself is not counted
+    Progress *cancelled_by = nullptr; // where the walk itself is not counted
 };
 
 /// The entries of a tree, sorted. Throws Failure when it cannot be read.

@@ -2,8 +2,8 @@
 
 namespace qzfi::fi {
 
-EngineHost::EngineHost(const char *operation, std::string object, Progress *progress)
-    : operation_(operation), object_(std::move(object)), progress_(progress) {
+EngineHost::EngineHost(const char *operation, std::string object, Progress *progress, Progress *asked)
+    : operation_(operation), object_(std::move(object)), progress_(progress), asked_(asked) {
     if (progress_ != nullptr)
         before_ = progress_->counts();
     record_.size = sizeof record_;
@@ -44,7 +44,7 @@ void EngineHost::remark(void *context, const qfi_remark *remark) noexcept {
 int32_t EngineHost::progress(void *context, uint64_t entries, uint64_t bytes) noexcept {
     auto &host = *static_cast<EngineHost *>(context);
     if (host.progress_ == nullptr)
-        return 0;
+        return host.asked_ != nullptr ? host.asked_->advance(0, 0) : 0;
     return host.progress_->set(host.before_.entries_done + entries, host.before_.bytes_done + bytes);
 }
 

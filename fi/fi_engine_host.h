@@ -13,8 +13,9 @@ namespace qzfi::fi {
 /// The host of one call of the engine.
 class EngineHost {
 public:
-    /// `object` is the path of the tree, for texts; `progress` may be null.
-    EngineHost(const char *operation, std::string object, Progress *progress);
+    /// `object` is the path of the tree, for texts; `progress` may be null. `asked`, where there is no other one, is
+    /// asked whether to go on, and counts nothing.
+    EngineHost(const char *operation, std::string object, Progress *progress, Progress *asked = nullptr);
     EngineHost(const EngineHost &) = delete;
     EngineHost &operator=(const EngineHost &) = delete;
     const qfi_provider_host &record() const noexcept { return record_; }
@@ -33,7 +34,7 @@ private:
 
     const char *operation_;
     std::string object_;
-    Progress *progress_;
+    Progress *progress_, *asked_;
     Progress::Counts before_{}; // what was done before this call: it counts its own
     qfi_provider_host record_{};
     std::function<int32_t(const qfi_entry &)> entry_;

@@ -57,9 +57,9 @@ void StoreFinder::look_at(const qfi_entry &entry) {
 }
 
 std::vector<std::string> stores_within(int directory, const std::string &path, const LeftOut &left_out,
-                                       const char *operation) {
+                                       const char *operation, Progress *cancelled_by) {
     StoreFinder finder(directory);
-    EngineHost host(operation, path, nullptr);
+    EngineHost host(operation, path, nullptr, cancelled_by);
     host.on_entry([&](const qfi_entry &entry) {
         finder.look_at(entry);
         return 0;

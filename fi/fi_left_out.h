@@ -46,6 +46,6 @@ private:
 };
 /// The absolute paths of all stores at or below a directory, but for those that are left out anyway.
 std::vector<std::string> stores_within(int directory, const std::string &path, const LeftOut &left_out,
-                                       const char *operation);
+                                       const char *operation, Progress *cancelled_by = nullptr);
 
 } // namespace qzfi::fi

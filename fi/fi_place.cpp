@@ -63,10 +63,10 @@ void refuse_mounts_below(const Place &place, const char *operation) {
 }
 
 // The old tree is removed, and with it a nested subvolume or a store, which no image holds.
-void refuse_what_is_within(const Place &place, int directory, const char *operation) {
+void refuse_what_is_within(const Place &place, int directory, const char *operation, Progress *cancelled_by) {
     std::string subvolume;
     StoreFinder stores(directory);
-    EngineHost host(operation, place.path, nullptr);
+    EngineHost host(operation, place.path, nullptr, cancelled_by);
     host.on_entry([&](const qfi_entry &entry) {
         stores.look_at(entry);
         return 0;
@@ -228,7 +228,8 @@ void refuse_subvolume(const Place &place, int directory, const struct stat &stat
 
 } // namespace
 
-bool refuse_irreplaceable(const Place &place, const std::vector<std::string> &stores, const char *operation) {
+bool refuse_irreplaceable(const Place &place, const std::vector<std::string> &stores, const char *operation,
+                          Progress *cancelled_by) {
     std::optional<struct stat> status = look_at(place, operation);
     if (!status)
         return false;
@@ -240,7 +241,7 @@ bool refuse_irreplaceable(const Place &place, const std::vector<std::string> &st
     for (const std::string &store : stores)
         if (lies_at_or_above(*status, store))
             refuse(place, "store " + store + " lies in it", operation);
-    refuse_what_is_within(place, directory.get(), operation);
+    refuse_what_is_within(place, directory.get(), operation, cancelled_by);
     return true;
 }
 

@@ -32,8 +32,9 @@ Place open_place(const std::string &path, const char *operation);
 Place open_place_below(const std::string &object, const std::string &path, const char *operation);
 
 /// Throws for a link, a mount point, the root of a subvolume, and a directory with a mount, a nested subvolume or a
-/// store below it: what would be lost or cannot be exchanged. False when nothing is there.
-bool refuse_irreplaceable(const Place &place, const std::vector<std::string> &stores, const char *operation);
+/// store below it: what would be lost or cannot be exchanged. False when nothing is there. `cancelled_by` may be null.
+bool refuse_irreplaceable(const Place &place, const std::vector<std::string> &stores, const char *operation,
+                          Progress *cancelled_by);
 
 /// Throws when the place is a store, or lies in one, whatever the store's path says; `what` is the cause.
 void refuse_in_stores(const Place &place, const std::vector<std::string> &stores, const char *what,

@@ -166,7 +166,7 @@ void restore_in_place(const Plan &plan, const ObjectRef &one, Findings &report) 
     Workshop workshop(place, plan.operation);
     copy_out(image, one.index, plan.only, workshop.directory(), Workshop::tree, plan.how);
     // Looked at again, for the copy took its time.
-    if (refuse_irreplaceable(place, plan.stores, plan.operation))
+    if (refuse_irreplaceable(place, plan.stores, plan.operation, plan.how.progress))
         workshop.exchange();
     else
         workshop.put(false);
@@ -232,7 +232,7 @@ void refuse_in_place(const Plan &plan) {
         }
         const Place place = open_place_below(one.object().path, plan.only, plan.operation);
         refuse_in_store(place, plan); // where an id document says it was, which is anybody's
-        refuse_irreplaceable(place, plan.stores, plan.operation);
+        refuse_irreplaceable(place, plan.stores, plan.operation, plan.how.progress);
         refuse_unread(plan, one);
         refuse_damaged(plan, one);
     }
@@ -308,14 +308,14 @@ private:
 };
 
 // Stores that this root does not know, and that must stay as the known ones do.
-std::vector<std::string> found_stores(const ObjectRef &one, const char *operation) {
+std::vector<std::string> found_stores(const ObjectRef &one, const char *operation, Progress *progress) {
     const std::string &object = one.object().path;
     struct stat status {};
     if (lstat(object.c_str(), &status) != 0 && errno == ENOENT)
         return {};
     const Descriptor directory = open_without_links(object, O_RDONLY | O_DIRECTORY, operation);
     std::vector<std::string> found =
-        stores_within(directory.get(), object, LeftOut(*one.filesystem, object), operation);
+        stores_within(directory.get(), object, LeftOut(*one.filesystem, object), operation, progress);
     for (const std::string &store : found)
         require(store != object, operation, "the object is a store now");
     return found;
@@ -330,7 +330,7 @@ void report_changes(const Plan &plan, const ObjectRef &one, Findings &report) {
     options.digest = plan.digest;
     options.progress = plan.how.progress;
     const std::string &object = one.object().path;
-    const LeftOut left_out(*one.filesystem, object, found_stores(one, plan.operation));
+    const LeftOut left_out(*one.filesystem, object, found_stores(one, plan.operation, plan.how.progress));
     options.exclude = &left_out;
     Sockets sockets(plan);
     LaterVolumes volumes(object);
@@ -500,7 +500,7 @@ void resync_directory(const Plan &plan, const ObjectRef &one, const HeldImage &i
         open_beneath(object.get(), plan.only.empty() ? "." : plan.only.c_str(), O_RDONLY | O_DIRECTORY));
     if (!source)
         fail_call(plan.operation, "open", path, errno, true);
-    const LeftOut left_out(image.filesystem(), path, found_stores(one, plan.operation));
+    const LeftOut left_out(image.filesystem(), path, found_stores(one, plan.operation, plan.how.progress));
     const Update update{plan, image, path, report, left_out};
     // Opened without links, and there: what is missing is for a restore to make.
     const Descriptor original = open_without_links(path, O_RDONLY | O_DIRECTORY, plan.operation);
@@ -541,7 +541,7 @@ void resync(TreeLock &tree, const qfi_restore_options &options, Findings &report
             struct stat status {};
             if (fstatat(place.parent.get(), place.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
                 !S_ISLNK(status.st_mode))
-                refuse_irreplaceable(place, plan.stores, operation);
+                refuse_irreplaceable(place, plan.stores, operation, plan.how.progress);
             update_entry(image, one.index, plan.only, place.parent.get(), plan.digest, plan.how);
         }
     }

@@ -57,5 +57,56 @@ TEST_P(Places, on_another_mount_below_the_object_are_not_its_own) {
     }
 }
 
+struct Canceller : qfi_progress_handler {
+    Canceller() : qfi_progress_handler{} {
+        size = sizeof(qfi_progress_handler);
+        progress = [](qfi_progress_handler *self, const qfi_progress *told) -> int32_t {
+            auto &canceller = *static_cast<Canceller *>(self);
+            ++canceller.calls;
+            canceller.most_entries = std::max(canceller.most_entries, told->entries_done);
+            return canceller.cancels ? 1 : 0;
+        };
+        handler.reserved1 = static_cast<qfi_progress_handler *>(this);
+    }
+    qfi_handler handler{};
+    bool cancels = false;
+    int calls = 0;
+    uint64_t most_entries = 0;
+};
+
+TEST_P(Places, are_looked_at_with_a_host_that_can_cancel) {
+    Canceller canceller;
+    stop();
+    start(&canceller.handler);
+    {
+        const Tree tree = freeze({object}, store, "copy");
+        const auto expect = [&](Operation operation, bool dry_run, int32_t status) {
+            canceller.calls = 0;
+            canceller.cancels = false;
+            EXPECT_EQ(call(operation, tree, nullptr, dry_run), status) << last_error();
+            EXPECT_GT(canceller.calls, 0);
+            canceller.cancels = true;
+            EXPECT_EQ(call(operation, tree, nullptr, dry_run), QFI_FI_CANCELLED) << last_error();
+        };
+        // What an image lacks is told after all of it was walked.
+        const fs::path kept = top / "kept";
+        fs::rename(fs::path(tree.image_path()) / "plain", kept);
+        canceller.most_entries = 0;
+        for (const Operation operation : operations)
+            for (const bool dry_run : {true, false})
+                expect(operation, dry_run, QFI_FI_DAMAGED);
+        EXPECT_EQ(canceller.most_entries, 0u) << "what is looked at first is no part of the work";
+        fs::rename(kept, fs::path(tree.image_path()) / "plain");
+        // So is what is in the way in the original.
+        canceller.cancels = false;
+        fs::create_directories(object / "sub" / "store" / "images");
+        for (const char *const name : {"catalog.db", "reserve"})
+            write_file(object / "sub" / "store" / name, "");
+        expect(qfi_op_restore, false, QFI_STATUS_NOT_SUPPORTED);
+    }
+    stop();
+    start();
+}
+
 } // namespace
 } // namespace images

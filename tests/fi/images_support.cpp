@@ -88,12 +88,12 @@ void keep(const fs::path &tree, const fs::path &copy) {
     run({"cp", "-a", "--sparse=always", tree.string(), copy.string()});
 }
 
-Framework::Framework(const fs::path &root) {
+Framework::Framework(const fs::path &root, qfi_handler *handler) {
     fs::create_directories(root);
     setenv("QFI_API_LIB", FI_LIBRARY, 1);
     setenv("QFI_DIR", FI_PLUGINS, 1);
     EXPECT_EQ(qzfiapi_set_init_env(root.c_str(), "images_test"), 0);
-    EXPECT_EQ(qzfiapi_start(nullptr, QFI_API_VERSION), 0);
+    EXPECT_EQ(qzfiapi_start(handler, QFI_API_VERSION), 0);
 }
 
 Framework::~Framework() {

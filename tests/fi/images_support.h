@@ -34,7 +34,7 @@ std::string run(const std::vector<std::string> &arguments);
 /// The framework, started with a root of its own until the end of the scope.
 class Framework {
 public:
-    explicit Framework(const fs::path &root);
+    explicit Framework(const fs::path &root, qfi_handler *handler = nullptr);
     ~Framework();
     Framework(const Framework &) = delete;
     Framework &operator=(const Framework &) = delete;
@@ -96,7 +96,7 @@ protected:
     void SetUp() override;
     void TearDown() override;
     /// Starts the framework; done by most tests at once.
-    void start() { framework_.emplace(top / "root"); }
+    void start(qfi_handler *handler = nullptr) { framework_.emplace(top / "root", handler); }
     void stop() { framework_.reset(); }
     fs::path top;    // the folder
     fs::path object; // a zoo in it
