@@ -467,20 +467,19 @@ RemoveTree by_provider_of(const Store &store, const ImageRecord &record, const c
 
 } // namespace
 
-void remove_image(Store &store, const ImageRecord &record, const char *operation) {
-    store.remove(record.id, operation, by_provider_of(store, record, operation));
-}
-
-void remove_image(Store &store, Claim claim, const ImageRecord &record, const char *operation) {
+void remove_image(Store &store, std::optional<Claim> claim, const ImageRecord &record, const char *operation) {
     store.remove(std::move(claim), record.id, operation, by_provider_of(store, record, operation));
 }
 
+// All are claimed before one goes, as half of a set is of no use.
 void remove_images(Tree &tree, const char *operation) {
-    for (TreeFilesystem &filesystem : tree.filesystems) {
-        if (!filesystem.is_frozen)
-            continue;
-        remove_image(*filesystem.store, filesystem.record, operation);
-        filesystem.is_frozen = false;
+    std::vector<std::pair<TreeFilesystem *, std::optional<Claim>>> images;
+    for (TreeFilesystem &filesystem : tree.filesystems)
+        if (filesystem.is_frozen)
+            images.emplace_back(&filesystem, filesystem.store->claim(filesystem.record.id, operation));
+    for (auto &[filesystem, claim] : images) {
+        remove_image(*filesystem->store, std::move(claim), filesystem->record, operation);
+        filesystem->is_frozen = false;
     }
 }
 

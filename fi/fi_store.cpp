@@ -255,7 +255,7 @@ Descriptor Store::open_image(const std::string &id, const char *operation) {
     fail_call(operation, "open", image_path(id), error, true);
 }
 
-void Store::remove_with(const std::string &id, const char *operation, const RemoveTree &remove_object) {
+std::optional<Claim> Store::claim(const std::string &id, const char *operation) {
     require_id(id, operation);
     require_writable(operation);
     std::optional<Claim> claim;
@@ -268,17 +268,23 @@ void Store::remove_with(const std::string &id, const char *operation, const Remo
     }
     if (claimed == Claimed::busy)
         fail(message::busy, QFI_FI_BUSY, operation, {id});
-    const bool was_recorded = state_->catalog->erase(id, operation);
-    if (claimed == Claimed::missing && !was_recorded)
+    if (claimed == Claimed::missing && !state_->catalog->has(id, operation))
         fail_missing(id, operation);
-    if (claimed == Claimed::yes)
-        remove_folder(*state_, std::move(*claim), id, remove_object, operation);
+    return claim;
 }
 
-void Store::remove(Claim claim, const std::string &id, const char *operation, const RemoveTree &remove_object) {
+void Store::remove_with(const std::string &id, const char *operation, const RemoveTree &remove_object) {
+    remove(claim(id, operation), id, operation, remove_object);
+}
+
+void Store::remove(std::optional<Claim> claim, const std::string &id, const char *operation,
+                   const RemoveTree &remove_object) {
     require_writable(operation);
-    state_->catalog->erase(id, operation);
-    remove_folder(*state_, std::move(claim), id, remove_object, operation);
+    const bool was_recorded = state_->catalog->erase(id, operation);
+    if (!claim && !was_recorded)
+        fail_missing(id, operation);
+    if (claim)
+        remove_folder(*state_, std::move(*claim), id, remove_object, operation);
 }
 
 Store::Repair Store::repair(const char *operation) {

@@ -139,8 +139,10 @@ public:
     void remove(const std::string &id, const char *operation, RemoveObject &&remove_object) {
         remove_with(id, operation, std::forward<RemoveObject>(remove_object));
     }
-    /// The same of one whose folder is this caller's alone already.
-    void remove(Claim claim, const std::string &id, const char *operation,
+    /// Makes an image's folder this caller's alone, which fails as its removal would; nothing when there is none.
+    std::optional<Claim> claim(const std::string &id, const char *operation);
+    /// The same removal, of one that was claimed.
+    void remove(std::optional<Claim> claim, const std::string &id, const char *operation,
                 const std::function<void(int, const char *)> &remove_object);
     /// The image's own directory, opened; throws when it is missing: QFI_FI_DAMAGED, or QFI_FI_NO_SUCH_IMAGE when the
     /// catalog has no such image either.

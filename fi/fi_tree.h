@@ -237,11 +237,10 @@ const CommandResult *abandon(Tree &tree, const char *operation) noexcept;
 [[noreturn]] void fail_post_command(const Tree &tree, const char *operation, const CommandResult &failed);
 /// Tells it to the host only, if it failed (not null): another failure stays the last error.
 void tell_failed_post_command(const Tree &tree, const char *operation, const CommandResult *failed) noexcept;
-/// Removes the images of a frozen tree from their stores.
+/// Removes the images of a frozen tree from their stores: none while one of them cannot go.
 void remove_images(Tree &tree, const char *operation);
-/// Removes one image through its provider; without one, as plain files.
-void remove_image(Store &store, const ImageRecord &record, const char *operation);
-void remove_image(Store &store, Claim claim, const ImageRecord &record, const char *operation);
+/// Removes one image, claimed by the caller, through its provider.
+void remove_image(Store &store, std::optional<Claim> claim, const ImageRecord &record, const char *operation);
 
 /// Runs a command through the context process.
 CommandResult run_command(const std::string &command);
