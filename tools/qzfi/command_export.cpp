@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include "tools/qzfi/commands.h"
+#include "tools/qzfi/done.h"
 #include "tools/qzfi/progress.h"
 
 namespace qzfi::tool {
@@ -25,6 +26,7 @@ int run(const Settings &settings, const Options &options) {
         check(qfi_op_deport_tree(tree.get(), folder.c_str(), nullptr), action + folder);
     }
     std::cout << folder << '\n';
+    tell_unheard("image " + name.id + " is in " + folder + " now");
     return exit_done;
 }
 

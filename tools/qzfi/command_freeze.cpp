@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include "tools/qzfi/commands.h"
+#include "tools/qzfi/done.h"
 #include "tools/qzfi/json.h"
 #include "tools/qzfi/progress.h"
 #include "tools/qzfi/text.h"
@@ -77,11 +78,10 @@ int run(const Settings &settings, const Options &options) {
     } else {
         std::cout << id << std::endl;
     }
-    if (!std::cout.flush()) // it would be told nowhere
-        std::cerr << "qzfi: image " << id << " is there\n";
     if (post_command != QFI_STATUS_OK)
         throw Failure("image " + id + " is there, but its post command failed: " + status_text(post_command),
                       exit_post_command, take_errors());
+    tell_unheard("image " + id + " is there");
     return exit_done;
 }
 

@@ -1,8 +1,11 @@
 // qzfi import: takes an exported image over into a store.
 #include <filesystem>
 #include <iostream>
+#include <set>
 
 #include "tools/qzfi/commands.h"
+#include "tools/qzfi/done.h"
+#include "tools/qzfi/places.h"
 #include "tools/qzfi/progress.h"
 
 namespace qzfi::tool {
@@ -46,6 +49,25 @@ void tell_if_it_stays(const qfi_domain *tree, const std::string &folder) {
     std::cerr << "the image is imported, but its folder stays: " << folder << '\n';
 }
 
+std::set<std::string> ids_of(const std::string &store) {
+    std::set<std::string> ids;
+    ImageList images; // of a store that the import makes there are none
+    (void)qfi_op_snapreplica_list(nullptr, or_null(store), Out(images));
+    fi_del_all_errors();
+    for (const qfi_image_list *node = images.get(); node != nullptr; node = node->next)
+        ids.insert(node->image.image_id);
+    return ids;
+}
+
+// One image of a set comes into a tree with those that were there.
+std::string new_id(const qfi_domain *tree, const std::set<std::string> &before) {
+    std::vector<std::string> ids;
+    for (const qfi_domain *node = tree->fid_children; node != nullptr; node = node->fid_siblings)
+        if (std::string id = node_text(node, "image"); before.count(id) == 0)
+            ids.push_back(std::move(id));
+    return ids.size() == 1 ? ids.front() : id_of(tree);
+}
+
 int run(const Settings &settings, const Options &options) {
     const std::string folder = folder_of(options.path);
     const Session session(settings);
@@ -55,12 +77,15 @@ int run(const Settings &settings, const Options &options) {
     how.verify = options.verify;
     how.keep_source = options.keep_source;
     check(qfi_op_set_import_options(&how, nullptr, 0, nullptr), "set how to import");
+    const std::set<std::string> before = ids_of(options.store);
     Tree tree;
     {
         const ShownProgress progress(settings.quiet, "import");
         check(qfi_op_import_tree(folder.c_str(), or_null(options.store), nullptr, Out(tree)), "import " + folder);
     }
-    std::cout << id_of(tree.get()) << '\n';
+    const std::string id = new_id(tree.get(), before);
+    std::cout << id << '\n';
+    tell_unheard("image " + id + " is imported");
     if (!options.keep_source && !settings.quiet)
         tell_if_it_stays(tree.get(), folder);
     return exit_done;

@@ -3,6 +3,7 @@
 #include <iostream>
 #include <optional>
 
+#include "tools/qzfi/done.h"
 #include "tools/qzfi/json.h"
 #include "tools/qzfi/progress.h"
 #include "tools/qzfi/text.h"
@@ -79,6 +80,9 @@ int run(const Settings &settings, const RestoreOptions &options, const Kind &kin
     }
     if (!options.json && !options.dry_run && !settings.quiet)
         print_remarks(*report);
+    if (!options.dry_run)
+        tell_unheard((to.empty() ? what : to) + (to.empty() ? " was made equal to" : " was made from") + " image " +
+                     name.id);
     return exit_done;
 }
 
