@@ -230,6 +230,13 @@ def loop_filesystem(kind, megabytes=256, options=None):
     return mount_point
 
 
+def loop_filesystem_again(mount_point):
+    """Mounts one again that was unmounted."""
+    done = run(["mount", "-o", "loop", mount_point.with_suffix(".disk"), mount_point])
+    if done.code != 0:
+        raise AssertionError("not mounted again: " + done.err.strip())
+
+
 def memory_filesystem(options):
     """Mounts a file system in memory, as in "size=1m"; gives its mount point."""
     if _mounts_obstacle:

@@ -1,6 +1,7 @@
 """The images' life on Btrfs and by reflinks, on read-only and on full file systems."""
 import json
 import os
+import pathlib
 import re
 import shutil
 import subprocess
@@ -124,7 +125,7 @@ class Unusable(ToolTest):
                 error = self.fail_with(1, command[0], identity, *command[1:])
                 self.assertEqual(error.splitlines()[:2], [
                     f"qzfi: find set {identity}: some of its images are not there; name those that are there: "
-                    f"{second['id']}", f"  image {first['id']}: in no known store"])
+                    f"{second['id']}", f"  image {first['id']}: in no store that could be looked into"])
                 self.assertIn(f"  store {disks[0]}/.qzfi: The store cannot be used (1028)\n", error)
         self.succeed("verify", second["id"])
         (disks[0] / "away").rename(disks[0] / ".qzfi")
@@ -211,10 +212,95 @@ class PartOfASet(ToolTest):
         self.assertEqual(self.decided("--store", self.stores[0]), (0, {self.set: ("leave", [self.second], False),
                                                                        self.alone: ("keep", [], False)}))
         table = support.qzfi("prune", "--keep-last", "1", "--object", self.objects[0], "--dry-run")
-        self.assertRegex(table.out, f"{self.set} .* leave +not there of its set: {self.second}; see qzfi rm")
+        self.assertRegex(table.out,
+                         f"{self.set} .* leave +not there of its set: {self.second}; mount its store, or see qzfi rm")
         (self.disks[1] / "away").rename(store)
         self.succeed("verify", self.set)
         self.assertEqual(self.decided(), (0, {self.set: ("keep", [], False), self.alone: ("keep", [], False)}))
+
+    def document_of(self, store, image):
+        return pathlib.Path(store) / "images" / image / "fiid.xml"
+
+    def test_without_its_id_document_nobody_knows_what_belongs_to_it(self):
+        other = self.document_of(self.stores[1], self.second).read_bytes()
+        for content in (None, b"", b"<other/>"):
+            with self.subTest(content):
+                document = self.document_of(self.stores[0], self.first)
+                document.unlink(missing_ok=True)
+                if content is not None:
+                    document.write_bytes(content)
+                support.run(["umount", self.disks[1]])
+                for command in (("show",), ("restore", "--yes"), ("resync", "--yes"), ("rm", "--yes")):
+                    error = self.fail_with(1, command[0], self.set, *command[1:])
+                    self.assertEqual(error.splitlines()[:2], [
+                        f"qzfi: find set {self.set}: it cannot be told whether all of its images are there; name those "
+                        f"that are there: {self.first}",
+                        f"  image {self.first}: its id document, which names the others, cannot be read"])
+                result = support.qzfi("prune", "--keep-last", "1", "--object", self.objects[0], "--dry-run")
+                self.assertRegex(result.out, f"{self.first} .* leave +id document cannot be read: {self.first}; see")
+                self.assertIn(f"1 image left, which only `qzfi rm` removes: {self.first}\n", result.err)
+                result = support.qzfi("prune", "--keep-last", "1", "--object", self.objects[0], "--yes", "--json")
+                one, = [one for one in json.loads(result.out)["images"] if one["id"] == self.first]
+                self.assertEqual((one["action"], one["unreadable"], one["removed"]), ("leave", [self.first], False))
+                self.succeed("show", self.first)
+                support.loop_filesystem_again(self.disks[1])
+        self.assertEqual(self.document_of(self.stores[1], self.second).read_bytes(), other)
+        self.assertEqual(self.succeed("rm", self.first, "--yes"), f"removed {self.first}\n")
+
+    def test_no_image_of_a_set_goes_where_one_cannot(self):
+        newer = self.freeze(*self.objects, "--method", "reflink")
+        self.assertEqual(support.run(["mount", "-o", "remount,ro", self.disks[1]]).code, 0)
+        error = self.fail_with(1, "rm", self.set, "--yes")
+        self.assertEqual(error.splitlines()[0], f"qzfi: remove image {self.set}: Not permitted (1041)")
+        self.assertNotIn("removed:", error)
+        result = support.qzfi("prune", "--keep-last", "1", "--yes")
+        self.assertEqual(result.code, 1, str(result))
+        self.succeed("show", self.set)
+        self.succeed("verify", self.set)
+        self.assertEqual(support.run(["mount", "-o", "remount,rw", self.disks[1]]).code, 0)
+        self.assertEqual(self.succeed("rm", self.set, "--yes"), f"removed {self.set}\n")
+        self.succeed("show", newer)
+
+    @unittest.skipIf(support.SANITIZED, "a sanitizer's library must be the first one")
+    def test_what_is_gone_of_a_set_is_told_when_the_rest_fails(self):
+        """The disk fails when the second image is taken out of its catalog."""
+        compiler = shutil.which("cc") or shutil.which("gcc") or shutil.which("clang")
+        if not compiler:
+            self.skipTest("no C compiler")
+        failing = self.folder / "failing.so"
+        subprocess.run([compiler, "-shared", "-fPIC", "-D_GNU_SOURCE", "-o", failing, "-x", "c", "-"], text=True,
+                       check=True, input="""
+            #include <dlfcn.h>
+            #include <string.h>
+            int sqlite3_step(void *statement) {
+                static int count;
+                const char *(*sql)(void *) = (const char *(*)(void *))dlsym(RTLD_NEXT, "sqlite3_sql");
+                int (*step)(void *) = (int (*)(void *))dlsym(RTLD_NEXT, "sqlite3_step");
+                const char *text = sql(statement);
+                if (text && strncmp(text, "DELETE FROM image ", 18) == 0 && ++count > 1)
+                    return 10;
+                return step(statement);
+            }""")
+        preloaded = support.environment(LD_PRELOAD=f"{failing} libsqlite3.so.0")
+        error = self.fail_with(1, "rm", self.set, "--yes", env=preloaded)
+        self.assertIn(f"\n  removed: {self.first}; left: {self.second}, to be removed by `qzfi rm` with just that\n",
+                      error)
+        self.assertEqual(self.succeed("rm", self.second, "--yes"), f"removed {self.second}\n")
+
+    def test_the_images_of_a_set_are_listed_with_it(self):
+        for row in self.succeed("list").splitlines():
+            words = row.split()
+            if words[0] in (self.first, self.second):
+                self.assertIn(self.set, words[1:], row)
+        self.assertIn("SET", self.succeed("list").splitlines()[0].split())
+        self.succeed("rm", self.set, "--yes")
+        self.assertNotIn("SET", support.qzfi("list", "--store", self.stores[0]).out)
+
+    def test_of_an_imported_part_the_image_is_named(self):
+        out = self.folder / "out"
+        self.succeed("export", self.first, "--to", out)
+        imported = self.succeed("import", out, "--store", self.stores[1])
+        self.assertEqual(imported, f"{self.first}\n")
 
     def test_pruning_one_store_takes_a_set_with_its_images_elsewhere(self):
         both = {self.set: ("keep", [], False), self.alone: ("keep", [], False)}

@@ -26,6 +26,33 @@ class Outputs(ToolTest):
                 self.assertEqual((process.returncode, error), (1, f"qzfi: image {identity} is there\n"
                                                                   "qzfi: cannot write to standard output\n"))
 
+    def test_what_was_done_is_told_where_it_cannot_be_printed(self):
+        ids = [self.freeze() for _ in range(4)]
+        out, at = self.folder / "out", ("--store", self.store)
+        for arguments, told in (
+                (("export", ids[0], "--to", out, *at), f"image {ids[0]} is in {out} now"),
+                (("import", out, *at), f"image {ids[0]} is imported"),
+                (("rm", ids[0], "--yes", *at), f"image {ids[0]} is removed"),
+                (("restore", ids[1], "--yes", *at), f"{self.data} was made equal to image {ids[1]}"),
+                (("resync", ids[1], "--yes", "--json", *at), f"{self.data} was made equal to image {ids[1]}"),
+                (("restore", ids[1], "--to", self.folder / "new", *at),
+                 f"{self.folder}/new was made from image {ids[1]}"),
+                (("prune", "--keep-last", "2", "--yes", "--json", *at), "prune: removed: 1")):
+            with self.subTest(arguments[0]), open("/dev/full", "w") as full:
+                process = support.start(*arguments, stdout=full)
+                _, error = process.communicate(timeout=support.PATIENCE)
+                self.assertEqual((process.returncode, error),
+                                 (1, f"qzfi: {told}\nqzfi: cannot write to standard output\n"))
+        self.assertEqual(self.listed(), ids[2:])
+
+    def test_an_image_with_a_failed_post_command_is_told_once(self):
+        with open("/dev/full", "w") as full:
+            process = support.start("freeze", self.data, "--method", "copy", "--store", self.store, "--post", "false",
+                                    stdout=full)
+            _, error = process.communicate(timeout=support.PATIENCE)
+        identity, = self.listed()
+        self.assertEqual((process.returncode, error.count(f"image {identity} is there")), (4, 1), error)
+
     def test_a_closed_output_is_a_failure(self):
         command = " ".join(support.tool_command("providers"))
         result = support.run(["sh", "-c", command + " >&-"])
@@ -114,6 +141,20 @@ class Stores(ToolTest):
         self.assertEqual(os.listdir(self.store / "images"), [left])
         self.succeed("verify", left, "--store", self.store)
         self.assertEqual(self.succeed("diff", left, "--store", self.store, "--exit-code"), "")
+
+    def test_two_prunes_at_once_both_succeed(self):
+        for _ in range(3):
+            ids = [self.freeze() for _ in range(6)]
+            prunes = [support.start("prune", "--keep-last", "1", "--yes", "--store", self.store) for _ in range(3)]
+            for process in prunes:
+                out, error = process.communicate(timeout=support.PATIENCE)
+                self.assertEqual((process.returncode, error), (0, ""), out)
+            self.assertEqual(self.listed(), ids[-1:])
+
+    def test_pruning_a_directory_without_images_says_so(self):
+        self.freeze()
+        result = support.qzfi("prune", "--keep-last", "1", "--object", "/typo", "--yes", "--store", self.store)
+        self.assertEqual((result.code, result.out, result.err), (0, "", "no images of /typo\n"))
 
     def test_two_at_once_make_two_images(self):
         for number in range(2000):

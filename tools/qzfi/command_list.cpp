@@ -1,5 +1,6 @@
 // qzfi list: the images of the known stores, or of one.
 #include <iostream>
+#include <set>
 
 #include "tools/qzfi/commands.h"
 #include "tools/qzfi/json.h"
@@ -19,6 +20,14 @@ struct Options {
 // A text of any length is no reason to have all lines as long; `show` has the whole of it.
 constexpr std::size_t widest_label = 64;
 
+bool has_several_of_a_set(const qfi_image_list *images) {
+    std::set<std::string> sets;
+    for (; images != nullptr; images = images->next)
+        if (!sets.insert(images->image.set_id).second)
+            return true;
+    return false;
+}
+
 void print_table(const qfi_image_list *images) {
     const bool has_hosts = has_other_hosts(images);
     std::vector<Column> columns = {{"ID"},
@@ -30,6 +39,9 @@ void print_table(const qfi_image_list *images) {
                                    {"OBJECTS", Align::left, false, true}};
     if (has_hosts)
         columns.insert(columns.begin() + 2, {"HOST", Align::left, false, true});
+    const bool has_sets = has_several_of_a_set(images);
+    if (has_sets)
+        columns.insert(columns.end() - 2, {"SET", Align::left, false, true});
     Table table(columns);
     for (; images != nullptr; images = images->next) {
         const qfi_image &image = images->image;
@@ -44,6 +56,8 @@ void print_table(const qfi_image_list *images) {
                                           printable(joined({image.objects, image.objects + image.object_count}))};
         if (has_hosts)
             cells.insert(cells.begin() + 2, printable(image.host));
+        if (has_sets)
+            cells.insert(cells.end() - 2, image.set_id);
         table.add(std::move(cells));
     }
     table.print();

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "tools/qzfi/commands.h"
+#include "tools/qzfi/done.h"
 #include "tools/qzfi/json.h"
 #include "tools/qzfi/places.h"
 #include "tools/qzfi/progress.h"
@@ -39,8 +40,9 @@ struct Unit {
     qfi_time_t time = {};
     std::string host, store; // by which it is removed; empty for the known ones
     std::set<std::string> objects, stores;
-    std::vector<std::string> missing; // images of the set that were not found: nothing is decided about the rest
-    uint32_t state = 1;               // of the worst of its images
+    std::vector<std::string> images; // that were found
+    SetGaps gaps;                    // with any, nothing is decided about those
+    uint32_t state = 1;              // of the worst of its images
     bool is_removed = false, was_for_space = false;
 };
 
@@ -60,6 +62,8 @@ struct StoreGoal {
 void add_to(Unit &unit, const qfi_image &image) {
     unit.objects.insert(image.objects, image.objects + image.object_count);
     unit.stores.insert(image.store);
+    if (std::find(unit.images.begin(), unit.images.end(), image.image_id) == unit.images.end())
+        unit.images.emplace_back(image.image_id);
     unit.state = std::max(unit.state, image.state);
 }
 
@@ -79,8 +83,8 @@ void complete(Plan &plan, const std::vector<std::string> &sets, const qfi_image_
     ImageList known;
     for (std::size_t index = 0; index < plan.units.size(); ++index) {
         Unit &unit = plan.units[index];
-        unit.missing = missing_of_set(images, sets[index]);
-        if (unit.missing.empty())
+        unit.gaps = gaps_of_set(images, sets[index]);
+        if (unit.gaps.missing.empty())
             continue;
         plan.candidates[index].id = sets[index];
         if (options.store.empty())
@@ -95,7 +99,7 @@ void complete(Plan &plan, const std::vector<std::string> &sets, const qfi_image_
             }
         if (!is_known)
             continue;
-        unit.missing = missing_of_set(known.get(), sets[index]);
+        unit.gaps = gaps_of_set(known.get(), sets[index]);
         unit.store.clear();
     }
 }
@@ -124,7 +128,7 @@ Plan plan_of(const qfi_image_list *const images, const Options &options) {
     for (std::size_t index = plan.units.size(); index-- > 0;) {
         const Unit &unit = plan.units[index];
         plan.candidates[index].group = group_of(unit);
-        plan.candidates[index].is_complete = unit.state == 1 && unit.missing.empty();
+        plan.candidates[index].is_complete = unit.state == 1 && unit.gaps.empty();
         if (options.object.empty() || unit.objects.count(options.object) > 0)
             continue;
         plan.units.erase(plan.units.begin() + static_cast<std::ptrdiff_t>(index));
@@ -190,9 +194,13 @@ bool may_go(const Unit &unit, const std::vector<StoreGoal> &goals) {
                        [&](const StoreGoal &goal) { return !goal.is_reached && unit.stores.count(goal.path) > 0; });
 }
 
-std::string reason_text(const PruneDecision &decision, const Unit &unit, bool has_rule, bool is_spare) {
-    if (!unit.missing.empty())
-        return "not there of its set: " + joined(unit.missing) + "; see qzfi rm";
+std::string reason_text(const PruneDecision &decision, const Unit &unit, bool has_rule, bool is_spare,
+                        bool is_all_known) {
+    if (!unit.gaps.missing.empty())
+        return "not there of its set: " + joined(unit.gaps.missing) +
+               (is_all_known ? "; see qzfi rm" : "; mount its store, or see qzfi rm");
+    if (!unit.gaps.unreadable.empty())
+        return "id document cannot be read: " + joined(unit.gaps.unreadable) + "; see qzfi rm";
     if (decision.action == PruneAction::leave)
         return std::string(state_name(unit.state)) + ", see qzfi rm";
     if (decision.action == PruneAction::remove)
@@ -207,7 +215,7 @@ const char *action_name(PruneAction action) {
     return action == PruneAction::keep ? "keep" : action == PruneAction::remove ? "remove" : "leave";
 }
 
-void print_plan(const Plan &plan, const std::vector<std::size_t> &spares, bool has_rule) {
+void print_plan(const Plan &plan, const std::vector<std::size_t> &spares, bool has_rule, bool is_all_known) {
     const bool has_hosts =
         std::any_of(plan.units.begin(), plan.units.end(), [](const Unit &unit) { return unit.host != this_host(); });
     std::vector<Column> columns = {
@@ -220,7 +228,7 @@ void print_plan(const Plan &plan, const std::vector<std::size_t> &spares, bool h
         const PruneDecision &decision = plan.decisions[index];
         const bool is_spare = std::find(spares.begin(), spares.end(), index) != spares.end();
         std::vector<std::string> cells = {plan.candidates[index].id, time_text(unit.time), action_name(decision.action),
-                                          reason_text(decision, unit, has_rule, is_spare),
+                                          reason_text(decision, unit, has_rule, is_spare, is_all_known),
                                           printable(joined({unit.objects.begin(), unit.objects.end()}))};
         if (has_hosts)
             cells.insert(cells.end() - 1, printable(unit.host));
@@ -246,7 +254,8 @@ Json json_of(const Plan &plan, const std::vector<StoreGoal> &goals, const std::v
                           {"objects", texts(unit.objects)},
                           {"stores", texts(unit.stores)},
                           {"host", json_text(unit.host)},
-                          {"missing", texts(unit.missing)},
+                          {"missing", texts(unit.gaps.missing)},
+                          {"unreadable", texts(unit.gaps.unreadable)},
                           {"action", action_name(plan.decisions[index].action)},
                           {"reasons", texts(plan.decisions[index].reasons)},
                           {"removed", unit.is_removed},
@@ -267,7 +276,8 @@ Json json_of(const Plan &plan, const std::vector<StoreGoal> &goals, const std::v
 
 // False when it could not be removed, which is told.
 bool remove(Plan &plan, std::size_t index, const Settings &settings, const Options &options, int &code) {
-    const int failed = remove_image({plan.candidates[index].id, plan.units[index].store}, settings, !options.json);
+    const int failed =
+        remove_image({plan.candidates[index].id, plan.units[index].store}, settings, {!options.json, true});
     plan.units[index].is_removed = failed == exit_done;
     code = std::max(code, failed);
     return failed == exit_done;
@@ -316,17 +326,37 @@ void require_options(const Options &options) {
 }
 
 // What was not reached, though nothing more could go.
-int tell_goals(const std::vector<StoreGoal> &goals, const Options &options) {
+int tell_goals(const Plan &plan, const std::vector<StoreGoal> &goals, const Options &options) {
     int code = exit_done;
     for (const StoreGoal &goal : goals) {
         if (goal.is_reached)
             continue;
+        bool has_left = false;
+        for (std::size_t index = 0; index < plan.units.size(); ++index)
+            has_left = has_left || (plan.decisions[index].action == PruneAction::leave &&
+                                    plan.units[index].stores.count(goal.path) > 0);
         tell(Failure("prune store " + goal.path + ": " + percent_text(goal.free_percent) + " are free, and " +
                      percent_text(*options.keep_free) +
-                     " were wanted; what is left is the newest image of each object, or could not be removed"));
+                     " were wanted; what is there still is the newest image of each object, or could not be removed" +
+                     (has_left ? ", or nothing is decided about it: leave" : "")));
         code = exit_failed;
     }
     return code;
+}
+
+// They stay for ever otherwise, as when a disk with the rest of their sets is lost.
+void tell_left(const Plan &plan) {
+    constexpr std::size_t most = 8;
+    std::vector<std::string> images;
+    for (std::size_t index = 0; index < plan.units.size(); ++index)
+        if (plan.decisions[index].action == PruneAction::leave)
+            images.insert(images.end(), plan.units[index].images.begin(), plan.units[index].images.end());
+    if (images.empty())
+        return;
+    std::cerr << counted(images.size(), "image", "images") << " left, which only `qzfi rm` removes:";
+    for (std::size_t index = 0; index < std::min(most, images.size()); ++index)
+        std::cerr << ' ' << images[index];
+    std::cerr << (images.size() > most ? " ...\n" : "\n");
 }
 
 void carry_out(Plan &plan, std::vector<StoreGoal> &goals, const Settings &settings, const Options &options, int &code) {
@@ -335,7 +365,7 @@ void carry_out(Plan &plan, std::vector<StoreGoal> &goals, const Settings &settin
             remove(plan, index, settings, options, code);
     for (StoreGoal &goal : goals)
         make_space(plan, goal, settings, options, code);
-    code = std::max(code, tell_goals(goals, options));
+    code = std::max(code, tell_goals(plan, goals, options));
 }
 
 int run(const Settings &settings, const Options &given) {
@@ -349,9 +379,11 @@ int run(const Settings &settings, const Options &given) {
     std::vector<StoreGoal> goals = goals_of(plan, options);
     const std::vector<std::size_t> spares = spares_of(plan, goals);
     if (!options.json && !plan.units.empty())
-        print_plan(plan, spares, options.policy.has_rule());
+        print_plan(plan, spares, options.policy.has_rule(), unusable.empty());
     else if (!options.json && !settings.quiet && unusable.empty())
-        std::cerr << "no images\n";
+        std::cerr << "no images" << (options.object.empty() ? "" : " of " + printable(options.object)) << '\n';
+    if (!options.json && !settings.quiet)
+        tell_left(plan);
     const auto count =
         static_cast<uint64_t>(std::count_if(plan.decisions.begin(), plan.decisions.end(), [](const auto &decision) {
             return decision.action == PruneAction::remove;
@@ -378,6 +410,10 @@ int run(const Settings &settings, const Options &given) {
     }
     if (options.json)
         print(json_of(plan, goals, unusable, spares, options, false));
+    if (!options.dry_run)
+        tell_unheard("prune: removed: " +
+                     std::to_string(std::count_if(plan.units.begin(), plan.units.end(),
+                                                  [](const Unit &unit) { return unit.is_removed; })));
     return code;
 }
 

@@ -47,7 +47,7 @@ int run(const Settings &settings, const Options &options) {
     const Interruptible interruptible;
     int code = exit_done;
     for (const std::string &id : ids)
-        code = std::max(code, remove_image({id, options.store}, settings, true));
+        code = std::max(code, remove_image({id, options.store}, settings, {}));
     return code;
 }
 

@@ -1,5 +1,6 @@
 #include "tools/qzfi/images.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <filesystem>
@@ -70,43 +71,56 @@ void require_whole_set(const ImageName &name, const qfi_image_list *images, cons
         if (id == node->image.set_id)
             there.emplace_back(node->image.image_id);
     }
-    const std::vector<std::string> missing = missing_of_set(images, id);
-    if (missing.empty())
+    const SetGaps gaps = gaps_of_set(images, id);
+    if (gaps.empty())
         return;
     const ImageList known = name.store.empty() ? nullptr : all_images("");
+    const std::vector<std::string> unsearched = obstacles({name.id, ""});
     std::vector<std::string> texts;
-    for (const std::string &image : missing) {
-        std::string text = "image " + image + ": in no known store";
+    for (const std::string &image : gaps.missing) {
+        std::string text =
+            "image " + image + (unsearched.empty() ? ": in no known store" : ": in no store that could be looked into");
         for (const qfi_image_list *node = known.get(); node != nullptr; node = node->next)
             if (image == node->image.image_id)
                 text = "image " + image + ": in store " + node->image.store + ", which is not looked into by --store";
         texts.push_back(text);
     }
-    const std::vector<std::string> further = obstacles({name.id, ""});
-    texts.insert(texts.end(), further.begin(), further.end());
-    throw Failure("find set " + id + ": some of its images are not there; name those that are there: " + joined(there),
+    for (const std::string &image : gaps.unreadable)
+        texts.push_back("image " + image + ": its id document, which names the others, cannot be read");
+    texts.insert(texts.end(), unsearched.begin(), unsearched.end());
+    throw Failure("find set " + id + ": " +
+                      (gaps.missing.empty() ? "it cannot be told whether all of its images are there"
+                                            : "some of its images are not there") +
+                      "; name those that are there: " + joined(there),
                   exit_failed, texts);
 }
 
 } // namespace
 
-std::vector<std::string> missing_of_set(const qfi_image_list *images, const std::string &set) {
-    std::set<std::string> there;
-    std::string documents;
-    for (const qfi_image_list *node = images; node != nullptr; node = node->next)
-        if (set == node->image.set_id) {
-            there.insert(node->image.image_id);
-            documents += content_of(std::string(node->image.store) + "/images/" + node->image.image_id + "/fiid.xml");
-        }
-    std::set<std::string> missing;
+SetGaps gaps_of_set(const qfi_image_list *images, const std::string &set) {
     // No value of an attribute has a "<".
     constexpr std::string_view begin = "<image id=\"";
-    for (std::size_t place = documents.find(begin); place != std::string::npos; place = documents.find(begin, place)) {
-        place += begin.size();
-        if (std::string id = documents.substr(place, documents.find('"', place) - place); there.count(id) == 0)
-            missing.insert(std::move(id));
+    std::set<std::string> there, named;
+    SetGaps gaps;
+    for (const qfi_image_list *node = images; node != nullptr; node = node->next) {
+        const std::string id = node->image.image_id;
+        if (set != node->image.set_id)
+            continue;
+        there.insert(id);
+        const std::string document = content_of(std::string(node->image.store) + "/images/" + id + "/fiid.xml");
+        bool names_itself = false;
+        for (std::size_t place = document.find(begin); place != std::string::npos;
+             place = document.find(begin, place)) {
+            place += begin.size();
+            const std::string one = document.substr(place, document.find('"', place) - place);
+            names_itself = names_itself || one == id;
+            named.insert(one);
+        }
+        if (!names_itself)
+            gaps.unreadable.push_back(id);
     }
-    return {missing.begin(), missing.end()};
+    std::set_difference(named.begin(), named.end(), there.begin(), there.end(), std::back_inserter(gaps.missing));
+    return gaps;
 }
 
 ImageList all_images(const std::string &store) {
@@ -128,8 +142,7 @@ std::string latest_id(const ImageName &name, const qfi_image_list *images) {
     if (latest == nullptr)
         throw Failure("find image latest: none was made on this host, " + this_host() + "; the newest is " +
                       other->image_id + " of host " + other->host + ": name it");
-    return is_alone(images, *latest) && missing_of_set(images, latest->set_id).empty() ? latest->image_id
-                                                                                       : latest->set_id;
+    return is_alone(images, *latest) && gaps_of_set(images, latest->set_id).empty() ? latest->image_id : latest->set_id;
 }
 
 // What the name stands for among these images; it may be a set of which others cannot be seen.

@@ -17,8 +17,13 @@ struct ImageName {
 /// The images of `store`, or of all known stores; the oldest first.
 ImageList all_images(const std::string &store);
 
-/// The images that the id documents of a set name, and that are not among `images`: elsewhere, or gone.
-std::vector<std::string> missing_of_set(const qfi_image_list *images, const std::string &set);
+/// Why the images of a set that are among some may not be all of it.
+struct SetGaps {
+    std::vector<std::string> missing;    ///< images that its id documents name: elsewhere, or gone
+    std::vector<std::string> unreadable; ///< images without an id document of their own, which might name more
+    bool empty() const { return missing.empty() && unreadable.empty(); }
+};
+SetGaps gaps_of_set(const qfi_image_list *images, const std::string &set);
 
 /// The name of this host, as its images have it.
 const std::string &this_host();
