@@ -328,6 +328,19 @@ void compare_image(const HeldImage &image, std::size_t index, const std::string 
                           });
 }
 
+bool is_whole_copy(const HeldImage &image, std::size_t index, int copy, const char *operation) {
+    const std::string object = image_object_path(image.filesystem(), index);
+    ManifestReader expected = entries_of(image, index, WalkOptions(), operation);
+    ManifestReader present = walked_image(copy, object, WalkOptions(), operation);
+    const LostAttributes lost = lost_attributes(image, image.filesystem().objects[index].path, operation);
+    bool is_whole = true;
+    compare_with_manifest(expected, present, lost,
+                          [&](uint32_t change, const ManifestEntry *old, const ManifestEntry *) {
+                              is_whole = is_whole && (old == nullptr || change == QFI_CHANGE_ATTRIBUTE);
+                          });
+    return is_whole;
+}
+
 void verify(TreeLock &tree, Findings &report, const char *operation) {
     std::string first, damaged;
     uint64_t entries = 0, bytes = 0;

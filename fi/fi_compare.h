@@ -65,6 +65,9 @@ void compare_with_manifest(ManifestReader &expected, ManifestReader &present, co
 void compare_image(const HeldImage &image, std::size_t index, const std::string &only, const WalkOptions &options,
                    const std::function<void(const std::string &path, const char *how)> &damaged, const char *operation);
 
+/// Whether a copy of an object's frozen tree has every entry of it.
+bool is_whole_copy(const HeldImage &image, std::size_t index, int copy, const char *operation);
+
 /// One block for the host.
 qfi_diff *give_diff(const std::vector<Difference> &differences);
 

@@ -94,6 +94,14 @@ public:
             require_sound_image(image.record);
     }
 
+    // The folder is removed.
+    void refuse_stores_within(const std::string &store) const {
+        constexpr const char *what = "nothing is imported from a folder that a store lies in";
+        require(!would_lie_in(store, folder_.get()), operation_, what);
+        for (const std::string &known : known_stores())
+            require(!would_lie_in(known, folder_.get()), operation_, what);
+    }
+
     // As a freeze does: all of the set appear or none, also when this process dies meanwhile.
     void take_over(Store &store) {
         std::vector<NewImage> images;
@@ -365,8 +373,9 @@ std::shared_ptr<Tree> import_images(const char *directory, const char *store_pat
     if (expected != nullptr)
         incoming.require_expected(*expected);
     incoming.require_sound();
-    const std::shared_ptr<Store> store =
-        open_to_fill(store_path != nullptr ? store_path : default_store_path(), operation);
+    const std::string path = normal_store_path(store_path != nullptr ? store_path : default_store_path());
+    incoming.refuse_stores_within(path);
+    const std::shared_ptr<Store> store = open_to_fill(path, operation);
     incoming.take_over(*store);
     remember_store(store->path());
     std::shared_ptr<Tree> tree = tree_of_image(incoming.fiid().set_id, store->path().c_str(), operation);

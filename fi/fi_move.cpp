@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "fi/fi_compare.h"
 #include "fi/fi_export.h"
 #include "fi/fi_fiid.h"
 #include "fi/fi_images.h"
@@ -159,6 +160,8 @@ private:
             const bool is_there = has(folder_.get(), id), is_in_store = has(images, id);
             if (!is_named(filesystem, fiid) || (!is_there && !(is_in_store && same_mount(images, folder_.get()))))
                 return false;
+            if (is_there && is_in_store && !has_all_of(filesystem))
+                return false;
             is_begun = is_begun || !is_there;
             is_twice = is_twice || (is_there && is_in_store);
             parts.push_back({&filesystem, is_there, std::nullopt});
@@ -166,6 +169,25 @@ private:
         if (is_twice && !is_begun)
             return false;
         parts_ = std::move(parts);
+        return true;
+    }
+
+    // Somebody may have removed a part of the folder since.
+    bool has_all_of(const TreeFilesystem &filesystem) const {
+        const HeldImage image(filesystem, operation_);
+        const std::string &id = filesystem.record.id;
+        const Descriptor directory(open_beneath(folder_.get(), id.c_str(), O_RDONLY | O_DIRECTORY));
+        if (!directory)
+            return false;
+        for (const std::string &name : names_in(image.directory(), image.path(), operation_))
+            if (name != lock_name && name != export_document && !has(directory.get(), name.c_str()))
+                return false;
+        for (std::size_t index = 0; index < filesystem.objects.size(); ++index) {
+            const std::string object = std::string(objects_name) + "/" + NewImage::object_name(index);
+            const Descriptor copy(open_beneath(directory.get(), object.c_str(), O_RDONLY | O_DIRECTORY));
+            if (!copy || !is_whole_copy(image, index, copy.get(), operation_))
+                return false;
+        }
         return true;
     }
 

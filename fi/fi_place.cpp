@@ -92,9 +92,7 @@ bool is_same(const struct stat &one, const struct stat &other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-// Looked for by identity: a store is in place wherever its path says it is.
-bool lies_at_or_above(const struct stat &directory, const std::string &store) {
-    Descriptor at(open(store.c_str(), directory_flags));
+bool lies_at_or_above(const struct stat &directory, Descriptor at) {
     struct stat above {};
     if (!at || fstat(at.get(), &above) != 0)
         return false;
@@ -106,6 +104,11 @@ bool lies_at_or_above(const struct stat &directory, const std::string &store) {
         at = std::move(parent);
     }
     return true;
+}
+
+// Looked for by identity: a store is in place wherever its path says it is.
+bool lies_at_or_above(const struct stat &directory, const std::string &store) {
+    return lies_at_or_above(directory, Descriptor(open(store.c_str(), directory_flags)));
 }
 
 uint64_t hash_of(std::string_view text) {
@@ -253,6 +256,19 @@ void refuse_in_stores(const Place &place, const std::vector<std::string> &stores
         struct stat status {};
         require(stat(store.c_str(), &status) != 0 || !lies_at_or_above(status, parent), operation, what);
     }
+}
+
+bool would_lie_in(const std::string &path, int folder) {
+    struct stat status {};
+    if (fstat(folder, &status) != 0)
+        return false;
+    std::string present = path;
+    Descriptor at(open(present.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    while (!at && errno == ENOENT && present.find('/') != std::string::npos) {
+        present.erase(present.rfind('/'));
+        at.reset(open(present.empty() ? "/" : present.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    }
+    return lies_at_or_above(status, std::move(at));
 }
 
 bool refuse_existing(const Place &place, const char *operation) {

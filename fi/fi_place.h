@@ -40,6 +40,9 @@ bool refuse_irreplaceable(const Place &place, const std::vector<std::string> &st
 void refuse_in_stores(const Place &place, const std::vector<std::string> &stores, const char *what,
                       const char *operation);
 
+/// Whether a directory is, or would be once it is made, an open one or lies in it, whatever its path says.
+bool would_lie_in(const std::string &path, int folder);
+
 /// Whether an open directory is the root of a Btrfs subvolume.
 bool is_subvolume(int directory);
 

@@ -390,5 +390,59 @@ TEST_P(Move, a_manifest_with_a_hole_takes_no_more_space_than_it_had) {
     EXPECT_LT(status.st_blocks * 512, 1 << 20);
 }
 
+TEST_P(Move, nothing_comes_into_a_store_within_the_folder_that_is_to_be_removed) {
+    const std::string id = export_one();
+    fs::create_directory_symlink(exported, top / "link");
+    for (const fs::path &inner :
+         {exported, exported / "st", exported / "new" / "st", exported / id / "objects" / "0", top / "link" / "st"}) {
+        EXPECT_EQ(qfi_op_import_tree(exported.c_str(), inner.c_str(), nullptr, nullptr), QFI_STATUS_INVALID_ARGUMENT);
+        EXPECT_EQ(last_error(), "qzfi_import_tree: invalid argument: nothing is imported from a folder that a store "
+                                "lies in\n")
+            << inner;
+        EXPECT_FALSE(fs::exists(inner / "catalog.db")) << inner;
+    }
+    ASSERT_EQ(import(), 0) << last_error();
+    EXPECT_FALSE(fs::exists(exported));
+}
+
+// As one that was killed before it took the image out of the store, and somebody who began to remove the folder, leave
+// it.
+TEST_P(Move, an_export_is_only_completed_from_what_is_whole) {
+    if (std::string(GetParam()) == "copy")
+        GTEST_SKIP() << "on one file system nothing is copied";
+    exported = fs::path(testing::TempDir()) / ("qzfi-export-" + std::to_string(getpid()));
+    const std::string id = export_one();
+    const fs::path whole = top / "whole";
+    keep(exported, whole);
+    const auto unfinished = [&] {
+        fs::remove_all(exported);
+        keep(whole, exported);
+        write_file(exported / "unfinished", "");
+        run({"chmod", "700", exported});
+    };
+    ASSERT_EQ(import(), 0) << last_error();
+    const fs::path object_copy = exported / id / "objects" / "0";
+    for (const std::function<void()> &spoil : std::initializer_list<std::function<void()>>{
+             [&] { fs::remove(object_copy / "plain"); },
+             [&] { fs::resize_file(object_copy / "plain", 3); },
+             [&] { fs::remove_all(object_copy); },
+             [&] { fs::remove_all(exported / id / "objects"); },
+             [&] { fs::remove(exported / id / "manifest.0"); },
+         }) {
+        unfinished();
+        spoil();
+        const Tree tree = Tree::of_image(id, store);
+        EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), QFI_FI_EXISTS);
+        EXPECT_TRUE(fs::exists(store / "images" / id / "objects" / "0" / "plain"));
+    }
+    unfinished();
+    const Tree tree = Tree::of_image(id, store);
+    EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), 0) << last_error();
+    EXPECT_FALSE(fs::exists(store / "images" / id));
+    EXPECT_FALSE(fs::exists(exported / "unfinished"));
+    ASSERT_EQ(import(), 0) << last_error();
+    fs::remove_all(exported);
+}
+
 } // namespace
 } // namespace images
