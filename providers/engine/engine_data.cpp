@@ -160,6 +160,10 @@ bool clone(Run &run, Means &means, int from, int to, Moved &moved) {
         return false;
     if (ioctl(to, FICLONE, from) == 0)
         return true;
+    if (run.options.data == Data::clone && errno == EINVAL) { // of this file: Btrfs says so of one without checksums
+        moved.clone_error = EINVAL;
+        return false;
+    }
     const bool is_without = errno == EXDEV || errno == EOPNOTSUPP || errno == ENOTTY || errno == ENOSYS;
     if (run.options.data == Data::clone || errno == ENOSPC || errno == EDQUOT) {
         moved = failed("FICLONE", errno != ETXTBSY); // that says of the source that it is a swap file in use
@@ -217,6 +221,34 @@ bool shares_beginning(const Means &means, int from, int to) noexcept {
     return means.copies_in_kernel.load(std::memory_order_relaxed) && ioctl(to, FICLONERANGE, &beginning) == 0;
 }
 
+namespace {
+
+Moved copy_data(Run &run, Worker &worker, Means &means, int from, int to, const Stat &stat, uint8_t (*out)[16]) {
+    const bool sparse = is_sparse(stat);
+    Means *const in_kernel = out != nullptr ? nullptr : &means; // a digest is of data that came by here
+    if (stat.stx_size <= data_size && !sparse) {
+        uint64_t done = 0;
+        if (in_kernel != nullptr && stat.stx_size >= means.least_in_kernel &&
+            means.copies_in_kernel.load(std::memory_order_relaxed))
+            done = copy_in_kernel(run, worker, means, from, to, 0, stat.stx_size);
+        if (done == 0)
+            return copy_small(worker, from, to, stat.stx_size, out);
+        return pass_range(run, worker, from, to, done, stat.stx_size, nullptr);
+    }
+    Digest digest;
+    if (out != nullptr)
+        digest.start();
+    const Moved moved =
+        pass_data(run, worker, from, to, 0, stat.stx_size, sparse, out != nullptr ? &digest : nullptr, in_kernel);
+    if (moved.operation == nullptr && sparse && ftruncate(to, static_cast<off_t>(stat.stx_size)) != 0)
+        return failed("ftruncate", true);
+    if (out != nullptr)
+        digest.end(*out);
+    return moved;
+}
+
+} // namespace
+
 Moved move_data(Run &run, Worker &worker, Means &means, int from, int to, const Stat &stat, uint8_t (*out)[16]) {
     if (stat.stx_size == 0) {
         if (out != nullptr)
@@ -239,25 +271,9 @@ Moved move_data(Run &run, Worker &worker, Means &means, int from, int to, const 
         if (moved.operation != nullptr)
             return moved;
     }
-    const bool sparse = is_sparse(stat);
-    Means *const in_kernel = out != nullptr ? nullptr : &means; // a digest is of data that came by here
-    if (stat.stx_size <= data_size && !sparse) {
-        uint64_t done = 0;
-        if (in_kernel != nullptr && stat.stx_size >= means.least_in_kernel &&
-            means.copies_in_kernel.load(std::memory_order_relaxed))
-            done = copy_in_kernel(run, worker, means, from, to, 0, stat.stx_size);
-        if (done == 0)
-            return copy_small(worker, from, to, stat.stx_size, out);
-        return pass_range(run, worker, from, to, done, stat.stx_size, nullptr);
-    }
-    Digest digest;
-    if (out != nullptr)
-        digest.start();
-    moved = pass_data(run, worker, from, to, 0, stat.stx_size, sparse, out != nullptr ? &digest : nullptr, in_kernel);
-    if (moved.operation == nullptr && sparse && ftruncate(to, static_cast<off_t>(stat.stx_size)) != 0)
-        return failed("ftruncate", true);
-    if (out != nullptr)
-        digest.end(*out);
+    const int clone_error = moved.clone_error;
+    moved = copy_data(run, worker, means, from, to, stat, out);
+    moved.clone_error = clone_error;
     return moved;
 }
 

@@ -14,6 +14,7 @@ struct Moved {
     bool on_target = false;
     bool is_short = false; // the source ended early: it was cut meanwhile
     bool is_clone = false; // all of one instant
+    int clone_error = 0;   // what a clone failed with that was wanted, and is a copy
 };
 
 /// Learned while a run goes on, so that what cannot work is not tried for each file.

@@ -153,7 +153,7 @@ void Copier::move(Worker &worker, FileCopy &copy, bool was_torn) {
 
 /// Takes the data over, again while the file changes meanwhile. False when there is no copy.
 bool Copier::take_data(Worker &worker, FileCopy &copy, bool was_torn) {
-    bool is_torn = was_torn;
+    bool is_torn = was_torn, is_told = false;
     for (int reads = was_torn ? 1 : 0; reads < most_reads; ++reads) {
         if (is_torn && ftruncate(copy.to.get(), 0) != 0) {
             fail_target(worker, "ftruncate", copy.directory, copy.name, errno);
@@ -167,6 +167,11 @@ bool Copier::take_data(Worker &worker, FileCopy &copy, bool was_torn) {
         if (!moved_well(worker, copy, moved)) {
             give_up(worker, copy);
             return false;
+        }
+        if (moved.clone_error != 0 && !is_told) {
+            is_told = true;
+            remark(worker, QFI_REMARK_WARNING, copy.directory, copy.name, "cannot be cloned: it is copied",
+                   moved.clone_error);
         }
         Stat now;
         if (stat_of(copy.from.get(), now) != 0) {

@@ -131,6 +131,30 @@ TEST_F(Xfs, without_shared_blocks_has_a_large_file_copied_by_several_workers) {
     EXPECT_EQ(times_at_once("reflink=0"), 0);
 }
 
+class Btrfs : public EngineTest {};
+
+TEST_F(Btrfs, a_file_without_checksums_is_copied_where_new_ones_have_them_and_the_others_are_cloned) {
+    if (const auto obstacle = LoopFilesystem::obstacle("btrfs"))
+        GTEST_SKIP() << *obstacle;
+    const LoopFilesystem disk("btrfs", 256, "nodatasum");
+    use(disk.path());
+    sh("mkdir s; head -c 100000 /dev/urandom > s/without; touch -d 2001-01-01 s/without; sync; "
+       "mount -o remount,datasum .; head -c 100000 /dev/urandom > s/with; sync");
+    options.data = Data::clone;
+    for (const bool digest : {false, true}) {
+        options.digest = digest;
+        host.remarks.clear();
+        EXPECT_EQ(copy("s", "c").status, 0) << host.failed_operation << " " << host.failed_error;
+        expect_equal("s", "c");
+        EXPECT_TRUE(host.has_remark(QFI_REMARK_WARNING, "without"));
+        EXPECT_EQ(host.remarks.size(), 1u);
+        sh("sync");
+        EXPECT_TRUE(is_shared(at + "/c/with"));
+        EXPECT_FALSE(is_shared(at + "/c/without"));
+        sh("rm -r c");
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(, Between,
                          testing::Values(Case{"btrfs", "btrfs", 2}, Case{"xfs", "xfs", 2}, Case{"ext4", "ext4", 2},
                                          Case{"ext4", "ext4", 1}, Case{"ext4", "xfs", 2}, Case{"xfs", "btrfs", 2},
