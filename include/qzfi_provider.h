@@ -8,8 +8,8 @@
  * how to copy one out, and how to remove one.
  *
  * Plain C11; no exception may leave an operation. Every operation may be called from any thread, several at once on
- * different jobs. Statuses are those of <qzfi/status.h> and of <qzfi_fi.h>; a failure is described with `report` or
- * `fail` of the job's host before the operation returns, so that the caller is told the object and the cause.
+ * different jobs. Statuses are those of <qzfi/status.h> and of <qzfi_fi.h>; a failure is described with `fail` of the
+ * job's host before the operation returns, so that the caller is told the object and the cause.
  */
 #ifndef QZFI_PROVIDER_H
 #define QZFI_PROVIDER_H

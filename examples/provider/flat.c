@@ -1,14 +1,16 @@
 /*
  * A provider as a template for others: "flat" copies a folder that holds nothing but plain files. Whatever it cannot
- * keep it refuses, or remarks. docs/provider_kit.md explains the kit.
+ * keep it refuses, or remarks; holes it fills with zeros. docs/provider_kit.md explains the kit.
  */
 #define _GNU_SOURCE
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <stddef.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -72,17 +74,58 @@ static int open_plain_file(int directory, const char *name, struct stat *status)
     return -1;
 }
 
-static int32_t copy_data(const qfi_provider_job *job, int from, int to, const char *name) {
+/* What was done so far, for `progress`: it is told often, for it is also how the host cancels. */
+struct counted {
+    uint64_t entries, bytes;
+};
+
+static int is_cancelled(const qfi_provider_job *job, const struct counted *done) {
+    return job->host->progress(job->host->context, done->entries, done->bytes) != 0;
+}
+
+static int32_t copy_data(const qfi_provider_job *job, int from, int to, const char *name, struct counted *done) {
     char buffer[65536];
     ssize_t length;
-    while ((length = read(from, buffer, sizeof(buffer))) > 0)
-        for (ssize_t done = 0; done < length;) {
-            const ssize_t written = write(to, buffer + done, (size_t)(length - done));
+    while ((length = read(from, buffer, sizeof(buffer))) > 0) {
+        for (ssize_t put = 0; put < length;) {
+            const ssize_t written = write(to, buffer + put, (size_t)(length - put));
             if (written < 0)
                 return fail_write(job, "write", name);
-            done += written;
+            put += written;
         }
+        done->bytes += (uint64_t)length;
+        if (is_cancelled(job, done))
+            return QFI_FI_CANCELLED;
+    }
     return length < 0 ? fail_read(job, "read", name) : 0;
+}
+
+static int is_same_time(const struct timespec *a, const struct timespec *b) {
+    return a->tv_sec == b->tv_sec && a->tv_nsec == b->tv_nsec;
+}
+
+/* A file may change while it is read: the copy is kept, the user is told, and the entry has the size of the copy. */
+static int32_t look_again(const qfi_provider_job *job, int from, const char *name, uint64_t copied,
+                          struct stat *status) {
+    struct stat now;
+    if (fstat(from, &now) != 0)
+        return fail_read(job, "fstat", name);
+    if (copied != (uint64_t)status->st_size || now.st_size != status->st_size ||
+        !is_same_time(&now.st_mtim, &status->st_mtim) || !is_same_time(&now.st_ctim, &status->st_ctim))
+        remark(job, QFI_REMARK_TORN, name, "it changed while it was read");
+    status->st_size = (off_t)copied;
+    return 0;
+}
+
+/* Of a file, or with the path "" of the folder. A list of rights (ACL) is an extended attribute. */
+static void remark_lost(const qfi_provider_job *job, int from, const char *path) {
+    const unsigned kept_by_others = FS_IMMUTABLE_FL | FS_APPEND_FL | FS_NODUMP_FL | FS_NOATIME_FL | FS_SYNC_FL |
+                                    FS_COMPR_FL | FS_NOCOW_FL | FS_DIRSYNC_FL;
+    unsigned flags = 0;
+    if (flistxattr(from, NULL, 0) > 0)
+        remark(job, QFI_REMARK_ATTRIBUTE, path, "extended attributes");
+    if (ioctl(from, FS_IOC_GETFLAGS, &flags) == 0 && (flags & kept_by_others) != 0)
+        remark(job, QFI_REMARK_ATTRIBUTE, path, "inode flags");
 }
 
 static int keep_attributes(int to, const struct stat *status) {
@@ -108,17 +151,20 @@ static int32_t tell_entry(const qfi_provider_job *job, const char *path, const s
     return job->host->entry(job->host->context, &entry);
 }
 
-static int32_t copy_file(const qfi_provider_job *job, int directory, const char *name, uint64_t *bytes) {
+static int32_t copy_file(const qfi_provider_job *job, int directory, const char *name, struct counted *done) {
     struct stat status;
+    const uint64_t before = done->bytes;
     const int from = open_plain_file(job->source, name, &status);
     if (from < 0)
         return fail_read(job, "opening a plain file", name);
     const int to = openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    int32_t result = to < 0 ? fail_write(job, "creating", name) : copy_data(job, from, to, name);
+    int32_t result = to < 0 ? fail_write(job, "creating", name) : copy_data(job, from, to, name, done);
+    if (result == 0)
+        result = look_again(job, from, name, done->bytes - before, &status);
     if (result == 0 && keep_attributes(to, &status) != 0)
         result = fail_write(job, "keeping owner, mode and times", name);
-    if (result == 0 && flistxattr(from, NULL, 0) > 0)
-        remark(job, QFI_REMARK_ATTRIBUTE, name, "extended attributes");
+    if (result == 0)
+        remark_lost(job, from, name);
     if (result == 0 && status.st_nlink > 1)
         remark(job, QFI_REMARK_ATTRIBUTE, name, "hard link");
     if (result == 0 && (job->flags & QFI_JOB_SYNC) != 0 && fsync(to) != 0)
@@ -126,7 +172,7 @@ static int32_t copy_file(const qfi_provider_job *job, int directory, const char 
     close(from);
     if (to >= 0 && close(to) != 0 && result == 0)
         result = fail_write(job, "close", name);
-    *bytes += (uint64_t)status.st_size;
+    ++done->entries;
     return result == 0 ? tell_entry(job, name, &status) : result;
 }
 
@@ -144,15 +190,15 @@ static DIR *open_stream(int at, const char *name) {
 }
 
 static int32_t copy_files(const qfi_provider_job *job, DIR *files, int directory) {
-    uint64_t entries = 0, bytes = 0;
+    struct counted done = {0, 0};
     const struct dirent *entry;
     for (errno = 0; (entry = readdir(files)) != NULL; errno = 0) {
         if (is_dot(entry->d_name))
             continue;
-        const int32_t status = copy_file(job, directory, entry->d_name, &bytes);
+        const int32_t status = copy_file(job, directory, entry->d_name, &done);
         if (status != 0)
             return status;
-        if (job->host->progress(job->host->context, ++entries, bytes) != 0)
+        if (is_cancelled(job, &done))
             return QFI_FI_CANCELLED;
     }
     return errno == 0 ? 0 : fail_read(job, "readdir", "");
@@ -166,6 +212,8 @@ static int32_t fill(const qfi_provider_job *job, DIR *image) {
     int32_t result = copy_files(job, files, dirfd(image));
     if (result == 0 && (fstat(job->source, &status) != 0 || keep_attributes(dirfd(image), &status) != 0))
         result = fail_write(job, "keeping the attributes", "");
+    if (result == 0)
+        remark_lost(job, job->source, "");
     if (result == 0 && (job->flags & QFI_JOB_SYNC) != 0 && fsync(dirfd(image)) != 0)
         result = fail_write(job, "fsync", "");
     closedir(files);
@@ -225,7 +273,8 @@ static int32_t make(qfi_provider_job *job) {
 
 /* Says in words what stands in the way, for it is shown to people who choose a method. */
 static int32_t probe(int source, int store, const char *object, uint32_t flags, qfi_probe *out) {
-    (void)object, (void)flags;
+    (void)object;
+    const int is_glance = (flags & QFI_JOB_GLANCE) != 0;
     struct stat status;
     qfi_probe made = {.combo_class = QFI_SERIAL_FS, .consistency = QFI_CONSISTENCY_FUZZY};
     /* A caller of an earlier kit has room for less, which is no reason to refuse it. */
@@ -240,11 +289,14 @@ static int32_t probe(int source, int store, const char *object, uint32_t flags, 
     for (const struct dirent *entry; made.reason[0] == '\0' && (entry = readdir(files)) != NULL;) {
         if (is_dot(entry->d_name))
             continue;
-        if (fstatat(source, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode))
-            made.bytes += (uint64_t)status.st_size;
-        else
+        if (is_glance && entry->d_type == DT_REG)
+            continue; /* a glance counts nothing, but whether it can be done is asked all the same */
+        if (fstatat(source, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(status.st_mode)) {
             snprintf(made.reason, sizeof(made.reason), "it holds \"%.180s\", which is no plain file", entry->d_name);
-        ++made.entries;
+        } else if (!is_glance) {
+            made.bytes += (uint64_t)status.st_size;
+            ++made.entries;
+        }
     }
     closedir(files);
     made.cost_bytes = made.bytes;

@@ -1,6 +1,10 @@
 // The example provider, from the file that QZFI_FLAT_PLUGIN names; example.sh builds it.
 #include <cstdlib>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include "provider_support.h"
@@ -79,6 +83,65 @@ TEST_F(Flat, what_cannot_be_kept_is_remarked) {
     Job job(root / "data", root / "store", "image");
     ASSERT_EQ(flat->split(&job), 0) << job.failed_operation << " " << job.failed_object;
     EXPECT_EQ(job.remarks, (std::vector<Remark>{{QFI_REMARK_ATTRIBUTE, "one", "hard link", 0}}));
+}
+
+TEST_F(Flat, attributes_of_the_folder_and_inode_flags_are_remarked_too) {
+    if (setxattr((root / "data").c_str(), "user.a", "b", 1, 0) != 0)
+        GTEST_SKIP() << "no extended attributes on this file system";
+    const int file = open((root / "data/one").c_str(), O_RDONLY | O_CLOEXEC);
+    int flags = 0;
+    ASSERT_EQ(ioctl(file, FS_IOC_GETFLAGS, &flags), 0);
+    flags |= FS_NODUMP_FL;
+    ASSERT_EQ(ioctl(file, FS_IOC_SETFLAGS, &flags), 0);
+    close(file);
+    Job job(root / "data", root / "store", "image");
+    ASSERT_EQ(flat->split(&job), 0) << job.failed_operation << " " << job.failed_object;
+    EXPECT_EQ(job.remarks, (std::vector<Remark>{{QFI_REMARK_ATTRIBUTE, "one", "inode flags", 0},
+                                                {QFI_REMARK_ATTRIBUTE, "", "extended attributes", 0}}));
+}
+
+TEST_F(Flat, a_file_that_changes_meanwhile_is_remarked_and_told_as_it_was_copied) {
+    static std::string changing;
+    changing = root / "data/one";
+    Job job(root / "data", root / "store", "image", QFI_JOB_MANIFEST);
+    static qfi_provider_host host;
+    host = *(&job)->host;
+    host.progress = [](void *, uint64_t, uint64_t) -> int32_t {
+        if (fs::file_size(changing) < 200000)
+            fs::resize_file(changing, 200000);
+        return 0;
+    };
+    static uint64_t told;
+    host.entry = [](void *, const qfi_entry *entry) -> int32_t {
+        if (std::string(entry->path) == "one")
+            told = entry->size;
+        return 0;
+    };
+    (&job)->host = &host;
+    ASSERT_EQ(flat->split(&job), 0) << job.failed_operation << " " << job.failed_object;
+    EXPECT_EQ(job.remarks, (std::vector<Remark>{{QFI_REMARK_TORN, "one", "it changed while it was read", 0}}));
+    EXPECT_EQ(fs::file_size(root / "store/image/one"), told);
+}
+
+TEST_F(Flat, a_large_file_is_cancelled_within) {
+    fs::remove(root / "data/two");
+    Job job(root / "data", root / "store", "image");
+    static qfi_provider_host host;
+    host = *(&job)->host;
+    host.progress = [](void *, uint64_t entries, uint64_t) -> int32_t { return entries == 0; };
+    (&job)->host = &host;
+    EXPECT_EQ(flat->split(&job), QFI_FI_CANCELLED);
+    EXPECT_TRUE(fs::is_empty(root / "store"));
+}
+
+TEST_F(Flat, a_glance_counts_nothing_and_refuses_all_the_same) {
+    const qfi_probe glance = probe(flat, root / "data", root / "store", QFI_JOB_GLANCE);
+    EXPECT_EQ(glance.combo_class, QFI_SERIAL_FS);
+    EXPECT_EQ(glance.entries, 0u);
+    EXPECT_EQ(glance.bytes, 0u);
+    EXPECT_EQ(glance.cost_bytes, 0u);
+    fs::create_symlink("one", root / "data/link");
+    EXPECT_EQ(probe(flat, root / "data", root / "store", QFI_JOB_GLANCE).combo_class, QFI_CLASS_NOTSUP);
 }
 
 TEST_F(Flat, a_folder_that_cannot_be_read_is_a_failure_to_read) {
