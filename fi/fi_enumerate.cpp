@@ -46,7 +46,7 @@ std::vector<Mount> visible_mounts(const char *operation) {
     };
     std::vector<Mount> visible;
     for (auto &[place, mount] : by_place)
-        if (holds_data(mount) && (mount.type != "tmpfs" || !is_in_kernels_own(place)))
+        if (holds_data(mount) && !is_hidden(mount) && (mount.type != "tmpfs" || !is_in_kernels_own(place)))
             visible.push_back(std::move(mount));
     return visible;
 }

@@ -101,14 +101,22 @@ bool parse(std::string_view line, Mount &mount) {
     return !mount.type.empty() && !mount.mount_point.empty() && mount.mount_point[0] == '/';
 }
 
-// btrfs gives every subvolume a device number of its own, which the table does not know. Nothing is asked of a server
-// or mounted for it, and a mount that another one hides keeps what the table says.
+// What is found at a path, when the mount that it is on is told. Nothing is asked of a server or mounted for it.
+bool look_at(const std::string &path, struct statx &status) {
+    constexpr int quietly = AT_NO_AUTOMOUNT | AT_STATX_DONT_SYNC | AT_SYMLINK_NOFOLLOW;
+    return statx(AT_FDCWD, path.c_str(), quietly, STATX_BASIC_STATS | STATX_MNT_ID, &status) == 0 &&
+           (status.stx_mask & STATX_MNT_ID) != 0;
+}
+
+bool is_on(const struct statx &status, const Mount &mount) {
+    return status.stx_mnt_id == static_cast<uint64_t>(mount.id);
+}
+
+// btrfs gives every subvolume a device number of its own, which the table does not know. A mount that another one hides
+// keeps what the table says.
 void ask_subvolume(Mount &mount) {
     struct statx status {};
-    constexpr int quietly = AT_NO_AUTOMOUNT | AT_STATX_DONT_SYNC | AT_SYMLINK_NOFOLLOW;
-    if (statx(AT_FDCWD, mount.mount_point.c_str(), quietly, STATX_BASIC_STATS | STATX_MNT_ID, &status) != 0)
-        return;
-    if ((status.stx_mask & STATX_MNT_ID) != 0 && status.stx_mnt_id == static_cast<uint64_t>(mount.id))
+    if (look_at(mount.mount_point, status) && is_on(status, mount))
         mount.device = makedev(status.stx_dev_major, status.stx_dev_minor);
 }
 
@@ -139,6 +147,20 @@ const Mount &mount_of(const std::vector<Mount> &mounts, const std::string &path)
         if (lies_at_or_below(path, mount.mount_point) && mount.mount_point.size() >= found->mount_point.size())
             found = &mount;
     return *found;
+}
+
+const Mount &mount_at(const std::vector<Mount> &mounts, const std::string &path) {
+    struct statx status {};
+    if (look_at(path, status))
+        for (const Mount &mount : mounts)
+            if (is_on(status, mount))
+                return mount;
+    return mount_of(mounts, path);
+}
+
+bool is_hidden(const Mount &mount) {
+    struct statx status {};
+    return look_at(mount.mount_point, status) && !is_on(status, mount);
 }
 
 } // namespace qzfi::fi

@@ -23,5 +23,10 @@ struct Mount {
 std::vector<Mount> mounts(const char *operation);
 /// The mount that a path lies on: the last of the longest mount points above it.
 const Mount &mount_of(const std::vector<Mount> &mounts, const std::string &path);
+/// The mount that an entry is found on, as the kernel says: a later mount may hide those whose mount points lie above
+/// the path. Where the kernel does not say it, `mount_of`.
+const Mount &mount_at(const std::vector<Mount> &mounts, const std::string &path);
+/// Whether something else is found at the mount point.
+bool is_hidden(const Mount &mount);
 
 } // namespace qzfi::fi

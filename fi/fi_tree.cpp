@@ -120,7 +120,7 @@ std::shared_ptr<Tree> tree_of_objects(const qfi_object *objects, int32_t count, 
     for (int32_t index = 0; index < count; ++index) {
         const std::string path = canonical_path(given_path(objects[index], operation), operation);
         const uint64_t device = device_of(path, operation);
-        add_object(filesystem_for(*tree, mount_of(table, path), device, path), path, operation);
+        add_object(filesystem_for(*tree, mount_at(table, path), device, path), path, operation);
     }
     build_nodes(*tree);
     return tree;

@@ -57,6 +57,39 @@ TEST_P(Places, on_another_mount_below_the_object_are_not_its_own) {
     }
 }
 
+std::string attribute(const qfi_domain *node, const char *name) {
+    char *value = nullptr;
+    EXPECT_EQ(qfi_op_getattr(node, name, nullptr, &value), 0) << last_error();
+    const std::string text = value != nullptr ? value : "";
+    qfi_op_free_buffer(value);
+    return text;
+}
+
+TEST_P(Places, on_a_mount_that_another_one_hides_are_not_found_there) {
+    const fs::path place = top / "place", below = place / "a" / "b";
+    fs::create_directories(below);
+    ASSERT_EQ(mount("hidden", below.c_str(), "tmpfs", 0, nullptr), 0);
+    ASSERT_EQ(mount("seen", place.c_str(), "tmpfs", 0, nullptr), 0);
+    fs::create_directories(below / "object");
+    {
+        const Tree tree({below / "object"});
+        EXPECT_EQ(attribute(tree.get()->fid_children, "device"), "seen");
+        EXPECT_EQ(attribute(tree.get()->fid_children, "mountpoint"), place.string());
+    }
+    const auto is_listed = [](const fs::path &mount_point) {
+        qfi_node_list *nodes = nullptr;
+        EXPECT_EQ(qfi_op_enumerate_provider_nodes("copy", mount_point.c_str(), nullptr, 0, &nodes), 0) << last_error();
+        const bool is_there = nodes != nullptr;
+        qfi_op_free_node_list(nodes);
+        return is_there;
+    };
+    EXPECT_TRUE(is_listed(place));
+    EXPECT_FALSE(is_listed(below));
+    ASSERT_EQ(umount(place.c_str()), 0);
+    EXPECT_TRUE(is_listed(below));
+    ASSERT_EQ(umount(below.c_str()), 0);
+}
+
 struct Canceller : qfi_progress_handler {
     Canceller() : qfi_progress_handler{} {
         size = sizeof(qfi_progress_handler);
