@@ -117,13 +117,8 @@ namespace {
 std::string obstacle(const Tree &tree, const TreeFilesystem &filesystem, const char *operation) {
     if (filesystem.provider != nullptr)
         return estimate(tree, filesystem, *filesystem.provider, filesystem.store_path.c_str(), operation).reason;
-    std::string reasons;
-    for (const Estimate &one : estimates(tree, filesystem, nullptr, operation)) {
-        if (one.can())
-            return {};
-        reasons += (reasons.empty() ? "" : "; ") + std::string(one.provider->ops->fim_id) + ": " + one.reason;
-    }
-    return reasons.empty() ? "no provider is loaded" : reasons;
+    const std::vector<Estimate> all = estimates(tree, filesystem, nullptr, operation);
+    return !all.empty() && all.front().can() ? std::string() : reasons_of(all);
 }
 
 } // namespace

@@ -244,6 +244,15 @@ std::vector<Estimate> estimates(const Tree &tree, const TreeFilesystem &filesyst
     return all;
 }
 
+std::string reasons_of(const std::vector<Estimate> &all) {
+    std::string reasons;
+    for (const Estimate &one : all)
+        reasons += (reasons.empty() ? "" : "; ") + std::string(one.provider->ops->fim_id) + ": " + one.reason;
+    for (const RefusedProvider &refused : refused_providers())
+        reasons += (reasons.empty() ? "" : "; ") + refused.file + " is refused: " + refused.reason;
+    return reasons.empty() ? "no provider is loaded" : reasons;
+}
+
 namespace {
 
 struct Preference {
@@ -285,11 +294,7 @@ void select_preferred_or_best(Tree &tree, TreeFilesystem &filesystem, const char
             return take_estimate(filesystem, one);
     if (!all.empty() && all.front().can())
         return take_estimate(filesystem, all.front());
-    std::string reasons;
-    for (const Estimate &one : all)
-        reasons += (reasons.empty() ? "" : "; ") + std::string(one.provider->ops->fim_id) + ": " + one.reason;
-    fail(message::no_method, QFI_FI_NO_METHOD, operation,
-         {filesystem.root, reasons.empty() ? "no provider is loaded" : reasons});
+    fail(message::no_method, QFI_FI_NO_METHOD, operation, {filesystem.root, reasons_of(all)});
 }
 
 } // namespace

@@ -211,6 +211,8 @@ Estimate estimate(const Tree &tree, const TreeFilesystem &filesystem, const Prov
 /// All for one file system: the best first, those that cannot last.
 std::vector<Estimate> estimates(const Tree &tree, const TreeFilesystem &filesystem, const char *store,
                                 const char *operation);
+/// Why none of them can, and why providers were refused that might.
+std::string reasons_of(const std::vector<Estimate> &all);
 /// What `set_fim_name` noted; empty for none.
 std::string preferred_method();
 void prefer_method(const char *fim_id);

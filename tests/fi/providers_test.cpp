@@ -94,6 +94,21 @@ TEST_F(Providers, without_plugins_nothing_can_be_frozen) {
     qfi_op_detach(tree, nullptr, 0, nullptr);
 }
 
+TEST_F(Providers, that_were_refused_are_named_where_no_other_can_freeze) {
+    use({"good", "refuse_start"});
+    qfi_domain *const tree = tree_of({make_object("object")});
+    const std::string root = qzfi_pn(tree->fid_children->objid);
+    const std::string reasons = "good: the provider does not offer it; qzfi_provider_refuse_start.so is refused: its "
+                                "start failed with 42";
+    EXPECT_EQ(qfi_op_select(tree, nullptr, nullptr, nullptr), 1026);
+    EXPECT_EQ(last_error(), "qzfi_select: no method can freeze " + root + ": " + reasons);
+    EXPECT_EQ(qfi_op_make(tree, nullptr, nullptr), 1026);
+    EXPECT_EQ(last_error(), "qzfi_make: no method can freeze " + root + ": " + reasons);
+    EXPECT_EQ(qfi_op_pre_prepare(tree), 1026);
+    EXPECT_EQ(last_error(), "qzfi_pre_prepare: no method can freeze the tree: " + root + ": " + reasons);
+    qfi_op_detach(tree, nullptr, 0, nullptr);
+}
+
 TEST_F(Providers, one_that_does_not_offer_an_operation_is_not_chosen) {
     use({"good"});
     qfi_domain *const tree = tree_of({make_object("object")});
