@@ -69,6 +69,7 @@ qzfi_inner_library(qzfi_fi
   fi/fi_store_locks.cpp
   fi/fi_store_pending.cpp
   fi/fi_store_sqlite.cpp
+  fi/fi_store_unrecorded.cpp
   fi/fi_store_vfs.cpp
   fi/fi_temporary.cpp
   fi/fi_tree.cpp

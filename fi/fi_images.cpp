@@ -305,11 +305,15 @@ void repair(const char *given, Findings &report, const char *operation) {
             const std::shared_ptr<Store> store = Store::open(path, false, operation);
             const Store::Repair repaired = store->repair(operation);
             report.changed += repaired.debris;
+            report.entries += repaired.taken_in;
             for (const std::string &id : repaired.damaged)
                 report.add({QFI_REMARK_WARNING, 0, store->path(), id, "the image's files are missing"});
             for (const std::string &id : repaired.waiting)
                 report.add({QFI_REMARK_SKIPPED, 0, store->path(), id,
                             "the image waits for its set, of which another store cannot be looked into"});
+            for (const std::string &id : repaired.unknown)
+                report.add({QFI_REMARK_UNREADABLE, 0, store->path(), id,
+                            "the catalog does not know this image, and it, or its set, is not whole: it stays"});
             if (repaired.failure)
                 failure = repaired.failure;
         } catch (const Failure &) {

@@ -1,8 +1,8 @@
 // Importing exported images. Nothing in the folder is trusted: its document is checked by itself, then the folder by
 // the document.
 //
-// Images are copied, with clones where the file system has them, even where they could be renamed: what lies in a store
-// without a record is debris, and a crash between the rename and the record would lose the only copy.
+// Images are copied, with clones where the file system has them, even where they could be renamed: a crash between the
+// rename and the record would leave the only copy where nobody lists it.
 #include <algorithm>
 #include <fcntl.h>
 #include <set>

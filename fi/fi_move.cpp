@@ -316,7 +316,8 @@ private:
         sync_file(folder_.get(), place_.path, operation_);
         sync_file(images, filesystem.store->path() + "/images", operation_);
         filesystem.store->state().catalog->erase(id, operation_);
-        unlinkat(claim.directory.get(), lock_name, 0);
+        for (const char *const name : {lock_name, unrecorded_name})
+            unlinkat(claim.directory.get(), name, 0);
     }
 
     TreeLock &tree_;

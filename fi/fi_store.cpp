@@ -15,6 +15,8 @@ namespace {
 constexpr int directory_flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 constexpr const char *database_name = "catalog.db";
 constexpr const char *images_name = "images";
+constexpr const char *catalog_gone =
+    "it holds images, and its catalog is gone: bring catalog.db back, or move images/ away";
 
 // A folder's name is not there for good before the folder above it is synced.
 void sync_above(const std::string &path, const char *operation) {
@@ -74,12 +76,18 @@ bool exists(int directory, const char *name) {
     return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
+// Also when it is not there.
+bool is_empty(int directory, const char *name) {
+    struct stat status {};
+    return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 ? status.st_size == 0 : errno == ENOENT;
+}
+
 // A folder full of something else is no place for a store.
 void refuse_full_folder(const std::string &path, int directory, const char *operation) {
     if (exists(directory, database_name))
         return;
     for (const std::string &name : names_in(directory, path, operation))
-        if (name != images_name && name != lock_name && name != "reserve" && name != "lost+found" &&
+        if (name != images_name && name != lock_name && name != reserve_name && name != "lost+found" &&
             !exists(directory, database_name)) // which another process may have made meanwhile
             fail(message::store_unusable, QFI_FI_STORE, operation,
                  {path, "it is no store, and holds \"" + name + "\""});
@@ -105,13 +113,17 @@ void open_catalog(Store::State &store, bool create, const char *operation) {
     const int directory = store.directory.get();
     // Before anything is written: the path may be any folder's, named by a strange id document.
     if (!create && !exists(directory, database_name))
-        fail(message::store_unusable, QFI_FI_STORE, operation, {store.path, "it has no catalog"});
+        fail(message::store_unusable, QFI_FI_STORE, operation,
+             {store.path, holds_images(directory, store.path, operation) ? catalog_gone : "it has no catalog"});
     std::optional<FileLock> lock;
     if (store.is_writable)
         lock.emplace(lock_store(store, operation));
-    const bool is_there = exists(directory, database_name);
+    const bool is_there = exists(directory, database_name), has_images = holds_images(directory, store.path, operation);
+    if (has_images && is_empty(directory, database_name))
+        fail(message::store_unusable, QFI_FI_STORE, operation, {store.path, catalog_gone});
     store.images = open_images(store, create && store.is_writable, operation);
-    store.catalog = std::make_unique<Catalog>(directory, store.path, store.is_writable, create, operation);
+    store.catalog =
+        std::make_unique<Catalog>(directory, store.path, store.is_writable, create && !has_images, operation);
     if (!is_there)
         sync_file(directory, store.path, operation);
 }
@@ -268,7 +280,10 @@ std::optional<Claim> Store::claim(const std::string &id, const char *operation) 
     }
     if (claimed == Claimed::busy)
         fail(message::busy, QFI_FI_BUSY, operation, {id});
-    if (claimed == Claimed::missing && !state_->catalog->has(id, operation))
+    // One that the catalog lost is for a repair.
+    const bool is_none_without_record =
+        claimed == Claimed::missing || (claim->name == id && !is_unrecorded(*state_, id));
+    if (is_none_without_record && !state_->catalog->has(id, operation))
         fail_missing(id, operation);
     return claim;
 }
@@ -280,11 +295,13 @@ void Store::remove_with(const std::string &id, const char *operation, const Remo
 void Store::remove(std::optional<Claim> claim, const std::string &id, const char *operation,
                    const RemoveTree &remove_object) {
     require_writable(operation);
-    const bool was_recorded = state_->catalog->erase(id, operation);
-    if (!claim && !was_recorded)
-        fail_missing(id, operation);
-    if (claim)
+    const auto erase = [&] { return state_->catalog->erase(id, operation); };
+    if (claim) {
+        erase_record(*state_, *claim, erase, operation);
         remove_folder(*state_, std::move(*claim), id, remove_object, operation);
+    } else if (!erase()) {
+        fail_missing(id, operation);
+    }
 }
 
 Store::Repair Store::repair(const char *operation) {
@@ -297,8 +314,10 @@ Store::Repair Store::repair(const char *operation) {
         if (record.state == 3)
             repair.damaged.push_back(record.id);
     // Where nothing is to be removed, a store that cannot be written has nothing to be told of.
-    if (!state_->is_writable && count_debris(*state_, operation) == 0)
+    if (!state_->is_writable && count_debris(*state_, operation) == 0) {
+        repair.unknown = take_in_lost(*state_, operation).unknown;
         return repair;
+    }
     require_writable(operation);
     EndedPending ended = end_pending(*state_, remove_tree, operation);
     repair.debris += ended.removed;
@@ -306,6 +325,13 @@ Store::Repair Store::repair(const char *operation) {
     repair.failure = ended.failure;
     try {
         remove_debris(*state_, remove_tree, repair.debris, operation);
+    } catch (const Failure &) {
+        repair.failure = std::current_exception();
+    }
+    try {
+        LostImages lost = take_in_lost(*state_, operation);
+        repair.taken_in = lost.taken_in;
+        repair.unknown = std::move(lost.unknown);
     } catch (const Failure &) {
         repair.failure = std::current_exception();
     }

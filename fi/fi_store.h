@@ -9,6 +9,7 @@
 //         report                  the remarks that were made
 //         fiid.xml                the id document
 //         lock                    locked by the maker and by the remover; of a set's image, which stores it has
+//         unrecorded              while there is no record yet, or no more
 //     STORE/images/.new-ID/       an image in the making
 //     STORE/images/.old-ID/       an image being removed
 //
@@ -19,8 +20,10 @@
 // and then the others would look incomplete.
 //
 // An image is visible only when complete: made as .new-ID, synced, renamed, then recorded. A record goes before its
-// folder is renamed to .old-ID and removed. So after a crash whatever is in images/ without a record is debris, and a
-// maker holds a lock (flock on .new-ID/lock) that tells its work from debris. Any number of processes may use a store.
+// folder is renamed to .old-ID and removed. While the folder has its name and no record, it says so itself. So after a
+// crash .new-ID, .old-ID and what says that it is not recorded are debris, and a maker holds a lock (flock on
+// .new-ID/lock) that tells its work from debris. What says nothing and has no record is an image that the catalog lost,
+// and is never removed. Any number of processes may use a store.
 #pragma once
 
 #include <cstdint>
@@ -151,12 +154,13 @@ public:
     std::string image_path(const std::string &id) const;
 
     /// Removes half-made and half-removed images whose makers are gone, each object of them through the provider that
-    /// can; gives their number, the ids of recorded images whose folder is missing, and of pending ones whose set
-    /// cannot be looked at in another store. What could not be removed is a failure for the caller to throw, when it
-    /// has told of the rest.
+    /// can, and records whole ones again that the catalog lost; gives the number of both, the ids of recorded images
+    /// whose folder is missing, of pending ones whose set cannot be looked at in another store, and of those that the
+    /// catalog does not know and that are not whole. What could not be done is a failure for the caller to throw, when
+    /// it has told of the rest.
     struct Repair {
-        uint64_t debris = 0;
-        std::vector<std::string> damaged, waiting;
+        uint64_t debris = 0, taken_in = 0;
+        std::vector<std::string> damaged, waiting, unknown;
         std::exception_ptr failure;
     };
     Repair repair(const char *operation);

@@ -20,7 +20,6 @@ constexpr int64_t catalog_version = 1;
 constexpr int64_t application_id = 0x717a6669; // "qzfi"
 constexpr const char *database_name = "catalog.db";
 constexpr const char *wal_name = "catalog.db-wal";
-constexpr const char *reserve_name = "reserve";
 constexpr off_t reserve_size = 512 * 1024;
 constexpr off_t least_reserve_size = 64 * 1024;
 

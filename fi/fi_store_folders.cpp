@@ -266,26 +266,28 @@ void remove_folder(const Store::State &store, Claim claim, const std::string &id
 
 namespace {
 
-// Debris is what has no record and no maker. The record is looked for with the folder's lock held: makers record, and
-// removers rename, while they hold it.
+// Debris is what says that it has no record, and has none and no maker. The record is looked for with the folder's lock
+// held: makers record, and removers rename, while they hold it.
 std::optional<Claim> claim_debris(const Store::State &store, const std::string &name, const FolderName &read,
                                   const char *operation) {
     const FileLock lock = lock_store(store, operation);
     std::optional<Claim> claim;
     if (claim_folder(store, name, claim, operation) != Claimed::yes)
         return std::nullopt;
-    if (!read.is_half && store.catalog->has(read.id, operation))
-        return std::nullopt;
-    return claim;
+    if (read.is_half)
+        return claim;
+    if (!store.catalog->has(read.id, operation))
+        return is_unrecorded(store, name) ? std::move(claim) : std::nullopt;
+    // Killed just after it was recorded, or before its record went.
+    unmark(claim->directory.get());
+    return std::nullopt;
 }
 
 template <class Visit>
 void each_suspect(const Store::State &store, const char *operation, Visit &&visit) {
-    const std::vector<std::string> names = names_in(store.images.get(), store.path + "/images", operation);
-    const std::set<std::string> recorded = store.catalog->ids(operation);
-    for (const std::string &name : names) {
+    for (const std::string &name : names_in(store.images.get(), store.path + "/images", operation)) {
         const FolderName read = read_name(name);
-        if (!read.id.empty() && (read.is_half || recorded.count(read.id) == 0))
+        if (!read.id.empty() && (read.is_half || is_unrecorded(store, name)))
             visit(name, read);
     }
 }
@@ -315,7 +317,8 @@ uint64_t count_debris(const Store::State &store, const char *operation) {
     uint64_t count = 0;
     each_suspect(store, operation, [&](const std::string &name, const FolderName &read) {
         // On a file system that is read-only nobody makes or removes anything.
-        if (!store.is_writable || claim_debris(store, name, read, operation))
+        if (store.is_writable ? claim_debris(store, name, read, operation).has_value()
+                              : read.is_half || !store.catalog->has(read.id, operation))
             ++count;
     });
     return count;

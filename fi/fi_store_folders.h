@@ -67,6 +67,24 @@ void remove_plainly(int directory, const char *name, const char *operation);
 /// removed by its own only, so each tries. What none removes is removed plainly.
 void remove_by_provider(int directory, const char *name, const std::string &store, const char *operation);
 
+/// A whole folder without a record is debris only when it says so itself, by a file in it: from before the folder gets
+/// its name until the record is there, and again from before the record goes. One that says nothing is an image of
+/// which the catalog lost the record, as one does that was brought back from a backup: it stays.
+bool is_unrecorded(const Store::State &store, const std::string &name);
+/// Its record is there. What fails is made good when the store is opened next.
+void unmark(int image) noexcept;
+/// Marks a folder, then takes its record by `erase`; unmarks it when `erase` throws, or gives false as there was none.
+bool erase_record(const Store::State &store, const Claim &claim, const std::function<bool()> &erase,
+                  const char *operation);
+/// Whether there are images, in a store whose catalog is not open yet.
+bool holds_images(int store, const std::string &path, const char *operation);
+/// Records images again of which the catalog lost the record, where they are whole, and so is their set.
+struct LostImages {
+    uint64_t taken_in = 0;
+    std::vector<std::string> unknown; ///< ids of the others
+};
+LostImages take_in_lost(const Store::State &store, const char *operation);
+
 /// Removes the debris of makers that are gone, and counts it; all of it is tried before a failure is thrown.
 void remove_debris(const Store::State &store, const RemoveTree &remove_tree, uint64_t &removed, const char *operation);
 uint64_t count_debris(const Store::State &store, const char *operation);
@@ -115,5 +133,7 @@ inline constexpr char new_prefix[] = ".new-";
 inline constexpr char old_prefix[] = ".old-";
 inline constexpr char objects_name[] = "objects";
 inline constexpr char lock_name[] = "lock";
+inline constexpr char unrecorded_name[] = "unrecorded";
+inline constexpr char reserve_name[] = "reserve"; // beside the catalog
 
 } // namespace qzfi::fi

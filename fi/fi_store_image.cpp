@@ -181,6 +181,7 @@ void NewImage::commit(const ImageRecord &record, const std::string &fiid, const 
     const int directory = state.claim->directory.get();
     const int images = state.store->images.get();
     write_file(directory, "fiid.xml", state.path("fiid.xml"), fiid, operation);
+    write_file(directory, unrecorded_name, state.path(unrecorded_name), "", operation);
     if (syncfs(state.objects.get()) != 0)
         fail_call(operation, "syncfs", state.path(objects_name), errno, false);
     sync_files(directory, state.path(), operation);
@@ -193,6 +194,7 @@ void NewImage::commit(const ImageRecord &record, const std::string &fiid, const 
     state.may_be_recorded = true;
     state.store->catalog->add(record, operation);
     state.is_committed = true;
+    unmark(directory);
     if (record.state != 0)
         state.claim->lock.reset();
 }
@@ -232,7 +234,9 @@ void NewImage::withdraw(const std::vector<NewImage *> &set) noexcept {
                       [&](Catalog &catalog) { catalog.unsettle(image->state_->id, image->state_->operation); });
     for (const NewImage *const image : set)
         take_back(*image->state_, [&](Catalog &catalog) {
-            catalog.erase(image->state_->id, image->state_->operation);
+            State &state = *image->state_;
+            erase_record(
+                *state.store, *state.claim, [&] { return catalog.erase(state.id, state.operation); }, state.operation);
             image->state_->is_committed = image->state_->may_be_recorded = false;
         });
 }

@@ -1,6 +1,7 @@
 // The register of known stores.
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 #include <map>
 #include <mutex>
 #include <set>
@@ -133,12 +134,23 @@ std::vector<std::string> known_stores() {
     return each_once(paths);
 }
 
+namespace {
+
+bool is_without_catalog(const std::string &path, const char *operation) {
+    struct stat status {};
+    if (lstat((path + "/catalog.db").c_str(), &status) == 0 || errno != ENOENT)
+        return false;
+    // Where images are, opening it says more.
+    const Descriptor store(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    return !store || !holds_images(store.get(), path, operation);
+}
+
+} // namespace
+
 // A second store in an empty mount point would fill the wrong disk, and be hidden by the next mount.
 std::shared_ptr<Store> open_to_fill(const std::string &given, const char *operation) {
     const std::string path = normal_store_path(given);
-    struct stat status {};
-    if (path != default_store_path() && contains(known_stores(), path) &&
-        lstat((path + "/catalog.db").c_str(), &status) != 0 && errno == ENOENT)
+    if (path != default_store_path() && contains(known_stores(), path) && is_without_catalog(path, operation))
         fail(message::store_unusable, QFI_FI_STORE, operation,
              {path, "it is known, and its catalog is not there: mount its file system, or forget it"});
     return Store::open(path, true, operation);

@@ -154,7 +154,8 @@ void end_one(const Store::State &store, Claim claim, const std::string &id, cons
         return ended.waiting.push_back(id);
     case Fate::incomplete:
         // Somebody else may have found it whole, settled it, and removed what was missing here.
-        if (!store.catalog->erase_incomplete(id, operation))
+        if (!erase_record(
+                store, claim, [&] { return store.catalog->erase_incomplete(id, operation); }, operation))
             return;
         remove_folder(store, std::move(claim), id, remove_tree, operation);
         ++ended.removed;

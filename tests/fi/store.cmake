@@ -1,5 +1,5 @@
 # Stores and what goes into them.
-foreach(name IN ITEMS library engine_host mounts manifest report fiid catalog store store_places store_locks
+foreach(name IN ITEMS library engine_host mounts manifest report fiid catalog store store_lost store_places store_locks
     catalog_command)
   qzfi_add_test(${name}_test ${name}_test.cpp store_support.cpp)
   target_link_libraries(${name}_test PRIVATE qzfi_fi)

@@ -1,5 +1,6 @@
 """methods, repair, providers, nodes, errmsg and log."""
 import contextlib
+import json
 import os
 import re
 import shutil
@@ -99,6 +100,30 @@ class Repair(ToolTest):
         self.assertEqual(result.out, "no debris was removed\n"
                          f"damaged: image {identity} in store {self.store}: the image's files are missing; "
                          "`qzfi rm` forgets it\n")
+
+    def test_images_that_a_catalog_from_a_backup_does_not_know_stay_and_are_taken_in_again(self):
+        catalog, kept = self.store / "catalog.db", self.folder / "catalog.db"
+        identities = [self.freeze()]
+        shutil.copy(catalog, kept)
+        identities += [self.freeze(), self.freeze()]
+        catalog.unlink()
+        error = self.fail_with(1, "freeze", self.data, "--store", self.store)
+        self.assertIn("it holds images, and its catalog is gone: bring catalog.db back, or move images/ away", error)
+        shutil.copy(kept, catalog)
+        self.assertEqual(self.listed(), identities[:1])
+        (self.store / "images" / identities[2] / "fiid.xml").unlink()
+        found = support.qzfi("repair", "--store", self.store, "--json")
+        document = json.loads(found.out)
+        self.check_schema(document, "repair")
+        self.assertEqual((found.code, document["taken_in"], [image["id"] for image in document["unknown"]]),
+                         (3, 1, identities[2:]))
+        self.assertEqual(sorted(self.listed()), sorted(identities[:2]))
+        self.succeed("verify", identities[1])
+        result = support.qzfi("repair", "--store", self.store)
+        self.assertEqual((result.code, result.out),
+                         (3, "no debris was removed\n"
+                          f"unknown: image {identities[2]} in store {self.store}: the catalog does not know this image, "
+                          "and it, or its set, is not whole: it stays\n"))
 
     def test_a_store_that_is_gone_for_good_is_forgotten(self):
         identity = self.freeze()

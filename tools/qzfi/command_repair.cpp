@@ -21,21 +21,33 @@ struct Options {
     bool json = false;
 };
 
-// Else it waits for another store of its set.
-bool is_damaged(const qfi_report_item &item) {
-    return item.kind != QFI_REMARK_SKIPPED;
+// What is said of an image.
+struct Finding {
+    uint32_t kind;
+    const char *word, *cure;
+};
+constexpr Finding damaged{QFI_REMARK_WARNING, "damaged", "; `qzfi rm` forgets it"};
+constexpr Finding waiting{QFI_REMARK_SKIPPED, "waiting", ""}; // for another store of its set
+constexpr Finding unknown{QFI_REMARK_UNREADABLE, "unknown", ""};
+
+bool is_well(const qfi_report_item &item) {
+    return item.kind == waiting.kind;
+}
+
+std::string counted(uint64_t count, const char *kind, const char *what) {
+    return grouped(count) + kind + (count == 1 ? "image was " : "images were ") + what + "\n";
 }
 
 void print_text(const qfi_report &report, const std::vector<Store> &stores) {
-    std::cout << (report.changed == 0 ? "no debris was removed"
-                                      : grouped(report.changed) + " half-made image" +
-                                            (report.changed == 1 ? " was removed" : "s were removed"))
-              << '\n';
+    std::cout << (report.changed == 0 ? "no debris was removed\n"
+                                      : counted(report.changed, " half-made ", "removed"));
+    if (report.entries != 0)
+        std::cout << counted(report.entries, " ", "not in the catalog, and taken in again");
     for (uint64_t index = 0; index < report.shown; ++index) {
         const qfi_report_item &item = report.items[index];
-        std::cout << (is_damaged(item) ? "damaged" : "waiting") << ": image " << item.path << " in store "
-                  << printable(item.object) << ": " << printable(item.detail)
-                  << (is_damaged(item) ? "; `qzfi rm` forgets it\n" : "\n");
+        const Finding &finding = item.kind == waiting.kind ? waiting : item.kind == unknown.kind ? unknown : damaged;
+        std::cout << finding.word << ": image " << item.path << " in store " << printable(item.object) << ": "
+                  << printable(item.detail) << finding.cure << '\n';
     }
     if (report.count > report.shown)
         std::cout << "and " << grouped(report.count - report.shown) << " more\n";
@@ -45,11 +57,11 @@ void print_text(const qfi_report &report, const std::vector<Store> &stores) {
                       << ": still being made, or could not be removed\n";
 }
 
-Json images_json(const qfi_report &report, bool damaged) {
+Json images_json(const qfi_report &report, const Finding &finding) {
     Json images = Json::array();
     for (uint64_t index = 0; index < report.shown; ++index) {
         const qfi_report_item &item = report.items[index];
-        if (is_damaged(item) == damaged)
+        if (item.kind == finding.kind)
             images.push_back(
                 {{"id", json_text(item.path)}, {"store", json_text(item.object)}, {"detail", json_text(item.detail)}});
     }
@@ -101,8 +113,10 @@ int run(const Settings &settings, const Options &options) {
         throw Failure(failure);
     if (options.json) {
         print(Json{{"removed", report->changed},
-                   {"damaged", images_json(*report, true)},
-                   {"waiting", images_json(*report, false)},
+                   {"taken_in", report->entries},
+                   {"damaged", images_json(*report, damaged)},
+                   {"waiting", images_json(*report, waiting)},
+                   {"unknown", images_json(*report, unknown)},
                    {"stores", json_of(stores)}});
     } else if (has_usable) {
         print_text(*report, stores);
@@ -112,8 +126,7 @@ int run(const Settings &settings, const Options &options) {
         code = exit_failed;
         tell_further(failure, stores);
     }
-    const bool has_damaged = std::any_of(report->items, report->items + report->shown, is_damaged);
-    return has_damaged ? exit_differs : code;
+    return std::all_of(report->items, report->items + report->shown, is_well) ? code : exit_differs;
 }
 
 } // namespace
