@@ -63,6 +63,7 @@ qzfi_inner_library(qzfi_fi
   fi/fi_restore_copy.cpp
   fi/fi_store.cpp
   fi/fi_store_catalog.cpp
+  fi/fi_store_copy.cpp
   fi/fi_store_folders.cpp
   fi/fi_store_image.cpp
   fi/fi_store_known.cpp

@@ -13,7 +13,6 @@ namespace qzfi::fi {
 namespace {
 
 constexpr int directory_flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-constexpr const char *database_name = "catalog.db";
 constexpr const char *images_name = "images";
 constexpr const char *catalog_gone =
     "it holds images, and its catalog is gone: bring catalog.db back, or move images/ away";
@@ -79,7 +78,9 @@ bool exists(int directory, const char *name) {
 // Also when it is not there.
 bool is_empty(int directory, const char *name) {
     struct stat status {};
-    return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 ? status.st_size == 0 : errno == ENOENT;
+    if (fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno == ENOENT;
+    return S_ISREG(status.st_mode) && status.st_size == 0;
 }
 
 // A folder full of something else is no place for a store.
@@ -134,6 +135,23 @@ bool is_own(const struct stat &status) noexcept {
     return status.st_uid == geteuid() || status.st_uid == 0;
 }
 
+namespace {
+
+bool is_others_entry(int directory, const char *name) noexcept {
+    struct stat status {};
+    return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && !is_own(status);
+}
+
+} // namespace
+
+// A folder that is writable to a group is that group's, with all that its members put there.
+bool is_others(const struct stat &status, int directory) noexcept {
+    if (!is_own(status) || (status.st_mode & S_IWOTH) != 0)
+        return true;
+    return (status.st_mode & S_IWGRP) == 0 &&
+           (is_others_entry(directory, database_name) || is_others_entry(directory, images_name));
+}
+
 Store::Store(std::shared_ptr<State> state) : state_(std::move(state)) {}
 
 std::shared_ptr<Store> Store::open(const std::string &given, bool create, const char *operation) {
@@ -157,8 +175,8 @@ std::shared_ptr<Store> Store::open(const std::string &given, bool create, const 
         refuse_others_folder(state->path, status, operation);
         refuse_full_folder(state->path, directory, operation);
     }
-    // Root could write to any, but what is another user's is neither waited for nor changed: that user could answer.
-    if (state->is_writable && !is_own(status)) {
+    // Root could write to any, but what others may change is neither waited for nor changed: they could answer.
+    if (state->is_writable && is_others(status, directory)) {
         state->is_writable = false;
         state->write_error = EPERM;
     }

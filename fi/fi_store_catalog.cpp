@@ -1,10 +1,7 @@
 #include "fi/fi_store_catalog.h"
 
-#include <chrono>
-#include <ctime>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include "fi/fi_fiid_text.h"
@@ -18,8 +15,6 @@ namespace {
 
 constexpr int64_t catalog_version = 1;
 constexpr int64_t application_id = 0x717a6669; // "qzfi"
-constexpr const char *database_name = "catalog.db";
-constexpr const char *wal_name = "catalog.db-wal";
 constexpr off_t reserve_size = 512 * 1024;
 constexpr off_t least_reserve_size = 64 * 1024;
 
@@ -57,87 +52,6 @@ void keep_reserve(int directory) noexcept {
         if (posix_fallocate(file.get(), 0, size) == 0)
             return;
     unlinkat(directory, reserve_name, 0);
-}
-
-void copy_file(int from_directory, int to_directory, const char *name, const CatalogPlace &place) {
-    const Descriptor from(openat(from_directory, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (!from && errno == ENOENT)
-        return;
-    if (!from)
-        fail_call(place.operation, "open", place.store + "/" + name, errno, true);
-    const Descriptor to(openat(to_directory, name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    if (!to)
-        fail_call(place.operation, "open", std::string("temporary copy of ") + name, errno, false);
-    std::string buffer(65536, '\0');
-    for (off_t position = 0;;) {
-        const std::size_t count =
-            read_at(from.get(), buffer.data(), buffer.size(), position, place.store + "/" + name, place.operation);
-        if (count == 0)
-            return;
-        write_to(to.get(), {buffer.data(), count}, std::string("temporary copy of ") + name, place.operation);
-        position += static_cast<off_t>(count);
-    }
-}
-
-// What a file is at a moment; all zero for one that is not there.
-struct Version {
-    ino_t inode = 0;
-    off_t size = 0;
-    timespec changed{};
-    bool operator==(const Version &other) const {
-        return inode == other.inode && size == other.size && changed.tv_sec == other.changed.tv_sec &&
-               changed.tv_nsec == other.changed.tv_nsec;
-    }
-};
-
-Version version_of(int directory, const char *name) {
-    struct stat status {};
-    if (fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0)
-        return {};
-    return {status.st_ino, status.st_size, status.st_ctim};
-}
-
-// Whether a file has what its copy has.
-bool has_same_content(int one_directory, int other_directory, const char *name, const CatalogPlace &place) {
-    constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    const Descriptor one(openat(one_directory, name, flags)), other(openat(other_directory, name, flags));
-    if (!one || !other)
-        return false;
-    std::string left(65536, '\0'), right(65536, '\0');
-    for (off_t position = 0;;) {
-        const std::size_t count =
-            read_at(one.get(), left.data(), left.size(), position, place.store + "/" + name, place.operation);
-        if (read_at(other.get(), right.data(), right.size(), position, name, place.operation) != count ||
-            left.compare(0, count, right, 0, count) != 0)
-            return false;
-        if (count == 0)
-            return true;
-        position += static_cast<off_t>(count);
-    }
-}
-
-// Whether a change that comes now could leave a file with the time of change that it has: times may move in ticks.
-bool may_look_the_same(const Version &version, const timespec &now) {
-    return version.changed.tv_sec > now.tv_sec ||
-           (version.changed.tv_sec == now.tv_sec && version.changed.tv_nsec >= now.tv_nsec);
-}
-
-// Somebody who can write may move the log's changes into the database between the two copies, which then belong to
-// different moments: they are made again until nothing changed meanwhile.
-void copy_catalog(int from, int to, const CatalogPlace &place) {
-    constexpr int most_tries = 100;
-    for (int tries = 0; tries < most_tries; ++tries) {
-        timespec now{};
-        clock_gettime(CLOCK_REALTIME_COARSE, &now);
-        const Version database = version_of(from, database_name), log = version_of(from, wal_name);
-        unlinkat(to, wal_name, 0);
-        copy_file(from, to, database_name, place);
-        copy_file(from, to, wal_name, place);
-        const bool is_same = database == version_of(from, database_name) && log == version_of(from, wal_name);
-        if (is_same && (!may_look_the_same(database, now) || has_same_content(from, to, database_name, place)))
-            return;
-    }
-    fail(message::busy, QFI_FI_BUSY, place.operation, {place.store});
 }
 
 // SQLite would make it readable to all.

@@ -67,4 +67,10 @@ private:
     std::unique_ptr<Connection> connection_;
 };
 
+inline constexpr char database_name[] = "catalog.db";
+
+struct CatalogPlace;
+/// Copies a catalog and its log as they are at one moment, from one directory to another. Throws.
+void copy_catalog(int from, int to, const CatalogPlace &place);
+
 } // namespace qzfi::fi

@@ -98,8 +98,10 @@ struct EndedPending {
 };
 EndedPending end_pending(const Store::State &store, const RemoveTree &remove_tree, const char *operation);
 
-/// Whether a store's folder is the caller's or root's; any other is only read.
+/// Whether a folder is the caller's or root's.
 bool is_own(const struct stat &status) noexcept;
+/// Whether others own a store's folder or what is in it, or everybody may write to it: it is only read.
+bool is_others(const struct stat &status, int directory) noexcept;
 /// Tells a store's folder from any other, as far as its file system knows when it was made.
 std::string store_identity(int directory);
 /// The stores of a set, as they were when it was made, lie in the lock of each image that may have to wait for them.

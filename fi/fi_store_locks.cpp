@@ -104,7 +104,16 @@ int LockFile::find(off_t start, off_t length) noexcept {
 }
 
 bool DatabaseLock::open(const char *path, bool writable) noexcept {
-    return file_.open(path, writable ? O_RDWR : O_RDONLY, 0);
+    return file_.open(path, (writable ? O_RDWR : O_RDONLY) | O_NOFOLLOW | O_NONBLOCK, 0);
+}
+
+bool DatabaseLock::is_of(const char *path) const noexcept {
+    struct stat own {
+    }, named{};
+    if (fstat(file_.get(), &own) != 0 || stat(path, &named) != 0)
+        return false;
+    errno = ESTALE;
+    return own.st_dev == named.st_dev && own.st_ino == named.st_ino;
 }
 
 int DatabaseLock::raise(int level) noexcept {

@@ -37,6 +37,8 @@ private:
 class DatabaseLock {
 public:
     bool open(const char *path, bool writable) noexcept;
+    /// Whether the opened file still has the path; else false with errno.
+    bool is_of(const char *path) const noexcept;
     int raise(int level) noexcept;
     int lower(int level) noexcept;
     int is_reserved(int *result) noexcept;

@@ -101,7 +101,7 @@ bool is_whole(const Store::State &store, const Sisters &sisters, const char *ope
 void note_whole(const FiidImage &image, const Sisters &sisters, const char *operation) {
     const Descriptor directory = open_sisters(image.store, sisters.identities, operation);
     struct stat status {};
-    if (fstat(directory.get(), &status) != 0 || !is_own(status))
+    if (fstat(directory.get(), &status) != 0 || is_others(status, directory.get()))
         fail(message::no_right, QFI_FI_NO_RIGHT, operation, {"write to store", image.store});
     Catalog catalog(directory.get(), image.store, true, false, operation);
     catalog.note_whole(image.record.id, operation);

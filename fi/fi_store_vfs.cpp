@@ -155,6 +155,17 @@ const sqlite3_io_methods *wrap(const sqlite3_io_methods &own) {
     return &methods;
 }
 
+// What is locked is what SQLite opened: it says whether that still has the path.
+bool open_lock(sqlite3_file *file, bool is_writable) {
+    Behind &own = behind(file);
+    if (!own.lock.open(own.path, is_writable))
+        return false;
+    int has_moved = 0;
+    own.methods->xFileControl(file, SQLITE_FCNTL_HAS_MOVED, &has_moved);
+    errno = ESTALE;
+    return has_moved == 0 && own.lock.is_of(own.path);
+}
+
 int open_file(sqlite3_vfs *, const char *path, sqlite3_file *file, int flags, int *given_flags) {
     const int result = original()->xOpen(original(), path, file, flags, given_flags);
     if (result != SQLITE_OK || file->pMethods == nullptr)
@@ -163,7 +174,7 @@ int open_file(sqlite3_vfs *, const char *path, sqlite3_file *file, int flags, in
     own->methods = file->pMethods;
     own->path = path;
     const bool is_writable = given_flags == nullptr || (*given_flags & SQLITE_OPEN_READONLY) == 0;
-    if ((flags & SQLITE_OPEN_MAIN_DB) != 0 && !own->lock.open(path, is_writable)) {
+    if ((flags & SQLITE_OPEN_MAIN_DB) != 0 && !open_lock(file, is_writable)) {
         last_error = errno;
         close_file(file);
         file->pMethods = nullptr;

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "fi/fi_fiid.h"
+#include "fi/fi_store_locks.h"
 #include "store_support.h"
 
 using namespace qzfi::fi;
@@ -182,4 +183,54 @@ TEST_F(StoreLocks, a_store_of_another_user_is_only_read) {
     ASSERT_EQ(chown(path.c_str(), 0, 0), 0);
     Store::open(path, false, op)->remove(id, op, remove_all);
     EXPECT_FALSE(std::filesystem::exists(half));
+}
+
+TEST_F(StoreLocks, a_store_that_others_may_change_is_only_read) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs the right to give files away";
+    const std::string id = make_image(*Store::open(path, true, op)),
+                      half = path + "/images/.new-20260101T000000Z-00000001";
+    std::filesystem::create_directory(half);
+    std::filesystem::remove(path + "/reserve");
+    const std::vector<std::string> before = names_in(path);
+    const int lock = open((path + "/lock").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    const auto expect_only_read = [&](const char *why) {
+        SCOPED_TRACE(why);
+        const std::shared_ptr<Store> store = Store::open(path, false, op);
+        EXPECT_EQ(ids_of(*store), std::vector<std::string>{id});
+        EXPECT_EQ(status_of_call([&] { store->remove(id, op, remove_all); }), QFI_FI_NO_RIGHT);
+        EXPECT_TRUE(std::filesystem::exists(half));
+        EXPECT_EQ(names_in(path), before);
+    };
+    ASSERT_EQ(chmod(path.c_str(), 01777), 0);
+    expect_only_read("everybody's folder");
+    ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+    for (const char *const name : {"/catalog.db", "/images"}) {
+        ASSERT_EQ(chown((path + name).c_str(), 65534, 65534), 0);
+        expect_only_read(name);
+        ASSERT_EQ(chown((path + name).c_str(), 0, 0), 0);
+    }
+    close(lock);
+    ASSERT_EQ(chown((path + "/catalog.db").c_str(), 65534, 65534), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0770), 0); // a group's: a member made it
+    Store::open(path, false, op)->remove(id, op, remove_all);
+    EXPECT_FALSE(std::filesystem::exists(half));
+}
+
+TEST_F(StoreLocks, what_is_locked_is_the_file_itself_and_no_link_to_it) {
+    Store::open(path, true, op);
+    const std::string catalog = path + "/catalog.db", other = folder.path() + "/other";
+    DatabaseLock lock, second;
+    ASSERT_TRUE(lock.open(catalog.c_str(), true));
+    EXPECT_TRUE(lock.is_of(catalog.c_str()));
+    std::filesystem::rename(catalog, other);
+    EXPECT_FALSE(lock.is_of(catalog.c_str()));
+    std::filesystem::copy_file(other, catalog);
+    EXPECT_FALSE(lock.is_of(catalog.c_str()));
+    EXPECT_EQ(errno, ESTALE);
+    std::filesystem::remove(catalog);
+    std::filesystem::create_symlink(other, catalog);
+    EXPECT_FALSE(second.open(catalog.c_str(), true));
+    EXPECT_EQ(errno, ELOOP);
 }

@@ -376,3 +376,30 @@ TEST_F(PlacesTest, who_cannot_write_reads_whole_catalogs_while_others_write) {
     }
     umount2(view.c_str(), MNT_DETACH);
 }
+
+TEST_F(PlacesTest, a_strangers_catalog_is_copied_with_its_holes_and_up_to_a_bound) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs the right to give files away";
+    const std::string temporary = folder.path() + "/temporary", catalog = path + "/catalog.db";
+    if (const std::string obstacle = mount_tmpfs(temporary); !obstacle.empty())
+        GTEST_SKIP() << obstacle;
+    const char *const before = getenv("TMPDIR");
+    const std::string usual = before != nullptr ? before : "";
+    setenv("TMPDIR", temporary.c_str(), 1);
+    const std::string id = make_image(*Store::open(path, true, op));
+    ASSERT_EQ(chown(path.c_str(), nobody, nobody), 0);
+    std::filesystem::resize_file(catalog, std::uintmax_t{100} << 20);
+    EXPECT_EQ(ids_of(*Store::open(path, false, op)), std::vector<std::string>{id}) << last_error();
+    std::filesystem::resize_file(catalog, std::uintmax_t{3} << 30);
+    EXPECT_EQ(status_of_call([&] { Store::open(path, false, op); }), QFI_FI_CATALOG);
+    EXPECT_NE(last_error().find(path + "|it is larger than 256 MiB, and only a copy can be read"), std::string::npos);
+    std::filesystem::resize_file(catalog, std::uintmax_t{64} << 10);
+    std::ofstream(catalog, std::ios::app) << std::string(std::size_t{5} << 20, 'x');
+    EXPECT_EQ(status_of_call([&] { Store::open(path, false, op); }), QFI_FI_NO_SPACE);
+    EXPECT_NE(last_error().find("the folder for temporary files"), std::string::npos);
+    std::filesystem::remove(catalog);
+    ASSERT_EQ(mkfifo(catalog.c_str(), 0600), 0);
+    EXPECT_EQ(status_of_call([&] { Store::open(path, false, op); }), QFI_FI_CATALOG);
+    EXPECT_TRUE(names_in(temporary).empty());
+    usual.empty() ? unsetenv("TMPDIR") : setenv("TMPDIR", usual.c_str(), 1);
+}
