@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <mutex>
@@ -237,11 +238,16 @@ int open_beneath(int at, const char *path, int flags) noexcept {
     if ((flags & O_CREAT) != 0)
         how.mode = 0600;
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS | RESOLVE_NO_XDEV;
-    for (;;) {
+    for (uint32_t again = 0;; ++again) {
         const long fd = syscall(SYS_openat2, at, path, &how, sizeof how);
-        // EAGAIN: something was renamed on the way, and the kernel could not tell whether the path left its place.
+        // EAGAIN: something was renamed on the way, and the kernel could not tell whether the path left its place; or
+        // somebody has a lease of the file, which may take a minute to be given back.
         if (fd >= 0 || (errno != EINTR && errno != EAGAIN))
             return static_cast<int>(fd);
+        constexpr uint32_t at_once = 16;
+        constexpr timespec pause{0, 10'000'000};
+        if (again >= at_once)
+            nanosleep(&pause, nullptr);
     }
 }
 

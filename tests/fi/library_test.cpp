@@ -1,9 +1,12 @@
 // What every room of the library shares.
 #include <atomic>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -128,6 +131,46 @@ TEST(OpenBeneath, links_and_ways_out_are_refused) {
     EXPECT_EQ(errno, EXDEV);
     EXPECT_EQ(open_beneath(at.get(), "none", O_RDONLY), -1);
     EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(OpenBeneath, a_file_that_somebody_has_a_lease_of_is_waited_for_without_spinning) {
+    const Folder folder;
+    const std::string path = folder.path() + "/file";
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const pid_t holder = fork();
+    if (holder == 0) {
+        sigset_t wanted;
+        sigemptyset(&wanted);
+        sigaddset(&wanted, SIGIO);
+        sigprocmask(SIG_BLOCK, &wanted, nullptr);
+        const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        const bool is_held = fcntl(file, F_SETLEASE, F_WRLCK) == 0;
+        if (write(ends[1], is_held ? "1" : "0", 1) != 1)
+            _exit(1);
+        int signal = 0;
+        sigwait(&wanted, &signal);
+        usleep(200'000);
+        fcntl(file, F_SETLEASE, F_UNLCK);
+        _exit(0);
+    }
+    char is_held = '0';
+    EXPECT_EQ(read(ends[0], &is_held, 1), 1);
+    close(ends[0]);
+    close(ends[1]);
+    if (is_held == '1') {
+        const Descriptor at(open(folder.path().c_str(), O_RDONLY | O_DIRECTORY));
+        rusage before{}, after{};
+        getrusage(RUSAGE_THREAD, &before);
+        EXPECT_TRUE(Descriptor(open_beneath(at.get(), "file", O_RDONLY)));
+        getrusage(RUSAGE_THREAD, &after);
+        EXPECT_GT(after.ru_nvcsw, before.ru_nvcsw) << "it sleeps meanwhile";
+    } else {
+        kill(holder, SIGKILL);
+    }
+    waitpid(holder, nullptr, 0);
+    if (is_held != '1')
+        GTEST_SKIP() << "no leases on this file system";
 }
 
 TEST(OpenBeneath, a_fifo_does_not_block) {
