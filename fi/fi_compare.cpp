@@ -56,7 +56,7 @@ Descriptor open_original(const std::string &path, const char *operation) {
 ManifestReader walked(int directory, const std::string &object, const WalkOptions &options, const char *operation) {
     constexpr const char *name = "manifest";
     const TemporaryFolder scratch("qzfi-compare-", operation);
-    ManifestWriter writer(scratch.directory(), name, operation, object);
+    ManifestWriter writer(scratch.directory(), name, operation, scratch.path());
     EngineHost host(operation, object, options.progress, options.cancelled_by);
     host.on_entry([&](const qfi_entry &entry) -> int32_t {
         if (options.cancelled_by != nullptr && options.cancelled_by->cancelled())

@@ -15,7 +15,7 @@ constexpr std::string_view first_line = "qzfi-manifest 1";
 constexpr std::string_view last_word = "end ";
 constexpr std::string_view type_letters = "?fdlbcps"; // by qfi_entry_type
 constexpr std::size_t buffer_size = 64 * 1024;
-constexpr std::size_t line_limit = 1024 * 1024;
+constexpr std::size_t line_limit = 64 * 1024 * 1024; // of what is read: a path of 65,000 folders is shorter
 constexpr std::size_t chunk_size = 12 * 1024 * 1024;
 constexpr std::size_t digest_size = 16;
 

@@ -13,7 +13,6 @@ namespace qzfi::fi {
 namespace {
 
 constexpr std::size_t buffer_size = 64 * 1024;
-constexpr const char *temporary_name = "temporary file of a sorted manifest";
 
 struct Line {
     uint32_t length;
@@ -46,6 +45,10 @@ bool comes_before(const char *a, const char *a_end, const char *b, const char *b
         if (left < 0)
             return false;
     }
+}
+
+std::string temporary_name() {
+    return temporary_base() + ": temporary file of a sorted manifest";
 }
 
 int open_temporary() {
@@ -116,7 +119,7 @@ void LineSorter::State::write(const std::string &bytes) {
         if (count < 0 && errno == EINTR)
             continue;
         if (count <= 0)
-            fail_call(operation, "write", temporary_name, count < 0 ? errno : EIO, false);
+            fail_call(operation, "write", temporary_name(), count < 0 ? errno : EIO, false);
         done += static_cast<std::size_t>(count);
     }
     file_size += static_cast<off_t>(bytes.size());
@@ -126,7 +129,7 @@ void LineSorter::State::write_run() {
     if (!file) {
         file.reset(open_temporary());
         if (!file)
-            fail_call(operation, "open", temporary_name, errno, false);
+            fail_call(operation, "open", temporary_name(), errno, false);
     }
     sort_places();
     Run run;
@@ -158,7 +161,7 @@ void LineSorter::State::read(Run &run, void *out, std::size_t size) {
                 count = pread(file.get(), run.buffer.data(), run.buffer.size(), run.at);
             while (count < 0 && errno == EINTR);
             if (count <= 0)
-                fail_call(operation, "read", temporary_name, count < 0 ? errno : EIO, true);
+                fail_call(operation, "read", temporary_name(), count < 0 ? errno : EIO, true);
             run.buffer.resize(static_cast<std::size_t>(count));
             run.at += count;
         }

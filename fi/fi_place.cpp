@@ -187,6 +187,7 @@ Place open_place_below(const std::string &object, const std::string &path, const
     place.name = path.substr(path.rfind('/') + 1);
     const std::string above =
         path.size() == place.name.size() ? "." : path.substr(0, path.size() - place.name.size() - 1);
+    place.is_below = true;
     const Descriptor directory = open_without_links(object, O_RDONLY | O_DIRECTORY, operation);
     place.parent.reset(open_beneath(directory.get(), above.c_str(), O_RDONLY | O_DIRECTORY));
     if (!place.parent && errno == EXDEV)
@@ -209,7 +210,7 @@ std::optional<struct stat> look_at(const Place &place, const char *operation) {
             return std::nullopt;
         fail_call(operation, "fstatat", place.path, errno, true);
     }
-    if (S_ISLNK(status.st_mode))
+    if (S_ISLNK(status.st_mode) && !place.is_below)
         fail_link(place.path, place.path, operation);
     return status;
 }

@@ -14,7 +14,8 @@ namespace qzfi::fi {
 struct Place {
     Descriptor parent;
     std::string name;
-    std::string path; // absolute, of the entry
+    std::string path;      // absolute, of the entry
+    bool is_below = false; // an object: there a link is an entry like others, which is replaced itself
 };
 
 /// Absolute and canonical by its text alone; throws for a relative or an empty one.

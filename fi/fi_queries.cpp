@@ -305,6 +305,11 @@ void refresh(Tree &tree, const char *operation) {
     for (const std::string &path : paths)
         objects.push_back({path.c_str(), nullptr});
     const std::shared_ptr<Tree> anew = tree_of_objects(objects.data(), static_cast<int32_t>(objects.size()), operation);
+    // Links were resolved once, when the tree was made.
+    for (const TreeFilesystem &filesystem : anew->filesystems)
+        for (const TreeObject &object : filesystem.objects)
+            if (nodes.count({QFI_NODE_OBJECT, object.path}) == 0)
+                fail(message::unsafe_path, QFI_FI_UNSAFE, operation, {object.path, "a symbolic link leads here now"});
     // Hosts hold nodes: what is still there keeps its own.
     for (TreeFilesystem &filesystem : anew->filesystems) {
         filesystem.node = nodes[{QFI_NODE_FILESYSTEM, filesystem.root}];

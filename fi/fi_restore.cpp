@@ -125,9 +125,21 @@ void refuse_damaged(const Plan &plan, const ObjectRef &one) {
 
 // Elsewhere the rest of it may be all that there is.
 void remark_damage(const Plan &plan, const ObjectRef &one, Findings &report) {
-    look_for_damage(plan, one, [&](const std::string &path, const char *how) {
-        report.add({QFI_REMARK_WARNING, 0, one.object().path, path, std::string("the image is damaged: ") + how});
-    });
+    KeptFailure failure;
+    try {
+        const Keep keep(failure);
+        look_for_damage(plan, one, [&](const std::string &path, const char *how) {
+            report.add({QFI_REMARK_WARNING, 0, one.object().path, path, std::string("the image is damaged: ") + how});
+        });
+        return;
+    } catch (const Failure &thrown) {
+        if (thrown.status != QFI_FI_NO_SPACE) { // where the comparison is made, which is not where the restore is
+            failure.raise_here();
+            throw;
+        }
+    }
+    report.add({QFI_REMARK_WARNING, 0, one.object().path, "",
+                "the image could not be looked at for damage: " + failure.cause()});
 }
 
 // What could not be read when the image was made may be there still, and nowhere else.

@@ -19,6 +19,7 @@ public:
     TemporaryFolder(const TemporaryFolder &) = delete;
     TemporaryFolder &operator=(const TemporaryFolder &) = delete;
     int directory() const noexcept { return directory_.get(); }
+    const std::string &path() const noexcept { return path_; }
 
 private:
     std::string path_;

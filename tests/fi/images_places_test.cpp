@@ -141,5 +141,69 @@ TEST_P(Places, are_looked_at_with_a_host_that_can_cancel) {
     start();
 }
 
+// A link there is what is replaced; nothing goes through it.
+TEST_P(Places, below_an_object_may_be_links) {
+    write_file(top / "victim", "keep me");
+    fs::create_directory(top / "folder");
+    write_file(top / "folder" / "mine", "keep me");
+    const Tree tree = freeze({object}, store);
+    for (const Operation operation : operations) {
+        fs::remove(object / "absolute");
+        fs::create_symlink("elsewhere", object / "absolute");
+        fs::remove(object / "plain");
+        fs::create_symlink(top / "victim", object / "plain");
+        for (const char *const only : {"absolute", "plain"}) {
+            EXPECT_EQ(call(operation, tree, only, true), 0) << last_error();
+            EXPECT_EQ(call(operation, tree, only), 0) << last_error();
+        }
+        EXPECT_EQ(fs::read_symlink(object / "absolute"), "/etc");
+        EXPECT_FALSE(fs::is_symlink(object / "plain"));
+        EXPECT_EQ(content_of(object / "plain"), "plain content");
+        EXPECT_EQ(content_of(top / "victim"), "keep me");
+    }
+    fs::remove_all(object / "empty");
+    fs::create_directory_symlink(top / "folder", object / "empty");
+    EXPECT_EQ(call(qfi_op_restore, tree, "empty"), 0) << last_error();
+    EXPECT_FALSE(fs::is_symlink(object / "empty"));
+    EXPECT_EQ(content_of(top / "folder" / "mine"), "keep me");
+}
+
+TEST_P(Places, of_objects_are_not_resolved_again_when_a_tree_is_refreshed) {
+    fs::create_directories(top / "above" / "object");
+    fs::create_directories(top / "secret" / "object");
+    const Tree tree({top / "above" / "object"});
+    ASSERT_EQ(qfi_op_refresh_tree(tree.get()), 0) << last_error();
+    fs::rename(top / "above", top / "aside");
+    fs::create_directory_symlink(top / "secret", top / "above");
+    EXPECT_EQ(qfi_op_refresh_tree(tree.get()), QFI_FI_UNSAFE);
+    EXPECT_EQ(last_error(), "qzfi_refresh_tree: " + (top / "secret" / "object").string() +
+                                " leaves its place: a symbolic link leads here now\n");
+}
+
+TEST_P(Places, without_room_for_a_comparison_are_named) {
+    for (int number = 0; number < 1000; ++number)
+        write_file(object / ("a file with a name of some length, for a long manifest " + std::to_string(number)), "");
+    const Tree tree = freeze({object}, store);
+    const fs::path small = top / "small";
+    fs::create_directory(small);
+    ASSERT_EQ(mount("none", small.c_str(), "tmpfs", 0, "size=64k"), 0);
+    setenv("TMPDIR", small.c_str(), 1);
+    EXPECT_EQ(call(qfi_op_restore, tree, nullptr), QFI_FI_NO_SPACE);
+    EXPECT_EQ(last_error().find("qzfi_restore: no space left on the file system of " + small.string()), 0u)
+        << last_error();
+    qfi_restore_options options;
+    QFI_INIT(options);
+    const std::string to = top / "new";
+    options.to = to.c_str();
+    qfi_report *report = nullptr;
+    EXPECT_EQ(qfi_op_restore(tree.get(), &options, &report), 0) << last_error();
+    unsetenv("TMPDIR");
+    ASSERT_EQ(umount(small.c_str()), 0);
+    const Report told(report);
+    ASSERT_EQ(told.lines.size(), 1u);
+    EXPECT_EQ(told.lines[0].detail.find("the image could not be looked at for damage: no space left"), 0u);
+    EXPECT_EQ(differences(object, to), "");
+}
+
 } // namespace
 } // namespace images

@@ -107,6 +107,22 @@ TEST_F(ManifestTest, entries_come_back_in_order_of_the_bytes_of_their_paths) {
         EXPECT_EQ(found[index].path, names[index]);
 }
 
+// Anybody can make them: folders in folders.
+TEST_F(ManifestTest, paths_of_many_mebibytes_are_entries_like_others) {
+    std::vector<std::string> paths;
+    for (std::size_t depth : {5000u, 1100u, 60000u}) {
+        paths.emplace_back();
+        for (std::size_t level = 0; level < depth; ++level)
+            paths.back() += (level == 0 ? "" : "/") + std::string(250, '\xe4');
+    }
+    write({file(paths[0].c_str()), file(paths[1].c_str()), file(paths[2].c_str())});
+    const std::vector<ManifestEntry> found = read();
+    ASSERT_EQ(found.size(), 3u);
+    EXPECT_TRUE(found[0].path == paths[1]);
+    EXPECT_TRUE(found[1].path == paths[0]);
+    EXPECT_TRUE(found[2].path == paths[2]);
+}
+
 TEST_F(ManifestTest, entries_may_come_from_any_thread) {
     ManifestWriter writer(directory.get(), "manifest.0", op, "ID");
     std::vector<std::thread> threads;
@@ -195,7 +211,7 @@ TEST_F(ManifestTest, a_damaged_manifest_names_the_line) {
         {head + "f 644 0 0 0 0 - a b\nend 1\n", "line 2: it is no entry"},
         {head + "l 644 0 0 0 0 - a\nend 1\n", "line 2: it is no entry"},
         {head + "b 644 0 0 0 0 - a\nend 1\n", "line 2: it is no entry"},
-        {head + std::string(2 << 20, 'a'), "line 2: it is too long"},
+        {head + std::string(65 << 20, 'a'), "line 2: it is too long"},
         {head + good + good + "end 2\n", "an entry stands there twice: a"},
     };
     for (const auto &[text, cause] : rows) {
