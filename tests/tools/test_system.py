@@ -173,6 +173,25 @@ class Providers(ToolTest):
         self.assertRegex(table, r"\nqzfi_provider_text\.so +refused +- +- +.*file too short\n$")
 
 
+    def test_a_refused_plugin_is_told_where_a_method_is_chosen(self):
+        plugins = self.folder / "plugins"
+        shutil.copytree(support.root() / "lib" / "qzfi" / "plugins", plugins)
+        (plugins / "qzfi_provider_btrfs.so").write_text("no library")
+        environment = support.environment(QFI_DIR=str(plugins) + "/")
+        told = r"^plugin qzfi_provider_btrfs\.so was refused, its method cannot be chosen: .*file too short\n$"
+        at = ("--store", self.store)
+        for arguments, regexp in ((("freeze", self.data, *at), told), (("freeze", self.data, *at, "--quiet"), "^$"),
+                                  (("freeze", self.data, *at, "--method", "copy"), "^$"), (("methods", self.data), told)):
+            with self.subTest(arguments):
+                result = support.qzfi(*arguments, env=environment)
+                self.assertEqual(result.code, 0, str(result))
+                self.assertRegex(result.err, regexp)
+        refused, = self.json("methods", self.data, env=environment)["refused"]
+        self.assertEqual(refused["file"], "qzfi_provider_btrfs.so")
+        self.assertIn("file too short", refused["reason"])
+        self.assertEqual(self.json("methods", self.data)["refused"], [])
+
+
 class Nodes(ToolTest):
     def test_a_file_system_is_listed_with_those_who_can_freeze_it_and_its_disk(self):
         mount_point = support.loop_filesystem("xfs", 320)

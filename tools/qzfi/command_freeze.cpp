@@ -5,6 +5,7 @@
 #include "tools/qzfi/done.h"
 #include "tools/qzfi/json.h"
 #include "tools/qzfi/progress.h"
+#include "tools/qzfi/providers.h"
 #include "tools/qzfi/text.h"
 #include "tools/qzfi/trees.h"
 
@@ -60,6 +61,8 @@ int run(const Settings &settings, const Options &options) {
     const Session session(settings);
     const Interruptible interruptible;
     const Tree tree = tree_of(options.paths);
+    if (options.method.empty() && !settings.quiet)
+        tell_refused(refused_providers());
     Report report;
     int32_t post_command;
     {

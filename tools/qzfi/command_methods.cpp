@@ -3,6 +3,7 @@
 
 #include "tools/qzfi/commands.h"
 #include "tools/qzfi/json.h"
+#include "tools/qzfi/providers.h"
 #include "tools/qzfi/table.h"
 #include "tools/qzfi/text.h"
 #include "tools/qzfi/trees.h"
@@ -76,12 +77,15 @@ int run(const Settings &settings, const Options &options) {
     Combos combos;
     check(qfi_op_analyze(tree.get(), or_null(options.store), Out(combos), 0),
           "find methods for " + joined(options.paths));
+    const std::vector<Provider> refused = refused_providers();
     if (options.json)
-        print(Json{{"methods", json_of(combos.get())}});
+        print(Json{{"methods", json_of(combos.get())}, {"refused", json_of_refused(refused)}});
     else if (combos)
         print_table(combos.get());
     else if (!settings.quiet)
         std::cerr << "no methods: no provider is loaded; `qzfi doctor` tells more\n";
+    if (!options.json && !settings.quiet)
+        tell_refused(refused);
     return exit_done;
 }
 

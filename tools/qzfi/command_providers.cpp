@@ -16,7 +16,8 @@ struct Options {
 };
 
 Json json_of(const std::vector<Provider> &providers) {
-    Json loaded = Json::array(), refused = Json::array();
+    Json loaded = Json::array();
+    std::vector<Provider> refused;
     for (const Provider &provider : providers) {
         if (provider.is_loaded)
             loaded.push_back({{"id", provider.id},
@@ -26,9 +27,9 @@ Json json_of(const std::vector<Provider> &providers) {
                               {"preference", provider.preference},
                               {"description", json_text(provider.description)}});
         else
-            refused.push_back({{"file", json_text(provider.id)}, {"reason", json_text(provider.description)}});
+            refused.push_back(provider);
     }
-    return {{"providers", std::move(loaded)}, {"refused", std::move(refused)}};
+    return {{"providers", std::move(loaded)}, {"refused", json_of_refused(refused)}};
 }
 
 void print_table(const std::vector<Provider> &providers) {

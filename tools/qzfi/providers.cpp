@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <iostream>
 
+#include "tools/qzfi/text.h"
 #include "tools/qzfi/tool.h"
 
 namespace qzfi::tool {
@@ -43,6 +45,25 @@ std::vector<Provider> find_providers() {
         return one.is_loaded != other.is_loaded ? one.is_loaded : one.preference > other.preference;
     });
     return providers;
+}
+
+std::vector<Provider> refused_providers() {
+    std::vector<Provider> providers = find_providers();
+    std::erase_if(providers, [](const Provider &provider) { return provider.is_loaded; });
+    return providers;
+}
+
+void tell_refused(const std::vector<Provider> &refused) {
+    for (const Provider &provider : refused)
+        std::cerr << "plugin " << printable(provider.id)
+                  << " was refused, its method cannot be chosen: " << printable(provider.description) << '\n';
+}
+
+Json json_of_refused(const std::vector<Provider> &refused) {
+    Json list = Json::array();
+    for (const Provider &provider : refused)
+        list.push_back({{"file", json_text(provider.id)}, {"reason", json_text(provider.description)}});
+    return list;
 }
 
 const char *technology_name(uint32_t technology) {

@@ -22,6 +22,13 @@ struct Provider {
 /// The loaded ones, the most preferred first, then the refused ones. Throws Failure.
 std::vector<Provider> find_providers();
 
+/// Those whose plugin was refused. Throws Failure.
+std::vector<Provider> refused_providers();
+/// Tells each of them on standard error, as its method is not among those that are chosen from.
+void tell_refused(const std::vector<Provider> &refused);
+/// An array of plugins and reasons.
+Json json_of_refused(const std::vector<Provider> &refused);
+
 const char *technology_name(uint32_t technology); ///< "snapshot", "clone", "copy"
 
 /// File systems and the providers that can freeze them, ordered by path.
