@@ -60,6 +60,38 @@ class Restore(ToolTest):
             self.assertEqual(terminal.finish().code, 1)
         self.assertEqual(self.listed(), [identity])
 
+    def test_whoever_stands_in_what_is_replaced_is_told(self):
+        identity, at = self.freeze(), ("--store", self.store, "--yes")
+        inside = self.data / "folder"
+        told = "you are in a folder that was replaced: cd {} goes to the new one\n"
+        for folder in (self.data, inside):
+            result = support.qzfi("restore", identity, *at, cwd=folder)
+            self.assertEqual((result.code, result.err), (0, told.format(folder)), str(result))
+        for arguments, folder in ((("restore",), self.folder), (("resync",), inside), (("restore", "--quiet"), inside),
+                                  (("restore", "--only", "file"), inside), (("restore", "--dry-run"), inside)):
+            with self.subTest(arguments):
+                result = support.qzfi(arguments[0], identity, *arguments[1:], *at, cwd=folder)
+                self.assertEqual((result.code, result.err), (0, ""), str(result))
+
+    def test_a_part_whose_folder_is_gone_comes_back_with_it(self):
+        (self.data / "folder" / "deep").mkdir()
+        (self.data / "folder" / "deep" / "file").write_text("deep")
+        identity, at = self.freeze(), ("--store", self.store, "--yes")
+        shutil.rmtree(self.data / "folder")
+        for command in ("restore", "resync"):
+            error = self.fail_with(1, command, identity, "--only", "folder/deep/file", *at)
+            self.assertIn("\n  the folder it lies in is gone too: take back all of that by --only folder, or this alone "
+                          "by `qzfi restore --to`, or `qzfi cat`\n", error)
+        self.succeed("restore", identity, "--only", "folder/deep/file", "--to", self.folder / "alone", *at[:2])
+        self.assertEqual((self.folder / "alone" / "file").read_text(), "deep")
+        self.succeed("restore", identity, "--only", "./folder/", *at)
+        self.assertEqual((self.data / "folder" / "deep" / "file").read_text(), "deep")
+
+    def test_a_dot_in_a_path_says_nothing(self):
+        identity, at = self.freeze(), ("--store", self.store)
+        for path in ("./file", "././/file", f"{self.data}/./file", f"{self.data}//./file"):
+            self.assertEqual(self.succeed("cat", identity, path, *at), "content\n")
+
     def test_data_is_compared_by_digests_where_asked_for(self):
         identity = self.freeze(self.data, "--method", "copy", "--digest", "--store", self.store)
         at, file = ("--store", self.store), self.data / "file"
@@ -141,6 +173,17 @@ class Set(ToolTest):
         self.assertEqual(contents[0], frozen[0])
         self.assertEqual(contents[1]["file"], "changed\n")
 
+    def test_what_was_replaced_before_a_failure_is_told(self):
+        small = support.memory_filesystem("size=4m") / "data"
+        small.mkdir()
+        (small / "large").write_bytes(os.urandom(3 << 20))
+        identity = self.freeze(self.data, small, "--method", "copy", "--store", self.store)
+        (self.data / "file").write_text("changed\n")
+        error = self.fail_with(1, "restore", identity, "--store", self.store, "--yes")
+        self.assertRegex(error, "[Nn]o space left")
+        self.assertTrue(error.endswith(f"\n  replaced before that: {self.data}; not: {small}\n"), error)
+        self.assertEqual((self.data / "file").read_text(), "content\n")
+
     def test_a_part_of_it_comes_back_by_its_whole_path(self):
         self.change()
         self.assertIn("it has 2 objects", self.fail_with(2, "restore", self.identity, "--only", "file", "--yes"))
@@ -159,6 +202,16 @@ class Set(ToolTest):
 
 
 class Remove(ToolTest):
+    def test_of_several_each_is_named_before_they_go(self):
+        ids = [self.freeze() for _ in range(2)]
+        with Terminal(tool_command("rm", *ids, "--store", self.store), columns=200) as terminal:
+            terminal.read_until(r"\[y/N\] ")
+            terminal.send("n\n")
+            self.assertEqual(terminal.finish().code, 1)
+        text = self.stable(terminal.text())
+        self.assertIn("Remove 2 images: ID of TIME, FOLDER/data; ID of TIME, FOLDER/data? [y/N] ", text)
+        self.assertEqual(self.listed(), ids)
+
     def test_images_go_and_wrong_ids_remove_nothing(self):
         first, second = self.freeze(), self.freeze()
         self.fail_with(1, "rm", first, "20000101T000000Z-00000000", "--store", self.store, "--yes")

@@ -27,15 +27,22 @@ std::vector<std::string> whole_ids(const Options &options) {
     return ids;
 }
 
-std::string question(const std::vector<std::string> &ids, const std::string &store) {
-    if (ids.size() > 1)
-        return "Remove " + std::to_string(ids.size()) + " images?";
-    const ImageList images = find_images({ids.front(), store});
+std::string image_text(const std::string &id, const std::string &store) {
+    const ImageList images = find_images({id, store});
     std::vector<std::string> objects;
     for (const qfi_image_list *node = images.get(); node != nullptr; node = node->next)
         objects.insert(objects.end(), node->image.objects, node->image.objects + node->image.object_count);
-    return "Remove image " + ids.front() + " of " + time_text(images->image.time) + host_text(images->image) + ", " +
-           joined(objects) + "?";
+    return id + " of " + time_text(images->image.time) + host_text(images->image) + ", " + joined(objects);
+}
+
+std::string question(const std::vector<std::string> &ids, const std::string &store) {
+    constexpr std::size_t most = 8;
+    if (ids.size() == 1)
+        return "Remove image " + image_text(ids.front(), store) + "?";
+    std::string text = "Remove " + std::to_string(ids.size()) + " images: ";
+    for (std::size_t index = 0; index < std::min(most, ids.size()); ++index)
+        text += (index == 0 ? "" : "; ") + image_text(ids[index], store);
+    return text + (ids.size() > most ? "; and " + std::to_string(ids.size() - most) + " more?" : "?");
 }
 
 int run(const Settings &settings, const Options &options) {

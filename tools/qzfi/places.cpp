@@ -1,5 +1,6 @@
 #include "tools/qzfi/places.h"
 
+#include <algorithm>
 #include <filesystem>
 
 #include "tools/qzfi/text.h"
@@ -8,14 +9,14 @@ namespace qzfi::tool {
 
 namespace {
 
-// Without slashes at its end and doubled ones; those of "/" stay.
+// Without parts that say nothing: slashes at its end and doubled ones, and "."; the slash of "/" stays.
 std::string tidy(const std::string &path) {
-    std::string result;
-    for (const char letter : path)
-        if (letter != '/' || result.empty() || result.back() != '/')
-            result += letter;
-    if (result.size() > 1 && result.back() == '/')
-        result.pop_back();
+    std::string result = path.starts_with('/') ? "/" : "";
+    for (std::size_t begin = 0, end = 0; end < path.size(); begin = end + 1) {
+        end = std::min(path.find('/', begin), path.size());
+        if (const std::string name = path.substr(begin, end - begin); !name.empty() && name != ".")
+            result += (result.empty() || result == "/" ? "" : "/") + name;
+    }
     return result;
 }
 

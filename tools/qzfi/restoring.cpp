@@ -1,7 +1,9 @@
 #include "tools/qzfi/restoring.h"
 
+#include <filesystem>
 #include <iostream>
 #include <optional>
+#include <sys/stat.h>
 
 #include "tools/qzfi/done.h"
 #include "tools/qzfi/json.h"
@@ -37,6 +39,68 @@ std::string question(const Kind &kind, const std::string &what, const ImageName 
            host_text(images->image) + "? What was changed there since is lost.";
 }
 
+// What lies at a path, to tell later whether that was replaced.
+struct Occupant {
+    std::string path;
+    std::optional<std::pair<dev_t, ino_t>> what;
+};
+
+Occupant occupant_of(const std::string &path) {
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0)
+        return {path, std::nullopt};
+    return {path, std::make_pair(status.st_dev, status.st_ino)};
+}
+
+bool was_replaced(const Occupant &before) {
+    return occupant_of(before.path).what != before.what;
+}
+
+// Whoever stands in what is replaced sees the old tree, which is removed; so do the programs that work there.
+std::optional<Occupant> working_folder() {
+    std::error_code error;
+    const std::string path = std::filesystem::current_path(error).string();
+    if (error)
+        return std::nullopt;
+    return occupant_of(path);
+}
+
+std::vector<Occupant> originals_of(const qfi_domain *tree) {
+    std::vector<Occupant> originals;
+    for (const qfi_domain *const object : object_nodes(tree))
+        originals.push_back(occupant_of(node_text(object, "path")));
+    return originals;
+}
+
+// Of several objects each is replaced at once, but one after the other.
+Failure with_what_was_done(const Failure &failure, const std::vector<Occupant> &originals) {
+    std::vector<std::string> done, left;
+    for (const Occupant &original : originals)
+        (was_replaced(original) ? done : left).push_back(original.path);
+    std::vector<std::string> causes = failure.causes();
+    if (!done.empty())
+        causes.push_back("replaced before that: " + joined(done) + (left.empty() ? "" : "; not: " + joined(left)));
+    return Failure(failure.what(), failure.code(), std::move(causes));
+}
+
+// A part goes into the folder that it was in; when that is gone too, more has to come back.
+[[noreturn]] void fail_without_folder(const std::string &action, int32_t status, const std::optional<Place> &part,
+                                      const std::string &to) {
+    std::vector<std::string> causes = take_errors();
+    std::error_code error;
+    const std::filesystem::path object = part ? node_text(part->object, "path") : "";
+    if (part && to.empty() && std::filesystem::is_directory(object, error)) {
+        std::filesystem::path gone;
+        for (const auto &name : std::filesystem::path(part->below).parent_path())
+            if (std::filesystem::exists(object / gone, error))
+                gone /= name;
+        if (!std::filesystem::exists(object / gone, error))
+            causes.push_back("the folder it lies in is gone too: take back all of that by --only " + gone.string() +
+                             ", or this alone by `qzfi restore --to`, or `qzfi cat`");
+    }
+    throw Failure(action + ": " + status_text(status), exit_failed, std::move(causes));
+}
+
 int run(const Settings &settings, const RestoreOptions &options, const Kind &kind) {
     const Session session(settings);
     const ImageName name{whole_id(options.image), options.image.store};
@@ -59,11 +123,20 @@ int run(const Settings &settings, const RestoreOptions &options, const Kind &kin
     how.only = or_null(only);
     how.digest = options.digest;
     how.dry_run = options.dry_run;
+    const std::optional<Occupant> folder = working_folder();
+    const std::vector<Occupant> originals = originals_of(tree.get());
     Report report;
     {
         const Interruptible interruptible;
         const ShownProgress progress(settings.quiet, kind.name);
-        check(kind.operation(tree.get(), &how, Out(report)), action);
+        const int32_t status = kind.operation(tree.get(), &how, Out(report));
+        if (status == QFI_FI_NO_SUCH_OBJECT)
+            fail_without_folder(action, status, part, to);
+        try {
+            check(status, action);
+        } catch (const Failure &failure) {
+            throw with_what_was_done(failure, originals);
+        }
     }
     if (options.json) {
         print(Json{{"id", name.id},
@@ -80,6 +153,9 @@ int run(const Settings &settings, const RestoreOptions &options, const Kind &kin
     }
     if (!options.json && !options.dry_run && !settings.quiet)
         print_remarks(*report);
+    if (!options.json && !settings.quiet && folder && was_replaced(*folder))
+        std::cerr << "you are in a folder that was replaced: cd " << printable(folder->path)
+                  << " goes to the new one\n";
     if (!options.dry_run)
         tell_unheard((to.empty() ? what : to) + (to.empty() ? " was made equal to" : " was made from") + " image " +
                      name.id);
@@ -105,7 +181,7 @@ void add_restoring(Arguments &command, RestoreOptions &options) {
     command.add_flag("--dry-run", options.dry_run, "Only list what would be changed");
     command.add_flag("--digest", options.digest, "Compare data too where sizes and times agree");
     add_workers(command, options.workers);
-    add_yes(command, options.yes);
+    command.add_flag("-y,--yes", options.yes, "Do not ask before replacing");
     add_json(command, options.json);
 }
 
