@@ -120,7 +120,8 @@ class Run(ToolTest):
             self.assertTrue((self.folder / f"after{number}").exists(), "only what writes is ended")
 
     def test_an_empty_command_is_refused(self):
-        self.assertEqual(self.fail_with(2, "run", ""), "qzfi: run: the command is empty\n")
+        for command in ("", " ", "\t\n"):
+            self.assertEqual(self.fail_with(2, "run", command), "qzfi: run: the command is empty\n")
 
     def test_closed_output_is_a_failure(self):
         with open("/dev/full", "w") as full:

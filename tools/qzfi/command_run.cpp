@@ -312,7 +312,7 @@ private:
 };
 
 int run(const Settings &settings, const Options &options) {
-    if (options.words.front().empty()) // as a variable that is not set
+    if (options.words.front().find_first_not_of(" \t\n") == std::string::npos) // as a variable that is not set
         throw Failure("run: the command is empty", exit_usage);
     const Session session(settings);
     const Context context;
