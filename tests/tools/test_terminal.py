@@ -41,6 +41,18 @@ class Tables(ToolTest):
                 # A path without a blank is not broken; it has a line of its own.
                 self.assertEqual([line for line in broken if len(line.split()) > 1 and not line.startswith("Store:")], [])
 
+    def test_what_doctor_says_goes_on_in_further_lines(self):
+        environment = support.environment(QFI_DIR=str(self.folder) + "/")  # no plugins there
+        whole = support.qzfi("doctor", env=environment).out
+        self.assertGreater(columns_of(whole), 80)
+        for columns in (80, 40):
+            with self.subTest(columns):
+                out = support.on_terminal("doctor", columns=columns, env=environment).out
+                out = re.sub(r"\x1b\[[0-9;?]*[A-Za-z]", "", out)
+                self.assertEqual(out.split(), whole.split())
+                broken = [line for line in out.splitlines() if len(line) > columns and len(line.split()) > 1]
+                self.assertEqual(broken, [])
+
     def test_80_columns_shorten_what_may_be(self):
         deep = support.memory_filesystem("size=1m") / ("x" * 60)
         deep.mkdir()

@@ -1,5 +1,6 @@
 // qzfi doctor: looks at the installation and says what is wrong with it, and what to do.
 #include <iostream>
+#include <unistd.h>
 
 #include "tools/qzfi/commands.h"
 #include "tools/qzfi/doctor.h"
@@ -23,14 +24,19 @@ void print_text(const Findings &findings) {
     std::size_t width = 0;
     for (const Finding &finding : findings)
         width = std::max(width, finding.check.size());
+    const bool is_terminal = isatty(STDOUT_FILENO) == 1;
+    const std::size_t room = is_terminal ? terminal_width(STDOUT_FILENO) : std::string::npos;
+    // Where little is left beside the names, a text goes on below them.
+    const std::size_t indent = 7 + 2 + width + 2, beside = indent + 30 <= room ? indent : 4;
     for (const Finding &finding : findings) {
         const std::string name = name_of(finding.health);
         const std::string padded = name + std::string(7 - name.size(), ' ');
-        std::cout << (finding.health == Health::ok ? padded : red(padded)) << "  " << finding.check
-                  << std::string(width - finding.check.size(), ' ') << "  " << printable(finding.object) << ": "
-                  << printable(finding.text) << '\n';
+        const std::string line = padded + "  " + finding.check + std::string(width - finding.check.size(), ' ') + "  " +
+                                 printable(finding.object) + ": " + printable(finding.text);
+        const std::string text = wrapped(line, room, beside);
+        std::cout << (finding.health == Health::ok ? padded : red(padded)) << text.substr(padded.size()) << '\n';
         if (!finding.hint.empty())
-            std::cout << std::string(7 + 2 + width + 2, ' ') << "-> " << printable(finding.hint) << '\n';
+            std::cout << wrapped(std::string(beside, ' ') + "-> " + printable(finding.hint), room, beside + 3) << '\n';
     }
 }
 
