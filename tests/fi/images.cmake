@@ -28,6 +28,7 @@ qzfi_add_images_test(freeze_full_test freeze_full_test.cpp)
 qzfi_add_images_test(freeze_together_test freeze_together_test.cpp)
 qzfi_add_images_test(fidelity_test fidelity_test.cpp)
 qzfi_add_images_test(set_kill_test set_kill_test.cpp traced_process.cpp)
+qzfi_add_images_test(set_together_test set_together_test.cpp)
 
 # Resynchronisations.
 qzfi_add_images_test(resync_full_test resync_full_test.cpp)
