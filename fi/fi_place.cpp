@@ -195,9 +195,17 @@ Place open_place_below(const std::string &object, const std::string &path, const
     const std::string shown = place.path.substr(0, place.path.size() - place.name.size() - 1);
     if (!place.parent && errno == ELOOP)
         fail_link(shown, link_in(shown), operation);
+    if (!place.parent && (errno == ENOENT || errno == ENOTDIR))
+        fail(message::no_such_object, QFI_FI_NO_SUCH_OBJECT, operation,
+             {shown, error_text(errno) + "; restore this first, or to another place"});
     if (!place.parent)
         fail_call(operation, "open", shown, errno, true);
     return place;
+}
+
+void require_changeable(const Place &place, const char *operation) {
+    if (faccessat(place.parent.get(), ".", W_OK | X_OK, AT_EACCESS) != 0)
+        fail_call(operation, "access", place.path, errno, false);
 }
 
 namespace {

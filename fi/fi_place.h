@@ -44,6 +44,9 @@ void refuse_in_stores(const Place &place, const std::vector<std::string> &stores
 /// Whether a directory is, or would be once it is made, an open one or lies in it, whatever its path says.
 bool would_lie_in(const std::string &path, int folder);
 
+/// Throws when entries of the directory around the place cannot be made or exchanged, such as on a read-only mount.
+void require_changeable(const Place &place, const char *operation);
+
 /// Whether an open directory is the root of a Btrfs subvolume.
 bool is_subvolume(int directory);
 

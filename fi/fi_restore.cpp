@@ -233,17 +233,21 @@ void refuse_same_names(const Plan &plan) {
 }
 
 // Everything is looked at before anything is changed.
-void refuse_in_place(const Plan &plan) {
+void refuse_in_place(const Plan &plan, bool is_dry) {
     for (const ObjectRef &one : plan.objects) {
         const std::string &to = one.object().restore_to;
         if (!to.empty()) {
             const Place place = open_place(to, plan.operation);
             refuse_in_store(place, plan);
             refuse_existing(place, plan.operation);
+            if (!is_dry)
+                require_changeable(place, plan.operation);
             continue;
         }
         const Place place = open_place_below(one.object().path, plan.only, plan.operation);
         refuse_in_store(place, plan); // where an id document says it was, which is anybody's
+        if (!is_dry)
+            require_changeable(place, plan.operation);
         refuse_irreplaceable(place, plan.stores, plan.operation, plan.how.progress);
         refuse_unread(plan, one);
         refuse_damaged(plan, one);
@@ -407,7 +411,7 @@ void restore(TreeLock &tree, const qfi_restore_options &options, Findings &repor
     Plan plan = plan_of(tree, options, report, operation);
     plan.is_restore = true;
     if (plan.to.empty())
-        refuse_in_place(plan);
+        refuse_in_place(plan, options.dry_run != 0);
     else if (plan.objects.size() > 1)
         refuse_same_names(plan);
     if (options.dry_run != 0) {

@@ -205,5 +205,34 @@ TEST_P(Places, without_room_for_a_comparison_are_named) {
     EXPECT_EQ(differences(object, to), "");
 }
 
+TEST_P(Places, that_cannot_be_changed_stop_a_restore_of_several_objects_before_the_first) {
+    const fs::path other = top / "other";
+    fs::create_directory(other);
+    ASSERT_EQ(mount("none", other.c_str(), "tmpfs", 0, nullptr), 0);
+    make_zoo(other / "second");
+    const Tree tree = freeze({object, other / "second"}, store, "copy");
+    write_file(object / "plain", "as it is");
+    ASSERT_EQ(mount(nullptr, other.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    EXPECT_EQ(call(qfi_op_restore, tree, nullptr), QFI_FI_NO_RIGHT) << last_error();
+    EXPECT_NE(last_error().find((other / "second").string()), std::string::npos) << last_error();
+    EXPECT_EQ(content_of(object / "plain"), "as it is");
+    EXPECT_EQ(call(qfi_op_restore, tree, nullptr, true), 0) << last_error();
+    ASSERT_EQ(umount(other.c_str()), 0);
+}
+
+TEST_P(Places, whose_folder_is_gone_are_told_with_what_to_do) {
+    const Tree tree = freeze({object}, store);
+    fs::remove_all(object / "sub");
+    for (const Operation operation : operations) {
+        EXPECT_EQ(call(operation, tree, "sub/two names"), QFI_FI_NO_SUCH_OBJECT);
+        EXPECT_NE(last_error().find((object / "sub").string() +
+                                    ": No such file or directory (2); restore this first, or to another place"),
+                  std::string::npos)
+            << last_error();
+    }
+    ASSERT_EQ(call(qfi_op_restore, tree, "sub"), 0) << last_error();
+    EXPECT_TRUE(fs::exists(object / "sub" / "two names"));
+}
+
 } // namespace
 } // namespace images

@@ -39,8 +39,7 @@ std::string counted(uint64_t count, const char *kind, const char *what) {
 }
 
 void print_text(const qfi_report &report, const std::vector<Store> &stores) {
-    std::cout << (report.changed == 0 ? "no debris was removed\n"
-                                      : counted(report.changed, " half-made ", "removed"));
+    std::cout << (report.changed == 0 ? "no debris was removed\n" : counted(report.changed, " half-made ", "removed"));
     if (report.entries != 0)
         std::cout << counted(report.entries, " ", "not in the catalog, and taken in again");
     for (uint64_t index = 0; index < report.shown; ++index) {
