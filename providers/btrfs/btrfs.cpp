@@ -122,6 +122,17 @@ private:
     }
 };
 
+/// A snapshot in place of the empty directory that stands there; the directory around it keeps its times. Not 0: the
+/// errno.
+int fill_in(int frozen, int directory, const char *name) {
+    struct stat before {};
+    if (fstat(directory, &before) != 0 || unlinkat(directory, name, AT_REMOVEDIR) != 0)
+        return errno;
+    const int error = btrfs::snapshot(frozen, directory, name, false);
+    const timespec times[] = {before.st_atim, before.st_mtim};
+    return error == 0 && futimens(directory, times) != 0 ? errno : error;
+}
+
 /// Making a snapshot of one object: of its subvolume, and of those nested in the object.
 class Freezing {
 public:
@@ -210,13 +221,18 @@ private:
         }
         const auto [parent, name] = btrfs::split_path(nested.path);
         const Descriptor directory = provider::open_directory(image_.get(), parent);
+        struct stat before {}; // the directory around it keeps its times
         // In a snapshot an empty directory stands where a nested subvolume is.
-        if (!directory || unlinkat(directory.get(), name.c_str(), AT_REMOVEDIR) != 0) {
+        if (!directory || fstat(directory.get(), &before) != 0 ||
+            unlinkat(directory.get(), name.c_str(), AT_REMOVEDIR) != 0) {
             remark(job_, QFI_REMARK_SKIPPED, path, "nested subvolume came or moved after the instant", errno);
             return QFI_STATUS_OK;
         }
         if (const int error = btrfs::snapshot(live.get(), directory.get(), name.c_str(), false); error != 0)
             return fail_write(job_, "BTRFS_IOC_SNAP_CREATE_V2", path, error);
+        const timespec times[] = {before.st_atim, before.st_mtim};
+        if (futimens(directory.get(), times) != 0)
+            return fail_write(job_, "futimens", path, errno);
         included.push_back(nested.path);
         ++nested_included_;
         const Descriptor made = provider::open_directory(directory.get(), name);
@@ -380,9 +396,9 @@ int snapshot_out(const qfi_provider_job &job, std::string &failed) {
         const auto [parent, name] = btrfs::split_path(one.path);
         const Descriptor frozen = provider::open_directory(job.source, one.path);
         const Descriptor directory = provider::open_directory(made.get(), parent);
-        if (!frozen || !directory || unlinkat(directory.get(), name.c_str(), AT_REMOVEDIR) != 0)
+        if (!frozen || !directory)
             return errno;
-        error = btrfs::snapshot(frozen.get(), directory.get(), name.c_str(), false);
+        error = fill_in(frozen.get(), directory.get(), name.c_str());
         if (error != 0)
             return error;
     }

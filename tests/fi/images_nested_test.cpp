@@ -1,6 +1,7 @@
 // Images of objects with nested subvolumes, with them and without.
 #include "images_support.h"
 
+#include <chrono>
 #include <qzfi_provider.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -129,6 +130,7 @@ TEST_P(Nested, a_restore_makes_them_again) {
     for (const Way &way : ways) {
         SCOPED_TRACE(std::string(way.method) + (way.digest ? " with digests" : ""));
         fs::remove_all(top / "kept");
+        fs::last_write_time(object, fs::file_time_type::clock::now() - std::chrono::hours(1)); // none of today's
         keep(object, top / "kept");
         const Tree tree = freeze_nested(object, store, way.method, way.digest);
         ASSERT_EQ(restore(tree, (top / "new").c_str()), 0) << last_error();
