@@ -63,10 +63,11 @@ void prepare_filesystem(const Tree &tree, TreeFilesystem &filesystem, const char
     filesystem.consistency = chosen.consistency;
     filesystem.foretold_entries = chosen.entries;
     filesystem.foretold_bytes = chosen.bytes;
-    // The default store is on the object's own file system, which is mounted.
-    const bool is_default = filesystem.store_path == default_store(filesystem, provider);
-    filesystem.store = is_default ? Store::open(filesystem.store_path, true, operation)
-                                  : open_to_fill(filesystem.store_path, operation);
+    // A method's own store is on the object's file system, which is mounted.
+    const bool is_own =
+        filesystem.store_path == default_store(filesystem, provider) && filesystem.store_path != default_store_path();
+    filesystem.store =
+        is_own ? Store::open(filesystem.store_path, true, operation) : open_to_fill(filesystem.store_path, operation);
     require_room(chosen, filesystem.store->images(), operation);
     remember_store(filesystem.store->path());
     filesystem.record = ImageRecord();

@@ -66,6 +66,11 @@ std::string read_export_document(int folder, const std::string &folder_path, con
 
 namespace {
 
+bool has_folder(const Store &store, const std::string &id) {
+    struct stat status {};
+    return fstatat(store.images(), id.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 || errno != ENOENT;
+}
+
 class Import {
 public:
     Import(const char *directory, const qfi_import_options &options, const char *operation)
@@ -265,10 +270,10 @@ private:
     // A record whose files are gone, as a deport that was cut short leaves it, makes way.
     void refuse_present(Store &store, const std::string &id) const {
         const std::optional<ImageRecord> present = store.find(id, operation_);
-        if (present && present->state == 3)
+        if (present && !has_folder(store, id))
             store.remove(id, operation_, [](int, const char *) {});
         for (const FoundImage &image : all_images(nullptr, operation_))
-            if (image.record.id == id && image.record.state != 3)
+            if (image.record.id == id && (image.record.state != 3 || has_folder(*image.store, id)))
                 fail(message::already_exists, QFI_FI_EXISTS, operation_, {image.store->image_path(id)});
     }
 

@@ -228,9 +228,24 @@ std::string Store::image_path(const std::string &id) const {
 
 namespace {
 
+// Its folder, and in that each object's tree, as far as anybody may look.
+bool has_its_trees(const Store::State &store, const ImageRecord &record) {
+    const Descriptor folder(openat(store.images.get(), record.id.c_str(), directory_flags | O_PATH));
+    if (!folder)
+        return errno != ENOENT;
+    for (std::size_t index = 0; index < record.objects.size(); ++index) {
+        const std::string &subpath = record.objects[index].subpath;
+        const std::string path =
+            std::string(objects_name) + "/" + NewImage::object_name(index) + (subpath.empty() ? "" : "/" + subpath);
+        if (!exists(folder.get(), path.c_str()) && (errno == ENOENT || errno == ENOTDIR))
+            return false;
+    }
+    return true;
+}
+
 // False when the image was removed while it was looked at.
 bool judge(const Store::State &store, ImageRecord &record, const char *operation) {
-    if (exists(store.images.get(), record.id.c_str()) || errno != ENOENT)
+    if (has_its_trees(store, record))
         return true;
     record.state = 3;
     return store.catalog->find(record.id, operation).has_value();

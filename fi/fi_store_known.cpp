@@ -34,7 +34,9 @@ bool contains(const std::vector<std::string> &paths, const std::string &path) {
 // file system through it only.
 class StoredRegister {
 public:
-    StoredRegister(bool create, const char *operation) : store_(Store::open(default_store_path(), create, operation)) {}
+    StoredRegister(bool create, const char *operation)
+        : store_(create ? open_to_fill(default_store_path(), operation)
+                        : Store::open(default_store_path(), false, operation)) {}
     Catalog &catalog() const { return *store_->state().catalog; }
     bool is_writable() const { return store_->state().is_writable; }
     void require_writable(const char *operation) const { store_->require_writable(operation); }
@@ -145,14 +147,31 @@ bool is_without_catalog(const std::string &path, const char *operation) {
     return !store || !holds_images(store.get(), path, operation);
 }
 
+bool is_folder(const std::string &path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+bool is_mount_point(const std::string &path) {
+    struct stat status {};
+    struct stat above {};
+    return lstat(path.c_str(), &status) == 0 && lstat((path + "/..").c_str(), &above) == 0 &&
+           status.st_dev != above.st_dev;
+}
+
 } // namespace
 
 // A second store in an empty mount point would fill the wrong disk, and be hidden by the next mount.
 std::shared_ptr<Store> open_to_fill(const std::string &given, const char *operation) {
     const std::string path = normal_store_path(given);
-    if (path != default_store_path() && contains(known_stores(), path) && is_without_catalog(path, operation))
+    const bool is_default = path == default_store_path();
+    // The default one is made with the first image, on a disk of its own too; not in the place of a disk that is away.
+    if (is_default && (!is_folder(path) || is_mount_point(path)))
+        return Store::open(path, true, operation);
+    if ((is_default || contains(known_stores(), path)) && is_without_catalog(path, operation))
         fail(message::store_unusable, QFI_FI_STORE, operation,
-             {path, "it is known, and its catalog is not there: mount its file system, or forget it"});
+             {path, is_default ? "it is a folder without a catalog: mount its file system, or remove the empty folder"
+                               : "it is known, and its catalog is not there: mount its file system, or forget it"});
     return Store::open(path, true, operation);
 }
 

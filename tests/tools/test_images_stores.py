@@ -341,6 +341,68 @@ class PartOfASet(ToolTest):
         self.assertEqual(self.succeed("rm", there, "--yes"), f"removed {there}\n")
 
 
+class WithoutTree(ToolTest):
+    """The newest image has lost its tree, as somebody removed that for its space."""
+
+    def check(self, identity, newest, store):
+        states = {image["id"]: image["state"] for image in self.json("list", "--store", store)["images"]}
+        self.assertEqual(states, {identity: "complete", newest: "damaged"})
+        result = support.qzfi("repair", "--store", store, "--json")
+        self.assertEqual((result.code, json.loads(result.out)["damaged"][0]["id"]), (3, newest), str(result))
+        pruned = self.json("prune", "--keep-last", "1", "--store", store, "--yes")["images"]
+        self.assertEqual([(one["id"], one["action"], one["removed"]) for one in pruned],
+                         [(identity, "keep", False), (newest, "leave", False)])
+        self.assertEqual(self.succeed("rm", newest, "--store", store, "--yes"), f"removed {newest}\n")
+        self.assertEqual(os.listdir(store / "images"), [identity])
+
+    def test_of_a_copy(self):
+        identity, newest = self.freeze(), self.freeze()
+        shutil.rmtree(self.store / "images" / newest / "objects" / "0")
+        self.check(identity, newest, self.store)
+
+    def test_without_the_folder_of_the_trees(self):
+        identity, newest = self.freeze(), self.freeze()
+        shutil.rmtree(self.store / "images" / newest / "objects")
+        self.check(identity, newest, self.store)
+
+    def test_of_a_snapshot(self):
+        disk = support.loop_filesystem("btrfs")
+        (disk / "data").mkdir()
+        identity, newest = (self.freeze(disk / "data", "--method", "btrfs") for _ in range(2))
+        store = disk / ".qzfi"
+        tree = store / "images" / newest / "objects" / "0"
+        self.assertEqual(support.run(["btrfs", "subvolume", "delete", tree]).code, 0)
+        self.check(identity, newest, store)
+
+
+class DefaultStore(ToolTest):
+    """The default store has a disk of its own."""
+
+    def test_none_is_made_where_its_disk_is_not_mounted(self):
+        root = support.install(self.folder / "root")
+        disk = support.loop_filesystem("ext4", 40)
+        store = root / "arcvault" / "images"
+        store.mkdir(parents=True)
+
+        def qzfi(*arguments):
+            return support.run([root / "bin" / "qzfi", "--root", root, *arguments])
+        self.assertEqual(support.run(["mount", "--bind", disk, store]).code, 0)
+        made = qzfi("freeze", self.data, "--method", "copy")
+        self.assertEqual(made.code, 0, str(made))
+        self.assertEqual(support.run(["umount", store]).code, 0)
+        for named in ((), ("--store", store)):
+            result = qzfi("freeze", self.data, "--method", "copy", *named)
+            self.assertEqual((result.code, result.out), (1, ""), str(result))
+            self.assertIn("it is a folder without a catalog: mount its file system, or remove the empty folder",
+                          result.err)
+            self.assertEqual(os.listdir(store), [])
+        self.assertEqual(support.run(["mount", "--bind", disk, store]).code, 0)
+        self.assertIn(made.out.strip(), qzfi("list").out)
+        self.assertEqual(support.run(["umount", store]).code, 0)
+        store.rmdir()
+        self.assertEqual(qzfi("freeze", self.data, "--method", "copy").code, 0)
+
+
 class OtherLibrary(ToolTest):
     def test_a_library_that_tells_nothing_of_a_store_is_told(self):
         """All entries are those of the library that is installed, but for one."""
