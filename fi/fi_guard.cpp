@@ -180,7 +180,7 @@ CommandResult run_locked(const std::string &command, const std::string &lock) {
     const std::string script = "/bin/bash -c " + quoted(runner) + " qzfi " + quoted(command) + " " + quoted(lock);
     std::string answer;
     if (!exchange(script, answer))
-        return {false, -1, "the context process did not run it"};
+        return {false, -1, "the context process ended first, as by a signal, or could not begin it"};
     return parse(answer, "qzfi", "the context process did not run it to its end");
 }
 

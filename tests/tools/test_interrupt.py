@@ -42,6 +42,7 @@ class Interrupt(ToolTest):
         self.assertEqual(result.code, 130, str(result))
         self.assertTrue(self.post.exists(), "it has run when the command ends")
         self.assertIn(f"qzfi: freeze {self.data}: Cancelled (1035)\n", result.out)
+        self.assertRegex(result.out, "with no exit code: the context process ended first, as by a signal, or could")
         self.assert_nothing_was_made()
 
     def test_ctrl_c_while_files_are_copied(self):
