@@ -2,37 +2,81 @@
 #include "fi/fi_left_out.h"
 
 #include <algorithm>
+#include <climits>
 #include <fcntl.h>
 #include <set>
 #include <string_view>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "fi/fi_engine_host.h"
+#include "fi/fi_mounts.h"
 #include "fi/fi_store_folders.h"
 
 namespace qzfi::fi {
 
+namespace {
+
+std::string path_in_filesystem(const Mount &mount, const std::string &path) {
+    if (!lies_at_or_below(path, mount.mount_point)) // a link is in the way, say
+        return {};
+    const std::string below = mount.mount_point == "/" ? path : path.substr(mount.mount_point.size());
+    const std::string whole = (mount.root == "/" ? "" : mount.root) + (below == "/" ? "" : below);
+    return whole.empty() ? "/" : whole;
+}
+
+// A folder that lies below the object by another path, through links or another mount of the file system: the same one
+// by the object's path, for a provider finds the way from one to the other by their parents.
+Descriptor found_below(const std::string &object, int folder, const std::vector<Mount> &table) {
+    char target[PATH_MAX];
+    const ssize_t size = readlink(("/proc/self/fd/" + std::to_string(folder)).c_str(), target, sizeof target);
+    const std::string path(target, size > 0 ? static_cast<std::size_t>(size) : 0);
+    if (path.empty() || path[0] != '/')
+        return {};
+    const std::string place = path_in_filesystem(mount_at(table, path), path);
+    const std::string above = path_in_filesystem(mount_at(table, object), object);
+    if (place.empty() || above.empty() || !lies_below(place, above))
+        return {};
+    const std::string below = (object == "/" ? "" : object) + place.substr(above == "/" ? 0 : above.size());
+    Descriptor found(open(below.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat known {
+    }, present{};
+    const bool is_same = found && fstat(folder, &known) == 0 && fstat(found.get(), &present) == 0 &&
+                         known.st_dev == present.st_dev && known.st_ino == present.st_ino;
+    return is_same ? std::move(found) : Descriptor();
+}
+
+} // namespace
+
 LeftOut::LeftOut(const TreeFilesystem &filesystem, const std::string &object, const std::vector<std::string> &found) {
     const std::string &mount_point = filesystem.mount.mount_point;
     std::set<std::string> paths(found.begin(), found.end());
+    const std::string in_default_place = (mount_point == "/" ? "" : mount_point) + "/" + store_folder_name;
+    if (lies_at_or_below(in_default_place, object))
+        paths.insert(in_default_place);
     for (const std::string &path : known_stores())
         paths.insert(path);
-    paths.insert((mount_point == "/" ? "" : mount_point) + "/" + store_folder_name);
-    std::erase_if(paths, [&](const std::string &path) { return !lies_at_or_below(path, object); });
     if (filesystem.store) // none before a tree is prepared
         paths.insert(filesystem.store->path());
-    for (const std::string &path : paths)
-        add(path);
+    const std::vector<Mount> table = mounts("LeftOut");
+    for (const std::string &path : paths) {
+        if (add(path) && !lies_at_or_below(path, object))
+            if (Descriptor below = found_below(object, open_.back().get(), table)) {
+                excluded_.back().directory = below.get();
+                open_.back() = std::move(below);
+            }
+    }
 }
 
 // One that is gone has nothing to be left out.
-void LeftOut::add(const std::string &path) {
+bool LeftOut::add(const std::string &path) {
     Descriptor directory(open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
     if (!directory || fstat(directory.get(), &status) != 0)
-        return;
+        return false;
     excluded_.push_back({status.st_dev, status.st_ino, directory.get()});
     open_.push_back(std::move(directory));
+    return true;
 }
 
 // By its entries: what the catalog holds may be in its log still, and closing a catalog that this process has open

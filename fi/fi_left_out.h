@@ -10,8 +10,8 @@
 
 namespace qzfi::fi {
 
-/// The stores that a job leaves out: the one in use, wherever it lies, the known ones at or below the object, and one
-/// in the place that a provider's default store would have; and those that were found.
+/// The stores that a job leaves out: the one in use and the known ones, by whatever path they are known, and one in the
+/// place that a provider's default store would have; and those that were found.
 class LeftOut {
 public:
     LeftOut(const TreeFilesystem &filesystem, const std::string &object, const std::vector<std::string> &found = {});
@@ -27,7 +27,7 @@ public:
     }
 
 private:
-    void add(const std::string &path);
+    bool add(const std::string &path);
     std::vector<Descriptor> open_;
     std::vector<qfi_excluded> excluded_;
 };

@@ -90,6 +90,28 @@ TEST_P(Places, on_a_mount_that_another_one_hides_are_not_found_there) {
     ASSERT_EQ(umount(below.c_str()), 0);
 }
 
+TEST_P(Places, of_stores_are_left_out_whatever_paths_they_are_known_by) {
+    const fs::path other = top / "other", bound = top / "bound", linked = top / "linked";
+    for (const fs::path &folder : {other, bound})
+        fs::create_directory(folder);
+    fs::create_directory_symlink(object, linked);
+    ASSERT_EQ(mount((object / "empty").c_str(), bound.c_str(), nullptr, MS_BIND, nullptr), 0);
+    freeze({other}, bound / "store");
+    freeze({other}, linked / "sub" / "store");
+    for (const char *const method : {static_cast<const char *>(nullptr), "copy"}) {
+        const Tree tree = freeze({object}, store, method);
+        const fs::path image = tree.image_path();
+        EXPECT_TRUE(fs::exists(image / "empty"));
+        EXPECT_FALSE(fs::exists(image / "empty" / "store"));
+        EXPECT_TRUE(fs::exists(image / "sub" / "two names"));
+        EXPECT_FALSE(fs::exists(image / "sub" / "store"));
+        EXPECT_EQ(call(qfi_op_resync, tree, nullptr), 0) << last_error();
+        EXPECT_TRUE(fs::exists(object / "empty" / "store" / "catalog.db"));
+        EXPECT_TRUE(fs::exists(object / "sub" / "store" / "catalog.db"));
+    }
+    ASSERT_EQ(umount(bound.c_str()), 0);
+}
+
 struct Canceller : qfi_progress_handler {
     Canceller() : qfi_progress_handler{} {
         size = sizeof(qfi_progress_handler);
