@@ -252,14 +252,19 @@ void drop_inherited_flags(int directory) noexcept {
     ioctl(directory, FS_IOC_SETFLAGS, &present);
 }
 
-bool clear_forbidding_flags(int descriptor) noexcept {
+bool clear_forbidding_flags(int descriptor, uint32_t *taken) noexcept {
     unsigned flags = 0;
     if (ioctl(descriptor, FS_IOC_GETFLAGS, &flags) != 0)
         return false;
-    if ((flags & forbidding_flags) == 0)
+    const uint32_t present = flags & forbidding_flags;
+    if (present == 0)
         return true;
     flags &= ~forbidding_flags;
-    return ioctl(descriptor, FS_IOC_SETFLAGS, &flags) == 0;
+    if (ioctl(descriptor, FS_IOC_SETFLAGS, &flags) != 0)
+        return false;
+    if (taken != nullptr)
+        *taken = present;
+    return true;
 }
 
 int has_extended(Worker &worker, const Place &place) {

@@ -36,8 +36,8 @@ uint32_t flags_of(int descriptor) noexcept;
 void keep_early_flags(int target, uint32_t flags, bool may_inherit);
 /// Takes from a new directory what it inherited, so that it passes none of it on.
 void drop_inherited_flags(int directory) noexcept;
-/// Takes away what forbids changes. False when that is not possible.
-bool clear_forbidding_flags(int descriptor) noexcept;
+/// Takes away what forbids changes, and says what it was. False when that is not possible.
+bool clear_forbidding_flags(int descriptor, uint32_t *taken = nullptr) noexcept;
 
 /// Makes a worker's buffers for extended attributes, which are otherwise made at the first use; throws std::bad_alloc.
 void make_room(Worker &worker);

@@ -213,6 +213,7 @@ void Copier::leave(Worker &worker, Directory &directory) {
     const bool with_extended = !directory.is_gone && (directory.has_attributes || updates_);
     const uint32_t flags = directory.has_attributes && !directory.is_gone ? flags_of(directory.source) : 0;
     const Subject subject{*this, worker, &directory, nullptr};
+    directory.forbidding = 0; // it gets the source's
     keep_attributes(subject, from, to, directory.stat, known, with_extended, flags);
     tell_entry(worker, &directory, nullptr, directory.stat, nullptr, nullptr);
 }

@@ -1,7 +1,10 @@
 #include <cstdio>
 #include <cstring>
+#include <linux/fs.h>
 #include <new>
 #include <string>
+#include <sys/ioctl.h>
+#include <utility>
 
 #include "providers/engine/engine_work.h"
 
@@ -58,6 +61,16 @@ int open_to_read(int directory, const char *name, int flags) noexcept {
     return descriptor >= 0 || errno != EAGAIN ? descriptor : open_leased(directory, name);
 }
 
+void put_back_flags(Directory &directory) noexcept {
+    const uint32_t taken = std::exchange(directory.forbidding, 0);
+    const int changed = directory.target != -1 ? directory.target : directory.source; // a removal has no target
+    unsigned flags = 0;
+    if (taken == 0 || changed < 0 || ioctl(changed, FS_IOC_GETFLAGS, &flags) != 0)
+        return;
+    flags |= taken;
+    ioctl(changed, FS_IOC_SETFLAGS, &flags);
+}
+
 bool means_gone(int error) noexcept {
     return error == ESTALE || error == ENOENT || error == ENOTDIR || error == ELOOP || error == EXDEV;
 }
@@ -83,6 +96,7 @@ void Directories::unreference(Directory *directory) noexcept {
             unlink_idle(*directory);
             open_ -= directory->is_counted;
         }
+        put_back_flags(*directory);
         Descriptor source(directory->source), target(directory->target);
         directory->~Directory();
         free(directory);

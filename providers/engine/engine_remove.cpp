@@ -109,7 +109,7 @@ bool Remover::open_directory(Worker &worker, int parent, Directory &above, const
         fail_target(worker, "openat2", &above, shown, EXDEV);
         return false;
     }
-    if ((child.stat.stx_attributes & forbidding) != 0 && !clear_forbidding_flags(child.source)) {
+    if ((child.stat.stx_attributes & forbidding) != 0 && !clear_forbidding_flags(child.source, &child.forbidding)) {
         fail_target(worker, "FS_IOC_SETFLAGS", &above, shown, errno);
         return false;
     }
@@ -160,6 +160,7 @@ void Remover::gone(Worker &worker, Directory &directory) {
 bool Remover::remove_directory(Worker &worker, int parent, const char *name, Directory &directory) {
     for (int listings = 1;; ++listings) {
         if (unlinkat(parent, name, AT_REMOVEDIR) == 0 || errno == ENOENT) {
+            directory.forbidding = 0;
             ++worker.entries;
             changed();
             return true;

@@ -241,7 +241,7 @@ bool Copier::open_existing(Worker &worker, int parent, Directory *above, const c
     if (is_excluded(options, present))
         return false;
     if ((present.stx_attributes & (STATX_ATTR_IMMUTABLE | STATX_ATTR_APPEND)) != 0)
-        clear_forbidding_flags(child.target);
+        clear_forbidding_flags(child.target, &child.forbidding);
     child.target_existed = true;
     is_there = true;
     return true;

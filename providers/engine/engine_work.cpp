@@ -404,8 +404,9 @@ void Run::give_half(Directory &directory, char *records, uint32_t position, uint
 void Run::done_in(Worker &worker, Directory *directory) {
     Directory *child = nullptr; // ended and still open, so that the way up is found
     while (directory != nullptr && directory->pending.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        const bool is_open = !is_stopped() && directories.acquire(*directory, child);
-        if (is_open) {
+        const bool is_left = !is_stopped();
+        const bool is_open = (is_left || directory->forbidding != 0) && directories.acquire(*directory, child);
+        if (is_open && is_left) {
             try {
                 is_readable(worker, *directory);
                 if (!is_stopped())
@@ -413,9 +414,11 @@ void Run::done_in(Worker &worker, Directory *directory) {
             } catch (const std::bad_alloc &) {
                 stop(QFI_STATUS_NO_MEMORY);
             }
-        } else if (!is_stopped()) {
+        } else if (is_left) {
             fail_target(worker, "openat2", directory, nullptr, errno);
         }
+        if (is_open)
+            put_back_flags(*directory);
         if (child != nullptr)
             directories.release(*child);
         Directory *const ended = std::exchange(child, is_open ? directory : nullptr);

@@ -26,6 +26,7 @@ struct Directory {
     Stat stat{};                      // of the side that is listed
     bool target_existed = false;
     bool has_attributes = true; // extended ones, or inode flags
+    uint32_t forbidding = 0;    // inode flags that were taken off what is changed, until it is left
 
     // Guarded by Directories::mutex_, except while in use.
     int source = -1;
@@ -80,6 +81,9 @@ private:
     std::size_t limit_, open_ = 0;
     Directory *oldest_ = nullptr, *newest_ = nullptr;
 };
+
+/// Puts the flags back that forbade changes to a directory which stays, as a run that ends before it does.
+void put_back_flags(Directory &directory) noexcept;
 
 /// What finding a directory by its name ends with when another thing, or none, has the name now.
 bool means_gone(int error) noexcept;
