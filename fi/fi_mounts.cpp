@@ -1,7 +1,9 @@
 #include "fi/fi_mounts.h"
 
+#include <algorithm>
 #include <charconv>
 #include <fcntl.h>
+#include <iterator>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -161,6 +163,17 @@ const Mount &mount_at(const std::vector<Mount> &mounts, const std::string &path)
 bool is_hidden(const Mount &mount) {
     struct statx status {};
     return look_at(mount.mount_point, status) && !is_on(status, mount);
+}
+
+bool may_share_filesystem(const std::vector<Mount> &mounts, const std::string &path, const std::string &place) {
+    constexpr std::string_view served[] = {"9p", "afs", "beegfs", "ceph", "cifs", "fuse", "lustre", "nfs", "smb"};
+    const Mount &own = mount_of(mounts, path);
+    const auto is_of = [&](std::string_view type) { return own.type.compare(0, type.size(), type) == 0; };
+    if (std::none_of(std::begin(served), std::end(served), is_of))
+        return true;
+    return std::any_of(mounts.begin(), mounts.end(), [&](const Mount &mount) {
+        return mount.device == own.device && lies_at_or_below(place, mount.mount_point);
+    });
 }
 
 } // namespace qzfi::fi

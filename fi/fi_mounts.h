@@ -28,5 +28,8 @@ const Mount &mount_of(const std::vector<Mount> &mounts, const std::string &path)
 const Mount &mount_at(const std::vector<Mount> &mounts, const std::string &path);
 /// Whether something else is found at the mount point.
 bool is_hidden(const Mount &mount);
+/// Whether a path may lie on a file system that a place is on, or below one of its mounts. False only for one of a
+/// server, which is not asked: it may be gone, and whoever asks waits for ever.
+bool may_share_filesystem(const std::vector<Mount> &mounts, const std::string &path, const std::string &place);
 
 } // namespace qzfi::fi

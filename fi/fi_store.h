@@ -181,6 +181,8 @@ std::string default_store_path();
 void remember_store(const std::string &path) noexcept;
 void forget_store(const std::string &path, const char *operation);
 std::vector<std::string> known_stores();
+/// The paths of all of them, without a look at one: of those that are known by several, each. For what concerns a few.
+std::vector<std::string> known_store_paths();
 /// Opens a store to put images into, made when it is not there; but a known one that has gone, as when its file system
 /// is not mounted, is refused (QFI_FI_STORE).
 std::shared_ptr<Store> open_to_fill(const std::string &path, const char *operation);

@@ -124,7 +124,7 @@ std::vector<std::string> each_once(const std::vector<std::string> &paths) {
 
 } // namespace
 
-std::vector<std::string> known_stores() {
+std::vector<std::string> known_store_paths() {
     std::vector<std::string> paths{default_store_path()};
     for (const std::string &path : stored_paths())
         paths.push_back(path);
@@ -133,7 +133,11 @@ std::vector<std::string> known_stores() {
         for (const std::string &path : known().stores[installation_root()])
             paths.push_back(path);
     }
-    return each_once(paths);
+    return paths;
+}
+
+std::vector<std::string> known_stores() {
+    return each_once(known_store_paths());
 }
 
 namespace {
@@ -168,7 +172,7 @@ std::shared_ptr<Store> open_to_fill(const std::string &given, const char *operat
     // The default one is made with the first image, on a disk of its own too; not in the place of a disk that is away.
     if (is_default && (!is_folder(path) || is_mount_point(path)))
         return Store::open(path, true, operation);
-    if ((is_default || contains(known_stores(), path)) && is_without_catalog(path, operation))
+    if ((is_default || contains(known_store_paths(), path)) && is_without_catalog(path, operation))
         fail(message::store_unusable, QFI_FI_STORE, operation,
              {path, is_default ? "it is a folder without a catalog: mount its file system, or remove the empty folder"
                                : "it is known, and its catalog is not there: mount its file system, or forget it"});
