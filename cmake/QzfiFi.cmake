@@ -61,6 +61,7 @@ qzfi_inner_library(qzfi_fi
   fi/fi_report.cpp
   fi/fi_restore.cpp
   fi/fi_restore_copy.cpp
+  fi/fi_sets.cpp
   fi/fi_store.cpp
   fi/fi_store_catalog.cpp
   fi/fi_store_copy.cpp

@@ -196,16 +196,51 @@ void free_trees(qfi_domain_tree_list_t *list) noexcept {
 }
 
 // The images by set, in the order of their sets' first ones. Stores are looked into once for all of them.
-std::vector<std::vector<StoredRecord>> all_sets(const char *operation) {
-    std::vector<std::vector<StoredRecord>> sets;
+std::vector<std::vector<FoundImage>> all_sets(const char *operation) {
+    std::vector<std::vector<FoundImage>> sets;
     std::map<std::string, std::size_t> places;
     for (FoundImage &image : all_images(nullptr, operation)) {
         const auto [place, is_new] = places.emplace(image.record.set_id, sets.size());
         if (is_new)
             sets.emplace_back();
-        sets[place->second].push_back({std::move(image.store), std::move(image.record)});
+        sets[place->second].push_back(std::move(image));
     }
     return sets;
+}
+
+// What is missing of a set, in words; empty when it is whole.
+std::string gap_in(const std::vector<FoundImage> &set, const char *operation) {
+    std::string gap;
+    try {
+        const Hush hush;
+        for (const std::string &id : missing_of_set(set, operation))
+            gap += (gap.empty() ? "these images of its set are in no known store: " : ", ") + id;
+    } catch (const Failure &failure) {
+        if (failure.status == QFI_STATUS_NO_MEMORY)
+            throw;
+        gap = "no id document of its set can be read";
+    }
+    return gap;
+}
+
+// One for each set, but for one that is not whole: its images stand for themselves.
+std::vector<std::shared_ptr<Tree>> all_trees(const char *operation) {
+    std::vector<std::shared_ptr<Tree>> trees;
+    for (std::vector<FoundImage> &set : all_sets(operation)) {
+        const std::string gap = gap_in(set, operation);
+        if (gap.empty()) {
+            trees.push_back(tree_of_records(std::move(set)));
+            continue;
+        }
+        for (FoundImage &image : set) {
+            const std::string object = image.record.objects.empty() ? "" : image.record.objects.front().path;
+            std::vector<FoundImage> alone;
+            alone.push_back(std::move(image));
+            trees.push_back(tree_of_records(std::move(alone)));
+            trees.back()->found_remarks.push_back({QFI_REMARK_WARNING, 0, object, "", gap});
+        }
+    }
+    return trees;
 }
 
 qfi_domain_tree_list_t *list_trees(const char *operation) {
@@ -214,8 +249,7 @@ qfi_domain_tree_list_t *list_trees(const char *operation) {
     };
     std::unique_ptr<qfi_domain_tree_list_t, Free> first;
     qfi_domain_tree_list_t *last = nullptr;
-    for (std::vector<StoredRecord> &set : all_sets(operation)) {
-        std::shared_ptr<Tree> tree = tree_of_records(std::move(set));
+    for (std::shared_ptr<Tree> &tree : all_trees(operation)) {
         build_image_nodes(*tree);
         std::unique_ptr<qfi_domain_tree_list_t, void (*)(void *)> node(
             static_cast<qfi_domain_tree_list_t *>(std::calloc(1, sizeof(qfi_domain_tree_list_t))), std::free);
@@ -285,7 +319,7 @@ int32_t qzfi_fiid_synthesize(void *reference, void *result) {
         const std::string id(image->image_id, strnlen(image->image_id, sizeof image->image_id));
         const std::string store(image->store, strnlen(image->store, sizeof image->store));
         Fiid document;
-        for (const FoundImage &found : find_images(id, store.empty() ? nullptr : store.c_str(), operation)) {
+        for (const FoundImage &found : find_whole(id, store.empty() ? nullptr : store.c_str(), operation)) {
             document.set_id = found.record.set_id;
             document.images.push_back({found.record, found.store->path()});
         }
@@ -391,14 +425,33 @@ int32_t qzfi_free_snapreplica_list(void *list) {
     return traced_entry("qzfi_free_snapreplica_list", [&] { free_chain(static_cast<qfi_image_list *>(list)); });
 }
 
+namespace {
+
+// With its files. A copy of a store may have the same image.
+bool is_there(const std::string &id, const char *operation) {
+    try {
+        const Hush hush;
+        std::map<std::string, bool> images;
+        for (const FoundImage &image : find_whole(id, nullptr, operation)) {
+            bool &has_files = images[image.record.id];
+            has_files = has_files || image.record.state == 1;
+        }
+        return std::all_of(images.begin(), images.end(), [](const auto &image) { return image.second; });
+    } catch (const Failure &failure) {
+        if (failure.status == QFI_FI_NO_SUCH_IMAGE || failure.status == QFI_FI_DAMAGED)
+            return false;
+        throw;
+    }
+}
+
+} // namespace
+
 int32_t qzfi_is_snap_imported(void *image_id, void *result) {
     constexpr const char *operation = "qzfi_is_snap_imported";
     return traced_entry(operation, [&] {
         auto *const imported = result_at<int32_t>(result, operation, "the result is null");
         require(image_id != nullptr && is_image_id(text_of(image_id)), operation, "this is no id of an image");
-        for (const FoundImage &image : all_images(nullptr, operation))
-            if (image.is_named(text_of(image_id)))
-                *imported = 1;
+        *imported = is_there(text_of(image_id), operation) ? 1 : 0;
     });
 }
 

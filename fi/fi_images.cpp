@@ -182,14 +182,18 @@ std::vector<FoundImage> find_images(const std::string &id, const char *store, co
 
 FoundImage find_image(const std::string &id, const char *store, const char *operation) {
     require(is_image_id(id), operation, "this is no id of an image");
-    for (FoundImage &image : all_images(store, operation))
-        if (image.record.id == id)
-            return std::move(image);
-    fail(message::no_such_image, QFI_FI_NO_SUCH_IMAGE, operation, {id});
+    std::vector<FoundImage> images = all_images(store, operation);
+    std::erase_if(images, [&](const FoundImage &image) { return image.record.id != id; });
+    if (images.empty())
+        fail(message::no_such_image, QFI_FI_NO_SUCH_IMAGE, operation, {id});
+    // A copy of a store has the same image: one that has its files is preferred.
+    const auto whole =
+        std::find_if(images.begin(), images.end(), [](const FoundImage &image) { return image.record.state == 1; });
+    return whole != images.end() ? std::move(*whole) : std::move(images.front());
 }
 
 std::vector<std::string> stores_of(const Tree &tree) {
-    std::vector<std::string> stores = known_stores();
+    std::vector<std::string> stores = known_store_paths();
     for (const TreeFilesystem &filesystem : tree.filesystems)
         if (filesystem.store && std::find(stores.begin(), stores.end(), filesystem.store->path()) == stores.end())
             stores.push_back(filesystem.store->path());
@@ -291,7 +295,7 @@ void stored_report(const Tree &tree, Findings &report, const char *operation) {
         report.bytes += filesystem.record.bytes;
     }
     report.changed = report.entries; // all of them were made
-    for (const JobHost::Remark &remark : tree.import_remarks)
+    for (const JobHost::Remark &remark : tree.found_remarks)
         report.add(remark);
 }
 

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -61,18 +62,16 @@ struct ObjectRef {
 };
 std::vector<ObjectRef> objects_of(Tree &tree);
 
-/// One image in a store.
-struct FoundImage {
-    std::shared_ptr<Store> store;
-    ImageRecord record;
-    /// Whether an id is its own or that of its set.
-    bool is_named(std::string_view id) const { return record.id == id || record.set_id == id; }
-    std::string object_path(std::size_t index) const;
-};
 /// All images of one store, or, null, of all known ones, as far as they can be opened; the oldest first.
 std::vector<FoundImage> all_images(const char *store, const char *operation);
 /// The image of that id, or the images of the set, the oldest first. Throws QFI_FI_NO_SUCH_IMAGE.
 std::vector<FoundImage> find_images(const std::string &id, const char *store, const char *operation);
+/// The same, but a set is all of it or none: throws QFI_FI_NO_SUCH_IMAGE, with the id, when one of its images is not
+/// found, QFI_FI_DAMAGED when no document tells which they are.
+std::vector<FoundImage> find_whole(const std::string &id, const char *store, const char *operation);
+/// The ids of images that the id documents of a set name, and that are not among `images`, which are of that set.
+/// Throws QFI_FI_DAMAGED when none of the documents that are there can be read.
+std::set<std::string> missing_of_set(const std::vector<FoundImage> &images, const char *operation);
 /// One image by its own id. Throws QFI_FI_NO_SUCH_IMAGE.
 FoundImage find_image(const std::string &id, const char *store, const char *operation);
 /// The paths of the known stores and of those of a tree.

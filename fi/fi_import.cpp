@@ -136,7 +136,7 @@ public:
         } catch (const Failure &) {
             tell(message::folder_stays, operation_, {place_.path, failure.cause()});
         }
-        tree.import_remarks.push_back(
+        tree.found_remarks.push_back(
             {QFI_REMARK_WARNING, 0, place_.path, "", "imported, but this folder could not be removed: remove it"});
     }
 
@@ -148,7 +148,7 @@ private:
         for (const auto &[id, unkept] : unkept_)
             tell(message::source_stays, operation_,
                  {id, unkept.path(), unkept.cause(), std::to_string(unkept.count())});
-        tree.import_remarks.push_back(
+        tree.found_remarks.push_back(
             {QFI_REMARK_WARNING, 0, place_.path, "",
              "imported, but this folder stays: it has attributes that the store does not keep"});
     }
@@ -383,7 +383,7 @@ std::shared_ptr<Tree> import_images(const char *directory, const char *store_pat
     const std::shared_ptr<Store> store = open_to_fill(path, operation);
     incoming.take_over(*store);
     remember_store(store->path());
-    std::shared_ptr<Tree> tree = tree_of_image(incoming.fiid().set_id, store->path().c_str(), operation);
+    std::shared_ptr<Tree> tree = tree_of_document(incoming.fiid(), store->path().c_str(), operation);
     incoming.remove_source(*tree);
     return tree;
 }

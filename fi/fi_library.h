@@ -70,7 +70,9 @@ struct Message {
     X(not_kept, "MSG_QFI_E2033", 3, \
       "%s: image %s stays where it is: %s would not be kept in the new place: %s; items not kept: %s\n") \
     X(source_stays, "MSG_QFI_E2034", 2, \
-      "%s: image %s is imported, and its exported folder stays: the store does not keep %s: %s; items not kept: %s\n")
+      "%s: image %s is imported, and its exported folder stays: the store does not keep %s: %s; items not kept: %s\n") \
+    X(set_not_whole, "MSG_QFI_E2035", 2, \
+      "%s: image %s of set %s is in no store that was looked into; the others are reached by their own ids\n")
 
 // Own statuses and their texts, in order, from 1024 on; message ids "MSG_QFI_E1024" and so on.
 #define FI_STATUS_TEXTS(X) \

@@ -35,6 +35,7 @@ public:
     FileLock(FileLock &&) noexcept = default;
     FileLock &operator=(FileLock &&) = delete;
     ~FileLock();
+    bool status(struct stat &out) const noexcept { return fstat(file_.get(), &out) == 0; }
 
 private:
     Descriptor file_;
@@ -109,6 +110,9 @@ void write_stores(int image, const std::vector<std::shared_ptr<Store>> &stores, 
                   const char *operation);
 /// By path; empty for images of which nobody noted them.
 std::map<std::string, std::string> read_stores(int image, const std::string &path, const char *operation);
+
+/// The id document in an image's folder, which is open. Throws.
+std::string read_document(int image, const std::string &path, const char *operation);
 
 /// A store's path as it is recorded and compared: without empty parts, "." and last slashes. Id documents hold it, and
 /// read no other.

@@ -47,18 +47,17 @@ std::map<std::string, std::string> read_stores(int image, const std::string &pat
     return stores;
 }
 
-namespace {
-
-enum class Fate { whole, incomplete, unknown };
-
-constexpr std::size_t longest_document = std::size_t{64} << 20;
-
 std::string read_document(int image, const std::string &path, const char *operation) {
+    constexpr std::size_t longest = std::size_t{64} << 20;
     const Descriptor file(openat(image, "fiid.xml", O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file)
         fail_call(operation, "open", path, errno, true);
-    return read_file(file.get(), path, longest_document, operation);
+    return read_file(file.get(), path, longest, operation);
 }
+
+namespace {
+
+enum class Fate { whole, incomplete, unknown };
 
 // Another store of a set, as it is at this moment: nothing there is locked, or removed in turn. One that only has the
 // path of the set's, as when another disk is mounted there, says nothing.

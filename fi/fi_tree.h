@@ -86,7 +86,7 @@ struct Tree {
     std::optional<CommandResult> post_run; // tells what became of the post command
     std::vector<JobHost::Remark> remarks;  // of the split
     uint64_t remark_count = 0;
-    std::vector<JobHost::Remark> import_remarks; // shown with the images' stored ones
+    std::vector<JobHost::Remark> found_remarks; // when it was imported or listed; shown with the images' stored ones
 
     // Read by get_status without `mutex`.
     std::mutex status_mutex;
@@ -163,16 +163,21 @@ std::vector<std::shared_ptr<Tree>> live_trees();
 void build_nodes(Tree &tree);
 void build_image_nodes(Tree &tree);
 
-/// An image in its store.
-struct StoredRecord {
+/// One image in a store.
+struct FoundImage {
     std::shared_ptr<Store> store;
     ImageRecord record;
+    /// Whether an id is its own or that of its set.
+    bool is_named(std::string_view id) const { return record.id == id || record.set_id == id; }
+    std::string object_path(std::size_t index) const;
 };
-/// The tree of the images of one set, at least one, without another look into the stores.
-std::shared_ptr<Tree> tree_of_records(std::vector<StoredRecord> records);
-/// The tree of a stored image or set; null store searches the known ones. Throws QFI_FI_NO_SUCH_IMAGE.
+/// The tree of images of one set, at least one, without another look into the stores.
+std::shared_ptr<Tree> tree_of_records(std::vector<FoundImage> images);
+/// The tree of a stored image, or of a set of which all images are found; null store searches the known ones. Throws
+/// QFI_FI_NO_SUCH_IMAGE.
 std::shared_ptr<Tree> tree_of_image(const std::string &id, const char *store, const char *operation);
-/// The tree of a document's set: from `store`, else from the known stores, else from where the document says.
+/// The tree of the images that a document names: from `store`, else from the known stores, else from where the document
+/// says. Throws QFI_FI_NO_SUCH_IMAGE.
 std::shared_ptr<Tree> tree_of_document(const Fiid &fiid, const char *store, const char *operation);
 
 /// The path under which an object's image can be read.

@@ -399,29 +399,7 @@ NodePlace place_of(Tree &tree, const qfi_domain *node) noexcept {
 
 namespace {
 
-// The image of that id, or the images of the set.
-void search(const std::shared_ptr<Store> &store, const std::string &id, std::vector<StoredRecord> &found,
-            const char *operation) {
-    for (ImageRecord &record : store->list(operation))
-        if (record.id == id || record.set_id == id)
-            found.push_back({store, std::move(record)});
-}
-
-std::vector<StoredRecord> search_known(const std::string &id, const char *operation) {
-    std::vector<StoredRecord> found;
-    for (const std::string &path : known_stores()) {
-        // A known store may be gone, or not mounted; the others are looked into.
-        try {
-            const Hush hush;
-            search(Store::open(path, false, operation), id, found, operation);
-        } catch (const Failure &) {
-            continue;
-        }
-    }
-    return found;
-}
-
-TreeFilesystem filesystem_of(StoredRecord &&found) {
+TreeFilesystem filesystem_of(FoundImage &&found) {
     TreeFilesystem filesystem;
     for (const ImageObject &image : found.record.objects) {
         TreeObject &object = filesystem.objects.emplace_back();
@@ -444,54 +422,18 @@ TreeFilesystem filesystem_of(StoredRecord &&found) {
 
 } // namespace
 
-std::shared_ptr<Tree> tree_of_records(std::vector<StoredRecord> found) {
+std::shared_ptr<Tree> tree_of_records(std::vector<FoundImage> found) {
     auto tree = std::make_shared<Tree>();
     tree->set_id = found.front().record.set_id;
     tree->options.label = found.front().record.label;
     tree->options.digest = found.front().record.has_digests;
-    for (StoredRecord &one : found)
+    for (FoundImage &one : found)
         tree->filesystems.push_back(filesystem_of(std::move(one)));
     tree->state = QFI_TREE_FROZEN;
     build_nodes(*tree);
     for (TreeFilesystem &filesystem : tree->filesystems)
         filesystem.node->fid_plugin = filesystem.provider != nullptr ? filesystem.provider->plugin : nullptr;
     return tree;
-}
-
-std::shared_ptr<Tree> tree_of_image(const std::string &id, const char *store, const char *operation) {
-    std::vector<StoredRecord> found;
-    if (store != nullptr)
-        search(Store::open(store, false, operation), id, found, operation);
-    else
-        found = search_known(id, operation);
-    if (found.empty())
-        fail(message::no_such_image, QFI_FI_NO_SUCH_IMAGE, operation, {id});
-    return tree_of_records(std::move(found));
-}
-
-std::shared_ptr<Tree> tree_of_document(const Fiid &fiid, const char *store, const char *operation) {
-    if (store != nullptr)
-        return tree_of_image(fiid.set_id, store, operation);
-    std::vector<StoredRecord> found = search_known(fiid.set_id, operation);
-    for (const FiidImage &image : fiid.images) {
-        const bool is_known = std::any_of(found.begin(), found.end(),
-                                          [&](const StoredRecord &one) { return one.record.id == image.record.id; });
-        if (is_known)
-            continue;
-        try {
-            const Hush hush;
-            search(Store::open(image.store, false, operation), image.record.id, found, operation);
-        } catch (const Failure &) {
-            continue; // told below, with the image's id
-        }
-    }
-    for (const FiidImage &image : fiid.images)
-        if (std::none_of(found.begin(), found.end(),
-                         [&](const StoredRecord &one) { return one.record.id == image.record.id; }))
-            fail(message::no_such_image, QFI_FI_NO_SUCH_IMAGE, operation, {image.record.id});
-    if (found.empty())
-        fail(message::no_such_image, QFI_FI_NO_SUCH_IMAGE, operation, {fiid.set_id});
-    return tree_of_records(std::move(found));
 }
 
 } // namespace qzfi::fi

@@ -42,7 +42,8 @@ static inline int32_t qfi_op_select(qfi_domain *tree, const qfi_qs_combo *combo,
     return qzfiapi_select(tree, (void *)combo, (void *)fim_id, (void *)store);
 }
 /** Takes the options, checks space and rights, and makes the place for the images; 1026, 1028 or 1029 when that cannot
- * be. `flags` is 0. `*report`, if asked for, is released by `qfi_op_free_report`. */
+ * be, as for an object that is the store into which it would be frozen, or lies in it (1026). `flags` is 0. `*report`,
+ * if asked for, is released by `qfi_op_free_report`. */
 static inline int32_t qfi_op_prepare(qfi_domain *tree, int32_t flags, const qfi_freeze_options *options,
                                      qfi_report **report) {
     return qzfiapi_prepare(tree, flags, (void *)options, (void *)report);
@@ -79,7 +80,8 @@ static inline int32_t qfi_op_get_fiid(qfi_domain *tree, qfi_fiid **fiid) {
     return qzfiapi_get_fiid(tree, (void *)fiid);
 }
 /** Builds the tree of an image again, from its id document or, `fiid` null, its id; `store` null searches the known
- * stores. `flags` is 0, `reserved` null. */
+ * stores. A set of which an image is not found gives 1024 and names it (MSG_QFI_E2035); the others are reached by their
+ * own ids. `flags` is 0, `reserved` null. */
 static inline int32_t qfi_op_reaccess_tree(const qfi_fiid *fiid, qfi_domain **tree, const char *image_id,
                                            const char *store, void *reserved, int32_t flags) {
     return qzfiapi_reaccess_tree((void *)fiid, (void *)tree, (void *)image_id, (void *)store, reserved, flags);
@@ -199,7 +201,8 @@ static inline int32_t qfi_op_isvalid_node_association(const qfi_assoc *associati
 static inline int32_t qfi_op_get_associated_nodes(const char *path, qfi_assoc_list **list) {
     return qzfiapi_get_associated_nodes((void *)path, (void *)list);
 }
-/** The trees of all images in the known stores, each as after `qfi_op_build_alttree`, the oldest first. */
+/** The trees of all images in the known stores, each as after `qfi_op_build_alttree`, the oldest first. A set of which
+ * an image is not found is listed image by image, each with a remark that names what is missing (`objctl` "report"). */
 static inline int32_t qfi_op_enumerate_trees(qfi_domain_tree_list_t **list) {
     return qzfiapi_enumerate_trees((void *)list);
 }
@@ -258,8 +261,8 @@ static inline int32_t qfi_op_process_fiids(int32_t count, int32_t flags, const q
 static inline int32_t qfi_op_free_fiid(qfi_fiid *fiid) {
     return qzfiapi_free_fiid(fiid);
 }
-/** Makes an id document from an image's id and store ("" searches the known stores), without its tree. Released by
- * `qfi_op_free_fiid`. */
+/** Makes an id document from an image's id and store ("" searches the known stores), without its tree; 1024 for a set
+ * of which an image is not found. Released by `qfi_op_free_fiid`. */
 static inline int32_t qfi_op_fiid_synthesize(const qfi_image_ref *image, qfi_fiid **fiid) {
     return qzfiapi_fiid_synthesize((void *)image, (void *)fiid);
 }
@@ -309,7 +312,7 @@ static inline int32_t qfi_op_snapreplica_list(const char *set_id, const char *st
 static inline int32_t qfi_op_free_snapreplica_list(qfi_image_list *list) {
     return qzfiapi_free_snapreplica_list(list);
 }
-/** `*imported` is 1 when the image is in a known store, else 0. */
+/** `*imported` is 1 when the image, or each one of the set, is in a known store with its files, else 0. */
 static inline int32_t qfi_op_is_snap_imported(const char *image_id, int32_t *imported) {
     return qzfiapi_is_snap_imported((void *)image_id, imported);
 }

@@ -2,6 +2,7 @@
 #include "images_support.h"
 
 #include <csignal>
+#include <map>
 #include <set>
 
 #include "support/sanitized.h"
@@ -30,8 +31,9 @@ protected:
     fs::path object(int disk) const { return fs::path(disks_[disk]->path()) / "object"; }
     fs::path store(int disk) const { return fs::path(disks_[disk]->path()) / ".qzfi"; }
 
-    std::set<std::string> sets_in(int disk) const {
-        std::set<std::string> sets;
+    // Of each set the image that is in the store.
+    std::map<std::string, std::string> images_in(int disk) const {
+        std::map<std::string, std::string> sets;
         if (!fs::exists(store(disk) / "catalog.db"))
             return sets;
         qfi_image_list *list = nullptr;
@@ -39,7 +41,7 @@ protected:
         if (qfi_op_snapreplica_list(nullptr, store(disk).c_str(), &list) != 0)
             return sets;
         for (const qfi_image_list *one = list; one != nullptr; one = one->next)
-            sets.insert(one->image.set_id);
+            sets[one->image.set_id] = one->image.image_id;
         qfi_op_free_snapreplica_list(list);
         return sets;
     }
@@ -55,17 +57,20 @@ protected:
     void look(int first) const {
         const Framework framework(root_);
         const int second = 1 - first;
-        const std::set<std::string> one = sets_in(first);
+        const std::map<std::string, std::string> one = images_in(first);
         EXPECT_LE(one.size(), 1u);
         // The second is looked at when the first one's image is gone already.
         for (const int disk : {first, second}) {
-            if (fs::exists(store(disk) / "catalog.db")) {
-                EXPECT_EQ(sets_in(disk), one) << "the store that is looked into first tells of what the other has";
-            }
-            for (const std::string &set : one)
+            if (!fs::exists(store(disk) / "catalog.db"))
+                continue;
+            const std::map<std::string, std::string> present = images_in(disk);
+            EXPECT_EQ(present.size(), one.size()) << "the store that is looked into first tells of what the other has";
+            for (const auto &[set, image] : present) {
+                EXPECT_EQ(one.count(set), 1u);
                 EXPECT_EQ(
-                    qfi_op_detach(Tree::of_image(set, store(disk)).release(), nullptr, QFI_DETACH_REMOVE, nullptr), 0)
+                    qfi_op_detach(Tree::of_image(image, store(disk)).release(), nullptr, QFI_DETACH_REMOVE, nullptr), 0)
                     << last_error();
+            }
         }
         for (const int disk : {first, second})
             if (fs::exists(store(disk) / "catalog.db") &&
@@ -91,12 +96,13 @@ protected:
     // now; 12: all.
     void complete_export() const {
         const Framework framework(root_);
-        const std::set<std::string> held[] = {sets_in(0), sets_in(1)};
+        const std::map<std::string, std::string> held[] = {images_in(0), images_in(1)};
         const bool was_begun = fs::exists(exported()), was_complete = held[0].empty() && held[1].empty();
         if (!was_complete) {
-            const std::string set = *held[held[0].empty() ? 1 : 0].begin();
+            const auto &[set, image] = *held[held[0].empty() ? 1 : 0].begin();
+            const std::string id = held[0].size() == held[1].size() ? set : image;
             Tree tree;
-            EXPECT_EQ(qfi_op_reaccess_tree(nullptr, &tree, set.c_str(), nullptr, nullptr, 0), 0) << last_error();
+            EXPECT_EQ(qfi_op_reaccess_tree(nullptr, &tree, id.c_str(), nullptr, nullptr, 0), 0) << last_error();
             EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported().c_str(), nullptr), 0) << last_error();
         }
         Tree tree;
