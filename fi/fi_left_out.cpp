@@ -17,6 +17,17 @@ namespace qzfi::fi {
 
 namespace {
 
+bool has(int folder, const char *name, mode_t type) noexcept {
+    struct stat status {};
+    return fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && (status.st_mode & S_IFMT) == type;
+}
+
+// A store may have lost its catalog, or be in the making; its images are no less worth keeping.
+bool may_be_store(int folder) {
+    return has(folder, "images", S_IFDIR) &&
+           (has(folder, "catalog.db", S_IFREG) || has(folder, lock_name, S_IFREG) || has(folder, "reserve", S_IFREG));
+}
+
 std::string path_in_filesystem(const Mount &mount, const std::string &path) {
     if (!lies_at_or_below(path, mount.mount_point)) // a link is in the way, say
         return {};
@@ -50,37 +61,44 @@ Descriptor found_below(const std::string &object, int folder, const std::vector<
 
 LeftOut::LeftOut(const TreeFilesystem &filesystem, const std::string &object, const std::vector<std::string> &found) {
     const std::string &mount_point = filesystem.mount.mount_point;
-    std::set<std::string> paths(found.begin(), found.end());
     const std::string in_default_place = (mount_point == "/" ? "" : mount_point) + "/" + store_folder_name;
-    if (lies_at_or_below(in_default_place, object))
-        paths.insert(in_default_place);
-    for (const std::string &path : known_stores())
+    std::set<std::string> paths(found.begin(), found.end());
+    for (const std::string &path : known_store_paths())
         paths.insert(path);
+    const std::vector<Mount> table = mounts("LeftOut");
+    std::erase_if(paths, [&](const std::string &path) { return !may_share_filesystem(table, path, object); });
     if (filesystem.store) // none before a tree is prepared
         paths.insert(filesystem.store->path());
-    const std::vector<Mount> table = mounts("LeftOut");
     for (const std::string &path : paths) {
-        if (add(path) && !lies_at_or_below(path, object))
+        if (add(path, false) && !lies_at_or_below(path, object))
             if (Descriptor below = found_below(object, open_.back().get(), table)) {
                 excluded_.back().directory = below.get();
                 open_.back() = std::move(below);
             }
     }
+    // Unless it is known, the name alone says nothing.
+    if (paths.count(in_default_place) == 0 && lies_at_or_below(in_default_place, object))
+        add(in_default_place, true);
 }
 
 // One that is gone has nothing to be left out.
-bool LeftOut::add(const std::string &path) {
+bool LeftOut::add(const std::string &path, bool must_look_like_one) {
     Descriptor directory(open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
-    if (!directory || fstat(directory.get(), &status) != 0)
+    if (!directory || fstat(directory.get(), &status) != 0 || (must_look_like_one && !may_be_store(directory.get())))
         return false;
     excluded_.push_back({status.st_dev, status.st_ino, directory.get()});
     open_.push_back(std::move(directory));
     return true;
 }
 
-// By its entries: what the catalog holds may be in its log still, and closing a catalog that this process has open
+// What the catalog holds may be in its log still, and closing a catalog that this process has open
 // would drop its locks.
+bool is_store(int folder) noexcept {
+    return has(folder, "catalog.db", S_IFREG) && has(folder, "images", S_IFDIR) &&
+           (has(folder, lock_name, S_IFREG) || has(folder, "reserve", S_IFREG));
+}
+
 void StoreFinder::look_at(const qfi_entry &entry) {
     constexpr std::string_view name = "catalog.db";
     const std::string_view path = entry.path;
@@ -91,12 +109,7 @@ void StoreFinder::look_at(const qfi_entry &entry) {
     const std::string store(path.substr(0, path.size() - std::min(path.size(), name.size() + 1)));
     const Descriptor folder(
         open_beneath(directory_, store.empty() ? "." : store.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW));
-    const auto has = [&](const char *entry_name, mode_t type) {
-        struct stat status {};
-        return fstatat(folder.get(), entry_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-               (status.st_mode & S_IFMT) == type;
-    };
-    if (folder && has("images", S_IFDIR) && (has(lock_name, S_IFREG) || has("reserve", S_IFREG)))
+    if (folder && is_store(folder.get()))
         found_.push_back(store);
 }
 

@@ -10,8 +10,8 @@
 
 namespace qzfi::fi {
 
-/// The stores that a job leaves out: the one in use and the known ones, by whatever path they are known, and one in the
-/// place that a provider's default store would have; and those that were found.
+/// The stores that a job leaves out: the one in use and the known ones, by whatever path they are known, and what looks
+/// like one in the place that a provider's default store would have; and those that were found.
 class LeftOut {
 public:
     LeftOut(const TreeFilesystem &filesystem, const std::string &object, const std::vector<std::string> &found = {});
@@ -27,10 +27,13 @@ public:
     }
 
 private:
-    bool add(const std::string &path);
+    bool add(const std::string &path, bool must_look_like_one);
     std::vector<Descriptor> open_;
     std::vector<qfi_excluded> excluded_;
 };
+
+/// Whether an open folder is a store, by its entries.
+bool is_store(int folder) noexcept;
 
 /// Tells of stores by what they are, for many a root does not know all of them: walks a tree whose entries it is given.
 class StoreFinder {

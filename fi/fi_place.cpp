@@ -53,6 +53,13 @@ bool is_btrfs(int descriptor) {
     return fstatfs(descriptor, &status) == 0 && status.f_type == BTRFS_SUPER_MAGIC;
 }
 
+// Those of which one may be in a place, above or below it.
+std::vector<std::string> stores_near(const Place &place, std::vector<std::string> stores, const char *operation) {
+    const std::vector<Mount> table = mounts(operation);
+    std::erase_if(stores, [&](const std::string &store) { return !may_share_filesystem(table, store, place.path); });
+    return stores;
+}
+
 void refuse_mounts_below(const Place &place, const char *operation) {
     for (const Mount &mount : mounts(operation)) {
         if (mount.mount_point == place.path)
@@ -92,23 +99,20 @@ bool is_same(const struct stat &one, const struct stat &other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
+constexpr int way_flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC; // the way up need not be readable
+
 bool lies_at_or_above(const struct stat &directory, Descriptor at) {
     struct stat above {};
     if (!at || fstat(at.get(), &above) != 0)
         return false;
     while (!is_same(above, directory)) {
         const struct stat below = above;
-        Descriptor parent(openat(at.get(), "..", directory_flags));
+        Descriptor parent(openat(at.get(), "..", way_flags));
         if (!parent || fstat(parent.get(), &above) != 0 || is_same(above, below))
             return false;
         at = std::move(parent);
     }
     return true;
-}
-
-// Looked for by identity: a store is in place wherever its path says it is.
-bool lies_at_or_above(const struct stat &directory, const std::string &store) {
-    return lies_at_or_above(directory, Descriptor(open(store.c_str(), directory_flags)));
 }
 
 uint64_t hash_of(std::string_view text) {
@@ -119,6 +123,10 @@ uint64_t hash_of(std::string_view text) {
 }
 
 } // namespace
+
+bool lies_at_or_above(const struct stat &directory, const std::string &path) {
+    return lies_at_or_above(directory, Descriptor(open(path.c_str(), way_flags)));
+}
 
 bool is_subvolume(int directory) {
     struct stat status {};
@@ -250,7 +258,7 @@ bool refuse_irreplaceable(const Place &place, const std::vector<std::string> &st
         return true;
     const Descriptor directory = open_directory(place, *status, operation);
     refuse_subvolume(place, directory.get(), *status, operation);
-    for (const std::string &store : stores)
+    for (const std::string &store : stores_near(place, stores, operation))
         if (lies_at_or_above(*status, store))
             refuse(place, "store " + store + " lies in it", operation);
     refuse_what_is_within(place, directory.get(), operation, cancelled_by);
@@ -260,7 +268,7 @@ bool refuse_irreplaceable(const Place &place, const std::vector<std::string> &st
 void refuse_in_stores(const Place &place, const std::vector<std::string> &stores, const char *what,
                       const char *operation) {
     const std::string parent = "/proc/self/fd/" + std::to_string(place.parent.get()) + "/.";
-    for (const std::string &store : stores) {
+    for (const std::string &store : stores_near(place, stores, operation)) {
         require(place.path != store, operation, what); // the default store may not be there yet
         struct stat status {};
         require(stat(store.c_str(), &status) != 0 || !lies_at_or_above(status, parent), operation, what);

@@ -47,6 +47,9 @@ bool would_lie_in(const std::string &path, int folder);
 /// Throws when entries of the directory around the place cannot be made or exchanged, such as on a read-only mount.
 void require_changeable(const Place &place, const char *operation);
 
+/// Whether a directory is the one at a path, or lies above it. Looked for by identity, whatever the path says.
+bool lies_at_or_above(const struct stat &directory, const std::string &path);
+
 /// Whether an open directory is the root of a Btrfs subvolume.
 bool is_subvolume(int directory);
 

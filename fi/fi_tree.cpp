@@ -188,8 +188,15 @@ void probe_objects(Estimate &sum, const Tree &tree, const TreeFilesystem &filesy
         sum.reason = "the store " + sum.store + " cannot be opened: " + error_text(errno);
         return;
     }
+    struct stat store {};
+    const bool has_store = stat(sum.store.c_str(), &store) == 0;
     bool knows_entries = true, knows_bytes = true;
     for (const TreeObject &object : filesystem.objects) {
+        // What is left out of an image is looked for below its object only.
+        if (has_store && lies_at_or_above(store, object.path)) {
+            sum.reason = object.path + " is or lies in store " + sum.store + ", into which it would be frozen";
+            return;
+        }
         const Descriptor source = open_object(object, operation);
         qfi_probe probe{}; // what an earlier provider does not fill in stays 0
         probe.size = sizeof probe;
