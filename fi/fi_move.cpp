@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <fcntl.h>
 #include <limits>
+#include <linux/fs.h>
 #include <linux/stat.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -86,6 +88,14 @@ bool same_mount(int one, int other) {
            first.stx_dev_minor == second.stx_dev_minor;
 }
 
+// A folder that passes its project on takes nothing in that is of another one.
+bool same_project(int image, int folder) {
+    fsxattr from{}, to{};
+    if (ioctl(folder, FS_IOC_FSGETXATTR, &to) != 0 || (to.fsx_xflags & FS_XFLAG_PROJINHERIT) == 0)
+        return true;
+    return ioctl(image, FS_IOC_FSGETXATTR, &from) == 0 && from.fsx_projid == to.fsx_projid;
+}
+
 class Export {
 public:
     Export(TreeLock &tree, const char *directory, const char *operation)
@@ -158,7 +168,8 @@ private:
             const char *const id = filesystem.record.id.c_str();
             const int images = filesystem.store->images();
             const bool is_there = has(folder_.get(), id), is_in_store = has(images, id);
-            if (!is_named(filesystem, fiid) || (!is_there && !(is_in_store && same_mount(images, folder_.get()))))
+            if (!is_named(filesystem, fiid) || (!is_there && !(is_in_store && same_mount(images, folder_.get()) &&
+                                                               same_project(*filesystem.store, id))))
                 return false;
             if (is_there && is_in_store && !has_all_of(filesystem))
                 return false;
@@ -189,6 +200,12 @@ private:
                 return false;
         }
         return true;
+    }
+
+    bool same_project(const Store &store, const char *id) const {
+        const Descriptor image(
+            openat(store.images(), id, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        return image && fi::same_project(image.get(), folder_.get());
     }
 
     static bool is_named(const TreeFilesystem &filesystem, const Fiid &fiid) {
@@ -245,6 +262,22 @@ private:
         sync_file(write_file(folder_.get(), name, path, content, operation_).get(), path, operation_);
     }
 
+    // Tried before anything is published: file systems have more reasons to refuse than can be asked for.
+    bool can_move(Store &store, int image) const {
+        constexpr const char *trial = "trial";
+        if (!same_mount(store.images(), folder_.get()) || !fi::same_project(image, folder_.get()))
+            return false;
+        const NewImage made = store.begin(new_image_id(), operation_);
+        if (rename_directory(made.directory(), objects_name, folder_.get(), trial) != 0) {
+            if (errno == EXDEV)
+                return false;
+            fail_call(operation_, "rename", place_.path, errno, false);
+        }
+        if (unlinkat(folder_.get(), trial, AT_REMOVEDIR) != 0)
+            fail_call(operation_, "rmdir", place_.path + "/" + trial, errno, false);
+        return true;
+    }
+
     // What the document says of an image, which was copied unless it can be moved.
     ImageRecord exported(Part &part) const {
         const TreeFilesystem &filesystem = *part.filesystem;
@@ -253,7 +286,7 @@ private:
         record.nested = image.includes_nested();
         for (std::size_t index = 0; index < filesystem.objects.size(); ++index)
             image.object(index); // there
-        if (same_mount(filesystem.store->images(), place_.parent.get()))
+        if (can_move(*filesystem.store, image.directory()))
             return record;
         copy(image, record);
         part.is_there = true;

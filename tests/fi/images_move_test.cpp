@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -70,6 +72,65 @@ TEST_P(Move, an_image_out_of_its_store_and_in_again) {
     write_file(object / "plain", "changed");
     ASSERT_EQ(qfi_op_restore(tree.get(), nullptr, nullptr), 0) << last_error();
     EXPECT_EQ(content_of(object / "plain"), "plain content");
+}
+
+// A folder takes in nothing that is of another project than its own, when it passes that one on.
+class Projects : public Move {
+protected:
+    static void put_into(const fs::path &folder, uint32_t project, bool passes_it_on = true) {
+        fs::create_directories(folder);
+        const int directory = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        fsxattr attributes{};
+        ASSERT_EQ(ioctl(directory, FS_IOC_FSGETXATTR, &attributes), 0);
+        attributes.fsx_projid = project;
+        attributes.fsx_xflags &= ~uint32_t{FS_XFLAG_PROJINHERIT};
+        attributes.fsx_xflags |= passes_it_on ? FS_XFLAG_PROJINHERIT : 0;
+        ASSERT_EQ(ioctl(directory, FS_IOC_FSSETXATTR, &attributes), 0);
+        close(directory);
+    }
+    static ino_t inode_of(const fs::path &path) {
+        struct stat status {};
+        EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+        return status.st_ino;
+    }
+    // Exports an image into a folder below `above`, and imports it again; whether it was moved there.
+    bool is_moved_to(const fs::path &above) {
+        exported = above / "exported";
+        Tree tree = freeze({object}, store);
+        const std::string id = tree.image_id();
+        const ino_t inode = inode_of(store / "images" / id);
+        EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), 0) << last_error();
+        expect_nothing_imported();
+        const bool is_moved = inode_of(exported / id) == inode;
+        EXPECT_EQ(std::distance(fs::directory_iterator(exported), {}), 2) << "the document and the image";
+        EXPECT_EQ(differences(object, exported / id / "objects" / "0"), "");
+        EXPECT_TRUE(fs::is_empty(store / "images"));
+        set_options(1, 0);
+        Tree imported;
+        EXPECT_EQ(import(&imported), 0) << last_error();
+        EXPECT_EQ(qfi_op_detach(imported.release(), nullptr, QFI_DETACH_REMOVE, nullptr), 0) << last_error();
+        return is_moved;
+    }
+};
+INSTANTIATE_TEST_SUITE_P(On, Projects, testing::Values("xfs"), name_of);
+
+TEST_P(Projects, take_in_exported_images_of_others_as_copies) {
+    put_into(top / "seven", 7);
+    EXPECT_FALSE(is_moved_to(top / "seven"));
+    EXPECT_TRUE(is_moved_to(top));
+    put_into(store / "images", 5);
+    EXPECT_FALSE(is_moved_to(top / "seven"));
+    EXPECT_TRUE(is_moved_to(top)) << "which passes none on";
+    put_into(store / "images", 7);
+    EXPECT_TRUE(is_moved_to(top / "seven"));
+    // An image from before its store was taken out of a project.
+    put_into(store / "images", 5);
+    const Tree tree = freeze({object}, store);
+    put_into(store / "images", 0, false);
+    put_into(top / "none", 0);
+    exported = top / "none" / "exported";
+    EXPECT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), 0) << last_error();
+    EXPECT_TRUE(fs::is_empty(store / "images"));
 }
 
 TEST_P(Move, an_image_to_another_file_system_and_back) {
