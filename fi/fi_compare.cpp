@@ -53,15 +53,50 @@ Descriptor open_original(const std::string &path, const char *operation) {
 
 } // namespace
 
+namespace {
+
+// Where the walk of a part of a tree begins: its directory, or the one around an entry that is none.
+struct Part {
+    Descriptor directory; // none where nothing is
+    std::string prefix;   // of paths below it
+    std::string entry;
+};
+
+Part part_of(int directory, const std::string &object, const std::string &only, const char *operation) {
+    const auto open = [&](const std::string &path) {
+        Descriptor opened(open_beneath(directory, path.empty() ? "." : path.c_str(), O_RDONLY | O_DIRECTORY));
+        const bool is_absent = errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == EXDEV;
+        if (!opened && !is_absent)
+            fail_call(operation, "open", object + "/" + path, errno, true);
+        return opened;
+    };
+    Part part{open(only), only, {}};
+    if (part.directory)
+        return part;
+    const std::size_t slash = only.rfind('/');
+    part.prefix = slash == std::string::npos ? "" : only.substr(0, slash);
+    part.entry = only.substr(slash == std::string::npos ? 0 : slash + 1);
+    part.directory = open(part.prefix);
+    return part;
+}
+
+} // namespace
+
 ManifestReader walked(int directory, const std::string &object, const WalkOptions &options, const char *operation) {
     constexpr const char *name = "manifest";
+    const Part part = part_of(directory, object, options.only, operation);
     const TemporaryFolder scratch("qzfi-compare-", operation);
     ManifestWriter writer(scratch.directory(), name, operation, scratch.path());
     EngineHost host(operation, object, options.progress, options.cancelled_by);
     host.on_entry([&](const qfi_entry &entry) -> int32_t {
         if (options.cancelled_by != nullptr && options.cancelled_by->cancelled())
             return QFI_FI_CANCELLED;
-        return writer.add(entry);
+        if (part.prefix.empty())
+            return writer.add(entry);
+        const std::string path = part.prefix + (*entry.path != '\0' ? "/" : "") + entry.path;
+        qfi_entry whole = entry;
+        whole.path = path.c_str();
+        return writer.add(whole);
     });
     // Data that nobody can read must not pass for data that did not change.
     host.on_remark([&](const qfi_remark &remark) {
@@ -75,7 +110,10 @@ ManifestReader walked(int directory, const std::string &object, const WalkOption
     walk.entries = true;
     if (options.exclude != nullptr)
         options.exclude->put(walk);
-    const engine::Result result = engine::walk_tree(directory, walk, host.record());
+    if (!part.entry.empty())
+        walk.only_entry = part.entry.c_str();
+    const engine::Result result =
+        part.directory ? engine::walk_tree(part.directory.get(), walk, host.record()) : engine::Result();
     if (result.status != QFI_STATUS_NO_MEMORY && result.status != QFI_FI_CANCELLED)
         writer.finish(); // what it could not write is the better cause
     host.check(result, true);
@@ -317,13 +355,14 @@ void compare_image(const HeldImage &image, std::size_t index, const std::string 
         return;
     const std::string object = image_object_path(image.filesystem(), index);
     const Descriptor directory = image.object(index);
-    ManifestReader expected(image.directory(), HeldImage::manifest_name(index).c_str(), operation, object);
-    ManifestReader present = walked_image(directory.get(), object, options, operation);
+    ManifestReader expected(image.directory(), HeldImage::manifest_name(index).c_str(), operation, object, only);
+    WalkOptions part = options;
+    part.only = only;
+    ManifestReader present = walked_image(directory.get(), object, part, operation);
     const LostAttributes lost = lost_attributes(image, image.filesystem().objects[index].path, operation);
     compare_with_manifest(expected, present, lost,
                           [&](uint32_t change, const ManifestEntry *old, const ManifestEntry *) {
-                              if (old != nullptr && change != QFI_CHANGE_ADDED && change != QFI_CHANGE_ATTRIBUTE &&
-                                  lies_at_or_below(old->path, only))
+                              if (old != nullptr && change != QFI_CHANGE_ADDED && change != QFI_CHANGE_ATTRIBUTE)
                                   damaged(old->path, in_words(change));
                           });
 }

@@ -16,11 +16,13 @@ struct WalkOptions {
     bool digest = false;
     bool nested = false; // of an original: nested subvolumes are a part of it; of an image what it holds of them is
     const LeftOut *exclude = nullptr; // stores that lie in the tree
+    std::string only;                 // nothing but what lies at or below it; empty for all
     Progress *progress = nullptr;
     Progress *cancelled_by = nullptr; // where the walk itself is not counted
 };
 
-/// The entries of a tree, sorted. Throws Failure when it cannot be read.
+/// The entries of a tree, or of a part of it, sorted; their paths are below the tree. Throws Failure when it cannot be
+/// read.
 ManifestReader walked(int directory, const std::string &object, const WalkOptions &options, const char *operation);
 /// The entries of an object's frozen tree: by its manifest, unless it has none or lacks the digests that are wanted.
 ManifestReader entries_of(const HeldImage &image, std::size_t index, const WalkOptions &options, const char *operation);

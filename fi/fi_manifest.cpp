@@ -276,7 +276,7 @@ struct ManifestReader::State {
     [[noreturn]] void fail_line(uint64_t number, const char *cause) const {
         fail_damaged("line " + std::to_string(number) + ": " + cause);
     }
-    void read_all(int file);
+    void read_all(int file, const std::string &only);
 };
 
 namespace {
@@ -316,7 +316,7 @@ private:
 
 } // namespace
 
-void ManifestReader::State::read_all(int file) {
+void ManifestReader::State::read_all(int file, const std::string &only) {
     LineReader reader(file);
     ManifestEntry entry;
     uint64_t number = 0;
@@ -348,19 +348,20 @@ void ManifestReader::State::read_all(int file) {
             fail_line(number, "lines are missing");
         if (!is_ended && !parse_manifest_line(line, entry))
             fail_line(number, "it is no entry");
-        if (!is_ended)
+        if (!is_ended && lies_at_or_below(entry.path, only))
             lines.add(line, path_place(line));
     }
 }
 
-ManifestReader::ManifestReader(int directory, const char *name, const char *operation, std::string object)
+ManifestReader::ManifestReader(int directory, const char *name, const char *operation, std::string object,
+                               const std::string &only)
     : state_(std::make_unique<State>(operation, std::move(object), name)) {
     const Descriptor file(openat(directory, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (!file && errno == ENOENT)
         state_->fail_damaged(error_text(ENOENT));
     if (!file)
         fail_call(operation, "open", state_->path, errno, true);
-    state_->read_all(file.get());
+    state_->read_all(file.get(), only);
     state_->lines.sort();
 }
 

@@ -52,8 +52,10 @@ private:
 /// the rest is sorted in a temporary file.
 class ManifestReader {
 public:
-    /// Reads all of it. Throws Failure: QFI_FI_READ, QFI_FI_DAMAGED for a line that is not one, or is missing.
-    ManifestReader(int directory, const char *name, const char *operation, std::string object);
+    /// Reads all of it, and gives what lies at or below `only`. Throws Failure: QFI_FI_READ, QFI_FI_DAMAGED for a line
+    /// that is not one, or is missing.
+    ManifestReader(int directory, const char *name, const char *operation, std::string object,
+                   const std::string &only = {});
     ~ManifestReader();
     ManifestReader(ManifestReader &&) noexcept;
     /// False at the end. Throws QFI_FI_DAMAGED for a path that stands there twice.

@@ -324,16 +324,22 @@ private:
 };
 
 // Stores that this root does not know, and that must stay as the known ones do.
-std::vector<std::string> found_stores(const ObjectRef &one, const char *operation, Progress *progress) {
-    const std::string &object = one.object().path;
+std::vector<std::string> found_stores(const ObjectRef &one, const std::string &path, const char *operation,
+                                      Progress *progress) {
     struct stat status {};
-    if (lstat(object.c_str(), &status) != 0 && errno == ENOENT)
+    if (lstat(path.c_str(), &status) != 0 && errno == ENOENT)
         return {};
-    const Descriptor directory = open_without_links(object, O_RDONLY | O_DIRECTORY, operation);
+    const std::string &object = one.object().path;
+    for (std::size_t end = object.size(); end < path.size(); end = std::min(path.find('/', end + 1), path.size())) {
+        const std::string above = path.substr(0, end);
+        require(!is_store(open_without_links(above, O_RDONLY | O_DIRECTORY, operation).get()), operation,
+                "nothing is restored into a store");
+    }
+    const Descriptor directory = open_without_links(path, O_RDONLY | O_DIRECTORY, operation);
     std::vector<std::string> found =
-        stores_within(directory.get(), object, LeftOut(*one.filesystem, object), operation, progress);
+        stores_within(directory.get(), path, LeftOut(*one.filesystem, path), operation, progress);
     for (const std::string &store : found)
-        require(store != object, operation, "the object is a store now");
+        require(store != path, operation, "the object is a store now");
     return found;
 }
 
@@ -346,7 +352,7 @@ void report_changes(const Plan &plan, const ObjectRef &one, Findings &report) {
     options.digest = plan.digest;
     options.progress = plan.how.progress;
     const std::string &object = one.object().path;
-    const LeftOut left_out(*one.filesystem, object, found_stores(one, plan.operation, plan.how.progress));
+    const LeftOut left_out(*one.filesystem, object, found_stores(one, object, plan.operation, plan.how.progress));
     options.exclude = &left_out;
     Sockets sockets(plan);
     LaterVolumes volumes(object);
@@ -407,9 +413,64 @@ void report_all_changes(const Plan &plan, Findings &report) {
 
 } // namespace
 
+namespace {
+
+// What is in the way is told when the place is looked at.
+Descriptor open_original(const std::string &path, const char *operation) {
+    try {
+        const Hush hush;
+        return open_without_links(path, O_RDONLY | O_DIRECTORY, operation);
+    } catch (const Failure &) {
+        return {};
+    }
+}
+
+// Two that change one original would remove each other's files in the making. The lock is the directory's own, for
+// there may be no right to make one beside it; where the file system has none, as over a network, there is none. Of an
+// original that is not there is nothing to lock.
+std::optional<FileLock> lock_original(const std::string &path, const char *operation) {
+    for (int tries = 0; tries < 100; ++tries) {
+        struct stat locked {
+        }, present{};
+        if (lstat(path.c_str(), &present) != 0 || !S_ISDIR(present.st_mode))
+            return std::nullopt;
+        Descriptor directory = open_original(path, operation);
+        if (!directory)
+            return std::nullopt;
+        while (flock(directory.get(), LOCK_EX | LOCK_NB) != 0 && errno != EBADF && errno != ENOLCK &&
+               errno != EOPNOTSUPP) {
+            if (errno == EWOULDBLOCK)
+                fail(message::busy, QFI_FI_BUSY, operation, {path});
+            if (errno != EINTR)
+                fail_call(operation, "flock", path, errno, false);
+        }
+        FileLock lock(std::move(directory));
+        // A restore may have put another one in its place meanwhile.
+        if (lock.status(locked) && lstat(path.c_str(), &present) == 0 && locked.st_dev == present.st_dev &&
+            locked.st_ino == present.st_ino)
+            return lock;
+    }
+    fail(message::busy, QFI_FI_BUSY, operation, {path});
+}
+
+// Of a dry run none; nor of what is restored elsewhere.
+std::vector<FileLock> lock_originals(const Plan &plan, const qfi_restore_options &options) {
+    std::vector<FileLock> locks;
+    if (options.dry_run != 0 || !plan.to.empty())
+        return locks;
+    for (const ObjectRef &one : plan.objects)
+        if (one.object().restore_to.empty() || !plan.is_restore)
+            if (std::optional<FileLock> lock = lock_original(one.object().path, plan.operation))
+                locks.push_back(std::move(*lock));
+    return locks;
+}
+
+} // namespace
+
 void restore(TreeLock &tree, const qfi_restore_options &options, Findings &report, const char *operation) {
     Plan plan = plan_of(tree, options, report, operation);
     plan.is_restore = true;
+    const std::vector<FileLock> locks = lock_originals(plan, options);
     if (plan.to.empty())
         refuse_in_place(plan, options.dry_run != 0);
     else if (plan.objects.size() > 1)
@@ -496,19 +557,6 @@ bool is_mount_point(const Place &place) {
            (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
 }
 
-// Two of one original would remove each other's files in the making. The lock is the directory's own, for there may be
-// no right to make one beside it; where the file system has none, as over a network, there is none.
-FileLock lock_original(const std::string &path, const char *operation) {
-    Descriptor directory = open_without_links(path, O_RDONLY | O_DIRECTORY, operation);
-    while (flock(directory.get(), LOCK_EX | LOCK_NB) != 0 && errno != EBADF && errno != ENOLCK && errno != EOPNOTSUPP) {
-        if (errno == EWOULDBLOCK)
-            fail(message::busy, QFI_FI_BUSY, operation, {path});
-        if (errno != EINTR)
-            fail_call(operation, "flock", path, errno, false);
-    }
-    return FileLock(std::move(directory));
-}
-
 void resync_directory(const Plan &plan, const ObjectRef &one, const HeldImage &image, Findings &report) {
     const std::string path = joined(one.object().path, plan.only);
     const Descriptor object = image.object(one.index);
@@ -516,7 +564,7 @@ void resync_directory(const Plan &plan, const ObjectRef &one, const HeldImage &i
         open_beneath(object.get(), plan.only.empty() ? "." : plan.only.c_str(), O_RDONLY | O_DIRECTORY));
     if (!source)
         fail_call(plan.operation, "open", path, errno, true);
-    const LeftOut left_out(image.filesystem(), path, found_stores(one, plan.operation, plan.how.progress));
+    const LeftOut left_out(image.filesystem(), path, found_stores(one, path, plan.operation, plan.how.progress));
     const Update update{plan, image, path, report, left_out};
     // Opened without links, and there: what is missing is for a restore to make.
     const Descriptor original = open_without_links(path, O_RDONLY | O_DIRECTORY, plan.operation);
@@ -533,6 +581,7 @@ void resync_directory(const Plan &plan, const ObjectRef &one, const HeldImage &i
 void resync(TreeLock &tree, const qfi_restore_options &options, Findings &report, const char *operation) {
     require(options.to == nullptr, operation, "the originals are resynchronised where they are");
     const Plan plan = plan_of(tree, options, report, operation);
+    const std::vector<FileLock> locks = lock_originals(plan, options);
     for (const ObjectRef &one : plan.objects) {
         if (one.object().path != "/" || !plan.only.empty()) {
             const Place place = open_place_below(one.object().path, plan.only, operation);
@@ -547,7 +596,6 @@ void resync(TreeLock &tree, const qfi_restore_options &options, Findings &report
         report_all_changes(plan, report);
     } else {
         for (const ObjectRef &one : plan.objects) {
-            const FileLock lock = lock_original(one.object().path, operation);
             const HeldImage image(*one.filesystem, operation);
             if (is_directory(image, one.index, plan.only, operation)) {
                 resync_directory(plan, one, image, report);

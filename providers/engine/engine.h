@@ -28,6 +28,7 @@ struct Options {
     bool nested_volumes = false; // walk into directories of another device that are subvolumes of the same file system;
                                  // what stands in a snapshot for one that it does not hold is remarked in any case
     bool sync = false;           // results are on stable storage when the function returns
+    const char *only_entry = nullptr; // walk_tree: of all in the directory only this entry, unless it is a directory
     const qfi_excluded *excluded = nullptr; // directories left out silently; by their numbers
     uint32_t excluded_count = 0;
 };

@@ -52,14 +52,17 @@ void Walker::missed(Worker &worker, const char *operation, Directory &directory,
 }
 
 bool Walker::enter(Worker &worker, Directory &parent, Directory &child) {
-    return enter_source(worker, parent, child);
+    return options.only_entry == nullptr && enter_source(worker, parent, child);
 }
 
 void Walker::leave(Worker &worker, Directory &directory) {
-    tell_entry(worker, &directory, nullptr, directory.stat, nullptr, nullptr);
+    if (options.only_entry == nullptr)
+        tell_entry(worker, &directory, nullptr, directory.stat, nullptr, nullptr);
 }
 
 void Walker::entry(Worker &worker, Directory &directory, const char *name, uint8_t, uint64_t) {
+    if (options.only_entry != nullptr && strcmp(name, options.only_entry) != 0)
+        return;
     Stat stat;
     if (stat_of(directory.source, name, stat) != 0)
         return passed_over(worker, "statx", directory, name, errno);

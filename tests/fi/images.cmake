@@ -19,6 +19,7 @@ qzfi_add_images_test(images_unkept_test images_unkept_test.cpp)
 qzfi_add_images_test(images_lists_test images_lists_test.cpp)
 qzfi_add_images_test(images_sets_test images_sets_test.cpp)
 qzfi_add_images_test(images_stores_test images_stores_test.cpp)
+qzfi_add_images_test(images_parts_test images_parts_test.cpp)
 qzfi_add_images_test(images_bounds_test images_bounds_test.cpp)
 set_target_properties(images_bounds_test PROPERTIES ENABLE_EXPORTS ON) # libfi.so finds what the test puts in the way
 qzfi_add_images_test(images_kill_test images_kill_test.cpp traced_process.cpp)

@@ -122,7 +122,9 @@ TEST_P(Stores, of_a_server_that_does_not_answer_are_in_nobodys_way_who_works_els
         GTEST_SKIP() << *obstacle;
     const LoopFilesystem served("exfat", 64);
     const fs::path away = fs::path(served.path()) / "store";
-    freeze({object}, away, "copy");
+    fs::create_directory(top / "simple");
+    write_file(top / "simple" / "file", "content");
+    freeze({top / "simple"}, away, "copy");
     const StandsStill still(served.path());
     const Tree tree = freeze({object}, store, "copy");
     const std::string id = tree.image_id();
