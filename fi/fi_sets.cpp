@@ -19,6 +19,8 @@ void add_named(const FoundImage &image, std::set<std::string> &ids, const char *
     } catch (const Failure &thrown) {
         if (thrown.status == QFI_STATUS_NO_MEMORY)
             throw;
+        if (!image.store->find(id, operation)) // removed meanwhile
+            fail(message::no_such_image, QFI_FI_NO_SUCH_IMAGE, operation, {id});
         fail(message::damaged, QFI_FI_DAMAGED, operation, {id, path, failure.cause()});
     }
 }
@@ -27,7 +29,7 @@ void add_named(const FoundImage &image, std::set<std::string> &ids, const char *
 
 // Each document is asked, for one image of a set may have been imported alone, with a document that names no other.
 std::set<std::string> missing_of_set(const std::vector<FoundImage> &images, const char *operation) {
-    std::set<std::string> ids;
+    std::set<std::string> ids, gone;
     const FoundImage *unread = nullptr;
     for (const FoundImage &image : images) {
         if (image.record.state == 3)
@@ -38,13 +40,17 @@ std::set<std::string> missing_of_set(const std::vector<FoundImage> &images, cons
         } catch (const Failure &failure) {
             if (failure.status == QFI_STATUS_NO_MEMORY)
                 throw;
-            unread = &image;
+            if (failure.status == QFI_FI_NO_SUCH_IMAGE)
+                gone.insert(image.record.id);
+            else
+                unread = &image;
         }
     }
-    if (ids.empty() && unread != nullptr)
+    if (ids.empty() && gone.empty() && unread != nullptr)
         add_named(*unread, ids, operation); // says why
     for (const FoundImage &image : images)
         ids.erase(image.record.id);
+    ids.merge(gone);
     return ids;
 }
 

@@ -1,4 +1,4 @@
-// Hosts that bring one object up to date at the same time: one after the other, or one of them is told
+// Hosts that bring one object up to date, or restore it, at the same time: one after the other, or one of them is told
 // that it is busy; the object is one image's in the end, and never a part of each.
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +14,9 @@ int32_t do_resync(const Tree &tree) {
 }
 int32_t do_resync_of_a_part(const Tree &tree) {
     return resync(tree, "sub", 2);
+}
+int32_t do_restore(const Tree &tree) {
+    return qfi_op_restore(tree.get(), nullptr, nullptr);
 }
 
 class ResyncTogether : public Images {
@@ -171,6 +174,18 @@ TEST_P(ResyncTogether, two_of_them_end_with_one_image) {
 
 TEST_P(ResyncTogether, while_one_works_another_and_one_of_a_part_are_refused) {
     expect_excluded(do_resync, {do_resync, do_resync_of_a_part});
+}
+
+TEST_P(ResyncTogether, and_a_restore_end_with_one_image) {
+    race(do_resync, do_restore);
+}
+
+TEST_P(ResyncTogether, while_one_works_a_restore_is_refused) {
+    expect_excluded(do_resync, {do_restore});
+}
+
+TEST_P(ResyncTogether, are_refused_while_a_restore_works) {
+    expect_excluded(do_restore, {do_resync, do_resync_of_a_part, do_restore});
 }
 
 } // namespace
