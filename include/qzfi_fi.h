@@ -332,8 +332,9 @@ static inline int32_t qfi_op_get_snapdiff(const qfi_domain *from, const qfi_doma
                                           qfi_diff **diff) {
     return qzfiapi_get_snapdiff((void *)from, (void *)to, (void *)options, (void *)diff);
 }
-/** Does what `command` (`qfi_objctl_command`) says on a tree's images, or, tree null, on a store. `*report` (or null)
- * is released by `qfi_op_free_report`. */
+/** Does what `command` (`qfi_objctl_command`) says on a tree's images, or, tree null, on a store. The report of
+ * "repair" counts debris that was removed (`changed`) and images that the catalog had lost and that were recorded again
+ * (`entries`). `*report` (or null) is released by `qfi_op_free_report`. */
 static inline int32_t qfi_op_objctl(qfi_domain *tree, const char *command, const char *store, qfi_report **report) {
     return qzfiapi_objctl(tree, (void *)command, (void *)store, (void *)report, 0);
 }
