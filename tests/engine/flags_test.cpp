@@ -33,7 +33,7 @@ TEST_F(Flags, of_directories_stay_when_an_update_fails) {
 TEST_F(Flags, of_more_directories_than_may_be_open_stay_when_an_update_fails) {
     sh("p=s; q=c; for i in $(seq 400); do p=$p/d; q=$q/d; done; mkdir -p $p $q; printf f > $p/f; chattr -R +i c");
     options.entries = true;
-    for (const uint32_t workers : {1, 4}) {
+    for (const uint32_t workers : {1u, 4u}) {
         options.workers = workers;
         host.entries.clear();
         host.refuse_entry_at = 1;

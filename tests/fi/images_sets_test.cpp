@@ -35,6 +35,7 @@ protected:
     void TearDown() override { framework_.reset(); }
 
     fs::path top() const { return disks_[1]->path(); }
+    const std::string &id_on(int disk) const { return ids[static_cast<std::size_t>(disk)]; }
     fs::path object(int disk) const { return fs::path(disks_[disk]->path()) / "object"; }
     fs::path store(int disk) const { return fs::path(disks_[disk]->path()) / ".qzfi"; }
     // As when its file system is not mounted.
@@ -87,9 +88,9 @@ TEST_F(Sets, of_which_a_store_is_away_are_refused_by_their_id_and_the_missing_im
         Tree tree;
         EXPECT_EQ(reach(set, nullptr, tree), QFI_FI_NO_SUCH_IMAGE);
         const std::string error = last_error();
-        EXPECT_NE(error.find("image " + ids[away] + " of set " + set), std::string::npos) << error;
+        EXPECT_NE(error.find("image " + id_on(away) + " of set " + set), std::string::npos) << error;
         EXPECT_EQ(reach(set, store(1 - away).c_str(), tree), QFI_FI_NO_SUCH_IMAGE);
-        EXPECT_NE(last_error().find(ids[away]), std::string::npos);
+        EXPECT_NE(last_error().find(id_on(away)), std::string::npos);
         EXPECT_EQ(tree.get(), nullptr);
         // No document may make a set of the rest.
         qfi_image_ref reference;
@@ -97,7 +98,7 @@ TEST_F(Sets, of_which_a_store_is_away_are_refused_by_their_id_and_the_missing_im
         set.copy(reference.image_id, sizeof reference.image_id - 1);
         qfi_fiid *fiid = nullptr;
         EXPECT_EQ(qfi_op_fiid_synthesize(&reference, &fiid), QFI_FI_NO_SUCH_IMAGE);
-        EXPECT_NE(last_error().find(ids[away]), std::string::npos);
+        EXPECT_NE(last_error().find(id_on(away)), std::string::npos);
         EXPECT_EQ(fiid, nullptr);
         bring_back(away);
     }
@@ -159,11 +160,11 @@ TEST_F(Sets, are_imported_in_part_beside_another_part_of_theirs) {
     for (const int disk : {0, 1}) {
         const fs::path exported = top() / ("exported" + std::to_string(disk));
         Tree tree;
-        ASSERT_EQ(reach(ids[disk], nullptr, tree), 0) << last_error();
+        ASSERT_EQ(reach(id_on(disk), nullptr, tree), 0) << last_error();
         ASSERT_EQ(qfi_op_deport_tree(tree.get(), exported.c_str(), nullptr), 0) << last_error();
         Tree imported;
         ASSERT_EQ(qfi_op_import_tree(exported.c_str(), store.c_str(), nullptr, &imported), 0) << last_error();
-        EXPECT_EQ(ids_of(imported.get()), std::vector<std::string>{ids[disk]});
+        EXPECT_EQ(ids_of(imported.get()), std::vector<std::string>{id_on(disk)});
     }
     Tree tree;
     ASSERT_EQ(reach(set, nullptr, tree), 0) << last_error();
