@@ -65,9 +65,9 @@ int remove_image(const ImageName &name, const Settings &settings, const Removing
         if (status == QFI_STATUS_OK)
             (void)tree.release(); // detached
         if (how.may_be_gone && is_of_another(status)) {
-            const Failure failure(action + ": " + status_text(status), exit_failed, take_errors());
+            std::vector<std::string> causes = take_errors();
             if (!is_gone_soon(name))
-                throw failure;
+                throw Failure(action + ": " + status_text(status), exit_failed, std::move(causes));
             return exit_done;
         }
         check(status, action);
